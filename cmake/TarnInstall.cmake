@@ -1,0 +1,31 @@
+# Where everything goes: two packages, slate and tarn, for find_package and for pkg-config, in the components runtime
+# (the libraries) and dev (all else).
+include(CMakePackageConfigHelpers)
+
+set(cmake_root ${CMAKE_INSTALL_LIBDIR}/cmake)
+
+foreach(package slate tarn)
+  # libtarn finds the libslate beside it, wherever the two are installed.
+  set_target_properties(${package} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ${package} EXPORT ${package}Targets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+          FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+  install(EXPORT ${package}Targets NAMESPACE ${package}:: DESTINATION ${cmake_root}/${package} COMPONENT dev)
+
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/packaging/${package}Config.cmake.in
+                                ${PROJECT_BINARY_DIR}/${package}Config.cmake
+                                INSTALL_DESTINATION ${cmake_root}/${package})
+  write_basic_package_version_file(${PROJECT_BINARY_DIR}/${package}ConfigVersion.cmake
+                                   COMPATIBILITY SameMinorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}Config.cmake ${PROJECT_BINARY_DIR}/${package}ConfigVersion.cmake
+          DESTINATION ${cmake_root}/${package} COMPONENT dev)
+
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+endforeach()
+
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/TarnDependencies.cmake DESTINATION ${cmake_root}/tarn COMPONENT dev)
+install(FILES ${TARN_GENERATED_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/proto COMPONENT dev)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/proto/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tarn/proto COMPONENT dev
+        FILES_MATCHING PATTERN "*.proto")

@@ -1,0 +1,51 @@
+# What every target of this project gets. Those who embed us get none of it.
+
+find_program(TARN_CCACHE ccache)
+if(TARN_CCACHE AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${TARN_CCACHE})
+endif()
+
+# Options for our own code; generated code is compiled without the warnings.
+function(tarn_compile_options target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  tarn_instrument(${target})
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
+                                           -Woverloaded-virtual -Wcast-align -Wformat=2)
+endfunction()
+
+# Sanitizers and coverage, for generated code too.
+function(tarn_instrument target)
+  # Log lines and assertions name files as they stand in the repository, wherever that is built.
+  target_compile_options(${target} PRIVATE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  if(TARN_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${TARN_SANITIZE})
+  endif()
+  if(TARN_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage)
+    target_link_options(${target} PRIVATE --coverage)
+  endif()
+endfunction()
+
+# A shared library of this project: its own soname, an alias, and its headers for installation.
+function(tarn_shared_library target)
+  add_library(${target} SHARED)
+  add_library(${target}::${target} ALIAS ${target})
+  tarn_compile_options(${target})
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
+endfunction()
+
+# One test program of GoogleTest cases: tarn_test(NAME name SOURCES ... LIBRARIES ... [TIMEOUT seconds]).
+function(tarn_test)
+  cmake_parse_arguments(arg "" "NAME;TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${arg_NAME} ${arg_SOURCES})
+  tarn_compile_options(${arg_NAME})
+  target_include_directories(${arg_NAME} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBRARIES} GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(${arg_NAME} DISCOVERY_MODE PRE_TEST TEST_PREFIX "${arg_NAME}/"
+                       PROPERTIES TIMEOUT ${arg_TIMEOUT} ENVIRONMENT "${TARN_TEST_ENVIRONMENT}")
+endfunction()
