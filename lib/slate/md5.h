@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "slate/encoding.h"
+#include "slate/file.h"
+
+/// MD5 under its traditional names. For entity tags and checksums only; it resists no attacker.
+extern "C" {
+struct alignas(8) md5_state_t {
+    // Room for the context of the library that does the work.
+    unsigned char opaque[128];
+};
+
+void md5_init(md5_state_t* state);
+void md5_append(md5_state_t* state, const unsigned char* bytes, std::size_t length);
+void md5_finish(md5_state_t* state, unsigned char digest[16]);
+}
+
+namespace slate {
+/// The MD5 digest of a string in base 64 (24 characters).
+template <class String>
+std::string md5_hash_string(const String& text)
+{
+    const std::string_view bytes(text);
+    md5_state_t state;
+    md5_init(&state);
+    md5_append(&state, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+    std::vector<unsigned char> digest(16);
+    md5_finish(&state, digest.data());
+    return encode_base64(slurp(digest));
+}
+} // namespace slate

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <compare>
+#include <string>
+
+namespace slate {
+/// A universally unique identifier. Its text has 36 characters, hexadecimal digits in lower case and hyphens.
+class Uuid {
+public:
+    /// All zero.
+    Uuid() = default;
+    /// From its text form, upper or lower case. Throws std::invalid_argument, naming the text, for anything
+    /// else.
+    explicit Uuid(const std::string& text);
+
+    std::string to_string() const;
+
+    friend auto operator<=>(const Uuid&, const Uuid&) = default;
+
+private:
+    friend Uuid make_uuid();
+
+    std::array<unsigned char, 16> bytes_{};
+};
+
+/// A new random one. Any thread.
+Uuid make_uuid();
+} // namespace slate
