@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "slate/log.h"
+#include "tarn/proto/status.pb.h"
+
+namespace tarn {
+/// A mistake of the program or its configuration: an empty envelope, a missing setting, a bad recipient.
+/// The base of all exceptions of this library; ZeroMQ's own zmq::error_t is none of them.
+class Exception : public std::runtime_error {
+public:
+    explicit Exception(const std::string& text) : std::runtime_error(text) {}
+};
+
+/// A request can't be served, and `status` says why. A route handler throws it to choose the reply: its text
+/// becomes the reply's status message.
+class MessageException : public Exception {
+public:
+    MessageException(Status reply_status, const std::string& text) : Exception(text), status(reply_status) {}
+
+    Status status;
+    /// How grave it is, for those who log it.
+    slate::TraceLevel level = slate::ErrorLevel;
+};
+
+/// A message could not be converted.
+class SerdesException : public Exception {
+public:
+    SerdesException(std::string message, const std::string& detail_text)
+        : Exception(message),
+          details(detail_text)
+    {
+    }
+
+    std::string details;
+};
+
+/// The work queue is full.
+class OverloadedException : public Exception {
+public:
+    explicit OverloadedException(const std::string& text) : Exception(text) {}
+};
+} // namespace tarn

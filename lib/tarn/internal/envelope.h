@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <typeinfo>
+
+#include "tarn/exception.h"
+#include "tarn/formats.h"
+#include "tarn/proto/message.pb.h"
+
+namespace tarn {
+/// Log text of a bare message: never a whole large body, and no body at all for a sensitive path.
+std::string to_string(const Message& message);
+std::ostream& operator<<(std::ostream& stream, const Message& message);
+} // namespace tarn
+
+namespace tarn_internal {
+using namespace tarn;
+
+/// The head of a request or a response; null if the message has none, or it is not set.
+const Head* find_head(const Message& message);
+/// The same, made if it is not set; null for a `call` or a message with no `type`.
+Head* find_or_make_head(Message& message);
+/// The body of a put, post or response; null if it is not set.
+const Body* find_body(const Message& message);
+
+/// Whether bodies sent to or from this path stay out of logs: it contains "credential" or "password".
+bool hidden_payload(const std::string& path);
+
+/// A view over a Message that doesn't care which verb it holds. Copies share the message.
+///
+/// Without a message it is not initialized: what can't answer then throws Exception, as each operation says.
+/// The references given point into the message and live as long as it, unless it is changed.
+///
+/// Threads: belongs to the thread that handles the message.
+class Envelope {
+public:
+    Envelope() = default;
+    explicit Envelope(const std::shared_ptr<Message>& shared) : message(shared) {}
+    virtual ~Envelope() = default;
+    Envelope(const Envelope&) = default;
+    Envelope& operator=(const Envelope&) = default;
+
+    /// Throws for a `call`, a message with no `type`, and no message; an unset head reads as the default one.
+    const Head& head() const;
+    Head* mutable_head();
+
+    /// A reply always has a place for a body, so an unset one reads as the default and is made when it is to
+    /// be changed; a put or post has one only if its sender gave it. Throws for everything else.
+    const Body& body() const;
+    Body* mutable_body();
+
+    /// Unknown with no message. Throws for a `call`.
+    Format format() const;
+    bool is(const Format& wanted) const;
+    /// Whether there is a body that holds bytes rather than text.
+    bool is_binary() const;
+    /// The body's bytes, whichever field holds them. Throws if there are none.
+    const std::string& data() const;
+    /// What the body looks like, from its first bytes; `Bin` with no message. Throws if there is no body.
+    Format detect_format() const;
+
+    /// The head's path, or empty. Logs a warning for a `call` and for a message with no `type`.
+    std::string path() const;
+
+    /// Headers, keys compared ignoring the case; the first match counts.
+    bool has_header(const std::string& key) const;
+    std::string header(const std::string& key, const std::string& dflt) const;
+    void set_header(const std::string& key, const std::string& value);
+    /// Takes the first header with exactly this key out; the last one moves into its place.
+    void clr_header(const std::string& key);
+
+    /// Query parameters, like headers. param() decodes what it gives, `dflt` included.
+    bool has_param(const std::string& key) const;
+    std::string param(const std::string& key, const std::string& dflt) const;
+    /// A new parameter is stored percent-encoded, while a value that replaces an old one is stored as it is.
+    void set_param(const std::string& key, const std::string& value);
+
+    /// Whether a body of unknown format may be JSON or XML, at a glance.
+    bool maybe_json() const;
+    bool maybe_xml() const;
+
+    /// Writes the body to a file, power-safe (see slate::powersafe_write).
+    void save(const std::filesystem::path& path) const;
+
+    /// Text for logs: never a whole large body, and no body at all for a sensitive path.
+    std::string to_string() const;
+
+    /// The body as a protobuf message, by the format or else the header "Content-Type". Throws
+    /// SerdesException, or Exception if there is no body.
+    template <class T>
+    T into() const
+    {
+        T result;
+        if (!parse_body(&result))
+            throw_parse_failed(typeid(T).name());
+        return result;
+    }
+
+    /// The same, with null and an error in the log in place of an Exception.
+    template <class T>
+    std::shared_ptr<T> as() const
+    {
+        try {
+            return std::make_shared<T>(into<T>());
+        }
+        catch (const Exception& error) {
+            slate::log_error(SLATE_HERE, "envelope.as<T> not possible: ", error.what());
+            return nullptr;
+        }
+    }
+
+    std::shared_ptr<Message> message;
+
+private:
+    bool parse_body(google::protobuf::Message* result) const;
+    [[noreturn]] void throw_parse_failed(std::string_view type_name) const;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Envelope& envelope);
+} // namespace tarn_internal

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace slate {
+class Dictionary;
+}
+
+namespace tarn_internal {
+/// Takes a recipient such as "/a/b@1203,1207?format=json" apart: a path, then possibly "@" and the addressed
+/// process ids, then possibly "?" and a query. `*to` gets the ids as text, `*path` the path with a leading
+/// slash, and `params` the pairs of the query, nothing decoded; all three are emptied first.
+///
+/// More than two separators: an error in the log, and the path stays empty. Fewer pieces than the separators
+/// promise, as in "@12": throws std::out_of_range.
+void parse_recipient(std::string_view recipient, std::string* to, std::string* path,
+                     const std::shared_ptr<slate::Dictionary>& params);
+} // namespace tarn_internal

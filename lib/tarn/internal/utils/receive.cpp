@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/utils/receive.h"
+
+#include <algorithm>
+
+namespace tarn_internal {
+bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
+{
+    if (!socket.recv(frame))
+        return false;
+    drop_further_frames(socket, frame);
+    return true;
+}
+
+void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame)
+{
+    bool more = frame.more();
+    while (more) {
+        zmq::message_t dropped;
+        more = socket.recv(dropped) && dropped.more();
+    }
+}
+
+long poll_milliseconds(const slate::Duration& timeout)
+{
+    if (timeout.is_positive_infinity())
+        return -1;
+    return std::max(0L, static_cast<long>(timeout.to_milliseconds()));
+}
+} // namespace tarn_internal

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+namespace slate {
+class Uri;
+}
+
+/// What the file behind an "ipc" endpoint needs; a "file" URI names such a file directly. They report
+/// failures by a warning in the log and false, and never throw. Any other endpoint has no file, and gives
+/// false without a word. Any thread.
+
+namespace tarn {
+/// The group that owns the sockets of a device's servers, so that its members may talk to them.
+inline constexpr std::string_view socket_group = "corvane";
+
+/// Lets owner and group read and write (rwxrwxr-x).
+bool try_modify_socket_permissions(const std::shared_ptr<const slate::Uri>& uri);
+
+/// Hands the file to a group by name. False without a word if the group database can't be read.
+bool try_modify_socket_group(const std::shared_ptr<const slate::Uri>& uri, const std::string_view& group);
+
+/// Removes the file. True also if there was none.
+bool try_cleanup_socket_file(const std::shared_ptr<const slate::Uri>& uri);
+} // namespace tarn
