@@ -1,0 +1,289 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/route_pattern.h"
+
+#include <algorithm>
+#include <array>
+#include <memory_resource>
+#include <set>
+#include <utility>
+
+#include "slate/dictionary.h"
+#include "slate/log.h"
+#include "slate/strings.h"
+#include "tarn/exception.h"
+
+namespace tarn {
+namespace {
+using Segment = RoutePattern::Segment;
+
+std::vector<std::string> split_on_slashes(std::string_view text)
+{
+    return slate::split<std::vector<std::string>>(text, "/", false, true);
+}
+
+/// Walks over the pieces between slashes without allocating; empty ones are passed over.
+class Pieces {
+public:
+    explicit Pieces(std::string_view path) : rest_(path) { skip_slashes(); }
+
+    bool at_end() const { return rest_.empty(); }
+    /// From the present piece to the end of the path.
+    std::string_view rest() const { return rest_; }
+    std::string_view piece() const { return rest_.substr(0, rest_.find('/')); }
+    void advance()
+    {
+        rest_.remove_prefix(piece().size());
+        skip_slashes();
+    }
+
+private:
+    void skip_slashes() { rest_.remove_prefix(std::min(rest_.find_first_not_of('/'), rest_.size())); }
+
+    std::string_view rest_;
+};
+
+/// Whether a glob takes the rest of a path, whose empty pieces don't count.
+bool glob_matches(std::string_view rest, const std::string& glob)
+{
+    while (rest.ends_with('/'))
+        rest.remove_suffix(1);
+    if (rest.find("//") == std::string_view::npos)
+        return slate::wildcard_match(rest, glob);
+
+    // On the stack, as whoever sends odd paths shouldn't make a server allocate.
+    std::array<char, 4096> stack;
+    std::pmr::monotonic_buffer_resource memory(stack.data(), stack.size());
+    std::pmr::string joined(&memory);
+    joined.reserve(rest.size());
+    for (Pieces pieces(rest); !pieces.at_end(); pieces.advance()) {
+        if (!joined.empty())
+            joined += '/';
+        joined += pieces.piece();
+    }
+    return slate::wildcard_match(joined, glob);
+}
+
+bool segment_matches(const Segment& segment, const Pieces& pieces)
+{
+    if (segment.is_glob)
+        return glob_matches(pieces.rest(), segment.text);
+    return segment.is_variable || pieces.piece() == segment.text;
+}
+
+[[noreturn]] void refuse(slate::SourceLine line, std::string_view reason, std::string_view detail = {})
+{
+    throw Exception(slate::trace_error(line, reason, detail));
+}
+
+/// Takes the optional form, "(...)" or "(...=default)", apart; returns what stands in the parentheses.
+std::string compile_optional(Segment& segment, const std::string& piece)
+{
+    if (piece.size() <= 2 || !piece.starts_with('(') || !piece.ends_with(')'))
+        return piece;
+
+    segment.is_required = false;
+    std::string inner = piece.substr(1, piece.size() - 2);
+    if (inner.find('=') != std::string::npos) {
+        auto [left, right] = slate::split<std::pair<std::string, std::string>>(inner, "=", false, true);
+        // Only now the text loses its parentheses: "(b)" stays as it was written.
+        segment.text = left;
+        segment.default_value = std::make_shared<const std::string>(std::move(right));
+        inner = std::move(left);
+    }
+    return inner;
+}
+
+void check_structure(const std::vector<Segment>& segments)
+{
+    if (segments.empty())
+        return;
+    if (segments.front().is_variable)
+        refuse(SLATE_HERE, "route pattern cannot start with a dynamic segment");
+    if (!segments.front().is_required)
+        refuse(SLATE_HERE, "route pattern cannot start with an optional segment");
+    const auto optional =
+        std::find_if(segments.begin(), segments.end(), [](const Segment& s) { return !s.is_required; });
+    if (std::any_of(optional, segments.end(), [](const Segment& s) { return s.is_required; }))
+        refuse(SLATE_HERE, "route pattern cannot contain optional segment before a required one");
+}
+
+bool is_placeholder(const Segment& segment)
+{
+    return !segment.is_variable && segment.text.starts_with('<') && segment.text.ends_with('>');
+}
+} // namespace
+
+RoutePattern::RoutePattern(std::string pattern_text, std::vector<std::string> glob_names)
+    : pattern(std::move(pattern_text))
+{
+    compile_into_segments(std::move(glob_names));
+}
+
+void RoutePattern::compile_into_segments(std::vector<std::string> glob_names)
+{
+    std::reverse(glob_names.begin(), glob_names.end());
+    std::set<std::string> seen_globs;
+
+    segments.clear();
+    for (const std::string& piece : split_pattern(pattern)) {
+        Segment& segment = segments.emplace_back();
+        segment.text = piece;
+
+        const std::string inner = compile_optional(segment, piece);
+        if (inner.starts_with(':')) {
+            if (inner.ends_with('_'))
+                refuse(SLATE_HERE, "route-pattern variables ending with _ are reserved");
+            segment.is_variable = true;
+            segment.name = inner.substr(1);
+        }
+        else if (inner.find('*') != std::string::npos) {
+            segment.is_variable = true;
+            segment.is_glob = true;
+            if (!glob_names.empty()) {
+                segment.name = glob_names.back();
+                glob_names.pop_back();
+            }
+            else {
+                // Can't happen while a pattern has one glob at most.
+                if (!seen_globs.insert(inner).second)
+                    refuse(SLATE_HERE, "route-pattern unnamed positional glob not unique");
+                segment.name = inner;
+            }
+        }
+    }
+    check_structure(segments);
+}
+
+std::vector<std::string> RoutePattern::split_pattern(std::string_view text) const
+{
+    const auto glob = text.find('*');
+    if (glob == std::string_view::npos)
+        return split_on_slashes(text);
+    if (glob != text.rfind('*'))
+        refuse(SLATE_HERE, "route pattern cannot contain multiple globs");
+
+    const auto slash = text.rfind('/', glob);
+    if (slash == std::string_view::npos)
+        return {std::string(text)};
+    auto pieces = split_on_slashes(text.substr(0, slash));
+    pieces.emplace_back(text.substr(slash + 1));
+    return pieces;
+}
+
+std::vector<std::string> RoutePattern::split_path(std::string_view path) const
+{
+    auto pieces = split_on_slashes(path);
+    const std::size_t count = segments.size();
+    if (segments.empty() || !segments.back().is_glob || pieces.size() <= count)
+        return pieces;
+
+    const auto rest = pieces.begin() + static_cast<std::ptrdiff_t>(count) - 1;
+    std::string joined = slate::join(std::vector<std::string>(rest, pieces.end()), "/");
+    pieces.erase(rest, pieces.end());
+    pieces.push_back(std::move(joined));
+    return pieces;
+}
+
+bool RoutePattern::match(std::string_view path) const
+{
+    if (pattern.empty())
+        return true;
+    if (is_static())
+        return path == pattern;
+
+    Pieces pieces(path);
+    for (const Segment& segment : segments) {
+        if (pieces.at_end())
+            return !segment.is_required;
+        if (!segment_matches(segment, pieces))
+            return false;
+        if (segment.is_glob)
+            return true;
+        pieces.advance();
+    }
+    return pieces.at_end();
+}
+
+std::shared_ptr<slate::Dictionary> RoutePattern::parse(std::string_view path) const
+{
+    auto variables = slate::make_dictionary();
+    variables->set("pattern_", std::string_view(pattern));
+    variables->set("path_", path);
+    if (is_static())
+        return variables;
+
+    const auto pieces = split_path(path);
+    for (std::size_t i = 0; i < segments.size(); ++i) {
+        const Segment& segment = segments[i];
+        if (!segment.is_variable)
+            continue;
+        if (i < pieces.size())
+            variables->set(segment.name, std::string_view(pieces[i]));
+        else if (segment.default_value)
+            variables->set(segment.name, std::string_view(*segment.default_value));
+    }
+    return variables;
+}
+
+std::string RoutePattern::make_path(const std::shared_ptr<slate::Dictionary>& variables) const
+{
+    std::string path;
+    path.reserve(200);
+    for (const Segment& segment : segments) {
+        if (!segment.is_variable) {
+            path += "/" + segment.text;
+            continue;
+        }
+        if (!segment.is_required && !segment.default_value && !variables->has(segment.name))
+            continue;
+        const std::string_view dflt = segment.default_value ? *segment.default_value : std::string_view();
+        path += "/" + variables->get(segment.name, dflt);
+    }
+    return path;
+}
+
+std::optional<std::string> RoutePattern::default_pattern() const
+{
+    if (is_static())
+        return pattern;
+
+    std::string path;
+    for (const Segment& segment : segments) {
+        if (!segment.is_variable)
+            path += "/" + segment.text;
+        else if (segment.is_required)
+            return std::nullopt;
+        else if (segment.default_value)
+            path += "/" + *segment.default_value;
+        else
+            break;
+    }
+    return path;
+}
+
+bool RoutePattern::is_dynamic() const
+{
+    return std::any_of(segments.begin(), segments.end(), [](const Segment& s) { return s.is_variable; });
+}
+
+bool RoutePattern::is_static() const
+{
+    return !is_dynamic();
+}
+
+void RoutePattern::prime(const std::shared_ptr<const slate::Dictionary>& settings)
+{
+    if (pattern.empty())
+        return;
+
+    for (Segment& segment : segments) {
+        if (!is_placeholder(segment))
+            continue;
+        const std::string key = slate::trim_suffix(slate::trim_prefix(segment.text, "<"), ">");
+        if (!settings || !settings->has(key))
+            refuse(SLATE_HERE, "failed to prime route; key does not exist: ", key);
+        segment.text = settings->get(key, "");
+    }
+    pattern = "/" + slate::join(segments, "/", [](const Segment& segment) { return segment.text; });
+}
+} // namespace tarn

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace slate {
+class Dictionary;
+}
+
+namespace tarn {
+/// The compiled form of one path pattern.
+///
+///   "/status/cpu"        a static pattern: equal as a whole string, slashes and case included
+///   "/user/:id"          a variable: takes one path segment
+///   "/user/(:id)"        an optional variable, and "/user/(:id=42)" one with a default
+///   "/files/*"           a glob: takes the rest of the path; "*" and "?" match as in slate::wildcard_match
+///   "/<site>/status"     a placeholder, filled in from the settings when the route is added to a server
+///
+/// The first segment is a required literal, no required segment follows an optional one, and a glob comes
+/// last. The empty pattern matches every path. An optional literal, "(b=x)", matches "b"; without "=" the
+/// parentheses are part of its text. Nothing is decoded.
+///
+/// Errors: patterns that break a rule throw Exception, which names the rule.
+/// Threads: const operations may run on many threads at once; prime() on none beside.
+class RoutePattern {
+public:
+    struct Segment {
+        /// Takes its value from the path: a variable or a glob.
+        bool is_variable = false;
+        bool is_glob = false;
+        /// False for a segment in parentheses.
+        bool is_required = true;
+        /// What follows "=" in an optional segment, or null. Copies of a pattern share it.
+        std::shared_ptr<const std::string> default_value;
+        /// What a literal or a glob is compared with.
+        std::string text;
+        /// The key of a variable or glob; empty for a literal.
+        std::string name;
+    };
+
+    /// `glob_names` name the globs, in order; the key of a glob without a name is its text, such as "*".
+    RoutePattern(std::string pattern_text, std::vector<std::string> glob_names = {});
+    // So that a literal may stand wherever a pattern is wanted.
+    RoutePattern(const char* pattern_text) : RoutePattern(std::string(pattern_text)) {}
+
+    /// Fills `segments` from `pattern`; the constructor has done it.
+    void compile_into_segments(std::vector<std::string> glob_names);
+
+    /// The texts of the segments of a pattern. The glob's goes to the end of the pattern, slashes included.
+    std::vector<std::string> split_pattern(std::string_view text) const;
+    /// The pieces of a path, empty ones left out; the glob, if this pattern has one, gets all that is left in
+    /// one piece.
+    std::vector<std::string> split_path(std::string_view path) const;
+
+    /// Allocates nothing for a path that does not match.
+    bool match(std::string_view path) const;
+
+    /// The variables of a path that matches, and the keys "pattern_" and "path_".
+    std::shared_ptr<slate::Dictionary> parse(std::string_view path) const;
+
+    /// The path that these variables give. A required variable that is missing gives an empty segment, an
+    /// optional one without default none.
+    std::string make_path(const std::shared_ptr<slate::Dictionary>& variables) const;
+
+    /// A path of this pattern that needs no variables, if there is one.
+    std::optional<std::string> default_pattern() const;
+
+    bool is_dynamic() const;
+    bool is_static() const;
+
+    /// Fills the placeholders from settings and rebuilds `pattern` from the segments, which drops doubled and
+    /// trailing slashes. Throws Exception for a missing key; placeholders before it are then filled.
+    void prime(const std::shared_ptr<const slate::Dictionary>& settings);
+
+    std::string pattern;
+    std::vector<Segment> segments;
+};
+} // namespace tarn

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tarn/route.h"
+
+namespace tarn {
+template <class T>
+using ValueGetter = std::function<T(Context&)>;
+template <class T>
+using ValueSetter = std::function<void(Context&, T)>;
+using ValueDeleter = std::function<void(Context&)>;
+
+/// A route for one value that lives wherever the application keeps it: GET answers its text, PUT and POST
+/// read a text and hand the value over, DELETE asks for its removal.
+///
+/// The text of a body is read by slate::try_parse, whole and untrimmed; what it refuses is answered with
+/// status 400. Any of the functions may be empty if the route never needs it; one that is needed throws
+/// std::bad_function_call. They run like handlers of Route: one at a time, but beside the application's
+/// threads.
+///
+/// Exists for the eight types of the functions below.
+template <class T>
+class BasicRoute : public Route {
+public:
+    BasicRoute(const std::string& route_name, const std::string& methods, const RoutePattern& route_pattern,
+               ValueGetter<T> value_getter, ValueSetter<T> value_setter, ValueDeleter value_deleter,
+               Access route_access);
+
+    void get(Context& context) const override;
+    void put(Context& context) override;
+    void post(Context& context) override;
+    void del(Context& context) override;
+
+    ValueGetter<T> getter;
+    ValueSetter<T> setter;
+    ValueDeleter deleter;
+
+private:
+    void write(Context& context);
+};
+
+/// `methods` as for Route.
+std::shared_ptr<Route> make_bool_route(const std::string& name, const std::string& methods,
+                                       const RoutePattern& pattern, const ValueGetter<bool>& getter,
+                                       const ValueSetter<bool>& setter = {}, const ValueDeleter& deleter = {},
+                                       Access access = Access::Public);
+std::shared_ptr<Route> make_int32_route(const std::string& name, const std::string& methods,
+                                        const RoutePattern& pattern, const ValueGetter<int>& getter,
+                                        const ValueSetter<int>& setter = {}, const ValueDeleter& deleter = {},
+                                        Access access = Access::Public);
+std::shared_ptr<Route> make_int64_route(const std::string& name, const std::string& methods,
+                                        const RoutePattern& pattern, const ValueGetter<long>& getter,
+                                        const ValueSetter<long>& setter = {},
+                                        const ValueDeleter& deleter = {}, Access access = Access::Public);
+std::shared_ptr<Route> make_uint32_route(const std::string& name, const std::string& methods,
+                                         const RoutePattern& pattern, const ValueGetter<unsigned int>& getter,
+                                         const ValueSetter<unsigned int>& setter = {},
+                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
+std::shared_ptr<Route> make_uint64_route(const std::string& name, const std::string& methods,
+                                         const RoutePattern& pattern,
+                                         const ValueGetter<unsigned long>& getter,
+                                         const ValueSetter<unsigned long>& setter = {},
+                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
+std::shared_ptr<Route> make_float_route(const std::string& name, const std::string& methods,
+                                        const RoutePattern& pattern, const ValueGetter<float>& getter,
+                                        const ValueSetter<float>& setter = {},
+                                        const ValueDeleter& deleter = {}, Access access = Access::Public);
+std::shared_ptr<Route> make_double_route(const std::string& name, const std::string& methods,
+                                         const RoutePattern& pattern, const ValueGetter<double>& getter,
+                                         const ValueSetter<double>& setter = {},
+                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
+std::shared_ptr<Route> make_string_route(const std::string& name, const std::string& methods,
+                                         const RoutePattern& pattern, const ValueGetter<std::string>& getter,
+                                         const ValueSetter<std::string>& setter = {},
+                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
+} // namespace tarn
