@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/bind_endpoints.h"
+
+#include <zmq.hpp>
+
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "tarn/internal/utils/socket_ops.h"
+
+namespace tarn_internal {
+bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                    const std::shared_ptr<slate::Provider>& provider)
+{
+    for (const auto& uri : uris) {
+        try {
+            socket.bind(uri->to_string());
+        }
+        catch (const zmq::error_t& error) {
+            slate::log_error(provider, SLATE_HERE, "Failed to bind rx socket: ", error.what());
+            slate::log_error(provider, SLATE_HERE, "cannot serve at ", uri->to_string());
+            return false;
+        }
+        slate::log_verbose(provider, SLATE_HERE, "bind: ", uri->to_string());
+        // Failures are logged there, and are no reason not to serve: a development machine has no such group.
+        (void)tarn::try_modify_socket_permissions(uri);
+        (void)tarn::try_modify_socket_group(uri, tarn::socket_group);
+    }
+    return true;
+}
+} // namespace tarn_internal

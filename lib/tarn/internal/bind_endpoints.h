@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <vector>
+
+namespace slate {
+class Provider;
+class Uri;
+} // namespace slate
+namespace zmq {
+class socket_t;
+}
+
+namespace tarn_internal {
+/// Binds a socket that takes requests to all endpoints, and opens the files of those that have one to the
+/// socket group. False, with an error in the log, at the first that can't be bound; those before it stay
+/// bound until the socket closes.
+bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                    const std::shared_ptr<slate::Provider>& provider);
+} // namespace tarn_internal

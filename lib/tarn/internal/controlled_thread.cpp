@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/controlled_thread.h"
+
+#include <chrono>
+#include <csignal>
+#include <utility>
+
+#include <zmq.hpp>
+
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "tarn/internal/utils/send.h"
+
+namespace tarn_internal {
+namespace {
+/// How long a thread may take to hear "TERMINATE" before it is said again.
+constexpr std::chrono::milliseconds patience{20};
+
+/// Blocks the signals that are sent to a process for this thread and those that it starts; faults stay.
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGPROF})
+            sigdelset(&blocked, fault);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_{};
+};
+} // namespace
+
+void ReadyFlag::set()
+{
+    const std::lock_guard lock(mutex_);
+    set_ = true;
+    changed_.notify_all();
+}
+
+void ReadyFlag::reset()
+{
+    const std::lock_guard lock(mutex_);
+    set_ = false;
+}
+
+bool ReadyFlag::is_set() const
+{
+    const std::lock_guard lock(mutex_);
+    return set_;
+}
+
+bool ReadyFlag::wait(const slate::Duration& time) const
+{
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::nanoseconds(time.to_nanoseconds()), [&] { return set_; });
+}
+
+ControlledThread::ControlledThread(const std::shared_ptr<zmq::context_t>& context,
+                                   std::shared_ptr<const slate::Uri> endpoint)
+    : endpoint_(std::move(endpoint)),
+      socket_(std::make_unique<zmq::socket_t>(*context, zmq::socket_type::pub))
+{
+    socket_->bind(endpoint_->to_string());
+}
+
+ControlledThread::~ControlledThread()
+{
+    stop();
+}
+
+void ControlledThread::start(std::function<void()> body)
+{
+    const SignalsBlocked blocked;
+    std::promise<void> ended;
+    ended_ = ended.get_future();
+    thread_ = std::thread([body = std::move(body), ended = std::move(ended)]() mutable {
+        body();
+        ended.set_value();
+    });
+}
+
+bool ControlledThread::send(const std::string& text)
+{
+    return send_str(*socket_, text);
+}
+
+void ControlledThread::stop()
+{
+    if (!thread_.joinable())
+        return;
+    do {
+        try {
+            (void)send(terminate);
+        }
+        catch (const zmq::error_t& error) {
+            slate::log_error(SLATE_HERE, "cannot stop thread: ", error.what());
+        }
+    } while (ended_.wait_for(patience) != std::future_status::ready);
+    thread_.join();
+}
+
+bool connect_control(zmq::socket_t& socket, const slate::Uri& endpoint,
+                     const std::shared_ptr<slate::Provider>& provider)
+{
+    try {
+        socket.connect(endpoint.to_string());
+        socket.set(zmq::sockopt::subscribe, "");
+        return true;
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider, SLATE_HERE, "failed to connect to ", endpoint.to_string(), "; ",
+                         error.what());
+        return false;
+    }
+}
+
+bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait)
+{
+    // 20, 40, ... 1000 ms: fifty passes, 25.5 s in all.
+    for (long milliseconds = 20; milliseconds <= 1000; milliseconds += 20) {
+        say();
+        if (wait(slate::Milliseconds(milliseconds)))
+            return true;
+    }
+    return false;
+}
+} // namespace tarn_internal

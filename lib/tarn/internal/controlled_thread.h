@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "slate/duration.h"
+
+namespace slate {
+class Provider;
+class Uri;
+} // namespace slate
+namespace zmq {
+class context_t;
+class socket_t;
+} // namespace zmq
+
+namespace tarn_internal {
+// What is said over a control channel. A thread ends at any text that it doesn't know.
+inline constexpr const char* worker_listening = "worker-listening";
+inline constexpr const char* update_subscriptions = "update-subscriptions";
+inline constexpr const char* terminate = "TERMINATE";
+
+/// Tells one thread that another is ready. Any thread.
+class ReadyFlag {
+public:
+    void set();
+    void reset();
+    bool is_set() const;
+    /// Whether it was set, now or within that time.
+    bool wait(const slate::Duration& time) const;
+
+private:
+    mutable std::mutex mutex_; // guards set_
+    mutable std::condition_variable changed_;
+    bool set_ = false;
+};
+
+/// A thread of the library, and the inproc channel over which its owner tells it what to do, one frame of
+/// text at a time. The owner's end is a ZMQ_PUB socket; the thread, and threads of its own, connect ZMQ_SUB
+/// sockets to it.
+///
+/// A published text is lost while no subscription stands and when the queue is full, so "TERMINATE" is said
+/// again until the thread has ended: stopping never hangs on a lost word.
+///
+/// Threads: the owner's, which sees to it that only one at a time uses it.
+class ControlledThread {
+public:
+    /// Binds the channel at an inproc endpoint; throws zmq::error_t.
+    ControlledThread(const std::shared_ptr<zmq::context_t>& context,
+                     std::shared_ptr<const slate::Uri> endpoint);
+    /// Stops the thread.
+    ~ControlledThread();
+
+    /// Starts the thread. Signals to the process are left to the application's own threads.
+    void start(std::function<void()> body);
+
+    /// False if the text could not be sent; that it was sent doesn't say that it was heard.
+    bool send(const std::string& text);
+
+    /// Ends the thread and waits until it has ended. Does nothing the second time.
+    void stop();
+
+    const slate::Uri& endpoint() const { return *endpoint_; }
+
+private:
+    std::shared_ptr<const slate::Uri> endpoint_;
+    std::unique_ptr<zmq::socket_t> socket_;
+    std::thread thread_;
+    std::future<void> ended_;
+};
+
+/// Connects the thread's end of a control channel and subscribes it to everything. False, with an error in
+/// the log, if it can't.
+bool connect_control(zmq::socket_t& socket, const slate::Uri& endpoint,
+                     const std::shared_ptr<slate::Provider>& provider);
+
+/// Says "worker-listening" over and over until the thread has heard it: what a ZMQ_PUB socket sends before
+/// the subscription has arrived is lost. False if it was not heard in 25.5 s.
+bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait);
+} // namespace tarn_internal

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "slate/provider.h"
+
+namespace tarn_internal {
+/// A provider that is registered for as long as its owner lives, also if the owner's constructor throws.
+class OwnedProvider {
+public:
+    OwnedProvider(const std::string& name, int instance)
+        : provider_(slate::add_provider(name, std::to_string(instance), true))
+    {
+    }
+    ~OwnedProvider() { slate::remove_provider(provider_->name()); }
+    OwnedProvider(const OwnedProvider&) = delete;
+    OwnedProvider& operator=(const OwnedProvider&) = delete;
+
+    operator const std::shared_ptr<slate::Provider>&() const { return provider_; }
+    slate::Provider& operator*() const { return *provider_; }
+    slate::Provider* operator->() const { return provider_.get(); }
+
+private:
+    const std::shared_ptr<slate::Provider> provider_;
+};
+} // namespace tarn_internal

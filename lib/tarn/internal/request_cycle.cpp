@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/request_cycle.h"
+
+#include <utility>
+
+#include <zmq.hpp>
+
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "tarn/internal/utils/receive.h"
+#include "tarn/internal/utils/send.h"
+
+namespace tarn_internal {
+namespace {
+std::shared_ptr<slate::Counter> add_counter(slate::Provider& provider, const std::string& name)
+{
+    return provider.add_counter(name, slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative);
+}
+} // namespace
+
+RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
+                           std::shared_ptr<const slate::Uri> uri, unsigned int retries,
+                           std::shared_ptr<MessageFactory> factory)
+    : context_(std::move(context)),
+      uri_(std::move(uri)),
+      retries_(retries),
+      factory_(std::move(factory)),
+      provider_(name, instance),
+      err_(provider_->add_error_counter("err", slate::Rational<int>(0, 1), "",
+                                        slate::CounterPolicy::Cumulative)),
+      rx_(add_counter(*provider_, "rx")),
+      tx_(add_counter(*provider_, "tx"))
+{
+    try {
+        socket_ = create_socket();
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, "failed to create socket: ", error.what());
+        throw;
+    }
+}
+
+RequestCycle::~RequestCycle() = default;
+
+std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const slate::Duration& timeout)
+{
+    const std::lock_guard lock(mutex_);
+    try {
+        return exchange(message, timeout);
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", tarn::to_string(message));
+        err_->increment();
+        // Of unknown state: a socket that sent and did not receive would refuse every further request.
+        socket_.reset();
+        return make_reply(Status::RequestTimeout);
+    }
+}
+
+std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slate::Duration& timeout)
+{
+    if (!socket_)
+        socket_ = create_socket();
+    if (!send_msg(*socket_, message, provider_)) {
+        slate::log_error(provider_, SLATE_HERE, "send failed: ", tarn::to_string(message));
+        err_->increment();
+        return make_reply(Status::RequestTimeout);
+    }
+    tx_->increment();
+
+    // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
+    // happen twice. A POST is not even waited for again.
+    const unsigned int allowance = message.has_post() ? 0 : retries_;
+    for (unsigned int attempt = 0;; ++attempt) {
+        if (auto reply = wait_for_reply(*socket_, message, timeout)) {
+            rx_->increment();
+            return reply;
+        }
+        socket_ = create_socket();
+        if (attempt == allowance)
+            return make_reply(Status::RequestTimeout);
+    }
+}
+
+/// One wait on one socket. Null if nothing came.
+std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const Message& message,
+                                                    const slate::Duration& timeout) const
+{
+    try {
+        zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLIN, 0};
+        zmq::poll(&item, 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
+        if ((item.revents & ZMQ_POLLIN) == 0) {
+            slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ",
+                             tarn::to_string(message));
+            return nullptr;
+        }
+        zmq::message_t frame;
+        if (!receive_frame(socket, frame))
+            return nullptr;
+        return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, error.what(), "; request: ", tarn::to_string(message));
+        return nullptr;
+    }
+}
+
+std::unique_ptr<zmq::socket_t> RequestCycle::create_socket() const
+{
+    auto socket = std::make_unique<zmq::socket_t>(*context_, zmq::socket_type::req);
+    socket->connect(uri_->to_string());
+    slate::log_extreme(provider_, SLATE_HERE, "Connect: ", uri_->to_string());
+    // Closing drops an unsent request at once.
+    socket->set(zmq::sockopt::linger, 0);
+    return socket;
+}
+
+std::shared_ptr<Reply> RequestCycle::make_reply(Status status) const
+{
+    return std::make_shared<Reply>(factory_->make_response(status));
+}
+} // namespace tarn_internal

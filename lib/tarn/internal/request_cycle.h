@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "slate/duration.h"
+#include "tarn/internal/owned_provider.h"
+#include "tarn/message_factory.h"
+#include "tarn/reply.h"
+
+namespace slate {
+class Uri;
+}
+namespace zmq {
+class context_t;
+class socket_t;
+} // namespace zmq
+
+namespace tarn_internal {
+/// The exchange of one request for one reply over one ZMQ_REQ socket, which every client is built on.
+///
+/// The request is sent exactly once. Each wait that ends without a reply costs the socket, as a ZMQ_REQ
+/// socket that has sent and not received refuses to send again; further waits, on the new one, only decide
+/// how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
+///
+/// Threads: any; one exchange at a time, the others wait.
+class RequestCycle {
+public:
+    /// `name` and `instance` name the provider. Throws zmq::error_t, logged, if the socket can't be made.
+    RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
+                 std::shared_ptr<const slate::Uri> uri, unsigned int retries,
+                 std::shared_ptr<MessageFactory> factory);
+    ~RequestCycle();
+
+    /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
+    /// message.
+    std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout);
+
+    /// A reply of nothing but a status.
+    std::shared_ptr<Reply> make_reply(Status status) const;
+
+    const std::shared_ptr<const slate::Uri>& uri() const { return uri_; }
+
+private:
+    std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout);
+    std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
+                                          const slate::Duration& timeout) const;
+    std::unique_ptr<zmq::socket_t> create_socket() const;
+
+    const std::shared_ptr<zmq::context_t> context_;
+    const std::shared_ptr<const slate::Uri> uri_;
+    const unsigned int retries_;
+    const std::shared_ptr<MessageFactory> factory_;
+    const OwnedProvider provider_;
+    const std::shared_ptr<slate::Counter> err_;
+    const std::shared_ptr<slate::Counter> rx_;
+    const std::shared_ptr<slate::Counter> tx_;
+    std::mutex mutex_; // held for a whole exchange
+    /// Null after it broke and could not be replaced; the next exchange tries again.
+    std::unique_ptr<zmq::socket_t> socket_;
+};
+} // namespace tarn_internal

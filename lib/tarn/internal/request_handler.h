@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+
+#include "tarn/internal/remote_calls.h"
+#include "tarn/internal/route_table.h"
+#include "tarn/internal/server_counters.h"
+#include "tarn/message_factory.h"
+
+namespace zmq {
+class socket_t;
+}
+
+namespace tarn_internal {
+/// What every server does with one request: from the frame to a route's handler and back to a reply frame.
+///
+/// Threads: one for each socket; several may handle requests at once if the route table lets them.
+class RequestHandler {
+public:
+    /// `routes`, `calls` and `counters` must outlive the handler; the counters need "rx" and "tx".
+    RequestHandler(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
+                   const ServerCounters& counters, RouteTable& routes, RemoteCalls& calls);
+
+    /// Takes one request off a ZMQ_REP socket that has one, and answers it, whatever it is. Only zmq::error_t
+    /// from sending, and what the message factory throws, get out.
+    void handle_request_reply(zmq::socket_t& socket);
+
+private:
+    std::shared_ptr<Message> receive(zmq::socket_t& socket);
+    void answer(Context& context, bool debug);
+    void invoke_route(Context& context);
+    void dispatch(Context& context, Route& route);
+    void handle_put(Context& context, Route& route);
+    void handle_post(Context& context, Route& route);
+    void check(bool accepted, Context& context, const Route& route, std::string_view verb);
+    void fail(Context& context, Status status, const std::string& text);
+    void send(zmq::socket_t& socket, Context& context, bool debug);
+
+    const std::shared_ptr<MessageFactory> factory_;
+    const std::shared_ptr<slate::Provider> provider_;
+    const ServerCounters& counters_;
+    RouteTable& routes_;
+    RemoteCalls& calls_;
+    const int pid_;
+};
+} // namespace tarn_internal

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/subscriber.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <zmq.hpp>
+
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "tarn/internal/utils/receive.h"
+
+namespace tarn_internal {
+namespace {
+void subscribe(zmq::socket_t& socket, const std::string& topic)
+{
+    socket.set(zmq::sockopt::subscribe, topic);
+}
+
+void unsubscribe(zmq::socket_t& socket, const std::string& topic)
+{
+    socket.set(zmq::sockopt::unsubscribe, topic);
+}
+} // namespace
+
+Subscriber::Subscriber(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
+                       const ServerCounters& counters, RouteTable& routes)
+    : factory_(std::move(factory)),
+      provider_(std::move(provider)),
+      counters_(counters),
+      routes_(routes),
+      pid_(factory_->finder()->my_pid())
+{
+}
+
+bool Subscriber::init_publish_subscribe(zmq::socket_t& socket, const slate::Uri& uri)
+{
+    try {
+        socket.connect(uri.to_string());
+        slate::log_verbose(provider_, SLATE_HERE, "listen (pub/sub): ", uri.to_string());
+
+        subscribed_topics_ = routes_.topics();
+        if (subscribed_topics_.contains("")) {
+            slate::log_debug(provider_, SLATE_HERE, "subscribing to everything");
+            subscribe(socket, "");
+            return true;
+        }
+        for (const std::string& topic : subscribed_topics_) {
+            slate::log_debug(provider_, SLATE_HERE, "subscribing to ", topic);
+            subscribe(socket, topic);
+        }
+        return true;
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, "failed to connect to ", uri.to_string(), "; ", error.what());
+        return false;
+    }
+}
+
+void Subscriber::handle_subscription_change(zmq::socket_t& socket)
+{
+    const auto before = std::exchange(subscribed_topics_, routes_.topics());
+    const auto after = subscribed_topics_;
+    const bool everything_before = before.contains("");
+    const bool everything_after = after.contains("");
+
+    if (everything_before && everything_after)
+        return;
+    if (everything_before) {
+        for (const std::string& topic : after)
+            subscribe(socket, topic);
+        unsubscribe(socket, "");
+        return;
+    }
+    if (everything_after) {
+        subscribe(socket, "");
+        for (const std::string& topic : before)
+            unsubscribe(socket, topic);
+        return;
+    }
+    for (const std::string& topic : before) {
+        if (!after.contains(topic)) {
+            slate::log_debug(provider_, SLATE_HERE, "unsubscribing from ", topic);
+            unsubscribe(socket, topic);
+        }
+    }
+    for (const std::string& topic : after) {
+        if (!before.contains(topic)) {
+            slate::log_debug(provider_, SLATE_HERE, "subscribing to ", topic);
+            subscribe(socket, topic);
+        }
+    }
+}
+
+void Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
+{
+    Context context;
+    context.pid = pid_;
+    try {
+        context.request.message = receive(socket);
+        handle(context);
+    }
+    catch (const Exception& error) {
+        slate::log_error(provider_, SLATE_HERE, "error: ", error.what());
+        counters_.err->increment();
+    }
+}
+
+/// The message behind the topic, or null if there is none that parses.
+std::shared_ptr<Message> Subscriber::receive(zmq::socket_t& socket)
+{
+    zmq::message_t payload;
+    try {
+        // Routing goes by the path in the message; the topic has done its work.
+        zmq::message_t topic;
+        if (!socket.recv(topic))
+            slate::log_debug(provider_, SLATE_HERE, "pub/sub in socket recv; no topic");
+        // Anybody can publish a lone frame: waiting for its second one would block the server for good.
+        if (topic.more() && !receive_frame(socket, payload))
+            slate::log_debug(provider_, SLATE_HERE, "pub/sub in socket recv; no payload");
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, "pub/sub in socket recv error: ", error.what());
+    }
+    return payload.size() > 0 ? factory_->make_message(payload.data(), payload.size()) : nullptr;
+}
+
+void Subscriber::handle(Context& context)
+{
+    const auto& message = context.request.message;
+    if (!message) {
+        slate::log_error(provider_, SLATE_HERE, "request not initialized");
+        counters_.err->increment();
+        return;
+    }
+    if (!message->has_put() && !message->has_del()) {
+        slate::log_error(provider_, SLATE_HERE, "not a put or del: ", context.request.to_string());
+        counters_.err->increment();
+        return;
+    }
+    if (!is_for_this_process(context.request.head()))
+        return;
+
+    const bool debug = slate::is_logging_allowed(slate::DebugLevel);
+    if (debug)
+        slate::log_debug(provider_, SLATE_HERE, "in: ", context.request.to_string());
+    counters_.sub->increment();
+
+    if (!routes_.invoke(context)) {
+        if (debug)
+            slate::log_debug(provider_, SLATE_HERE, "dropped: ", context.request.to_string());
+        counters_.dropped->increment();
+    }
+}
+
+bool Subscriber::is_for_this_process(const Head& head) const
+{
+    return head.to().empty() || std::any_of(head.to().begin(), head.to().end(),
+                                            [&](const Identity& to) { return to.pid() == pid_; });
+}
+} // namespace tarn_internal

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace slate {
+class Dictionary;
+class Uri;
+} // namespace slate
+
+namespace tarn {
+class Message;
+class MessageFactory;
+class Route;
+
+/// Answers requests at its endpoints by routes, and hands published changes to them. It runs from the moment
+/// that it is made; destroying it stops it, after the request in hand.
+///
+/// Threads: add, del and clear may be called from any thread, and from a route's handler.
+class Server {
+public:
+    virtual ~Server() = default;
+
+    // Programs are linked against the order of these functions: add new ones at the end.
+
+    /// Later calls of add(number, function) don't log that remote calls are discouraged.
+    virtual void suppress_add_remote_call_warning() = 0;
+
+    /// Adds a route behind those that are there; the first one that accepts a request gets it. False, with an
+    /// error in the log, if a route of that name is there or `route` is null. Whatever Route::prime throws
+    /// passes out.
+    virtual bool add(const std::shared_ptr<Route>& route) = 0;
+
+    /// Answers remote calls of that number with a function, which gets the whole message. Throws Exception
+    /// for a number below 100 that is taken.
+    virtual void add(unsigned int number, const std::function<void(Message&)>& function) = 0;
+
+    /// Deletes the route of that name; an unknown one is ignored. A handler that runs is not interrupted.
+    virtual void del(const std::string& name) = 0;
+    virtual void del(unsigned int number) = 0;
+
+    /// Removes all remote calls, and all routes but "/index".
+    virtual void clear() = 0;
+};
+
+/// A server at `uris` whose handlers run one at a time. Null, with an error in the log, without a
+/// ZmqSubsystem.
+///
+/// `settings` are read for "session_ttl" and given to Route::prime. `pub` is where the relay puts changes
+/// out; null subscribes to nothing. An endpoint that can't be bound is no exception but an error in the log,
+/// and the server then serves nothing; the call takes 25.5 s in that case. Throws zmq::error_t if the sockets
+/// that it talks to its thread by can't be made.
+std::shared_ptr<Server> make_server(const std::shared_ptr<const slate::Dictionary>& settings,
+                                    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                                    const std::shared_ptr<const slate::Uri>& pub,
+                                    const std::shared_ptr<MessageFactory>& factory);
+
+/// A server without endpoints, which only hears the changes that the relay at `pub` puts out.
+std::shared_ptr<Server> make_subscriber(const std::shared_ptr<const slate::Dictionary>& settings,
+                                        const std::shared_ptr<const slate::Uri>& pub,
+                                        const std::shared_ptr<MessageFactory>& factory);
+} // namespace tarn

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// The whole library in one include.
+///
+/// Namespace tarn is the interface. What stands in tarn_internal is installed for those who build on the
+/// parts (a server, a test kit) and may change with any release.
+
+#include "slate/slate.h"
+
+#include "tarn/client.h"
+#include "tarn/context.h"
+#include "tarn/exception.h"
+#include "tarn/formats.h"
+#include "tarn/internal/controlled_thread.h"
+#include "tarn/internal/defaults.h"
+#include "tarn/internal/envelope.h"
+#include "tarn/internal/lookup_table.h"
+#include "tarn/internal/pid_finder.h"
+#include "tarn/internal/single_threaded_server.h"
+#include "tarn/internal/utils/parse.h"
+#include "tarn/internal/utils/parse_recipient.h"
+#include "tarn/internal/utils/receive.h"
+#include "tarn/internal/utils/send.h"
+#include "tarn/internal/utils/socket_ops.h"
+#include "tarn/message_factory.h"
+#include "tarn/proto/routing.pb.h"
+#include "tarn/proto/stats.pb.h"
+#include "tarn/reply.h"
+#include "tarn/request.h"
+#include "tarn/route.h"
+#include "tarn/route_pattern.h"
+#include "tarn/routes/basic_route.h"
+#include "tarn/routes/index_route.h"
+#include "tarn/serdes.h"
+#include "tarn/server.h"
+#include "tarn/zmq_subsystem.h"

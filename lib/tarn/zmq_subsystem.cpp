@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/zmq_subsystem.h"
+
+#include <sstream>
+
+#include <zmq.hpp>
+
+#include "slate/log.h"
+#include "slate/provider.h"
+#include "slate/queue.h"
+#include "slate/uri.h"
+#include "tarn/exception.h"
+#include "tarn/internal/protobuf_log.h"
+#include "tarn/message_factory.h"
+#include "tarn/server.h"
+
+namespace tarn {
+namespace {
+constexpr int io_threads = 1;
+constexpr int max_sockets = 1023; // libzmq's own default
+
+using Endpoint = std::shared_ptr<const slate::Uri>;
+
+Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
+{
+    if (!settings.has(key))
+        throw Exception(slate::trace_error(SLATE_HERE, "settings missing ", key));
+    return slate::make_uri(settings.get(key, ""));
+}
+
+std::shared_ptr<slate::Queue> make_work_queue(const std::function<void(slate::Queue&)>& setup)
+{
+    const auto provider = slate::add_provider("zmq.work_queue", "", true);
+    auto queue = slate::make_queue({0, 1}, provider, "");
+    if (setup)
+        setup(*queue);
+    return queue;
+}
+} // namespace
+
+ZmqSubsystem* ZmqSubsystem::self_ = nullptr;
+
+ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
+                           const std::function<void(slate::Queue&)>& queue_setup)
+    : settings_(settings ? settings : slate::make_dictionary()),
+      queue_(
+          std::make_shared<slate::Lazy<slate::Queue>>([queue_setup] { return make_work_queue(queue_setup); }))
+{
+    tarn_internal::redirect_protobuf_log();
+    ctx_ = std::make_shared<zmq::context_t>(io_threads, max_sockets);
+    // Last, so that nobody finds an object that never came to be.
+    if (!self_)
+        self_ = this;
+}
+
+ZmqSubsystem::~ZmqSubsystem()
+{
+    for (auto& server : servers_)
+        server.reset();
+    self_ = nullptr;
+    queue_.reset();
+    settings_.reset();
+    ctx_.reset();
+}
+
+ZmqSubsystem* ZmqSubsystem::self()
+{
+    return self_;
+}
+
+std::string ZmqSubsystem::name()
+{
+    return "ZeroMQ";
+}
+
+std::string ZmqSubsystem::version()
+{
+    std::ostringstream text;
+    text << ZMQ_VERSION_MAJOR << "." << ZMQ_VERSION_MINOR << "." << ZMQ_VERSION_PATCH;
+    return text.str();
+}
+
+std::shared_ptr<zmq::context_t> ZmqSubsystem::ctx() const
+{
+    return ctx_;
+}
+
+std::shared_ptr<slate::Dictionary> ZmqSubsystem::settings() const
+{
+    return settings_;
+}
+
+std::shared_ptr<slate::Lazy<slate::Queue>> ZmqSubsystem::queue() const
+{
+    return queue_;
+}
+
+std::vector<std::shared_ptr<Server>> ZmqSubsystem::servers() const
+{
+    return servers_;
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_server(const Endpoint& url)
+{
+    return add_server(std::vector{url});
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& uris)
+{
+    return add_server(uris, relay_pub_if_set());
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& uris, const Endpoint& pub)
+{
+    return keep(make_server(settings_, uris, pub, make_message_factory()));
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_subscriber()
+{
+    return add_subscriber(relay_pub_sock(settings_));
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_subscriber(const Endpoint& url)
+{
+    return keep(make_subscriber(settings_, url, make_message_factory()));
+}
+
+Endpoint ZmqSubsystem::relay_pub_if_set() const
+{
+    return settings_->has(relay_pub()) ? relay_pub_sock(settings_) : nullptr;
+}
+
+std::shared_ptr<Server> ZmqSubsystem::keep(std::shared_ptr<Server> server)
+{
+    servers_.push_back(server);
+    return server;
+}
+
+Endpoint relay_zmq_sock(const std::shared_ptr<slate::Dictionary>& settings)
+{
+    return endpoint_of(*settings, relay_url());
+}
+
+Endpoint relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings)
+{
+    return endpoint_of(*settings, relay_pub());
+}
+
+Endpoint relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings)
+{
+    return endpoint_of(*settings, relay_sub());
+}
+} // namespace tarn

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "slate/dictionary.h"
+#include "slate/lazy.h"
+#include "tarn/internal/defaults.h"
+
+namespace slate {
+class Queue;
+class Uri;
+} // namespace slate
+
+namespace zmq {
+class context_t;
+}
+
+namespace tarn {
+class Server;
+
+/// The library, up and running in this process. An application makes one at start and destroys it at the end;
+/// every make_ function finds it through self() and refuses to work without it.
+///
+/// It holds the ZeroMQ context, the settings, a work queue that is made at first use, and the servers that
+/// were made through it. Destroying it stops those servers, and then waits until every socket is closed;
+/// clients and publishers that the application still holds keep the context alive and go on working.
+///
+/// Threads: make it, destroy it and add servers on one thread; ctx(), settings(), queue() and servers() may
+/// be called on any thread in between.
+class ZmqSubsystem {
+public:
+    /// `settings` may hold "relay_url", "relay_pub", "relay_sub" and "session_ttl"; they are read and never
+    /// written. `queue_setup`, if given, is called with the work queue when that is made. A second object
+    /// gets a context of its own, but self() stays with the first. Throws zmq::error_t if there is no context
+    /// to be had.
+    explicit ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings = slate::make_dictionary(),
+                          const std::function<void(slate::Queue&)>& queue_setup = {});
+
+    /// Empties self(), even if that was another object.
+    virtual ~ZmqSubsystem();
+    ZmqSubsystem(const ZmqSubsystem&) = delete;
+    ZmqSubsystem& operator=(const ZmqSubsystem&) = delete;
+
+    /// Null before the first one was made and after one was destroyed.
+    static ZmqSubsystem* self();
+    /// "ZeroMQ".
+    static std::string name();
+    /// Of the ZeroMQ headers that this was built against, such as "4.3.4".
+    static std::string version();
+
+    std::shared_ptr<zmq::context_t> ctx() const;
+    std::shared_ptr<slate::Dictionary> settings() const;
+    std::shared_ptr<slate::Lazy<slate::Queue>> queue() const;
+    std::vector<std::shared_ptr<Server>> servers() const;
+
+    /// A server at one or more endpoints, kept alive here as well. See make_server for what can go wrong.
+    /// Without `pub`, it hears the changes of the relay at the setting "relay_pub", if there is one.
+    std::shared_ptr<Server> add_server(const std::shared_ptr<const slate::Uri>& url);
+    std::shared_ptr<Server> add_server(const std::vector<std::shared_ptr<const slate::Uri>>& uris);
+    std::shared_ptr<Server> add_server(const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                                       const std::shared_ptr<const slate::Uri>& pub);
+
+    /// A server without endpoints, which only hears published changes. Without `url`, those of the relay at
+    /// the setting "relay_pub"; throws Exception if there is none.
+    std::shared_ptr<Server> add_subscriber();
+    std::shared_ptr<Server> add_subscriber(const std::shared_ptr<const slate::Uri>& url);
+
+private:
+    std::shared_ptr<const slate::Uri> relay_pub_if_set() const;
+    std::shared_ptr<Server> keep(std::shared_ptr<Server> server);
+
+    std::shared_ptr<zmq::context_t> ctx_;
+    std::shared_ptr<slate::Dictionary> settings_;
+    std::shared_ptr<slate::Lazy<slate::Queue>> queue_;
+    std::vector<std::shared_ptr<Server>> servers_;
+
+    static ZmqSubsystem* self_;
+};
+
+/// The endpoints named by the settings "relay_url", "relay_pub" and "relay_sub". Throws Exception if the key
+/// is missing; null if its value is no URI.
+std::shared_ptr<const slate::Uri> relay_zmq_sock(const std::shared_ptr<slate::Dictionary>& settings);
+std::shared_ptr<const slate::Uri> relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings);
+std::shared_ptr<const slate::Uri> relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings);
+} // namespace tarn
