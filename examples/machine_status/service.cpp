@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+// Serves the state of the machine it runs on, and one setting, at an ipc socket:
+//
+//   machine_status_service /tmp/status.sock
+
+#include <csignal>
+#include <fstream>
+#include <iostream>
+
+#include <tarn/tarn.h>
+
+namespace {
+double read_number(const std::string& file, int position)
+{
+    std::ifstream stream(file);
+    double value = 0;
+    for (int i = 0; i <= position; ++i)
+        stream >> value;
+    return value;
+}
+
+/// The load of the last 1, 5 or 15 minutes, as the path says.
+double load(tarn::Context& request)
+{
+    const std::string minutes = request.params->get("minutes", "");
+    for (const auto& [name, position] : {std::pair("1", 0), std::pair("5", 1), std::pair("15", 2)}) {
+        if (minutes == name)
+            return read_number("/proc/loadavg", position);
+    }
+    throw tarn::MessageException(tarn::Status::NotFound, "no load is kept over " + minutes + " minutes");
+}
+
+/// A route of one's own: memory in kibibytes, as text or JSON, whichever is asked for.
+class MemoryRoute : public tarn::Route {
+public:
+    MemoryRoute() : Route("memory", "get", "/memory", tarn::Access::Public) {}
+
+    void get(tarn::Context& request) const override
+    {
+        std::ifstream meminfo("/proc/meminfo");
+        std::string label, unit;
+        long total = 0, free = 0, available = 0;
+        meminfo >> label >> total >> unit >> label >> free >> unit >> label >> available;
+
+        for (const tarn::Format format : request.request.formats()) {
+            if (format == tarn::Format::Json) {
+                request.reply.set_reply_json("{\"total\": " + std::to_string(total) +
+                                             ", \"available\": " + std::to_string(available) + "}");
+                return;
+            }
+        }
+        request.reply.set_reply_text(std::to_string(available) + " of " + std::to_string(total) +
+                                     " KiB available");
+    }
+};
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::cerr << "usage: machine_status_service SOCKET\n";
+        return 2;
+    }
+    // Blocked before any thread exists, so that a signal waits for sigwait below.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    tarn::ZmqSubsystem subsystem;
+    const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));
+
+    server->add(tarn::make_double_route("load", "get", "/load/(:minutes=1)", load));
+    server->add(tarn::make_double_route("uptime", "get", "/uptime",
+                                        [](tarn::Context&) { return read_number("/proc/uptime", 0); }));
+    server->add(std::make_shared<MemoryRoute>());
+
+    // Handlers of one server run one at a time here, so the setting needs no lock.
+    const std::string standard = "workshop";
+    std::string location = standard;
+    server->add(tarn::make_string_route(
+        "location", "get,put,delete", "/settings/location", [&](tarn::Context&) { return location; },
+        [&](tarn::Context&, std::string text) { location = std::move(text); },
+        [&](tarn::Context&) { location = standard; }));
+
+    int signal = 0;
+    sigwait(&signals, &signal);
+}
