@@ -3,6 +3,8 @@
 include(CMakePackageConfigHelpers)
 
 set(cmake_root ${CMAKE_INSTALL_LIBDIR}/cmake)
+# The pkg-config files find everything from where they lie, so that an installed tree can be moved.
+file(RELATIVE_PATH include_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /${CMAKE_INSTALL_INCLUDEDIR})
 
 foreach(package slate tarn)
   # libtarn finds the libslate beside it, wherever the two are installed.

@@ -84,6 +84,7 @@ int main(int argc, char** argv)
         [&](tarn::Context&, std::string text) { location = std::move(text); },
         [&](tarn::Context&) { location = standard; }));
 
+    std::cout << "serving at " << argv[1] << std::endl;
     int signal = 0;
     sigwait(&signals, &signal);
 }

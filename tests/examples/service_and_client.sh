@@ -1,0 +1,18 @@
+#!/bin/sh
+# service_and_client.sh SERVICE CLIENT: starts the service at a socket of its own, waits until it says that it serves,
+# and runs the client against it; exits as the client does.
+set -eu
+work=$(mktemp -d)
+service=""
+finish() {
+    [ -z "$service" ] || { kill "$service" 2>/dev/null || true; wait "$service" 2>/dev/null || true; }
+    rm -rf "$work"
+}
+trap finish EXIT
+
+mkfifo "$work/ready"
+"$1" "$work/service.sock" >"$work/ready" &
+service=$!
+read -r line <"$work/ready"
+echo "$line"
+"$2" "$work/service.sock"

@@ -1,0 +1,508 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/client.h"
+
+#include <future>
+#include <sstream>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace tarn;
+using namespace tarn_test;
+using Clock = std::chrono::steady_clock;
+
+std::string reply_frame(Status status, const std::string& text = "")
+{
+    Message message;
+    Response* response = message.mutable_response();
+    response->set_status(status);
+    if (!text.empty())
+        response->mutable_body()->set_txt(text);
+    return message.SerializeAsString();
+}
+
+Message parse(const std::string& frame)
+{
+    Message message;
+    EXPECT_TRUE(message.ParseFromString(frame));
+    return message;
+}
+
+/// Remembers what came and answers each request alike.
+class RecordingPeer {
+public:
+    RecordingPeer(const std::shared_ptr<const slate::Uri>& uri, std::vector<std::string> answer)
+        : peer_(uri, [this, answer = std::move(answer)](const std::string& frame) {
+              const std::lock_guard lock(mutex_);
+              frames_.push_back(frame);
+              return answer;
+          })
+    {
+    }
+
+    std::vector<Message> messages() const
+    {
+        const std::lock_guard lock(mutex_);
+        std::vector<Message> result;
+        for (const std::string& frame : frames_)
+            result.push_back(parse(frame));
+        return result;
+    }
+    int requests() const { return peer_.requests(); }
+
+private:
+    mutable std::mutex mutex_; // guards frames_
+    std::vector<std::string> frames_;
+    ScriptedPeer peer_;
+};
+
+class AClient : public RuntimeTest {
+protected:
+    static const slate::Duration brief;
+
+    std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
+
+    /// The only client's counters; instances count up over the process, and each test is alone in its own.
+    std::optional<std::uint64_t> counted(const std::string& name)
+    {
+        for (const auto& shown : slate::snapshot()) {
+            if (shown.name == "zmq.client")
+                return counter("zmq.client", shown.instance, name);
+        }
+        return std::nullopt;
+    }
+};
+const slate::Duration AClient::brief = slate::Milliseconds(50);
+
+// --- Making one
+// -----------------------------------------------------------------------------------------------
+
+TEST_F(AClient, IsNotMadeBeforeTheLibraryIsUpNorAfterItWentDown)
+{
+    runtime.reset();
+
+    EXPECT_EQ(make_client(uri), nullptr);
+    EXPECT_EQ(make_client(), nullptr);
+    EXPECT_EQ(make_client(std::filesystem::path("/nowhere.sock")), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>(3, "cannot make_client, tarn not / no longer initialized"));
+}
+
+TEST_F(AClient, IsMadeFromASocketPathAsAnIpcEndpoint)
+{
+    const auto client = make_client(std::filesystem::path("/run/some.sock"), 0);
+
+    ASSERT_NE(client, nullptr);
+    EXPECT_EQ(client->url()->to_string(), "ipc:///run/some.sock");
+}
+
+TEST_F(AClient, IsNotMadeFromAPathThatIsNoEndpoint)
+{
+    EXPECT_EQ(make_client(std::filesystem::path()), nullptr);
+    EXPECT_EQ(make_client(std::filesystem::path("/a\nb")), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "failed to create ipc client (  ): invalid uri"));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "failed to create ipc client ( /a\nb ): invalid uri"));
+}
+
+TEST_F(AClient, IsNotMadeFromNoEndpointAtAll)
+{
+    EXPECT_EQ(make_client(std::shared_ptr<const slate::Uri>()), nullptr);
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
+}
+
+TEST_F(AClient, ConnectsToTheEndpointOfTheSettingsByDefault)
+{
+    settings->set("relay_url", "ipc:///run/default.sock");
+    EXPECT_EQ(make_client()->url()->to_string(), "ipc:///run/default.sock");
+
+    settings->remove("relay_url");
+    EXPECT_THROW(make_client(), tarn::Exception);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "settings missing relay_url"));
+}
+
+TEST_F(AClient, ThrowsAndLeavesNoProviderIfItsSocketCannotBeConnected)
+{
+    EXPECT_THROW(make_client(slate::make_uri("nonsense://x")), zmq::error_t);
+
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "failed to create socket: "), 1u);
+    EXPECT_EQ(providers("zmq.client"), 0u);
+}
+
+TEST_F(AClient, HasAProviderOfItsOwnForAsLongAsItLives)
+{
+    auto first = make_client(uri);
+    auto second = make_client(uri);
+    EXPECT_EQ(providers("zmq.client"), 2u);
+
+    first.reset();
+    EXPECT_EQ(providers("zmq.client"), 1u);
+    second.reset();
+    EXPECT_EQ(providers("zmq.client"), 0u);
+}
+
+TEST_F(AClient, GetsAnInstanceNumberOfItsOwnAlsoIfManyAreMadeAtOnce)
+{
+    std::vector<std::shared_ptr<Client>> clients(16);
+    {
+        std::vector<std::jthread> threads;
+        for (auto& client : clients)
+            threads.emplace_back([&] { client = make_client(uri); });
+    }
+
+    std::set<std::string> instances;
+    for (const auto& shown : slate::snapshot()) {
+        if (shown.name == "zmq.client")
+            instances.insert(shown.instance);
+    }
+    EXPECT_EQ(instances.size(), clients.size());
+}
+
+TEST_F(AClient, LogsItsEndpointAtTheExtremeLevel)
+{
+    slate::set_log_level(slate::ExtremeLevel);
+    const auto client = make_client(uri);
+    EXPECT_TRUE(logs.has(slate::ExtremeLevel, "Connect: " + uri->to_string()));
+}
+
+TEST_F(AClient, MayOutliveTheLibrary)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok)});
+    const auto client = make_client(uri);
+    runtime.reset();
+
+    EXPECT_EQ(client->get("/a")->status(), Status::Ok);
+}
+
+// --- What it sends
+// --------------------------------------------------------------------------------------------
+
+TEST_F(AClient, SendsOneFrameForEachVerbThatNamesItsTimeout)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok)});
+    const auto client = make_client(uri);
+    const auto headers = slate::make_dictionary();
+    headers->set("X-A", "1");
+    const slate::Duration timeout = slate::Seconds(7);
+    const std::string kept = "copied";
+    std::string moved(100, 'm');
+
+    client->head("/h", headers, timeout);
+    client->get("/g", headers, timeout);
+    client->put("/p", kept, headers, timeout);
+    client->put("/q", std::move(moved), headers, timeout);
+    client->post("/r", kept, headers, timeout);
+    client->post("/s", std::string(100, 'n'), headers, timeout);
+    client->del("/d", headers, timeout);
+
+    const auto sent = peer.messages();
+    ASSERT_EQ(sent.size(), 7u);
+    EXPECT_EQ(sent[0].head().path(), "/h");
+    EXPECT_EQ(sent[1].get().head().path(), "/g");
+    EXPECT_EQ(sent[2].put().body().bin(), "copied");
+    EXPECT_EQ(sent[3].put().body().bin(), std::string(100, 'm'));
+    EXPECT_EQ(sent[4].post().body().bin(), "copied");
+    EXPECT_EQ(sent[5].post().body().bin(), std::string(100, 'n'));
+    EXPECT_EQ(sent[6].del().head().path(), "/d");
+    EXPECT_EQ(kept, "copied");
+    EXPECT_TRUE(moved.empty());
+    for (const Message& message : sent) {
+        const Head& head = *tarn_internal::find_head(message);
+        EXPECT_EQ(head.from().pid(), getpid());
+        EXPECT_EQ(head.meta(0).key(), "ttl");
+        EXPECT_EQ(head.meta(0).value(), "7s");
+        EXPECT_EQ(head.headers(0).key(), "X-A");
+    }
+}
+
+TEST_F(AClient, WorksWithNothingButAnEndpointAndAPath)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok, "42")});
+
+    EXPECT_EQ(make_client(uri)->get("/status/cpu")->data(), "42");
+
+    EXPECT_EQ(peer.messages().at(0).get().head().meta(0).value(), "4s");
+}
+
+TEST_F(AClient, SendsTheMessageOfARequestAsItIs)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Accepted)});
+    auto message = std::make_shared<Message>();
+    message->mutable_put()->mutable_head()->set_path("/odd path");
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->send(Request(message))->status(), Status::Accepted);
+
+    EXPECT_EQ(peer.messages().at(0).SerializeAsString(), message->SerializeAsString());
+}
+
+TEST_F(AClient, AnswersARequestWithoutAMessageItself)
+{
+    SilentPeer peer(uri);
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->send(Request())->status(), Status::BadRequest);
+
+    EXPECT_EQ(peer.requests(), 0);
+    EXPECT_EQ(counted("tx"), 0u);
+    EXPECT_EQ(counted("err"), 0u);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(AClient, ThrowsForAProcessListThatIsNoNumbersAndStaysUsable)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok)});
+    const auto client = make_client(uri);
+
+    EXPECT_THROW(client->get("/a@x"), tarn::Exception);
+    EXPECT_THROW(client->get("@12"), std::out_of_range);
+    EXPECT_EQ(client->get("/a")->status(), Status::Ok);
+}
+
+// --- Waiting for the reply
+// ------------------------------------------------------------------------------------
+
+TEST_F(AClient, CountsWhatItSendsAndWhatComesBack)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::NotFound)});
+    const auto client = make_client(uri);
+
+    client->get("/a");
+    client->get("/b");
+
+    EXPECT_EQ(counted("tx"), 2u);
+    EXPECT_EQ(counted("rx"), 2u);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_F(AClient, SendsItsRequestOnceHoweverOftenItWaits)
+{
+    SilentPeer peer(uri);
+    const auto client = make_client(uri, 2);
+
+    const auto start = Clock::now();
+    const auto reply = client->get("/cpu", nullptr, brief);
+    const auto blocked = Clock::now() - start;
+
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    EXPECT_EQ(peer.requests(), 1);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 3u);
+    EXPECT_GE(blocked, 140ms); // three waits of 50 ms, less rounding
+    EXPECT_EQ(counted("tx"), 1u);
+    EXPECT_EQ(counted("rx"), 0u);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_F(AClient, NamesTheRequestThatGotNoReplyInTheLog)
+{
+    const auto client = make_client(uri, 0);
+    const auto reply = client->get("/cpu", nullptr, brief);
+
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    const auto lines = logs.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].text.starts_with("request timeout; no reply to get {")) << lines[0].text;
+    EXPECT_NE(lines[0].text.find("path: \"/cpu\""), std::string::npos);
+    EXPECT_TRUE(lines[0].provider.starts_with("zmq.client["));
+}
+
+TEST_F(AClient, WaitsForAPostOnlyOnce)
+{
+    SilentPeer peer(uri);
+    const auto client = make_client(uri, 2);
+
+    const auto reply = client->post("/cpu", "x", nullptr, brief);
+
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 1u);
+    EXPECT_EQ(peer.requests(), 1);
+}
+
+TEST_F(AClient, WaitsOnceWithoutRetries)
+{
+    const auto client = make_client(uri, 0);
+    EXPECT_EQ(client->get("/cpu", nullptr, brief)->status(), Status::RequestTimeout);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 1u);
+}
+
+TEST_F(AClient, MakesANewSocketAfterEachWait)
+{
+    slate::set_log_level(slate::ExtremeLevel);
+    const auto client = make_client(uri, 2);
+    logs.clear();
+
+    client->get("/cpu", nullptr, brief);
+    EXPECT_EQ(logs.count(slate::ExtremeLevel, "Connect: "), 3u);
+
+    logs.clear();
+    client->post("/cpu", "x", nullptr, brief);
+    EXPECT_EQ(logs.count(slate::ExtremeLevel, "Connect: "), 1u);
+}
+
+TEST_F(AClient, NeverSeesAReplyThatComesAfterTheFirstWait)
+{
+    // Answers the request only when the client has given its first socket up.
+    ScriptedPeer peer(uri, [&](const std::string&) {
+        wait_until([&] { return logs.count(slate::ErrorLevel, "request timeout; no reply to ") >= 1; });
+        return std::vector{reply_frame(Status::Ok, "late")};
+    });
+    const auto client = make_client(uri, 2);
+
+    EXPECT_EQ(client->get("/a", nullptr, slate::Milliseconds(100))->status(), Status::RequestTimeout);
+    EXPECT_EQ(counted("rx"), 0u);
+}
+
+TEST_F(AClient, IsUsableAtOnceAfterATimeout)
+{
+    std::atomic<int> count{0};
+    ScriptedPeer peer(uri, [&](const std::string&) {
+        return count++ == 0 ? std::vector<std::string>() : std::vector{reply_frame(Status::Ok)};
+    });
+    const auto client = make_client(uri, 0);
+
+    EXPECT_EQ(client->get("/a", nullptr, brief)->status(), Status::RequestTimeout);
+    EXPECT_EQ(client->get("/a")->status(), Status::Ok);
+}
+
+TEST_F(AClient, WaitsForEverIfItIsTold)
+{
+    std::promise<void> go;
+    ScriptedPeer peer(uri, [&](const std::string&) {
+        go.get_future().wait();
+        return std::vector{reply_frame(Status::Ok)};
+    });
+    const auto client = make_client(uri, 0);
+
+    auto reply = std::async(std::launch::async,
+                            [&] { return client->get("/a", nullptr, slate::Duration::positive_infinity()); });
+    EXPECT_EQ(reply.wait_for(200ms), std::future_status::timeout);
+    go.set_value();
+
+    EXPECT_EQ(reply.get()->status(), Status::Ok);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(AClient, DoesNotWaitForANegativeTime)
+{
+    SilentPeer peer(uri);
+    const auto client = make_client(uri, 0);
+
+    EXPECT_EQ(client->get("/a", nullptr, slate::Milliseconds(-5))->status(), Status::RequestTimeout);
+}
+
+TEST_F(AClient, GivesAReplyWithoutAMessageForAFrameThatIsNone)
+{
+    RecordingPeer peer(uri, {"\xFF\xFF not a message"});
+    const auto client = make_client(uri);
+
+    const auto reply = client->get("/a");
+
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(reply->message, nullptr);
+    EXPECT_TRUE(reply->bad());
+    EXPECT_EQ(counted("rx"), 1u);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(AClient, ReadsTheFirstFrameOfAReplyAndStaysUsable)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok, "first"), reply_frame(Status::Ok, "second"), "third"});
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->get("/a")->data(), "first");
+    EXPECT_EQ(client->get("/a")->data(), "first");
+    EXPECT_EQ(peer.requests(), 2);
+}
+
+TEST_F(AClient, HandsBackABodyOfManyMegabytesWhole)
+{
+    const std::string body(20 << 20, 'x');
+    RecordingPeer peer(uri, {reply_frame(Status::Ok, body)});
+
+    EXPECT_EQ(make_client(uri)->get("/a", nullptr, slate::Seconds(30))->data(), body);
+}
+
+TEST_F(AClient, ReportsABrokenExchangeAsATimeoutAndRecovers)
+{
+    // A context that shuts down under a client breaks its socket for good, whatever is tried.
+    const auto client = make_client(uri, 0);
+    runtime->ctx()->shutdown();
+
+    const auto reply = client->get("/a", nullptr, brief);
+
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    EXPECT_EQ(counted("err"), 1u);
+    EXPECT_EQ(counted("tx"), 0u);
+    const auto errors = logs.texts(slate::ErrorLevel);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find(", request: get {"), std::string::npos) << errors[0];
+}
+
+TEST_F(AClient, GivesUpTheRemainingWaitsWhenItsSocketBreaksInOneOfThem)
+{
+    SilentPeer peer(uri);
+    const auto client = make_client(uri, 5);
+    std::jthread breaker([&] {
+        wait_until([&] { return peer.requests() == 1; });
+        runtime->ctx()->shutdown();
+    });
+
+    const auto reply = client->get("/a", nullptr, slate::Seconds(20));
+
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    EXPECT_EQ(counted("err"), 1u); // no new socket was to be had
+    const auto errors = logs.texts(slate::ErrorLevel);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_NE(errors[0].find("; request: get {"), std::string::npos) << errors[0];
+    EXPECT_NE(errors[1].find(", request: get {"), std::string::npos) << errors[1];
+}
+
+// --- Threads
+// --------------------------------------------------------------------------------------------------
+
+TEST_F(AClient, SharedByManyThreadsGivesEachItsOwnReply)
+{
+    ScriptedPeer peer(uri, [](const std::string& frame) {
+        return std::vector{reply_frame(Status::Ok, parse(frame).get().head().path())};
+    });
+    const auto client = make_client(uri);
+
+    std::atomic<int> right{0};
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 8; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 25; ++i) {
+                    const std::string path = "/" + std::to_string(t) + "/" + std::to_string(i);
+                    right += client->get(path, nullptr, slate::Seconds(30))->data() == path ? 1 : 0;
+                }
+            });
+        }
+    }
+    EXPECT_EQ(right, 200);
+}
+
+TEST_F(AClient, SendsRequestsOfSeveralThreadsOneAtATime)
+{
+    std::atomic<bool> answered{false};
+    std::atomic<bool> overlapped{false};
+    ScriptedPeer peer(uri, [&](const std::string& frame) {
+        if (parse(frame).get().head().path() == "/second" && !answered)
+            overlapped = true;
+        return std::vector<std::string>();
+    });
+    const auto client = make_client(uri, 0);
+
+    auto first = std::async(std::launch::async, [&] {
+        client->get("/first", nullptr, slate::Milliseconds(300));
+        answered = true;
+    });
+    ASSERT_TRUE(wait_until([&] { return peer.requests() == 1; }));
+    client->get("/second", nullptr, brief);
+    first.wait();
+
+    ASSERT_TRUE(wait_until([&] { return peer.requests() == 2; }));
+    EXPECT_FALSE(overlapped && !answered);
+}
+} // namespace
