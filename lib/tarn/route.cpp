@@ -105,7 +105,8 @@ std::vector<std::string> Route::complete_patterns() const
 
 void Route::prime(const std::shared_ptr<const slate::Dictionary>& server_settings)
 {
-    settings = server_settings;
+    if (settings != server_settings)
+        settings = server_settings;
     for (RoutePattern& candidate : patterns)
         candidate.prime(server_settings);
 }

@@ -284,6 +284,9 @@ void RoutePattern::prime(const std::shared_ptr<const slate::Dictionary>& setting
             refuse(SLATE_HERE, "failed to prime route; key does not exist: ", key);
         segment.text = settings->get(key, "");
     }
-    pattern = "/" + slate::join(segments, "/", [](const Segment& segment) { return segment.text; });
+    // Written only if it changes: a route that goes to a second server is in use at the first one.
+    std::string rebuilt = "/" + slate::join(segments, "/", [](const Segment& segment) { return segment.text; });
+    if (rebuilt != pattern)
+        pattern = std::move(rebuilt);
 }
 } // namespace tarn

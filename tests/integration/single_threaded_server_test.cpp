@@ -228,11 +228,11 @@ TEST_F(ASingleThreadedServer, AnswersEachVerbByItsHandler)
 {
     const auto server = make({uri});
     const auto route = make_test_route("a", "get,put,post,delete", "/a");
-    std::string called;
+    Journal called;
     route->on_get = [&](Context& context) { context.reply.set_reply_text("got"); };
-    route->on_put = [&](Context& context) { called += "put " + context.request.data() + "; "; };
-    route->on_post = [&](Context& context) { called += "post " + context.request.data() + "; "; };
-    route->on_del = [&](Context&) { called += "del"; };
+    route->on_put = [&](Context& context) { called.add("put " + context.request.data()); };
+    route->on_post = [&](Context& context) { called.add("post " + context.request.data()); };
+    route->on_del = [&](Context&) { called.add("del"); };
     server->add(route);
     const auto client = make_client(uri);
 
@@ -244,7 +244,7 @@ TEST_F(ASingleThreadedServer, AnswersEachVerbByItsHandler)
     EXPECT_EQ(client->put("/a", "1")->status(), Status::NoContent);
     EXPECT_EQ(client->post("/a", "2")->status(), Status::NoContent);
     EXPECT_EQ(client->del("/a")->status(), Status::NoContent);
-    EXPECT_EQ(called, "put 1; post 2; del");
+    EXPECT_EQ(called.entries(), (std::vector<std::string>{"put 1", "post 2", "del"}));
 }
 
 TEST_F(ASingleThreadedServer, AnswersWhatNoRouteTakesWithNotFound)

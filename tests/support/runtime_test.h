@@ -3,7 +3,9 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -43,6 +45,25 @@ protected:
 private:
     std::shared_ptr<tarn::MessageFactory> factory_ = tarn::make_message_factory();
     std::atomic<int> next_{0};
+};
+
+/// What handlers on other threads note down, for the test to read.
+class Journal {
+public:
+    void add(const std::string& entry)
+    {
+        const std::lock_guard lock(mutex_);
+        entries_.push_back(entry);
+    }
+    std::vector<std::string> entries() const
+    {
+        const std::lock_guard lock(mutex_);
+        return entries_;
+    }
+
+private:
+    mutable std::mutex mutex_; // guards entries_
+    std::vector<std::string> entries_;
 };
 
 /// A route whose handlers are functions of the test. A verb without one does what Route does.
