@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "slate/clock.h"
+
+#include <cstdint>
+#include <ctime>
+#include <limits>
+
+namespace slate {
+namespace {
+__extension__ typedef unsigned __int128 Wide;
+
+constexpr unsigned long nanoseconds_per_second = 1'000'000'000;
+
+// Where a long has 32 bits, nanoseconds would wrap around after four seconds.
+constexpr unsigned long ticks_per_second =
+    std::numeric_limits<unsigned long>::digits >= 64 ? nanoseconds_per_second : 1'000;
+
+/// Ticks since the device started, the time in which it slept included.
+unsigned long ticks_since_boot()
+{
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now); // can't fail for a clock that exists
+    return static_cast<unsigned long>(now.tv_sec) * ticks_per_second +
+           static_cast<unsigned long>(now.tv_nsec) / (nanoseconds_per_second / ticks_per_second);
+}
+
+class ClockImpl : public Clock {
+public:
+    unsigned long ticks() const override { return ticks_since_boot() - start_; }
+    unsigned long frequency() const override { return ticks_per_second; }
+
+private:
+    const unsigned long start_ = ticks_since_boot();
+};
+
+class ClockFactoryImpl : public ClockFactory {
+public:
+    std::shared_ptr<Clock> make_clock() const override { return std::make_shared<ClockImpl>(); }
+};
+} // namespace
+
+std::shared_ptr<ClockFactory> make_clock_factory()
+{
+    return std::make_shared<ClockFactoryImpl>();
+}
+
+Duration clock_ticks_to_duration(unsigned long ticks, unsigned long frequency)
+{
+    if (frequency == 0)
+        return {};
+
+    constexpr auto most = std::numeric_limits<std::int64_t>::max();
+    const Wide nanoseconds = static_cast<Wide>(ticks) * nanoseconds_per_second / frequency;
+    return Duration(
+        std::chrono::nanoseconds(nanoseconds > Wide{most} ? most : static_cast<std::int64_t>(nanoseconds)));
+}
+} // namespace slate

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "allocation_counter.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+thread_local std::size_t count = 0;
+
+void* allocate(std::size_t size)
+{
+    ++count;
+    if (void* memory = std::malloc(size == 0 ? 1 : size))
+        return memory;
+    throw std::bad_alloc();
+}
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    return allocate(size);
+}
+
+void* operator new[](std::size_t size)
+{
+    return allocate(size);
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete[](void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete[](void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+std::size_t allocations()
+{
+    return count;
+}

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "slate/dictionary.h"
+
+#include <limits>
+
+#include <gtest/gtest.h>
+
+namespace {
+using Keys = std::vector<std::string>;
+
+TEST(Dictionary, IsEmptyAtFirst)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    EXPECT_TRUE(dictionary->keys().empty());
+    EXPECT_FALSE(dictionary->has("a"));
+    EXPECT_EQ(dictionary->get("a", "default"), "default");
+}
+
+TEST(Dictionary, GivesBackWhatWasSet)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    dictionary->set("name", std::string_view("value"));
+    dictionary->set("", std::string_view("of the empty key"));
+    dictionary->set("empty", std::string_view());
+
+    EXPECT_TRUE(dictionary->has("name"));
+    EXPECT_EQ(dictionary->get("name", "default"), "value");
+    EXPECT_EQ(dictionary->get("", "default"), "of the empty key");
+    EXPECT_TRUE(dictionary->has("empty"));
+    EXPECT_EQ(dictionary->get("empty", "default"), "");
+}
+
+TEST(Dictionary, ReplacesAValueThatIsSetAgain)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    dictionary->set("a", "1");
+    dictionary->set("a", "2");
+
+    EXPECT_EQ(dictionary->get("a", ""), "2");
+    EXPECT_EQ(dictionary->keys(), Keys{"a"});
+}
+
+TEST(Dictionary, ComparesKeysExactly)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    dictionary->set("Accept", "x");
+    dictionary->set(std::string_view("nu\0ll", 5), "y");
+
+    EXPECT_FALSE(dictionary->has("accept"));
+    EXPECT_FALSE(dictionary->has("Accept "));
+    EXPECT_FALSE(dictionary->has("nu"));
+    EXPECT_TRUE(dictionary->has(std::string_view("nu\0ll", 5)));
+}
+
+TEST(Dictionary, ListsItsKeysInByteOrder)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    for (const auto* key : {"b", "B", "a", "\xc3\xa4", "10", "9", "aa"})
+        dictionary->set(key, "x");
+
+    EXPECT_EQ(dictionary->keys(), (Keys{"10", "9", "B", "a", "aa", "b", "\xc3\xa4"}));
+}
+
+TEST(Dictionary, StoresTheDecimalTextOfANumber)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    dictionary->set("long", -42L);
+    dictionary->set("int", 7);
+    dictionary->set("unsigned", std::numeric_limits<unsigned long>::max());
+    dictionary->set("short", static_cast<short>(-3));
+    dictionary->set("byte", static_cast<unsigned char>(200));
+    dictionary->set("long long", std::numeric_limits<long long>::min());
+    dictionary->set("double", 0.5);
+    dictionary->set("float", 1e6f);
+
+    EXPECT_EQ(dictionary->get("long", ""), "-42");
+    EXPECT_EQ(dictionary->get("int", ""), "7");
+    EXPECT_EQ(dictionary->get("unsigned", ""), "18446744073709551615");
+    EXPECT_EQ(dictionary->get("short", ""), "-3");
+    EXPECT_EQ(dictionary->get("byte", ""), "200");
+    EXPECT_EQ(dictionary->get("long long", ""), "-9223372036854775808");
+    EXPECT_EQ(dictionary->get("double", ""), "0.5");
+    EXPECT_EQ(dictionary->get("float", ""), "1e+06");
+}
+
+TEST(Dictionary, TakesALiteralForTextAndAFlagForAFlag)
+{
+    const auto dictionary = slate::make_dictionary();
+
+    dictionary->set("text", "literal");
+    dictionary->set("flag", true);
+
+    EXPECT_EQ(dictionary->get("text", "default"), "literal");
+    EXPECT_EQ(dictionary->get("flag", "default"), "true");
+    EXPECT_EQ(dictionary->get("missing", "default"), "default");
+}
+
+TEST(Dictionary, ReadsAFlag)
+{
+    const auto dictionary = slate::make_dictionary();
+    for (const auto* text : {"true", "1", "false", "0", "yes", "TRUE", "", " 1"})
+        dictionary->set(text, text);
+
+    for (const bool dflt : {true, false}) {
+        EXPECT_TRUE(dictionary->get("true", dflt));
+        EXPECT_TRUE(dictionary->get("1", dflt));
+        EXPECT_FALSE(dictionary->get("false", dflt));
+        EXPECT_FALSE(dictionary->get("0", dflt));
+        for (const auto* other : {"yes", "TRUE", "", " 1", "missing"})
+            EXPECT_EQ(dictionary->get(other, dflt), dflt) << other;
+    }
+}
+
+TEST(Dictionary, ForgetsAKeyThatIsRemovedAndIgnoresAnUnknownOne)
+{
+    const auto dictionary = slate::make_dictionary();
+    dictionary->set("a", "1");
+    dictionary->set("b", "2");
+
+    dictionary->remove("a");
+    dictionary->remove("unknown");
+
+    EXPECT_EQ(dictionary->keys(), Keys{"b"});
+}
+
+TEST(Dictionary, IsEmptyOnceCleared)
+{
+    const auto dictionary = slate::make_dictionary();
+    dictionary->set("a", "1");
+
+    dictionary->clear();
+
+    EXPECT_FALSE(dictionary->has("a"));
+    EXPECT_TRUE(dictionary->keys().empty());
+}
+} // namespace

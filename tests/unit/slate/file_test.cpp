@@ -1,0 +1,527 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "slate/file.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/scratch_folder.h"
+
+namespace {
+namespace fs = std::filesystem;
+
+using Names = std::vector<std::string>;
+
+std::string content(const fs::path& path)
+{
+    return slate::slurp_file<std::string>(path.string(), std::ios::binary);
+}
+
+void put(const fs::path& path, std::string_view text)
+{
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+void write(const fs::path& path, std::string_view text)
+{
+    slate::powersafe_write(path, [&](std::ofstream& out) { out << text; });
+}
+
+/// Names of the files in a folder, in order.
+Names files(const fs::path& folder)
+{
+    Names names;
+    for (const auto& entry : fs::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+unsigned int mode_of(const fs::path& path)
+{
+    struct stat status {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+/// Runs `call`, and checks that it throws a filesystem_error of this path and reason.
+template <class Call>
+void expect_error(const fs::path& path, int reason, Call call)
+{
+    try {
+        call();
+        ADD_FAILURE() << "no error for " << path;
+    }
+    catch (const fs::filesystem_error& error) {
+        EXPECT_EQ(error.path1(), path);
+        EXPECT_EQ(error.code(), std::error_code(reason, std::generic_category())) << error.what();
+    }
+}
+
+void expect_write_error(const fs::path& path, int reason)
+{
+    expect_error(path, reason, [&] { write(path, "new"); });
+}
+
+class UmaskScope {
+public:
+    explicit UmaskScope(mode_t mask) : saved_(umask(mask)) {}
+    ~UmaskScope() { umask(saved_); }
+    UmaskScope(const UmaskScope&) = delete;
+    UmaskScope& operator=(const UmaskScope&) = delete;
+
+private:
+    mode_t saved_;
+};
+
+/// A forked process that runs `body` and ends with its result.
+class Child {
+public:
+    template <class Body>
+    explicit Child(Body body) : pid_(fork())
+    {
+        if (pid_ == 0)
+            _exit(body());
+    }
+
+    void kill() const { ::kill(pid_, SIGKILL); }
+
+    /// Its exit status, or minus the signal that ended it.
+    int wait() const
+    {
+        int status = 0;
+        EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+    }
+
+private:
+    pid_t pid_;
+};
+
+class Slurp : public testing::Test {
+protected:
+    tarn_test::ScratchFolder scratch_;
+    const fs::path path_ = scratch_.path() / "file";
+};
+
+using PowersafeWrite = Slurp;
+
+TEST_F(Slurp, TurnsTextIntoBytesAndBack)
+{
+    const std::string text("a\0\xff", 3);
+
+    EXPECT_EQ(slate::slurp_bytes(text), (std::vector<unsigned char>{'a', 0, 0xff}));
+    EXPECT_EQ(slate::slurp(slate::slurp_bytes(text)), text);
+    EXPECT_TRUE(slate::slurp_bytes("").empty());
+    EXPECT_EQ(slate::slurp(std::vector<unsigned char>()), "");
+}
+
+TEST_F(Slurp, TakesTheRestOfAStream)
+{
+    std::istringstream stream("first rest\nof it ");
+    std::string first;
+    stream >> first;
+
+    EXPECT_EQ(slate::slurp(stream), " rest\nof it ");
+    EXPECT_EQ(slate::slurp(stream), "");
+}
+
+TEST_F(Slurp, ReadsAWholeFile)
+{
+    for (const std::size_t size : {0u, 1u, 16'384u, 16'385u, 1'000'000u}) {
+        std::string text(size, 'x');
+        if (size > 1)
+            text[1] = '\0';
+        put(path_, text);
+        EXPECT_EQ(content(path_), text) << size;
+    }
+}
+
+TEST_F(Slurp, ReadsAFileThatShowsNoSize)
+{
+    EXPECT_NE(content("/proc/self/status").find("Name:"), std::string::npos);
+}
+
+TEST_F(Slurp, RefusesAMissingFileAndADirectory)
+{
+    expect_error(path_, ENOENT, [&] { content(path_); });
+    expect_error(scratch_.path(), EISDIR, [&] { content(scratch_.path()); });
+    expect_error("", ENOENT, [&] { content(""); });
+}
+
+TEST_F(PowersafeWrite, MakesAFileWithTheUsualMode)
+{
+    const UmaskScope mask(027);
+
+    write(path_, std::string_view("a\0\n", 3));
+
+    EXPECT_EQ(content(path_), std::string("a\0\n", 3));
+    EXPECT_EQ(mode_of(path_), 0640u);
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, ReplacesTheContent)
+{
+    put(path_, "old, and longer");
+
+    write(path_, "new");
+    EXPECT_EQ(content(path_), "new");
+    write(path_, "");
+    EXPECT_EQ(content(path_), "");
+
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, KeepsTheModeOfTheFile)
+{
+    const UmaskScope mask(022);
+    for (const mode_t mode : {0640, 0600, 0666, 0444, 0755, 0000}) {
+        put(path_, "old");
+        ASSERT_EQ(chmod(path_.c_str(), mode), 0);
+
+        write(path_, "new");
+
+        EXPECT_EQ(mode_of(path_), mode);
+        fs::remove(path_);
+    }
+}
+
+TEST_F(PowersafeWrite, ShowsTheNewContentToNobodyElseMeanwhile)
+{
+    put(path_, "old");
+    ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
+
+    slate::powersafe_write(path_, [&](std::ofstream& out) {
+        out << "new";
+        EXPECT_EQ(files(scratch_.path()), (Names{".file.tmp", "file"}));
+        EXPECT_EQ(mode_of(scratch_.path() / ".file.tmp"), 0600u);
+        EXPECT_EQ(content(path_), "old");
+    });
+
+    EXPECT_EQ(mode_of(path_), 0644u);
+}
+
+TEST_F(PowersafeWrite, KeepsTheOwnerIfItMay)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root may give files away";
+    put(path_, "old");
+    ASSERT_EQ(chown(path_.c_str(), 12345, 54321), 0);
+
+    write(path_, "new");
+
+    struct stat status {};
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 12345u);
+    EXPECT_EQ(status.st_gid, 54321u);
+}
+
+TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheWriterThrows)
+{
+    put(path_, "old");
+
+    EXPECT_THROW(slate::powersafe_write(path_,
+                                        [](std::ofstream& out) {
+                                            out << "half of the new" << std::flush;
+                                            throw std::runtime_error("changed my mind");
+                                        }),
+                 std::runtime_error);
+    EXPECT_EQ(content(path_), "old");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+
+    EXPECT_THROW(slate::powersafe_write(scratch_.path() / "other", [](std::ofstream&) { throw 42; }), int);
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+    write(path_, "new"); // no lock stays behind
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, FailsIfTheStreamDid)
+{
+    put(path_, "old");
+
+    expect_error(path_, EIO, [&] {
+        slate::powersafe_write(path_, [](std::ofstream& out) {
+            errno = ENOENT; // of something else
+            out.setstate(std::ios::failbit);
+        });
+    });
+
+    EXPECT_EQ(content(path_), "old");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, TellsWhyTheContentCouldNotBeWritten)
+{
+    put(path_, "old");
+    for (const std::size_t size : {6'000u, 1'000'000u}) { // found at the end, and on the way
+        const Child child([&] {
+            (void)signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{5000, 5000};
+            if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+                return 2;
+            try {
+                slate::powersafe_write(path_, [&](std::ofstream& out) {
+                    if (size < 8'000) // found when the writer, who would have liked an exception, is done
+                        out.exceptions(std::ios::badbit | std::ios::failbit);
+                    for (std::size_t i = 0; i < size; ++i)
+                        out.put('x');
+                });
+                return 3;
+            }
+            catch (const fs::filesystem_error& error) {
+                return error.path1() == path_ && error.code().value() == EFBIG ? 0 : 1;
+            }
+        });
+
+        EXPECT_EQ(child.wait(), 0);
+        EXPECT_EQ(content(path_), "old");
+        EXPECT_EQ(files(scratch_.path()), Names{"file"});
+    }
+}
+
+TEST_F(PowersafeWrite, AllowsAWriterThatClosesOrWantsExceptions)
+{
+    slate::powersafe_write(path_, [](std::ofstream& out) {
+        out << "closed";
+        out.close();
+    });
+    EXPECT_EQ(content(path_), "closed");
+
+    slate::powersafe_write(path_, [](std::ofstream& out) {
+        out.exceptions(std::ios::badbit | std::ios::failbit);
+        out << "careful";
+    });
+    EXPECT_EQ(content(path_), "careful");
+}
+
+TEST_F(PowersafeWrite, RefusesAMissingFolder)
+{
+    expect_write_error(scratch_.path() / "missing" / "file", ENOENT);
+    put(path_, "old");
+    expect_write_error(path_ / "below a file", ENOTDIR);
+    expect_write_error("", ENOENT);
+
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, RefusesWhatIsNoFile)
+{
+    const auto folder = scratch_.path() / "folder";
+    fs::create_directory(folder);
+    const auto pipe = scratch_.path() / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    bool called = false;
+    const auto note = [&](std::ofstream&) { called = true; };
+
+    expect_error(folder, EISDIR, [&] { slate::powersafe_write(folder, note); });
+    expect_error(folder / "", EISDIR, [&] { slate::powersafe_write(folder / "", note); });
+    expect_error(folder / "..", EISDIR, [&] { slate::powersafe_write(folder / "..", note); });
+    expect_error(path_ / "", EISDIR, [&] { slate::powersafe_write(path_ / "", note); });
+    expect_error(pipe, EINVAL, [&] { slate::powersafe_write(pipe, note); });
+
+    EXPECT_FALSE(called);
+    EXPECT_TRUE(fs::is_fifo(pipe));
+    EXPECT_EQ(files(scratch_.path()), (Names{"folder", "pipe"}));
+    EXPECT_TRUE(files(folder).empty());
+}
+
+TEST_F(PowersafeWrite, FollowsSymbolicLinks)
+{
+    const auto folder = scratch_.path() / "folder";
+    fs::create_directory(folder);
+    put(folder / "target", "old");
+    ASSERT_EQ(chmod((folder / "target").c_str(), 0640), 0);
+    fs::create_symlink("target", folder / "second"); // relative to its own folder
+    fs::create_symlink(folder / "second", path_);    // absolute
+    fs::create_symlink("folder/dangling", scratch_.path() / "file2");
+
+    write(path_, "new");
+    write(scratch_.path() / "file2", "made");
+
+    EXPECT_EQ(content(folder / "target"), "new");
+    EXPECT_EQ(mode_of(folder / "target"), 0640u);
+    EXPECT_EQ(content(folder / "dangling"), "made");
+    EXPECT_TRUE(fs::is_symlink(path_));
+    EXPECT_TRUE(fs::is_symlink(scratch_.path() / "file2"));
+    EXPECT_TRUE(fs::is_symlink(folder / "second"));
+    EXPECT_EQ(files(scratch_.path()), (Names{"file", "file2", "folder"}));
+    EXPECT_EQ(files(folder), (Names{"dangling", "second", "target"}));
+}
+
+TEST_F(PowersafeWrite, RefusesLinksInACircle)
+{
+    fs::create_symlink("other", path_);
+    fs::create_symlink("file", scratch_.path() / "other");
+
+    expect_write_error(path_, ELOOP);
+}
+
+TEST_F(PowersafeWrite, TakesABareNameForTheCurrentFolder)
+{
+    const auto before = fs::current_path();
+    fs::current_path(scratch_.path());
+
+    write("file", "new");
+
+    fs::current_path(before);
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, TakesOverWhatACrashLeftBehind)
+{
+    const auto leftover = scratch_.path() / ".file.tmp";
+    for (const mode_t mode : {0600, 0444}) {
+        put(leftover, "half of something, and longer than the new content");
+        ASSERT_EQ(chmod(leftover.c_str(), mode), 0);
+
+        write(path_, "new");
+
+        EXPECT_EQ(content(path_), "new");
+        EXPECT_EQ(files(scratch_.path()), Names{"file"});
+    }
+}
+
+TEST_F(PowersafeWrite, FollowsNoLinkThatStandsInTheWay)
+{
+    const auto precious = scratch_.path() / "precious";
+    put(precious, "precious");
+    fs::create_symlink(precious, scratch_.path() / ".file.tmp");
+
+    expect_write_error(path_, ELOOP);
+
+    EXPECT_EQ(content(precious), "precious");
+    EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(PowersafeWrite, NeverMixesTheContentsOfThreads)
+{
+    constexpr int writers = 6;
+    constexpr int rounds = 15;
+    constexpr std::size_t length = 20'000;
+    const auto is_whole = [](const std::string& text) {
+        return text.size() == length && text.find_first_not_of(text[0]) == std::string::npos;
+    };
+    put(path_, std::string(length, '-'));
+
+    std::atomic<int> inside{0};
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < writers; ++i) {
+        threads.emplace_back([&, letter = static_cast<char>('a' + i)] {
+            for (int n = 0; n < rounds; ++n) {
+                slate::powersafe_write(path_, [&](std::ofstream& out) {
+                    EXPECT_EQ(++inside, 1);
+                    for (int part = 0; part < 10; ++part)
+                        out << std::string(length / 10, letter) << std::flush;
+                    --inside;
+                });
+            }
+        });
+    }
+    std::thread reader([&] {
+        while (!done)
+            EXPECT_TRUE(is_whole(content(path_)));
+    });
+    for (auto& thread : threads)
+        thread.join();
+    done = true;
+    reader.join();
+
+    EXPECT_TRUE(is_whole(content(path_)));
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, NeverMixesTheContentsOfProcesses)
+{
+    const auto log = scratch_.path() / "log";
+    put(log, "");
+    std::vector<Child> children;
+    for (int i = 0; i < 4; ++i) {
+        children.emplace_back([&] {
+            for (int n = 0; n < 15; ++n) {
+                // Each adds a line to what it finds, which no other may do meanwhile.
+                slate::powersafe_write(log, [&](std::ofstream& out) { out << content(log) << "line\n"; });
+            }
+            return 0;
+        });
+    }
+    for (const auto& child : children)
+        EXPECT_EQ(child.wait(), 0);
+
+    EXPECT_EQ(content(log).size(), 4u * 15u * 5u);
+    EXPECT_EQ(files(scratch_.path()), Names{"log"});
+}
+
+TEST_F(PowersafeWrite, KeepsTheOldContentIfItsProcessIsKilled)
+{
+    put(path_, "old");
+    std::array<int, 2> ready{};
+    ASSERT_EQ(pipe(ready.data()), 0);
+    const Child child([&] {
+        slate::powersafe_write(path_, [&](std::ofstream& out) {
+            out << "half of the new" << std::flush;
+            (void)!::write(ready[1], "x", 1);
+            while (true)
+                pause();
+        });
+        return 0;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+
+    child.kill();
+    EXPECT_EQ(child.wait(), -SIGKILL);
+
+    EXPECT_EQ(content(path_), "old");
+    EXPECT_EQ(files(scratch_.path()), (Names{".file.tmp", "file"}));
+    write(path_, "new");
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, GoesOnWhenTheProcessItWaitsForIsKilled)
+{
+    std::array<int, 2> ready{};
+    ASSERT_EQ(pipe(ready.data()), 0);
+    const Child child([&] {
+        slate::powersafe_write(path_, [&](std::ofstream& out) {
+            out << "half" << std::flush;
+            (void)!::write(ready[1], "x", 1);
+            while (true)
+                pause();
+        });
+        return 0;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+
+    std::atomic<bool> written{false};
+    std::thread waiting([&] {
+        write(path_, "new");
+        written = true;
+    });
+    EXPECT_FALSE(written);
+    child.kill();
+    EXPECT_EQ(child.wait(), -SIGKILL);
+    waiting.join();
+
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+} // namespace
