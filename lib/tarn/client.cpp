@@ -2,16 +2,82 @@
 #include "tarn/client.h"
 
 #include <atomic>
+#include <cstdint>
+#include <istream>
+#include <ostream>
 #include <utility>
 
+#include "slate/file.h"
 #include "slate/log.h"
 #include "slate/uri.h"
+#include "slate/uuid.h"
+#include "tarn/internal/chunked_transfer.h"
 #include "tarn/internal/request_cycle.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 namespace {
+namespace chunk_header = tarn_internal::chunk_header;
 using Headers = std::shared_ptr<slate::Dictionary>;
+
+constexpr std::size_t max_chunk_bytes = 1048576;
+
+/// The next piece of a stream, as much as it gives and max_chunk_bytes at most.
+std::string read_chunk(std::istream& stream)
+{
+    std::string chunk(max_chunk_bytes, '\0');
+    stream.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    chunk.resize(static_cast<std::size_t>(stream.gcount()));
+    return chunk;
+}
+
+/// Takes the headers of a chunk out of the caller's dictionary, however the upload ends.
+class ChunkHeaders {
+public:
+    ChunkHeaders(slate::Dictionary& headers, const std::string& transfer) : headers_(headers)
+    {
+        headers_.set(chunk_header::transfer, std::string_view(transfer));
+    }
+    ~ChunkHeaders()
+    {
+        headers_.remove(chunk_header::transfer);
+        headers_.remove(chunk_header::number);
+    }
+    ChunkHeaders(const ChunkHeaders&) = delete;
+    ChunkHeaders& operator=(const ChunkHeaders&) = delete;
+
+    void set_number(std::uint32_t number) { headers_.set(chunk_header::number, number); }
+
+private:
+    slate::Dictionary& headers_;
+};
+
+/// Sends a stream chunk by chunk, each by `send`, and an empty chunk at its end.
+template <class Send>
+std::shared_ptr<Reply> upload(std::istream& body, slate::Dictionary& headers, Send send)
+{
+    if (headers.has(chunk_header::transfer)) // the caller's own transfer
+        return send(slate::slurp(body));
+
+    ChunkHeaders chunk_headers(headers, slate::make_uuid().to_string());
+    for (std::uint32_t number = 0;; ++number) {
+        chunk_headers.set_number(number);
+        auto reply = send(read_chunk(body));
+        if (reply->bad())
+            return reply;
+        if (body.eof()) {
+            chunk_headers.set_number(number + 1);
+            return send(std::string());
+        }
+    }
+}
+
+/// Whether a reply has a body; what has none counts as empty.
+bool has_body(const Reply& reply)
+{
+    const Body* body = reply.message ? tarn_internal::find_body(*reply.message) : nullptr;
+    return body && (body->has_bin() || body->has_txt());
+}
 
 class ClientImpl : public Client {
 public:
@@ -36,6 +102,27 @@ public:
         return read_reply(factory_->make_get(path, headers, timeout), timeout);
     }
 
+    std::shared_ptr<Reply> get(std::string_view path, std::ostream& out, const Headers& headers,
+                               const slate::Duration& timeout) const override
+    {
+        headers->set(chunk_header::supported, "true");
+        auto reply = get(path, headers, timeout);
+        if (reply->bad() || !has_body(*reply))
+            return reply;
+        out << reply->data();
+
+        const std::string transfer = reply->header(chunk_header::transfer, "");
+        if (transfer.empty()) // all of it came in one reply
+            return reply;
+        headers->set(chunk_header::transfer, std::string_view(transfer));
+        for (;;) {
+            reply = get(path, headers, timeout);
+            if (reply->bad() || !has_body(*reply) || reply->data().empty())
+                return reply;
+            out << reply->data();
+        }
+    }
+
     std::shared_ptr<Reply> put(std::string_view path, const std::string& body, const Headers& headers,
                                const slate::Duration& timeout) override
     {
@@ -48,6 +135,13 @@ public:
         return read_reply(factory_->make_put(path, std::move(body), headers, timeout), timeout);
     }
 
+    std::shared_ptr<Reply> put(std::string_view path, std::istream& body, const Headers& headers,
+                               const slate::Duration& timeout) override
+    {
+        return upload(body, *headers,
+                      [&](std::string&& chunk) { return put(path, std::move(chunk), headers, timeout); });
+    }
+
     std::shared_ptr<Reply> post(std::string_view path, const std::string& body, const Headers& headers,
                                 const slate::Duration& timeout) override
     {
@@ -58,6 +152,13 @@ public:
                                 const slate::Duration& timeout) override
     {
         return read_reply(factory_->make_post(path, std::move(body), headers, timeout), timeout);
+    }
+
+    std::shared_ptr<Reply> post(std::string_view path, std::istream& body, const Headers& headers,
+                                const slate::Duration& timeout) override
+    {
+        return upload(body, *headers,
+                      [&](std::string&& chunk) { return post(path, std::move(chunk), headers, timeout); });
     }
 
     std::shared_ptr<Reply> del(std::string_view path, const Headers& headers,

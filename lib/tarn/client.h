@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -52,19 +53,47 @@ public:
                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
                                        const slate::Duration& timeout = default_timeout()) const = 0;
 
-    /// The overloads that take `body` by rvalue move it into the request instead of copying it.
+    /// Fetches `path` and appends its body, of any size, to `out`, piece by piece as the route gives it.
+    ///
+    /// Two "X-Tarn-..." headers are left in `headers`, so use a new dictionary for each download, and keep it
+    /// from other threads meanwhile. `timeout` is for one piece, not for the whole body.
+    ///
+    /// Returns the reply that ended it; if that is bad, `out` keeps the pieces that came before. The state of
+    /// `out` is never examined.
+    virtual std::shared_ptr<Reply> get(
+        std::string_view path, std::ostream& out,
+        const std::shared_ptr<slate::Dictionary>& headers = slate::make_dictionary(),
+        const slate::Duration& timeout = default_timeout()) const = 0;
+
+    /// The overloads that take `body` by rvalue move it into the request instead of copying it. Those that
+    /// take a stream send its rest, of any size, in chunks of 1 MiB, each a request with its own wait for
+    /// `timeout`, and at last an empty one; the route sees one request with the whole body.
+    ///
+    /// They return the reply to the last chunk, or to the first one that failed, after which nothing more is
+    /// sent. If the stream ends exactly at a chunk's end, or is empty, that is status 409, "transfer
+    /// interrupted try again", although the body has been delivered. `headers` is changed meanwhile, so keep
+    /// it from other threads. With an "X-Tarn-Chunked-Transfer" of the caller's own in it, the rest of the
+    /// stream goes as one request.
     virtual std::shared_ptr<Reply> put(std::string_view path, const std::string& body,
                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
                                        const slate::Duration& timeout = default_timeout()) = 0;
     virtual std::shared_ptr<Reply> put(std::string_view path, std::string&& body,
                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
                                        const slate::Duration& timeout = default_timeout()) = 0;
+    virtual std::shared_ptr<Reply> put(
+        std::string_view path, std::istream& body,
+        const std::shared_ptr<slate::Dictionary>& headers = slate::make_dictionary(),
+        const slate::Duration& timeout = default_timeout()) = 0;
     virtual std::shared_ptr<Reply> post(std::string_view path, const std::string& body,
                                         const std::shared_ptr<slate::Dictionary>& headers = nullptr,
                                         const slate::Duration& timeout = default_timeout()) = 0;
     virtual std::shared_ptr<Reply> post(std::string_view path, std::string&& body,
                                         const std::shared_ptr<slate::Dictionary>& headers = nullptr,
                                         const slate::Duration& timeout = default_timeout()) = 0;
+    virtual std::shared_ptr<Reply> post(
+        std::string_view path, std::istream& body,
+        const std::shared_ptr<slate::Dictionary>& headers = slate::make_dictionary(),
+        const slate::Duration& timeout = default_timeout()) = 0;
     virtual std::shared_ptr<Reply> del(std::string_view path,
                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
                                        const slate::Duration& timeout = default_timeout()) = 0;

@@ -46,8 +46,8 @@ public:
     virtual std::vector<std::string> complete_patterns() const;
 
     /// Called when the route is added to a server, with its settings: fills the placeholders of the patterns.
-    /// Throws Exception if a setting is missing. For a second server with the same settings it changes nothing, so a
-    /// route may go to several.
+    /// Throws Exception if a setting is missing. For a second server with the same settings it changes
+    /// nothing, so a route may go to several.
     virtual void prime(const std::shared_ptr<const slate::Dictionary>& server_settings);
 
     /// Whether put and post want every chunk of a large body as it comes. If not, which is the default, they

@@ -285,7 +285,8 @@ void RoutePattern::prime(const std::shared_ptr<const slate::Dictionary>& setting
         segment.text = settings->get(key, "");
     }
     // Written only if it changes: a route that goes to a second server is in use at the first one.
-    std::string rebuilt = "/" + slate::join(segments, "/", [](const Segment& segment) { return segment.text; });
+    std::string rebuilt =
+        "/" + slate::join(segments, "/", [](const Segment& segment) { return segment.text; });
     if (rebuilt != pattern)
         pattern = std::move(rebuilt);
 }

@@ -58,6 +58,15 @@ std::shared_ptr<Server> make_server(const std::shared_ptr<const slate::Dictionar
                                     const std::shared_ptr<const slate::Uri>& pub,
                                     const std::shared_ptr<MessageFactory>& factory);
 
+/// The same with `workers` threads that run handlers of different routes side by side; still one at a time
+/// for each route. One worker, or a server without endpoints, is the form above. None: a warning, and null
+/// with an error in the log, unless there are no endpoints.
+std::shared_ptr<Server> make_server(unsigned long workers,
+                                    const std::shared_ptr<const slate::Dictionary>& settings,
+                                    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                                    const std::shared_ptr<const slate::Uri>& pub,
+                                    const std::shared_ptr<MessageFactory>& factory);
+
 /// A server without endpoints, which only hears the changes that the relay at `pub` puts out.
 std::shared_ptr<Server> make_subscriber(const std::shared_ptr<const slate::Dictionary>& settings,
                                         const std::shared_ptr<const slate::Uri>& pub,

@@ -115,6 +115,22 @@ std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& ur
     return keep(make_server(settings_, uris, pub, make_message_factory()));
 }
 
+std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const Endpoint& url)
+{
+    return add_server(workers, std::vector{url});
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const std::vector<Endpoint>& uris)
+{
+    return add_server(workers, uris, relay_pub_if_set());
+}
+
+std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const std::vector<Endpoint>& uris,
+                                                 const Endpoint& pub)
+{
+    return keep(make_server(workers, settings_, uris, pub, make_message_factory()));
+}
+
 std::shared_ptr<Server> ZmqSubsystem::add_subscriber()
 {
     return add_subscriber(relay_pub_sock(settings_));

@@ -64,6 +64,14 @@ public:
     std::shared_ptr<Server> add_server(const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                                        const std::shared_ptr<const slate::Uri>& pub);
 
+    /// The same with `workers` threads.
+    std::shared_ptr<Server> add_server(unsigned long workers, const std::shared_ptr<const slate::Uri>& url);
+    std::shared_ptr<Server> add_server(unsigned long workers,
+                                       const std::vector<std::shared_ptr<const slate::Uri>>& uris);
+    std::shared_ptr<Server> add_server(unsigned long workers,
+                                       const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                                       const std::shared_ptr<const slate::Uri>& pub);
+
     /// A server without endpoints, which only hears published changes. Without `url`, those of the relay at
     /// the setting "relay_pub"; throws Exception if there is none.
     std::shared_ptr<Server> add_subscriber();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/controlled_thread.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <utility>
@@ -9,12 +10,15 @@
 
 #include "slate/log.h"
 #include "slate/uri.h"
+#include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 
 namespace tarn_internal {
 namespace {
-/// How long a thread may take to hear "TERMINATE" before it is said again.
-constexpr std::chrono::milliseconds patience{20};
+/// How long a thread may take to hear "TERMINATE" before it is said again: briefly at first, for one that has only
+/// just started, and then at leisure, for one that is busy.
+constexpr std::chrono::milliseconds first_patience{1};
+constexpr std::chrono::milliseconds longest_patience{20};
 
 /// Blocks the signals that are sent to a process for this thread and those that it starts; faults stay.
 class SignalsBlocked {
@@ -94,6 +98,7 @@ void ControlledThread::stop()
 {
     if (!thread_.joinable())
         return;
+    auto patience = first_patience;
     do {
         try {
             (void)send(terminate);
@@ -101,6 +106,7 @@ void ControlledThread::stop()
         catch (const zmq::error_t& error) {
             slate::log_error(SLATE_HERE, "cannot stop thread: ", error.what());
         }
+        patience = std::min(patience * 2, longest_patience);
     } while (ended_.wait_for(patience) != std::future_status::ready);
     thread_.join();
 }
@@ -118,6 +124,18 @@ bool connect_control(zmq::socket_t& socket, const slate::Uri& endpoint,
                          error.what());
         return false;
     }
+}
+
+Command receive_command(zmq::socket_t& socket, const std::shared_ptr<slate::Provider>& provider)
+{
+    zmq::message_t frame;
+    if (!receive_frame(socket, frame))
+        slate::log_debug(provider, SLATE_HERE, "control socket recv; no data");
+
+    const std::string_view text = frame.to_string_view();
+    if (text == update_subscriptions)
+        return Command::UpdateSubscriptions;
+    return text == worker_listening ? Command::WorkerListening : Command::Terminate;
 }
 
 bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait)

@@ -21,10 +21,13 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
-// What is said over a control channel. A thread ends at any text that it doesn't know.
+// What is said over a control channel.
 inline constexpr const char* worker_listening = "worker-listening";
 inline constexpr const char* update_subscriptions = "update-subscriptions";
 inline constexpr const char* terminate = "TERMINATE";
+
+/// What a thread makes of it. Any other text ends the thread too.
+enum class Command { Terminate, UpdateSubscriptions, WorkerListening };
 
 /// Tells one thread that another is ready. Any thread.
 class ReadyFlag {
@@ -79,6 +82,9 @@ private:
 /// the log, if it can't.
 bool connect_control(zmq::socket_t& socket, const slate::Uri& endpoint,
                      const std::shared_ptr<slate::Provider>& provider);
+
+/// Takes one text off the thread's end of a control channel.
+Command receive_command(zmq::socket_t& socket, const std::shared_ptr<slate::Provider>& provider);
 
 /// Says "worker-listening" over and over until the thread has heard it: what a ZMQ_PUB socket sends before
 /// the subscription has arrived is lost. False if it was not heard in 25.5 s.

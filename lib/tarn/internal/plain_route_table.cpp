@@ -6,17 +6,8 @@
 
 #include "slate/log.h"
 #include "slate/provider.h"
-#include "tarn/internal/utils/parse.h"
 
 namespace tarn_internal {
-void apply_change(Route& route, Context& context)
-{
-    if (context.request.message->has_put())
-        route.put(context);
-    else if (context.request.message->has_del())
-        route.del(context);
-}
-
 PlainRouteTable::PlainRouteTable(std::shared_ptr<const slate::Dictionary> settings,
                                  std::shared_ptr<slate::Provider> provider, std::function<void()> on_change)
     : settings_(std::move(settings)),
@@ -58,10 +49,8 @@ std::set<std::string> PlainRouteTable::topics() const
 {
     std::set<std::string> topics;
     const std::lock_guard lock(mutex_);
-    for (const auto& route : routes_) {
-        for (const RoutePattern& pattern : route->patterns)
-            topics.insert(to_topic(pattern.pattern));
-    }
+    for (const auto& route : routes_)
+        add_topics(*route, topics);
     return topics;
 }
 

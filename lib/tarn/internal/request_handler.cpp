@@ -17,7 +17,8 @@ bool is_request(const Message& message)
 }
 } // namespace
 
-RequestHandler::RequestHandler(std::shared_ptr<MessageFactory> factory,
+RequestHandler::RequestHandler(std::shared_ptr<const slate::Dictionary> settings,
+                               std::shared_ptr<MessageFactory> factory,
                                std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
                                RouteTable& routes, RemoteCalls& calls)
     : factory_(std::move(factory)),
@@ -25,7 +26,8 @@ RequestHandler::RequestHandler(std::shared_ptr<MessageFactory> factory,
       counters_(counters),
       routes_(routes),
       calls_(calls),
-      pid_(factory_->finder()->my_pid())
+      pid_(factory_->finder()->my_pid()),
+      transfers_(std::move(settings), provider_, counters_.err)
 {
 }
 
@@ -45,6 +47,7 @@ void RequestHandler::handle_request_reply(zmq::socket_t& socket)
         throw;
     }
     send(socket, context, debug);
+    transfers_.clean();
 }
 
 /// The message, or null if there is none that parses.
@@ -139,13 +142,15 @@ void RequestHandler::dispatch(Context& context, Route& route)
 void RequestHandler::handle_put(Context& context, Route& route)
 {
     check(route.accepts_put, context, route, "PUT");
-    route.put(context);
+    transfers_.handle_write(context, route, TransferFile::InTemporaryFolder, [&] { route.put(context); });
 }
 
 void RequestHandler::handle_post(Context& context, Route& route)
 {
     check(route.accepts_post, context, route, "POST");
-    route.post(context);
+    // Intended: the file of a post lies beside the system's folder for temporary files, and not in it.
+    transfers_.handle_write(context, route, TransferFile::BesideTemporaryFolder,
+                            [&] { route.post(context); });
 }
 
 /// Refuses a verb that the route doesn't take; otherwise presets the reply, for handlers that write nothing.

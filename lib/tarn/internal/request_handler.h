@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "tarn/internal/chunked_transfer.h"
 #include "tarn/internal/remote_calls.h"
 #include "tarn/internal/route_table.h"
 #include "tarn/internal/server_counters.h"
@@ -19,11 +20,13 @@ namespace tarn_internal {
 class RequestHandler {
 public:
     /// `routes`, `calls` and `counters` must outlive the handler; the counters need "rx" and "tx".
-    RequestHandler(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-                   const ServerCounters& counters, RouteTable& routes, RemoteCalls& calls);
+    RequestHandler(std::shared_ptr<const slate::Dictionary> settings, std::shared_ptr<MessageFactory> factory,
+                   std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
+                   RouteTable& routes, RemoteCalls& calls);
 
-    /// Takes one request off a ZMQ_REP socket that has one, and answers it, whatever it is. Only zmq::error_t
-    /// from sending, and what the message factory throws, get out.
+    /// Takes one request off a ZMQ_REP socket that has one, answers it, whatever it is, and then looks after
+    /// the chunked transfers: an idle server never expires any. Only zmq::error_t from sending, and what the
+    /// message factory throws, get out.
     void handle_request_reply(zmq::socket_t& socket);
 
 private:
@@ -43,5 +46,6 @@ private:
     RouteTable& routes_;
     RemoteCalls& calls_;
     const int pid_;
+    ChunkedTransfers transfers_;
 };
 } // namespace tarn_internal

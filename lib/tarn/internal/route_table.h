@@ -29,4 +29,7 @@ public:
 
 /// Calls put() or del() for a published change; nothing for any other message.
 void apply_change(Route& route, Context& context);
+
+/// Adds the topics of a route's patterns.
+void add_topics(const Route& route, std::set<std::string>& topics);
 } // namespace tarn_internal

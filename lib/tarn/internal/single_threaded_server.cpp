@@ -10,18 +10,11 @@
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/utils/receive.h"
+#include "tarn/internal/server_loop.h"
 #include "tarn/internal/utils/socket_ops.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn_internal {
-namespace {
-std::shared_ptr<const slate::Dictionary> or_empty(std::shared_ptr<const slate::Dictionary> settings)
-{
-    return settings ? std::move(settings) : slate::make_dictionary();
-}
-} // namespace
-
 struct SingleThreadedServer::Sockets {
     explicit Sockets(zmq::context_t& context)
         : wake_up(context, zmq::socket_type::sub),
@@ -43,11 +36,12 @@ SingleThreadedServer::SingleThreadedServer(int id, std::shared_ptr<zmq::context_
     : context_(std::move(context)),
       uris_(std::move(uris)),
       pubsub_uri_(std::move(pubsub_uri)),
+      settings_(settings ? std::move(settings) : slate::make_dictionary()),
       provider_("zmq.server", id),
       counters_(*provider_, !uris_.empty()),
-      routes_(or_empty(std::move(settings)), provider_, [this] { notify_listener(); }),
+      routes_(settings_, provider_, [this] { notify_listener(); }),
       remote_calls_(RemoteCalls::Lock::HeldDuringCall, provider_),
-      requests_(factory, provider_, counters_, routes_, remote_calls_),
+      requests_(settings_, factory, provider_, counters_, routes_, remote_calls_),
       subscriber_(factory, provider_, counters_, routes_),
       listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
 {
@@ -132,16 +126,7 @@ void SingleThreadedServer::serve(Sockets& sockets)
     // From 1 ms to 10 s, which is beyond any client's patience.
     handle_ms_ = provider_->add_statistic("handle_ms", 1, 10000, 100, "", 1.0);
 
-    bool running = true;
-    while (running) {
-        try {
-            running = serve_once(sockets);
-        }
-        catch (const std::exception& error) {
-            slate::log_error(provider_, SLATE_HERE, error.what());
-            counters_.err->increment();
-        }
-    }
+    run_passes(provider_, *counters_.err, [&] { return serve_once(sockets); });
 }
 
 /// One pass: at most one message of each socket. False at the end.
@@ -173,21 +158,18 @@ bool SingleThreadedServer::serve_once(Sockets& sockets)
     return true;
 }
 
-/// False for any text that isn't known, which ends the thread.
+/// False at the end.
 bool SingleThreadedServer::handle_wake_up(Sockets& sockets)
 {
-    zmq::message_t frame;
-    if (!receive_frame(sockets.wake_up, frame))
-        slate::log_debug(provider_, SLATE_HERE, "control socket recv; no data");
-
-    const std::string_view text = frame.to_string_view();
-    if (text == update_subscriptions) {
+    switch (receive_command(sockets.wake_up, provider_)) {
+    case Command::UpdateSubscriptions:
         subscriber_.handle_subscription_change(sockets.pubsub);
         return true;
-    }
-    if (text == worker_listening) {
+    case Command::WorkerListening:
         listening_.set();
         return true;
+    case Command::Terminate:
+        break;
     }
     return false;
 }

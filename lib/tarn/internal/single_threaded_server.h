@@ -54,6 +54,7 @@ private:
     const std::shared_ptr<zmq::context_t> context_;
     const std::vector<std::shared_ptr<const slate::Uri>> uris_;
     const std::shared_ptr<const slate::Uri> pubsub_uri_;
+    const std::shared_ptr<const slate::Dictionary> settings_;
     const OwnedProvider provider_;
     const ServerCounters counters_;
     ReadyFlag listening_;

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/chunked_transfer.h"
+
+#include <utility>
+
+#include "slate/dictionary.h"
+#include "slate/provider.h"
+#include "tarn/internal/defaults.h"
+
+namespace tarn_internal {
+ChunkedTransfers::ChunkedTransfers(std::shared_ptr<const slate::Dictionary> settings,
+                                   std::shared_ptr<slate::Provider> provider,
+                                   std::shared_ptr<slate::Counter> err)
+    : settings_(std::move(settings)),
+      provider_(std::move(provider)),
+      err_(std::move(err)),
+      sessions_(slate::make_clock_factory()->make_clock())
+{
+}
+
+void ChunkedTransfers::handle_write(Context& context, const Route& route, TransferFile place,
+                                    const std::function<void()>& handler)
+{
+    const std::string id = route.supports_chunked_transfer()
+                               ? std::string()
+                               : context.request.header(chunk_header::transfer, "");
+    if (id.empty()) {
+        handler();
+        return;
+    }
+    try {
+        handle_chunk(context, id, place, handler);
+    }
+    catch (...) {
+        sessions_.remove(id);
+        throw;
+    }
+}
+
+void ChunkedTransfers::clean()
+{
+    sessions_.clean(provider_);
+}
+
+void ChunkedTransfers::handle_chunk(Context& context, const std::string& id, TransferFile place,
+                                    const std::function<void()>& handler)
+{
+    const slate::Duration expires = expiry();
+    const auto chunk = context.request.chunk_number();
+    const bool begins = context.request.has_header(chunk_header::begin) || chunk == 0u;
+    const auto entry = find_or_begin(id, begins, expires, place);
+    {
+        const std::lock_guard lock(entry->mutex);
+        entry->session.append(context.request.data(), chunk);
+    }
+    sessions_.set_expiry(*entry, expires); // every chunk extends the session's life
+
+    if (!context.request.data().empty())
+        return;
+    complete(context, *entry);
+    handler();
+    sessions_.remove(id);
+}
+
+ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::string& id, bool begins,
+                                                                   const slate::Duration& expires,
+                                                                   TransferFile place)
+{
+    const auto present = sessions_.find(id);
+    if (!begins) {
+        if (!present) {
+            err_->increment();
+            throw MessageException(Status::Conflict,
+                                   slate::trace_error(SLATE_HERE, "transfer interrupted try again"));
+        }
+        return present;
+    }
+    if (present)
+        throw MessageException(Status::Conflict,
+                               slate::trace_error(SLATE_HERE, "transfer already in progress"));
+
+    const auto begun = place == TransferFile::InTemporaryFolder
+                           ? sessions_.add(id, expires)
+                           : sessions_.add(id, expires, std::filesystem::temp_directory_path());
+    slate::log_extreme(provider_, SLATE_HERE, "begin: ", to_string(begun->session));
+    return begun;
+}
+
+/// Makes the last chunk the whole request: its body, and no trace of the transfer.
+void ChunkedTransfers::complete(Context& context, Sessions::Entry& entry)
+{
+    const std::lock_guard lock(entry.mutex);
+    slate::log_extreme(provider_, SLATE_HERE, "end: ", to_string(entry.session));
+
+    Body* body = context.request.mutable_body();
+    entry.session.buffer.read(is_binary_format(context.request.format()) ? body->mutable_bin()
+                                                                         : body->mutable_txt());
+    for (const char* header : {chunk_header::transfer, chunk_header::number}) {
+        context.params->remove(header);
+        context.request.clr_header(header);
+    }
+}
+
+slate::Duration ChunkedTransfers::expiry() const
+{
+    slate::Duration expires = sessions_.now();
+    if (settings_->has(tarn::session_ttl()))
+        expires +=
+            slate::Duration::from(settings_->get(tarn::session_ttl(), ""), tarn::default_session_ttl());
+    else
+        expires += tarn::default_session_ttl();
+    return expires;
+}
+} // namespace tarn_internal

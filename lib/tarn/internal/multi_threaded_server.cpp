@@ -1,0 +1,294 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/multi_threaded_server.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <zmq.hpp>
+
+#include "slate/dictionary.h"
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "tarn/internal/bind_endpoints.h"
+#include "tarn/internal/proxy.h"
+#include "tarn/internal/server_loop.h"
+#include "tarn/internal/utils/socket_ops.h"
+#include "tarn/zmq_subsystem.h"
+
+namespace tarn_internal {
+namespace {
+std::shared_ptr<const slate::Uri> inproc(const std::string& kind, const slate::Uuid& uuid)
+{
+    return slate::make_uri("inproc://" + kind + "/" + uuid.to_string());
+}
+} // namespace
+
+/// The workers as the router thread sees them: it waits until each has connected or given up, and joins them.
+class MultiThreadedServer::Workers {
+public:
+    void start(std::function<void()> body) { threads_.emplace_back(std::move(body)); }
+
+    void report(bool connected)
+    {
+        const std::lock_guard lock(mutex_);
+        ++(connected ? connected_ : failed_);
+        changed_.notify_all();
+    }
+
+    /// How many have connected, once all have reported.
+    std::size_t wait_for_all()
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return connected_ + failed_ == threads_.size(); });
+        return connected_;
+    }
+
+    void join()
+    {
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+
+private:
+    std::vector<std::thread> threads_;
+    std::mutex mutex_; // guards the two numbers
+    std::condition_variable changed_;
+    std::size_t connected_ = 0;
+    std::size_t failed_ = 0;
+};
+
+MultiThreadedServer::MultiThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
+                                         std::shared_ptr<const slate::Dictionary> settings,
+                                         std::vector<std::shared_ptr<const slate::Uri>> uris,
+                                         std::shared_ptr<MessageFactory> factory,
+                                         std::shared_ptr<const slate::Uri> pubsub_uri, unsigned long workers)
+    : context_(std::move(context)),
+      worker_count_(workers),
+      uuid_(slate::make_uuid()),
+      settings_(settings ? std::move(settings) : slate::make_dictionary()),
+      uris_(std::move(uris)),
+      pubsub_uri_(std::move(pubsub_uri)),
+      dealer_uri_(inproc("dealer", uuid_)),
+      provider_("zmq.server", id),
+      counters_(*provider_, !uris_.empty()),
+      routes_(
+          uris_, settings_, provider_, [this] { notify_subscriber(); }, [this] { notify_subscriber(); }),
+      remote_calls_(RemoteCalls::Lock::ReleasedBeforeCall, provider_),
+      requests_(settings_, factory, provider_, counters_, routes_, remote_calls_),
+      subscriber_(factory, provider_, counters_, routes_),
+      router_(context_, inproc("reqrep", uuid_))
+{
+    start();
+}
+
+MultiThreadedServer::~MultiThreadedServer()
+{
+    stop();
+}
+
+void MultiThreadedServer::suppress_add_remote_call_warning()
+{
+    remote_calls_.suppress_warning();
+}
+
+bool MultiThreadedServer::add(const std::shared_ptr<Route>& route)
+{
+    return routes_.add(route);
+}
+
+void MultiThreadedServer::add(unsigned int number, const std::function<void(Message&)>& function)
+{
+    remote_calls_.add(number, function);
+}
+
+void MultiThreadedServer::del(const std::string& name)
+{
+    routes_.del(name);
+}
+
+void MultiThreadedServer::del(unsigned int number)
+{
+    remote_calls_.del(number);
+}
+
+void MultiThreadedServer::clear()
+{
+    routes_.clear();
+    remote_calls_.clear();
+}
+
+void MultiThreadedServer::stop()
+{
+    router_.stop();
+    if (pubsub_)
+        pubsub_->stop();
+    for (const auto& uri : uris_)
+        (void)tarn::try_cleanup_socket_file(uri);
+    pubsub_listening_.reset();
+    router_listening_.reset();
+}
+
+void MultiThreadedServer::start()
+{
+    router_.start([this] { listen_router(); });
+    if (pubsub_uri_) {
+        pubsub_ = std::make_unique<ControlledThread>(context_, inproc("sub", uuid_));
+        pubsub_->start([this] { listen_pubsub(); });
+    }
+    const auto say = [this] {
+        if (pubsub_)
+            (void)pubsub_->send(worker_listening);
+    };
+    const auto wait = [this](const slate::Duration& time) {
+        return router_listening_.wait(time) && (!pubsub_ || pubsub_listening_.wait(time));
+    };
+    if (!wait_until_listening(say, wait))
+        slate::log_error(provider_, SLATE_HERE, "worker thread failed to start in expected timeframe");
+}
+
+/// Called with the lock of the routes held, which keeps the channel to one thread at a time.
+void MultiThreadedServer::notify_subscriber()
+{
+    if (!pubsub_)
+        return;
+    slate::log_debug(provider_, SLATE_HERE, "try to reload subscriptions");
+    (void)pubsub_->send(update_subscriptions);
+}
+
+void MultiThreadedServer::listen_router()
+{
+    slate::log_debug(provider_, SLATE_HERE, "router thread entry");
+    zmq::socket_t control(*context_, zmq::socket_type::sub);
+    zmq::socket_t front(*context_, zmq::socket_type::router);
+    zmq::socket_t back(*context_, zmq::socket_type::dealer);
+    const auto bind_dealer = [&] {
+        try {
+            back.bind(dealer_uri_->to_string());
+            return true;
+        }
+        catch (const zmq::error_t& error) {
+            slate::log_error(provider_, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
+            return false;
+        }
+    };
+
+    if (connect_control(control, router_.endpoint(), provider_) && bind_endpoints(front, uris_, provider_) &&
+        bind_dealer()) {
+        Workers workers;
+        start_workers(workers);
+        if (workers.wait_for_all() > 0) {
+            router_listening_.set();
+            run_proxy(front, back, control, "request router", provider_);
+        }
+        workers.join();
+    }
+    slate::log_debug(provider_, SLATE_HERE, "router thread exit");
+}
+
+/// As many as there may be: a system that is short of threads gets a server with fewer.
+void MultiThreadedServer::start_workers(Workers& workers)
+{
+    try {
+        for (unsigned long i = 0; i < worker_count_; ++i)
+            workers.start([&] { worker_entry(workers); });
+    }
+    catch (const std::system_error& error) {
+        slate::log_error(provider_, SLATE_HERE, "cannot start all workers: ", error.what());
+    }
+}
+
+void MultiThreadedServer::worker_entry(Workers& workers)
+{
+    slate::log_debug(provider_, SLATE_HERE, "worker thread entry");
+    bool connected = false;
+    try {
+        zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
+        zmq::socket_t requests(*context_, zmq::socket_type::rep);
+        connected = connect_control(wake_up, router_.endpoint(), provider_);
+        if (connected) {
+            requests.connect(dealer_uri_->to_string());
+            workers.report(true);
+            serve(wake_up, requests);
+        }
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, "Failed to connect dealer socket: ", error.what());
+        connected = false;
+    }
+    if (!connected)
+        workers.report(false);
+    slate::log_debug(provider_, SLATE_HERE, "worker thread exit");
+}
+
+void MultiThreadedServer::serve(zmq::socket_t& wake_up, zmq::socket_t& requests)
+{
+    run_passes(provider_, *counters_.err, [&] {
+        zmq::pollitem_t items[] = {{wake_up.handle(), 0, ZMQ_POLLIN, 0},
+                                   {requests.handle(), 0, ZMQ_POLLIN, 0}};
+        zmq::poll(items, 2, std::chrono::milliseconds(-1));
+        if (items[0].revents & ZMQ_POLLIN) // whatever it says
+            return false;
+        if (items[1].revents & ZMQ_POLLIN)
+            requests_.handle_request_reply(requests);
+        return true;
+    });
+}
+
+void MultiThreadedServer::listen_pubsub()
+{
+    slate::log_debug(provider_, SLATE_HERE, "pub/sub thread entry");
+    zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
+    zmq::socket_t pubsub(*context_, zmq::socket_type::sub);
+    if (connect_control(wake_up, pubsub_->endpoint(), provider_) &&
+        subscriber_.init_publish_subscribe(pubsub, *pubsub_uri_)) {
+        run_passes(provider_, *counters_.err, [&] {
+            zmq::pollitem_t items[] = {{wake_up.handle(), 0, ZMQ_POLLIN, 0},
+                                       {pubsub.handle(), 0, ZMQ_POLLIN, 0}};
+            zmq::poll(items, 2, std::chrono::milliseconds(-1));
+            if ((items[0].revents & ZMQ_POLLIN) && !handle_wake_up(wake_up, pubsub))
+                return false;
+            if (items[1].revents & ZMQ_POLLIN)
+                subscriber_.handle_publish_subscribe(pubsub);
+            return true;
+        });
+    }
+    slate::log_debug(provider_, SLATE_HERE, "pub/sub thread exit");
+}
+
+bool MultiThreadedServer::handle_wake_up(zmq::socket_t& wake_up, zmq::socket_t& pubsub)
+{
+    switch (receive_command(wake_up, provider_)) {
+    case Command::UpdateSubscriptions:
+        subscriber_.handle_subscription_change(pubsub);
+        return true;
+    case Command::WorkerListening:
+        pubsub_listening_.set();
+        return true;
+    case Command::Terminate:
+        break;
+    }
+    return false;
+}
+
+std::shared_ptr<Server> make_multi_threaded_server(int id, unsigned long workers,
+                                                   const std::shared_ptr<const slate::Dictionary>& settings,
+                                                   const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                                                   const std::shared_ptr<const slate::Uri>& pubsub_uri,
+                                                   const std::shared_ptr<MessageFactory>& factory)
+{
+    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
+    if (!subsystem) {
+        slate::log_error(SLATE_HERE, "cannot make_server, tarn not / no longer initialized");
+        return nullptr;
+    }
+    if (workers < 2) {
+        slate::log_error(SLATE_HERE, "cannot make_server, invalid number of workers specified");
+        return nullptr;
+    }
+    return std::make_shared<MultiThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri,
+                                                 workers);
+}
+} // namespace tarn_internal

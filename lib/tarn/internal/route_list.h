@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "tarn/internal/route_table.h"
+#include "tarn/routes/index_route.h"
+
+namespace slate {
+class Uri;
+}
+
+namespace tarn_internal {
+/// The routes of a server with many threads: lookups run side by side, and so do the handlers of different
+/// routes, while the handlers of one route run one at a time.
+///
+/// Locks: `lock` over the list, then a route's mutex. While a handler runs, only its route's mutex is held,
+/// so it may add, delete and clear routes, its own included. What is locked while the list changes is the
+/// index route's own entry, wherever it stands, as the index reads what changes; it changes no routes itself.
+class RouteList : public RouteTable {
+public:
+    /// `on_add` and `on_del` are called at the end of add and del, with the locks held; they must not call
+    /// back.
+    RouteList(const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+              std::shared_ptr<const slate::Dictionary> settings, std::shared_ptr<slate::Provider> provider,
+              const std::function<void()>& on_add, const std::function<void()>& on_del);
+
+    /// An empty `handler` throws std::bad_function_call, if a route accepts.
+    void invoke(Context& context, const Handler& handler) override;
+    /// All handlers see the parameters of the last route that accepted.
+    bool invoke(Context& context) override;
+    std::set<std::string> topics() const override;
+
+    /// False, with an error in the log, for a name that is taken and for null.
+    bool add(const std::shared_ptr<Route>& route);
+    void del(const std::string& name);
+    /// Calls neither `on_add` nor `on_del`.
+    void clear();
+
+    /// Takes no lock: must not run beside add, del or clear.
+    std::vector<std::shared_ptr<const Route>> routes() const;
+
+private:
+    struct LockableRoute {
+        explicit LockableRoute(std::shared_ptr<Route> shared) : route(std::move(shared)) {}
+
+        const std::shared_ptr<Route> route;
+        std::mutex mutex; // held while a handler of this route runs
+    };
+    // Shared, so that an entry outlives its removal while its handler runs.
+    using Entry = std::shared_ptr<LockableRoute>;
+
+    void update_index(const std::function<void()>& then);
+
+    mutable std::shared_mutex lock_; // guards routes_
+    const std::vector<std::shared_ptr<const slate::Uri>> uris_;
+    const std::shared_ptr<const slate::Dictionary> settings_;
+    const std::shared_ptr<slate::Provider> provider_;
+    const std::function<void()> on_add_;
+    const std::function<void()> on_del_;
+    const std::shared_ptr<IndexRoute> index_route_;
+    std::vector<Entry> routes_;
+};
+} // namespace tarn_internal

@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <iterator>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "slate/clock.h"
+#include "slate/duration.h"
+#include "slate/log.h"
+
+namespace slate {
+class Provider;
+}
+
+namespace tarn_internal {
+/// The name of a temporary file; nothing is created. The file is hidden, and its name ends in a UUID.
+struct TemporaryPath {
+    /// In the system's folder for temporary files.
+    TemporaryPath();
+    /// Beside `destination`, and named after it. Throws Exception if that is a relative path or a hidden
+    /// file.
+    explicit TemporaryPath(const std::filesystem::path& destination);
+
+    std::string prefix;
+    std::filesystem::path path;
+};
+
+/// The data of one transfer: in memory at first, and beyond max_data_in_memory in a temporary file, which
+/// goes with the buffer.
+struct TransferBuffer {
+    static constexpr std::size_t max_data_in_memory = 10485760;
+
+    explicit TransferBuffer(TemporaryPath temporary_path);
+    ~TransferBuffer();
+    TransferBuffer(const TransferBuffer&) = delete;
+    TransferBuffer& operator=(const TransferBuffer&) = delete;
+
+    /// Appends `data` to the file and empties it. Throws Exception if the file can't be opened or written.
+    void flush() const;
+    /// Hands all data over: what never was in a file, without a copy.
+    void read(std::string* out) const;
+
+    /// Reserved in full at first, which costs address space only: memory that was never written isn't there.
+    mutable std::string data;
+    TemporaryPath path;
+    /// Leaves the file when the buffer goes.
+    bool keep_file = false;
+};
+
+/// One upload in progress.
+struct WriteSession {
+    WriteSession(std::string transfer_id, slate::Duration expiry, TemporaryPath path);
+
+    /// Adds a chunk. One that was sent twice is ignored. Throws MessageException, status 400, for a number
+    /// that is too far ahead.
+    void append(const std::string& data, std::optional<std::uint32_t> chunk);
+
+    std::string id;
+    /// On the clock of its server.
+    slate::Duration expires;
+    TransferBuffer buffer;
+    std::uint32_t next_chunk = 0;
+};
+
+std::string to_string(const WriteSession& session);
+
+/// The transfers of one server, the oldest first.
+///
+/// Threads: any. A session that one thread works on outlives its removal by another; whoever changes one
+/// holds the mutex of its entry. No lock of the list is held while a file is written or removed.
+template <class Session>
+class SessionList {
+public:
+    static constexpr std::size_t max_sessions = 10;
+
+    struct Entry {
+        template <class... Args>
+        explicit Entry(Args&&... args) : session(std::forward<Args>(args)...)
+        {
+        }
+
+        std::mutex
+            mutex; // guards session, but for its id, which is constant, and its expiry, which the list guards
+        Session session;
+    };
+    using Handle = std::shared_ptr<Entry>;
+
+    explicit SessionList(std::shared_ptr<slate::Clock> clock) : clock_(std::move(clock)) {}
+
+    /// The first session of that id, or null.
+    Handle find(const std::string& id) const
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = position_of(id);
+        return found == sessions_.end() ? nullptr : *found;
+    }
+
+    /// Adds a session whose file lies in the system's folder for temporary files, or beside `destination`.
+    Handle add(std::string id, slate::Duration expires)
+    {
+        return add(std::make_shared<Entry>(std::move(id), expires, TemporaryPath()));
+    }
+    Handle add(std::string id, slate::Duration expires, const std::filesystem::path& destination)
+    {
+        return add(std::make_shared<Entry>(std::move(id), expires, TemporaryPath(destination)));
+    }
+
+    void set_expiry(Entry& entry, const slate::Duration& expires)
+    {
+        const std::lock_guard lock(mutex_);
+        entry.session.expires = expires;
+    }
+
+    /// Removes the first session of that id, if there is one.
+    void remove(const std::string& id)
+    {
+        Handle removed; // outlives the lock
+        const std::lock_guard lock(mutex_);
+        const auto found = position_of(id);
+        if (found == sessions_.end())
+            return;
+        removed = *found;
+        slate::log_debug(SLATE_HERE, "remove: ", to_string(removed->session));
+        sessions_.erase(found);
+    }
+
+    /// Discards the oldest sessions beyond max_sessions, and then those whose time has passed.
+    void clean(const std::shared_ptr<slate::Provider>& provider)
+    {
+        std::vector<Handle> removed; // outlives the lock
+        const std::lock_guard lock(mutex_);
+        if (sessions_.empty())
+            return;
+        while (sessions_.size() > max_sessions) {
+            slate::log_warn(provider, SLATE_HERE, "too many file transfer sessions; discarding oldest: ",
+                            sessions_.front()->session.id);
+            removed.push_back(sessions_.front());
+            sessions_.pop_front();
+        }
+        const slate::Duration time = now();
+        for (auto entry = sessions_.begin(); entry != sessions_.end();) {
+            if ((*entry)->session.expires < time) {
+                slate::log_warn(provider, SLATE_HERE,
+                                "removing expired file transfer session: ", (*entry)->session.id);
+                removed.push_back(*entry);
+                entry = sessions_.erase(entry);
+            }
+            else {
+                ++entry;
+            }
+        }
+    }
+
+    /// The time on the clock by which sessions expire.
+    slate::Duration now() const
+    {
+        return slate::clock_ticks_to_duration(clock_->ticks(), clock_->frequency());
+    }
+
+    std::size_t size() const
+    {
+        const std::lock_guard lock(mutex_);
+        return sessions_.size();
+    }
+
+private:
+    Handle add(Handle entry)
+    {
+        const std::lock_guard lock(mutex_);
+        slate::log_debug(SLATE_HERE, "add: ", to_string(entry->session));
+        sessions_.push_back(entry);
+        return entry;
+    }
+
+    auto position_of(const std::string& id) const
+    {
+        return std::find_if(sessions_.begin(), sessions_.end(),
+                            [&](const Handle& entry) { return entry->session.id == id; });
+    }
+
+    mutable std::mutex mutex_; // guards sessions_, and the expiry of each
+    std::list<Handle> sessions_;
+    const std::shared_ptr<slate::Clock> clock_;
+};
+} // namespace tarn_internal

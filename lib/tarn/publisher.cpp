@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/publisher.h"
+
+#include <atomic>
+#include <climits>
+#include <istream>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <zmq.hpp>
+
+#include "slate/file.h"
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "slate/uuid.h"
+#include "tarn/client.h"
+#include "tarn/internal/owned_provider.h"
+#include "tarn/internal/utils/parse.h"
+#include "tarn/proto/stats.pb.h"
+#include "tarn/zmq_subsystem.h"
+
+namespace tarn {
+namespace {
+using Headers = std::shared_ptr<slate::Dictionary>;
+using Endpoint = std::shared_ptr<const slate::Uri>;
+
+constexpr int linger_milliseconds = 250;
+
+/// 0, and then ms/1024 to ms/2, each twice the one before: eleven in all.
+std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
+{
+    std::vector<std::uint32_t> delays;
+    for (int i = 0; i < 10; ++i)
+        delays.insert(delays.begin(), milliseconds /= 2);
+    delays.insert(delays.begin(), 0);
+    return delays;
+}
+
+/// Why a message can't be published, or empty.
+std::string_view find_fault(const std::shared_ptr<Message>& message)
+{
+    if (!message)
+        return "Unable to put message, nullptr";
+    if (!message->has_put() && !message->has_del())
+        return "Unable to send message, not a put or del";
+
+    const std::string path = Request(message).path();
+    if (message->has_put()) {
+        if (path.empty())
+            return "Unable to put message, missing path";
+        return path.front() == '/' ? "" : "Unable to put message; path needs to start with '/'";
+    }
+    if (path.empty())
+        return "Unable to del message, missing path";
+    return path.front() == '/' ? "" : "Unable to del message; path needs to start with '/'";
+}
+
+class PublisherImpl : public Publisher {
+public:
+    /// Binds if there is no `client_uri`, else connects and proves the connection.
+    PublisherImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& uri,
+                  const slate::Duration& timeout, unsigned int retries, const Endpoint& client_uri,
+                  const std::shared_ptr<MessageFactory>& factory)
+        : context_(context),
+          timeout_(timeout),
+          factory_(factory),
+          uri_(uri),
+          uuid_(slate::make_uuid().to_string()),
+          provider_("zmq.publisher", instance++),
+          client_(client_uri ? make_client(client_uri, retries, factory) : nullptr),
+          err_(add_error_counter("err")),
+          tx_(provider_->add_counter("tx", slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative)),
+          connect_(provider_->add_counter("connect", slate::Rational<int>(0, 1), "",
+                                          slate::CounterPolicy::Cumulative)),
+          connect_error_(add_error_counter("connect_error")),
+          socket_(*context_, zmq::socket_type::pub)
+    {
+        if (client_)
+            socket_.connect(uri_->to_string());
+        else
+            socket_.bind(uri_->to_string());
+        socket_.set(zmq::sockopt::linger, linger_milliseconds);
+        if (client_)
+            ensure_connection();
+    }
+
+    Endpoint url() const override { return uri_; }
+
+    std::shared_ptr<Reply> put(const std::string_view& path, const std::string& body,
+                               const Headers& headers) override
+    {
+        return put(factory_->make_put(path, body, headers, default_timeout()));
+    }
+
+    std::shared_ptr<Reply> put(const std::string_view& path, std::istream& body,
+                               const Headers& headers) override
+    {
+        return put(factory_->make_put(path, slate::slurp(body), headers, default_timeout()));
+    }
+
+    std::shared_ptr<Reply> del(const std::string_view& path, const Headers& headers) override
+    {
+        return put(factory_->make_del(path, headers, default_timeout()));
+    }
+
+    std::shared_ptr<Reply> send(const Request& request) override { return put(request.message); }
+
+private:
+    std::shared_ptr<slate::Counter> add_error_counter(const std::string& name)
+    {
+        return provider_->add_error_counter(name, slate::Rational<int>(0, 1), "",
+                                            slate::CounterPolicy::Cumulative);
+    }
+
+    /// Checks and publishes a put or a delete.
+    std::shared_ptr<Reply> put(const std::shared_ptr<Message>& message)
+    {
+        if (const std::string_view fault = find_fault(message); !fault.empty()) {
+            slate::log_error(provider_, SLATE_HERE, fault);
+            return make_reply(Status::BadRequest);
+        }
+        auto reply = publish(*message);
+        if (reply->good())
+            tx_->increment();
+        return reply;
+    }
+
+    std::shared_ptr<Reply> publish(Message& message)
+    {
+        Head* head = tarn_internal::find_or_make_head(message);
+        head->mutable_from()->set_tag(uuid_);
+        if (!send_frames(tarn_internal::to_topic(head->path()), message)) {
+            slate::log_error(provider_, SLATE_HERE, "Failed to send the message");
+            err_->increment();
+            return make_reply(Status::RequestTimeout);
+        }
+        if (slate::is_logging_allowed(slate::ExtremeLevel))
+            slate::log_extreme(provider_, SLATE_HERE, "sent: ", to_string(message));
+        return make_reply(Status::Ok);
+    }
+
+    /// False if the socket takes no more, or the message can't be serialised.
+    bool send_frames(const std::string& topic, const Message& message)
+    {
+        // Before the topic goes out: a topic whose payload can't follow would be taken for half of the next
+        // message.
+        zmq::message_t payload(message.ByteSizeLong());
+        if (payload.size() > INT_MAX ||
+            !message.SerializeToArray(payload.data(), static_cast<int>(payload.size())))
+            return false;
+        zmq::message_t topic_frame(topic.data(), topic.size());
+
+        // One lock for both frames: another thread's frame between them would be taken for our message.
+        const std::lock_guard lock(mutex_);
+        return send_frame(topic_frame, ZMQ_SNDMORE) && send_frame(payload, 0);
+    }
+
+    bool send_frame(zmq::message_t& frame, int flags)
+    {
+        if (zmq_msg_send(frame.handle(), socket_.handle(), flags) >= 0)
+            return true;
+        if (zmq_errno() != EAGAIN)
+            throw zmq::error_t();
+        slate::log_error(provider_, SLATE_HERE, "dropped message", zmq_strerror(EAGAIN));
+        return false;
+    }
+
+    /// Publishes probes until the relay's statistics show them. Throws if they never do.
+    void ensure_connection()
+    {
+        unsigned int seen = 0;
+        for (const std::uint32_t delay :
+             handshake_delays(static_cast<std::uint32_t>(timeout_.to_milliseconds()))) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+            const auto probe = factory_->make_put("relay?format=text", "hi", nullptr, timeout_);
+            if (!probe)
+                continue;
+            (void)publish(*probe);
+            if (is_connected(seen)) {
+                connect_->increment();
+                return;
+            }
+        }
+        connect_error_->increment();
+        throw std::runtime_error(slate::trace_error(provider_, SLATE_HERE, "failed to connect to the relay"));
+    }
+
+    /// Whether the number that the relay shows for this publisher has moved.
+    bool is_connected(unsigned int& seen) const
+    {
+        const auto reply = client_->get("/relay/stats", nullptr, timeout_);
+        if (reply->bad())
+            return false;
+        const auto stats = reply->as<Stats>();
+        if (!stats)
+            return false;
+        for (const Stat& stat : stats->stat()) {
+            if (stat.id().tag() == uuid_) {
+                const unsigned int before =
+                    std::exchange(seen, static_cast<unsigned int>(stat.total_packets()));
+                return before != seen;
+            }
+        }
+        return false;
+    }
+
+    std::shared_ptr<Reply> make_reply(Status status) const
+    {
+        return std::make_shared<Reply>(factory_->make_response(status));
+    }
+
+    static std::atomic<int> instance;
+
+    std::mutex mutex_; // keeps the two frames of a message together on socket_
+    const std::shared_ptr<zmq::context_t> context_;
+    const slate::Duration timeout_;
+    const std::shared_ptr<MessageFactory> factory_;
+    const Endpoint uri_;
+    const std::string uuid_;
+    const tarn_internal::OwnedProvider provider_;
+    const std::shared_ptr<Client> client_; // null for a publisher that binds
+    const std::shared_ptr<slate::Counter> err_;
+    const std::shared_ptr<slate::Counter> tx_;
+    const std::shared_ptr<slate::Counter> connect_;
+    const std::shared_ptr<slate::Counter> connect_error_;
+    zmq::socket_t socket_;
+};
+
+std::atomic<int> PublisherImpl::instance{0};
+} // namespace
+
+std::shared_ptr<Publisher> make_publisher(const Endpoint& uri, const slate::Duration& timeout,
+                                          unsigned int retries, const Endpoint& client_uri,
+                                          const std::shared_ptr<MessageFactory>& factory)
+{
+    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
+    if (!subsystem) {
+        slate::log_error(SLATE_HERE, "cannot make_publisher, tarn not / no longer initialized");
+        return nullptr;
+    }
+    const auto settings = subsystem->settings();
+    const Endpoint pub = uri ? uri : relay_sub_sock(settings);
+    const Endpoint client = uri ? client_uri : relay_zmq_sock(settings);
+    return std::make_shared<PublisherImpl>(subsystem->ctx(), pub, timeout, retries, client, factory);
+}
+} // namespace tarn

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/relay_stats.h"
+
+#include <list>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "slate/clock.h"
+#include "tarn/proto/stats.pb.h"
+
+namespace tarn {
+namespace {
+// Senders come and go with new tags for ever, so something has to give.
+constexpr std::size_t max_senders = 1000;
+constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
+
+class RelayStatsRoute : public Route {
+public:
+    RelayStatsRoute() : Route("relay/stats", "get", {"/relay", "/relay/stats"}, Access::Public) {}
+
+    void get(Context& context) const override
+    {
+        if (context.request.path() != "/relay/stats")
+            throw MessageException(Status::NotFound, "");
+
+        const Stats stats = collect();
+        for (const Format format : context.request.formats()) {
+            if (format == Format::Json) {
+                context.reply.set_reply_json(stats);
+                return;
+            }
+            if (format == Format::Text) {
+                context.reply.set_reply_text(stats);
+                return;
+            }
+        }
+        context.reply.set_reply_proto(stats, Format::Proto);
+    }
+
+    /// A published message.
+    void put(Context& context) override { count(context.request.head().from()); }
+    void del(Context& context) override { count(context.request.head().from()); }
+
+private:
+    struct Sender {
+        Identity id;
+        std::int32_t packets = 0;
+        slate::Duration last_seen;
+    };
+
+    void count(const Identity& from)
+    {
+        if (from.tag().empty() || from.tag().size() > max_tag_bytes)
+            return;
+        const std::lock_guard lock(mutex_);
+        auto found = by_tag_.find(from.tag());
+        if (found == by_tag_.end()) {
+            senders_.push_front({from, 0, {}});
+            found = by_tag_.emplace(from.tag(), senders_.begin()).first;
+        }
+        else {
+            senders_.splice(senders_.begin(), senders_, found->second);
+        }
+        // The number is looked at for movement only, and it wraps rather than overflows.
+        found->second->packets =
+            static_cast<std::int32_t>(static_cast<std::uint32_t>(found->second->packets) + 1);
+        found->second->last_seen = now();
+        if (senders_.size() > max_senders) {
+            by_tag_.erase(senders_.back().id.tag());
+            senders_.pop_back();
+        }
+    }
+
+    Stats collect() const
+    {
+        Stats stats;
+        const std::lock_guard lock(mutex_);
+        for (const Sender& sender : senders_) {
+            Stat* stat = stats.add_stat();
+            *stat->mutable_id() = sender.id;
+            stat->set_total_packets(sender.packets);
+            stat->set_age((now() - sender.last_seen).to_string(0));
+        }
+        return stats;
+    }
+
+    slate::Duration now() const
+    {
+        return slate::clock_ticks_to_duration(clock_->ticks(), clock_->frequency());
+    }
+
+    const std::shared_ptr<slate::Clock> clock_ = slate::make_clock_factory()->make_clock();
+    mutable std::mutex mutex_;  // guards the two below: a route may be added to several servers
+    std::list<Sender> senders_; // the one heard last in front
+    std::unordered_map<std::string, std::list<Sender>::iterator> by_tag_;
+};
+} // namespace
+
+std::shared_ptr<Route> make_relay_stats_route()
+{
+    return std::make_shared<RelayStatsRoute>();
+}
+} // namespace tarn
