@@ -141,6 +141,14 @@ public:
         return *this;
     }
 
+    /// Manipulators such as std::endl.
+    Log& operator<<(std::ostream& (*manipulator)(std::ostream&))
+    {
+        if (stream_)
+            manipulator(stream_);
+        return *this;
+    }
+
 private:
     TraceLevel level_;
     const char* file_;

@@ -7,6 +7,35 @@
 
 namespace slate {
 namespace {
+/// The length of the UTF-8 sequence that a text begins with, by the table of well-formed sequences of the
+/// Unicode standard; 0 if it begins with none.
+std::size_t utf8_sequence(std::string_view text)
+{
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto continues = [&](std::size_t i, unsigned char low = 0x80, unsigned char high = 0xBF) {
+        return i < text.size() && byte(i) >= low && byte(i) <= high;
+    };
+
+    const unsigned char first = byte(0);
+    if (first < 0x80)
+        return 1;
+    if (first >= 0xC2 && first <= 0xDF)
+        return continues(1) ? 2 : 0;
+    if (first >= 0xE0 && first <= 0xEF) {
+        // No overlong forms, and no surrogates.
+        const unsigned char low = first == 0xE0 ? 0xA0 : 0x80;
+        const unsigned char high = first == 0xED ? 0x9F : 0xBF;
+        return continues(1, low, high) && continues(2) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        // No overlong forms, and nothing beyond U+10FFFF.
+        const unsigned char low = first == 0xF0 ? 0x90 : 0x80;
+        const unsigned char high = first == 0xF4 ? 0x8F : 0xBF;
+        return continues(1, low, high) && continues(2) && continues(3) ? 4 : 0;
+    }
+    return 0;
+}
+
 constexpr std::string_view blanks = " \t";
 
 // As many as a stream prints by default.
@@ -101,6 +130,29 @@ bool equals_ignoring_case(std::string_view a, std::string_view b)
 {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                       [](char x, char y) { return lower(x) == lower(y); });
+}
+
+bool is_utf8(std::string_view text)
+{
+    while (!text.empty()) {
+        const std::size_t size = utf8_sequence(text);
+        if (size == 0)
+            return false;
+        text.remove_prefix(size);
+    }
+    return true;
+}
+
+std::string to_utf8(std::string_view text)
+{
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const std::size_t size = utf8_sequence(text);
+        result += size == 0 ? std::string_view("\uFFFD") : text.substr(0, size);
+        text.remove_prefix(size == 0 ? 1 : size);
+    }
+    return result;
 }
 
 std::string trim_left(std::string_view text, std::string_view chars)

@@ -18,6 +18,11 @@ std::string to_upper(std::string_view text);
 /// Whether two texts are equal but for the case of ASCII letters.
 bool equals_ignoring_case(std::string_view a, std::string_view b);
 
+/// Whether a text is well-formed UTF-8.
+bool is_utf8(std::string_view text);
+/// The text, with U+FFFD in the place of each byte that doesn't belong to well-formed UTF-8.
+std::string to_utf8(std::string_view text);
+
 /// Removes the leading characters that are in `chars`.
 std::string trim_left(std::string_view text, std::string_view chars);
 /// Removes that text from the beginning or the end, once, if it is there.

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <cerrno>
+#include <clocale>
 #include <cmath>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <optional>
@@ -175,15 +177,16 @@ Format look_up(std::string_view text)
     return text == "none" || text == "empty" ? Format::Empty : Format::Unknown;
 }
 
-/// Reads a q-factor as std::stod does, text behind the number included, but whatever the locale.
-std::optional<double> parse_q_factor(std::string_view text)
+/// Reads a q-factor as std::stod does, text behind the number included, but whatever the process's locale.
+std::optional<double> parse_q_factor(const std::string& text)
 {
-    if (text.starts_with('+'))
-        text.remove_prefix(1);
-    double value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
+
+    char* end = nullptr;
+    errno = 0;
+    const double value = strtod_l(text.c_str(), &end, locale);
     // Not a number has no place in an order.
-    if (error != std::errc() || std::isnan(value))
+    if (end == text.c_str() || errno == ERANGE || std::isnan(value))
         return std::nullopt;
     return value;
 }

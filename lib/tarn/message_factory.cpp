@@ -9,7 +9,6 @@
 #include "tarn/exception.h"
 #include "tarn/formats.h"
 #include "tarn/internal/envelope.h"
-#include "tarn/internal/protobuf_log.h"
 #include "tarn/internal/utils/parse_recipient.h"
 
 namespace tarn {
@@ -67,7 +66,6 @@ public:
     explicit MessageFactoryImpl(const std::shared_ptr<PidFinder>& finder)
         : finder_(finder ? finder : make_pid_finder())
     {
-        redirect_protobuf_log();
     }
 
     std::shared_ptr<Message> make_head(std::string_view recipient, const Headers& headers,

@@ -2,8 +2,6 @@
 #include "tarn/route_pattern.h"
 
 #include <algorithm>
-#include <array>
-#include <memory_resource>
 #include <set>
 #include <utility>
 
@@ -42,25 +40,40 @@ private:
     std::string_view rest_;
 };
 
+bool byte_matches(char byte, char pattern)
+{
+    return pattern == '?' || byte == pattern;
+}
+
+/// Matches text with doubled slashes, which count as one, against a glob with its one "*": what stands before
+/// that from the front, and what stands behind it from the back. Joins nothing, as whoever sends odd paths
+/// shouldn't make a server allocate.
+bool glob_matches_doubled_slashes(std::string_view text, std::string_view glob)
+{
+    const auto star = glob.find('*');
+    for (const char pattern : glob.substr(0, star)) {
+        if (text.empty() || !byte_matches(text.front(), pattern))
+            return false;
+        const bool slash = text.front() == '/';
+        text.remove_prefix(slash ? std::min(text.find_first_not_of('/'), text.size()) : 1);
+    }
+    const std::string_view behind = glob.substr(star + 1);
+    for (auto pattern = behind.rbegin(); pattern != behind.rend(); ++pattern) {
+        if (text.empty() || !byte_matches(text.back(), *pattern))
+            return false;
+        const bool slash = text.back() == '/';
+        text.remove_suffix(slash ? text.size() - (text.find_last_not_of('/') + 1) : 1);
+    }
+    return true;
+}
+
 /// Whether a glob takes the rest of a path, whose empty pieces don't count.
 bool glob_matches(std::string_view rest, const std::string& glob)
 {
     while (rest.ends_with('/'))
         rest.remove_suffix(1);
-    if (rest.find("//") == std::string_view::npos)
-        return slate::wildcard_match(rest, glob);
-
-    // On the stack, as whoever sends odd paths shouldn't make a server allocate.
-    std::array<char, 4096> stack;
-    std::pmr::monotonic_buffer_resource memory(stack.data(), stack.size());
-    std::pmr::string joined(&memory);
-    joined.reserve(rest.size());
-    for (Pieces pieces(rest); !pieces.at_end(); pieces.advance()) {
-        if (!joined.empty())
-            joined += '/';
-        joined += pieces.piece();
-    }
-    return slate::wildcard_match(joined, glob);
+    return rest.find("//") == std::string_view::npos ? slate::wildcard_match(rest, glob)
+                                                     : glob_matches_doubled_slashes(rest, glob);
 }
 
 bool segment_matches(const Segment& segment, const Pieces& pieces)

@@ -6,14 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "tarn/message_factory.h"
+
 namespace slate {
 class Dictionary;
 class Uri;
 } // namespace slate
 
 namespace tarn {
-class Message;
-class MessageFactory;
 class Route;
 
 /// Answers requests at its endpoints by routes, and hands published changes to them. It runs from the moment
@@ -56,7 +56,7 @@ public:
 std::shared_ptr<Server> make_server(const std::shared_ptr<const slate::Dictionary>& settings,
                                     const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                                     const std::shared_ptr<const slate::Uri>& pub,
-                                    const std::shared_ptr<MessageFactory>& factory);
+                                    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
 
 /// The same with `workers` threads that run handlers of different routes side by side; still one at a time
 /// for each route. One worker, or a server without endpoints, is the form above. None: a warning, and null
@@ -65,10 +65,10 @@ std::shared_ptr<Server> make_server(unsigned long workers,
                                     const std::shared_ptr<const slate::Dictionary>& settings,
                                     const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                                     const std::shared_ptr<const slate::Uri>& pub,
-                                    const std::shared_ptr<MessageFactory>& factory);
+                                    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
 
 /// A server without endpoints, which only hears the changes that the relay at `pub` puts out.
-std::shared_ptr<Server> make_subscriber(const std::shared_ptr<const slate::Dictionary>& settings,
-                                        const std::shared_ptr<const slate::Uri>& pub,
-                                        const std::shared_ptr<MessageFactory>& factory);
+std::shared_ptr<Server> make_subscriber(
+    const std::shared_ptr<const slate::Dictionary>& settings, const std::shared_ptr<const slate::Uri>& pub,
+    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
 } // namespace tarn

@@ -6,11 +6,10 @@
 #include <zmq.hpp>
 
 #include "slate/log.h"
-#include "slate/provider.h"
 #include "slate/queue.h"
 #include "slate/uri.h"
 #include "tarn/exception.h"
-#include "tarn/internal/protobuf_log.h"
+#include "tarn/internal/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
 
@@ -28,13 +27,18 @@ Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
     return slate::make_uri(settings.get(key, ""));
 }
 
+/// The work queue, and the provider that goes with it.
+struct WorkQueue {
+    tarn_internal::OwnedProvider provider{"zmq.work_queue", ""};
+    std::shared_ptr<slate::Queue> queue = slate::make_queue({0, 1}, provider, "");
+};
+
 std::shared_ptr<slate::Queue> make_work_queue(const std::function<void(slate::Queue&)>& setup)
 {
-    const auto provider = slate::add_provider("zmq.work_queue", "", true);
-    auto queue = slate::make_queue({0, 1}, provider, "");
+    auto work = std::make_shared<WorkQueue>();
     if (setup)
-        setup(*queue);
-    return queue;
+        setup(*work->queue);
+    return {work, work->queue.get()};
 }
 } // namespace
 
@@ -46,7 +50,6 @@ ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
       queue_(
           std::make_shared<slate::Lazy<slate::Queue>>([queue_setup] { return make_work_queue(queue_setup); }))
 {
-    tarn_internal::redirect_protobuf_log();
     ctx_ = std::make_shared<zmq::context_t>(io_threads, max_sockets);
     // Last, so that nobody finds an object that never came to be.
     if (!self_)

@@ -2,23 +2,15 @@
 #include <random>
 
 #include "support/peers.h"
-#include "support/runtime_test.h"
+#include "support/server_kinds.h"
 
 namespace {
 using namespace tarn;
 using namespace tarn_test;
-using tarn_internal::make_single_threaded_server;
 
 /// A server that gets what nobody should send, and answers the next request all the same.
-class AServerGiven : public RuntimeTest {
+class AServerGiven : public ServerTest {
 protected:
-    static constexpr int id = 4712;
-
-    std::uint64_t counted(const std::string& name)
-    {
-        return counter("zmq.server", std::to_string(id), name).value_or(999999);
-    }
-
     Message answer_to(const std::string& frame)
     {
         Message answer;
@@ -44,22 +36,22 @@ protected:
 
     void expect_alive() { EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok); }
 
-    std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
-    std::shared_ptr<Server> server = make_single_threaded_server(id, settings, {uri}, nullptr, factory());
+    std::shared_ptr<Server> server = make({uri});
 };
+INSTANTIATE_SERVER_KINDS(AServerGiven);
 
-TEST_F(AServerGiven, BytesThatAreNoMessageAnswersBadRequest)
+TEST_P(AServerGiven, BytesThatAreNoMessageAnswersBadRequest)
 {
     expect_refused_as_corrupt("\xFF\xFF\xFF\xFF");
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "rx: corrupt message; cannot deserialize it"));
 }
 
-TEST_F(AServerGiven, AnEmptyFrameAnswersBadRequest)
+TEST_P(AServerGiven, AnEmptyFrameAnswersBadRequest)
 {
     expect_refused_as_corrupt("");
 }
 
-TEST_F(AServerGiven, AMessageCutAnywhereAnswersAsCorruptOrAsWhatIsLeft)
+TEST_P(AServerGiven, AMessageCutAnywhereAnswersAsCorruptOrAsWhatIsLeft)
 {
     const std::string whole =
         factory()->make_put("/index?format=text", std::string(300, 'x'))->SerializeAsString();
@@ -70,7 +62,7 @@ TEST_F(AServerGiven, AMessageCutAnywhereAnswersAsCorruptOrAsWhatIsLeft)
     expect_alive();
 }
 
-TEST_F(AServerGiven, RandomBytesAlwaysAnswersSomething)
+TEST_P(AServerGiven, RandomBytesAlwaysAnswersSomething)
 {
     std::mt19937 random(20260101);
     RawPeer peer(uri);
@@ -84,26 +76,26 @@ TEST_F(AServerGiven, RandomBytesAlwaysAnswersSomething)
     expect_alive();
 }
 
-TEST_F(AServerGiven, AResponseAnswersBadRequest)
+TEST_P(AServerGiven, AResponseAnswersBadRequest)
 {
     Message message;
     message.mutable_response()->set_status(Status::Ok);
     expect_refused_as_corrupt(message.SerializeAsString());
 }
 
-TEST_F(AServerGiven, AMessageOfNoTypeAnswersBadRequest)
+TEST_P(AServerGiven, AMessageOfNoTypeAnswersBadRequest)
 {
     // Field 99, which nobody knows, as a varint.
     expect_refused_as_corrupt("\x98\x06\x01");
 }
 
-TEST_F(AServerGiven, ATextBodyThatIsNoUtf8AnswersBadRequest)
+TEST_P(AServerGiven, ATextBodyThatIsNoUtf8AnswersBadRequest)
 {
     // put { head { path: "/a" } body { txt: "\xFF" } }, written out by hand as no sender would.
     expect_refused_as_corrupt(std::string("\x12\x0B\x0A\x04\x1A\x02/a\x12\x03\x12\x01\xFF", 13));
 }
 
-TEST_F(AServerGiven, ARequestWithoutAHeadAnswersNotFound)
+TEST_P(AServerGiven, ARequestWithoutAHeadAnswersNotFound)
 {
     Message message;
     message.mutable_get();
@@ -111,7 +103,7 @@ TEST_F(AServerGiven, ARequestWithoutAHeadAnswersNotFound)
     expect_alive();
 }
 
-TEST_F(AServerGiven, SeveralFramesAnswersTheFirstAndStaysInStep)
+TEST_P(AServerGiven, SeveralFramesAnswersTheFirstAndStaysInStep)
 {
     const std::string request = factory()->make_get("/index")->SerializeAsString();
     RawPeer peer(uri);
@@ -126,13 +118,13 @@ TEST_F(AServerGiven, SeveralFramesAnswersTheFirstAndStaysInStep)
     }
 }
 
-TEST_F(AServerGiven, AHugeFrameAnswersIt)
+TEST_P(AServerGiven, AHugeFrameAnswersIt)
 {
     EXPECT_EQ(answer_to(std::string(64 << 20, '\xFF')).response().status(), Status::BadRequest);
     expect_alive();
 }
 
-TEST_F(AServerGiven, MessagesNestedWithoutEndAnswersBadRequest)
+TEST_P(AServerGiven, MessagesNestedWithoutEndAnswersBadRequest)
 {
     // An Any in an Any in an Any ... is bytes to the parser, so nesting needs a group, which nobody uses.
     std::string nested;
@@ -142,14 +134,14 @@ TEST_F(AServerGiven, MessagesNestedWithoutEndAnswersBadRequest)
     expect_alive();
 }
 
-TEST_F(AServerGiven, AVeryLongPathAnswersNotFound)
+TEST_P(AServerGiven, AVeryLongPathAnswersNotFound)
 {
     EXPECT_EQ(make_client(uri)->get("/" + std::string(1 << 20, 'a'))->status(), Status::NotFound);
     EXPECT_EQ(make_client(uri)->get("/" + std::string(1 << 20, '/'))->status(), Status::NotFound);
     expect_alive();
 }
 
-TEST_F(AServerGiven, AClientThatIsGoneBeforeTheAnswerGoesOn)
+TEST_P(AServerGiven, AClientThatIsGoneBeforeTheAnswerGoesOn)
 {
     for (int i = 0; i < 50; ++i) {
         RawPeer peer(uri);
@@ -158,7 +150,7 @@ TEST_F(AServerGiven, AClientThatIsGoneBeforeTheAnswerGoesOn)
     expect_alive();
 }
 
-TEST_F(AServerGiven, AnAcceptHeaderOfNothingButSeparatorsFailsThatRequestOnly)
+TEST_P(AServerGiven, AnAcceptHeaderOfNothingButSeparatorsFailsThatRequestOnly)
 {
     const auto headers = slate::make_dictionary();
     headers->set("accept", ";");
@@ -166,7 +158,7 @@ TEST_F(AServerGiven, AnAcceptHeaderOfNothingButSeparatorsFailsThatRequestOnly)
     expect_alive();
 }
 
-TEST_F(AServerGiven, ARemoteCallAnswersTheCallWithItsResult)
+TEST_P(AServerGiven, ARemoteCallAnswersTheCallWithItsResult)
 {
     server->suppress_add_remote_call_warning();
     server->add(0u, [](Message& message) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/bind_endpoints.h"
 
+#include <algorithm>
+
 #include <zmq.hpp>
 
 #include "slate/log.h"
@@ -8,6 +10,14 @@
 #include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
+bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris)
+{
+    if (std::find(uris.begin(), uris.end(), nullptr) == uris.end())
+        return true;
+    slate::log_error(SLATE_HERE, "cannot make_server, an endpoint is null");
+    return false;
+}
+
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                     const std::shared_ptr<slate::Provider>& provider)
 {

@@ -13,6 +13,10 @@ class socket_t;
 }
 
 namespace tarn_internal {
+/// False, with an error in the log, if one of them is null, as slate::make_uri gives it for a text that is no
+/// endpoint.
+bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris);
+
 /// Binds a socket that takes requests to all endpoints, and opens the files of those that have one to the
 /// socket group. False, with an error in the log, at the first that can't be bound; those before it stay
 /// bound until the socket closes.

@@ -15,8 +15,8 @@
 
 namespace tarn_internal {
 namespace {
-/// How long a thread may take to hear "TERMINATE" before it is said again: briefly at first, for one that has only
-/// just started, and then at leisure, for one that is busy.
+/// How long a thread may take to hear "TERMINATE" before it is said again: briefly at first, for one that has
+/// only just started, and then at leisure, for one that is busy.
 constexpr std::chrono::milliseconds first_patience{1};
 constexpr std::chrono::milliseconds longest_patience{20};
 
@@ -91,6 +91,7 @@ void ControlledThread::start(std::function<void()> body)
 
 bool ControlledThread::send(const std::string& text)
 {
+    const std::lock_guard lock(mutex_);
     return send_str(*socket_, text);
 }
 

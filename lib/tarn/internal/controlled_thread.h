@@ -51,7 +51,7 @@ private:
 /// A published text is lost while no subscription stands and when the queue is full, so "TERMINATE" is said
 /// again until the thread has ended: stopping never hangs on a lost word.
 ///
-/// Threads: the owner's, which sees to it that only one at a time uses it.
+/// Threads: send() may be called from any; the rest is the owner's.
 class ControlledThread {
 public:
     /// Binds the channel at an inproc endpoint; throws zmq::error_t.
@@ -73,6 +73,7 @@ public:
 
 private:
     std::shared_ptr<const slate::Uri> endpoint_;
+    std::mutex mutex_; // guards socket_
     std::unique_ptr<zmq::socket_t> socket_;
     std::thread thread_;
     std::future<void> ended_;

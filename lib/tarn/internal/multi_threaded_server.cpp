@@ -13,6 +13,7 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "tarn/internal/bind_endpoints.h"
+#include "tarn/internal/own_thread.h"
 #include "tarn/internal/proxy.h"
 #include "tarn/internal/server_loop.h"
 #include "tarn/internal/utils/socket_ops.h"
@@ -202,6 +203,7 @@ void MultiThreadedServer::start_workers(Workers& workers)
 
 void MultiThreadedServer::worker_entry(Workers& workers)
 {
+    const OwnThread mark(this);
     slate::log_debug(provider_, SLATE_HERE, "worker thread entry");
     bool connected = false;
     try {
@@ -239,6 +241,7 @@ void MultiThreadedServer::serve(zmq::socket_t& wake_up, zmq::socket_t& requests)
 
 void MultiThreadedServer::listen_pubsub()
 {
+    const OwnThread mark(this);
     slate::log_debug(provider_, SLATE_HERE, "pub/sub thread entry");
     zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
     zmq::socket_t pubsub(*context_, zmq::socket_type::sub);
@@ -288,7 +291,9 @@ std::shared_ptr<Server> make_multi_threaded_server(int id, unsigned long workers
         slate::log_error(SLATE_HERE, "cannot make_server, invalid number of workers specified");
         return nullptr;
     }
-    return std::make_shared<MultiThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri,
-                                                 workers);
+    if (!are_endpoints(uris))
+        return nullptr;
+    return make_with_threads<MultiThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri,
+                                                  workers);
 }
 } // namespace tarn_internal

@@ -81,9 +81,9 @@ private:
 
 /// As make_server, with a number of the caller's own for the server's provider "zmq.server". Null, with an
 /// error in the log, for less than two workers.
-std::shared_ptr<Server> make_multi_threaded_server(int id, unsigned long workers,
-                                                   const std::shared_ptr<const slate::Dictionary>& settings,
-                                                   const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                                                   const std::shared_ptr<const slate::Uri>& pubsub_uri,
-                                                   const std::shared_ptr<MessageFactory>& factory);
+std::shared_ptr<Server> make_multi_threaded_server(
+    int id, unsigned long workers, const std::shared_ptr<const slate::Dictionary>& settings,
+    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+    const std::shared_ptr<const slate::Uri>& pubsub_uri,
+    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
 } // namespace tarn_internal

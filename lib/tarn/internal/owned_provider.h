@@ -10,10 +10,11 @@ namespace tarn_internal {
 /// A provider that is registered for as long as its owner lives, also if the owner's constructor throws.
 class OwnedProvider {
 public:
-    OwnedProvider(const std::string& name, int instance)
-        : provider_(slate::add_provider(name, std::to_string(instance), true))
+    OwnedProvider(const std::string& name, const std::string& instance)
+        : provider_(slate::add_provider(name, instance, true))
     {
     }
+    OwnedProvider(const std::string& name, int instance) : OwnedProvider(name, std::to_string(instance)) {}
     ~OwnedProvider() { slate::remove_provider(provider_->name()); }
     OwnedProvider(const OwnedProvider&) = delete;
     OwnedProvider& operator=(const OwnedProvider&) = delete;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/protobuf_log.h"
-
+// Sends what protobuf logs on its own (invalid UTF-8 in a text, for instance) where all other lines go,
+// instead of to standard error, from the moment that the library is loaded.
 #include <google/protobuf/stubs/common.h>
 
 #if GOOGLE_PROTOBUF_VERSION >= 4022000
@@ -13,8 +13,6 @@
 #define TARN_PROTOBUF_LOGS_THROUGH_ABSEIL 0
 #include <google/protobuf/stubs/logging.h>
 #endif
-
-#include <mutex>
 
 #include "slate/log.h"
 
@@ -70,11 +68,7 @@ void redirect()
     google::protobuf::SetLogHandler(write_line);
 }
 #endif
-} // namespace
 
-void redirect_protobuf_log()
-{
-    static std::once_flag once;
-    std::call_once(once, redirect);
-}
+[[maybe_unused]] const bool redirected = (redirect(), true);
+} // namespace
 } // namespace tarn_internal

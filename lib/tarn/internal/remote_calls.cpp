@@ -6,6 +6,7 @@
 
 #include "slate/log.h"
 #include "slate/provider.h"
+#include "slate/strings.h"
 
 namespace tarn_internal {
 namespace {
@@ -19,7 +20,7 @@ void set_result(Message& message, Status status, const std::string& text)
 {
     Call::Result* result = message.mutable_call()->mutable_result();
     result->set_status(status);
-    result->set_status_message(text);
+    result->set_status_message(slate::to_utf8(text));
 }
 } // namespace
 
@@ -68,6 +69,11 @@ void RemoteCalls::handle_method_call(Context& context)
     catch (const std::exception& error) {
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", error.what());
         set_result(message, Status::InternalServerError, error.what());
+    }
+    catch (...) {
+        // A function may throw anything; that must not end the process.
+        slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", "unknown exception");
+        set_result(message, Status::InternalServerError, "unknown exception");
     }
     context.reply.message = context.request.message;
 }

@@ -12,6 +12,14 @@
 
 namespace tarn_internal {
 namespace {
+/// Sending would block for as long as there is no peer at all.
+bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
+{
+    zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLOUT, 0};
+    zmq::poll(&item, 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
+    return (item.revents & ZMQ_POLLOUT) != 0;
+}
+
 std::shared_ptr<slate::Counter> add_counter(slate::Provider& provider, const std::string& name)
 {
     return provider.add_counter(name, slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative);
@@ -61,11 +69,14 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
 {
     if (!socket_)
         socket_ = create_socket();
-    if (!send_msg(*socket_, message, provider_)) {
-        slate::log_error(provider_, SLATE_HERE, "send failed: ", tarn::to_string(message));
-        err_->increment();
-        return make_reply(Status::RequestTimeout);
+    if (!is_writable(*socket_, timeout)) {
+        // Nobody is there to send to, as after an inproc server has gone; only a new socket will find the
+        // next one.
+        socket_.reset();
+        return fail_to_send(message);
     }
+    if (!send_msg(*socket_, message, provider_))
+        return fail_to_send(message);
     tx_->increment();
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
@@ -80,6 +91,13 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
         if (attempt == allowance)
             return make_reply(Status::RequestTimeout);
     }
+}
+
+std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message)
+{
+    slate::log_error(provider_, SLATE_HERE, "send failed: ", tarn::to_string(message));
+    err_->increment();
+    return make_reply(Status::RequestTimeout);
 }
 
 /// One wait on one socket. Null if nothing came.

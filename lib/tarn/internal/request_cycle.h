@@ -47,6 +47,7 @@ private:
     std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout);
     std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
                                           const slate::Duration& timeout) const;
+    std::shared_ptr<Reply> fail_to_send(const Message& message);
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;

@@ -6,11 +6,24 @@
 #include <zmq.hpp>
 
 #include "slate/log.h"
+#include "slate/strings.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 
 namespace tarn_internal {
 namespace {
+/// A text that is no UTF-8 would make the whole reply unreadable to its client, so it travels as bytes;
+/// readers accept both.
+void move_bytes_out_of_text(Message& message)
+{
+    if (!message.has_response() || !message.response().body().has_txt() ||
+        slate::is_utf8(message.response().body().txt()))
+        return;
+    Body* body = message.mutable_response()->mutable_body();
+    std::string bytes = std::move(*body->mutable_txt());
+    body->set_bin(std::move(bytes));
+}
+
 bool is_request(const Message& message)
 {
     return !message.has_response() && message.type_case() != Message::TYPE_NOT_SET;
@@ -74,7 +87,7 @@ void RequestHandler::answer(Context& context, bool debug)
         return;
     }
     if (!is_request(*message)) {
-        slate::log_error(provider_, SLATE_HERE, "rx: not a request: ", to_string(*message));
+        slate::log_error(provider_, SLATE_HERE, "rx: not a request: ", context.request.to_string());
         counters_.err->increment();
         context.reply.message = factory_->make_response(Status::BadRequest);
         return;
@@ -170,7 +183,7 @@ void RequestHandler::fail(Context& context, Status status, const std::string& te
         context.reply.message = factory_->make_response(status);
     Response* response = context.reply.message->mutable_response();
     response->set_status(status);
-    response->set_status_message(text);
+    response->set_status_message(slate::to_utf8(text));
 }
 
 void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
@@ -178,6 +191,7 @@ void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
     if (!context.reply.message) // a handler may have taken it away
         context.reply.message = factory_->make_response(Status::InternalServerError);
 
+    move_bytes_out_of_text(*context.reply.message);
     if (!send_msg(socket, context.reply.message, provider_)) {
         slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
         counters_.err->increment();

@@ -4,23 +4,38 @@
 #include <exception>
 #include <memory>
 
+#include <zmq.hpp>
+
 #include "slate/log.h"
 #include "slate/provider.h"
 
 namespace tarn_internal {
 /// The life of a server's thread: runs passes until one says false. A failure is logged and counted, and ends
-/// that pass only, so that the thread never dies of one.
+/// that pass only, so that the thread never dies of one. Only the end of the ZeroMQ context ends it too, as
+/// every further pass would fail at once.
 template <class Pass>
 void run_passes(const std::shared_ptr<slate::Provider>& provider, slate::Counter& err, Pass pass)
 {
+    const auto report = [&](std::string_view text) {
+        slate::log_error(provider, SLATE_HERE, text);
+        err.increment();
+    };
+
     bool running = true;
     while (running) {
         try {
             running = pass();
         }
+        catch (const zmq::error_t& error) {
+            report(error.what());
+            running = error.num() != ETERM;
+        }
         catch (const std::exception& error) {
-            slate::log_error(provider, SLATE_HERE, error.what());
-            err.increment();
+            report(error.what());
+        }
+        catch (...) {
+            // An application's handler may throw anything; that must not end the process.
+            report("unknown exception");
         }
     }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/single_threaded_server.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <zmq.hpp>
@@ -10,6 +11,7 @@
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/internal/bind_endpoints.h"
+#include "tarn/internal/own_thread.h"
 #include "tarn/internal/server_loop.h"
 #include "tarn/internal/utils/socket_ops.h"
 #include "tarn/zmq_subsystem.h"
@@ -23,9 +25,19 @@ struct SingleThreadedServer::Sockets {
     {
     }
 
+    void poll() { zmq::poll(items, std::chrono::milliseconds(-1)); }
+
+    bool is_readable(const zmq::socket_t& socket) const
+    {
+        return std::any_of(items.begin(), items.end(), [&](const zmq::pollitem_t& item) {
+            return item.socket == socket.handle() && (item.revents & ZMQ_POLLIN) != 0;
+        });
+    }
+
     zmq::socket_t wake_up;
     zmq::socket_t pubsub;
     zmq::socket_t reqrep;
+    std::vector<zmq::pollitem_t> items; // of the sockets that are in use
 };
 
 SingleThreadedServer::SingleThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
@@ -105,6 +117,7 @@ void SingleThreadedServer::notify_listener()
 
 void SingleThreadedServer::listen()
 {
+    const OwnThread mark(this);
     slate::log_debug(provider_, SLATE_HERE, "thread entry");
     {
         Sockets sockets(*context_);
@@ -116,9 +129,14 @@ void SingleThreadedServer::listen()
 
 bool SingleThreadedServer::init(Sockets& sockets)
 {
-    return connect_control(sockets.wake_up, listener_.endpoint(), provider_) &&
-           (!pubsub_uri_ || subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_)) &&
-           bind_endpoints(sockets.reqrep, uris_, provider_);
+    const auto in_use = [&](zmq::socket_t& socket) {
+        sockets.items.push_back({socket.handle(), 0, ZMQ_POLLIN, 0});
+        return true;
+    };
+    return connect_control(sockets.wake_up, listener_.endpoint(), provider_) && in_use(sockets.wake_up) &&
+           (!pubsub_uri_ ||
+            (subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_) && in_use(sockets.pubsub))) &&
+           (uris_.empty() || (bind_endpoints(sockets.reqrep, uris_, provider_) && in_use(sockets.reqrep)));
 }
 
 void SingleThreadedServer::serve(Sockets& sockets)
@@ -132,27 +150,14 @@ void SingleThreadedServer::serve(Sockets& sockets)
 /// One pass: at most one message of each socket. False at the end.
 bool SingleThreadedServer::serve_once(Sockets& sockets)
 {
-    std::vector<zmq::pollitem_t> items = {{sockets.wake_up.handle(), 0, ZMQ_POLLIN, 0}};
-    if (pubsub_uri_)
-        items.push_back({sockets.pubsub.handle(), 0, ZMQ_POLLIN, 0});
-    if (!uris_.empty())
-        items.push_back({sockets.reqrep.handle(), 0, ZMQ_POLLIN, 0});
-    const auto is_readable = [&](const zmq::socket_t& socket) {
-        for (const zmq::pollitem_t& item : items) {
-            if (item.socket == socket.handle())
-                return (item.revents & ZMQ_POLLIN) != 0;
-        }
-        return false;
-    };
-
-    zmq::poll(items, std::chrono::milliseconds(-1));
-    if (is_readable(sockets.wake_up) && !handle_wake_up(sockets))
+    sockets.poll();
+    if (sockets.is_readable(sockets.wake_up) && !handle_wake_up(sockets))
         return false;
 
     const slate::StopWatch watch(true);
-    if (is_readable(sockets.pubsub))
+    if (sockets.is_readable(sockets.pubsub))
         subscriber_.handle_publish_subscribe(sockets.pubsub);
-    if (is_readable(sockets.reqrep))
+    if (sockets.is_readable(sockets.reqrep))
         requests_.handle_request_reply(sockets.reqrep);
     handle_ms_->record(watch.elapsed() / 1000);
     return true;
@@ -184,6 +189,8 @@ std::shared_ptr<Server> make_single_threaded_server(
         slate::log_error(SLATE_HERE, "cannot make_server, tarn not / no longer initialized");
         return nullptr;
     }
-    return std::make_shared<SingleThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri);
+    if (!are_endpoints(uris))
+        return nullptr;
+    return make_with_threads<SingleThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri);
 }
 } // namespace tarn_internal

@@ -70,5 +70,6 @@ private:
 std::shared_ptr<Server> make_single_threaded_server(
     int id, const std::shared_ptr<const slate::Dictionary>& settings,
     const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-    const std::shared_ptr<const slate::Uri>& pubsub_uri, const std::shared_ptr<MessageFactory>& factory);
+    const std::shared_ptr<const slate::Uri>& pubsub_uri,
+    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
 } // namespace tarn_internal

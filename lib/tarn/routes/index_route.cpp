@@ -51,16 +51,29 @@ std::string to_text(const RoutingDetails& details)
     });
 }
 
-bool wants_complete(const slate::Dictionary& params)
+/// The flag "complete", whatever the case of its name: of a header, which is the stronger, or else of a
+/// parameter.
+bool wants_complete(const Context& context)
 {
-    constexpr std::string_view key = "complete";
+    static constexpr std::string_view key = "complete";
 
-    if (params.has(key))
-        return params.get(key, false);
-    // A header keeps the case in which it was sent.
-    for (const std::string& candidate : params.keys()) {
+    const Head* head = context.request.message ? tarn_internal::find_head(*context.request.message) : nullptr;
+    if (head) {
+        // Of several headers the last one counts, as it does in the dictionary.
+        const auto header =
+            std::find_if(head->headers().rbegin(), head->headers().rend(),
+                         [](const KeyValue& entry) { return slate::equals_ignoring_case(entry.key(), key); });
+        bool flag = false;
+        if (header != head->headers().rend())
+            return slate::try_parse(header->value(), &flag) && flag;
+    }
+    if (!context.params)
+        return false;
+    if (context.params->has(key))
+        return context.params->get(key, false);
+    for (const std::string& candidate : context.params->keys()) {
         if (slate::equals_ignoring_case(candidate, key))
-            return params.get(candidate, false);
+            return context.params->get(candidate, false);
     }
     return false;
 }
@@ -130,7 +143,7 @@ std::vector<std::weak_ptr<const Route>> IndexRoute::listed_routes() const
 
 void IndexRoute::get(Context& context) const
 {
-    const bool complete = context.params && wants_complete(*context.params);
+    const bool complete = wants_complete(context);
     RoutingDetails details;
     for (const auto& entry : listed_routes()) {
         if (const auto route = entry.lock())

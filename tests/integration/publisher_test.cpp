@@ -1,0 +1,463 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/publisher.h"
+
+#include <sstream>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace tarn;
+using namespace tarn_test;
+
+std::string frame_of(const Stats& stats)
+{
+    Message message;
+    Response* response = message.mutable_response();
+    response->set_status(Status::Ok);
+    response->mutable_head()->set_format(Format::Proto);
+    response->mutable_body()->set_bin(stats.SerializeAsString());
+    return message.SerializeAsString();
+}
+
+Stats stats_of(const std::string& tag, int packets)
+{
+    Stats stats;
+    Stat* other = stats.add_stat();
+    other->mutable_id()->set_tag("somebody else");
+    other->set_total_packets(99);
+    Stat* own = stats.add_stat();
+    own->mutable_id()->set_tag(tag);
+    own->set_total_packets(packets);
+    return stats;
+}
+
+class APublisher : public RuntimeTest {
+protected:
+    std::optional<std::uint64_t> counted(const std::string& name)
+    {
+        for (const auto& shown : slate::snapshot()) {
+            if (shown.name == "zmq.publisher")
+                return counter("zmq.publisher", shown.instance, name);
+        }
+        return std::nullopt;
+    }
+
+    /// Connects a subscriber to a publisher that binds, and sees to it that it has subscribed: a publisher's own
+    /// socket doesn't tell, so it publishes until something arrives.
+    void subscribe(Publisher& publisher, zmq::socket_t& subscriber)
+    {
+        subscriber.connect(publisher.url()->to_string());
+        subscriber.set(zmq::sockopt::subscribe, "");
+        ASSERT_TRUE(wait_until([&] {
+            publisher.put("/probe", "");
+            return is_readable(subscriber, 5ms);
+        }));
+        publisher.put("/last probe", "");
+        while (receive_frames(subscriber).at(0) != "/last probe") {
+        }
+    }
+
+    std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
+    std::shared_ptr<const slate::Uri> stats_uri = scratch_endpoint();
+    zmq::context_t context;
+};
+
+// --- Making one -----------------------------------------------------------------------------------------------
+
+TEST_F(APublisher, IsNotMadeWithoutTheLibrary)
+{
+    runtime.reset();
+    EXPECT_EQ(make_publisher(uri), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_publisher, tarn not / no longer initialized"));
+}
+
+TEST_F(APublisher, WithAnEndpointOfItsOwnBindsItAndAsksNobody)
+{
+    const auto publisher = make_publisher(uri);
+    EXPECT_EQ(publisher->url(), uri);
+    EXPECT_TRUE(std::filesystem::exists(uri->path()));
+    EXPECT_EQ(providers("zmq.client"), 0u);
+    EXPECT_EQ(counted("connect"), 0u);
+}
+
+TEST_F(APublisher, FindsTheRelayOfTheSettingsByDefault)
+{
+    settings->set("relay_sub", std::string_view(scratch_endpoint()->to_string()));
+    settings->set("relay_pub", std::string_view(scratch_endpoint()->to_string()));
+    settings->set("relay_url", std::string_view(stats_uri->to_string()));
+    const auto relay = make_relay(relay_sub_sock(settings), relay_pub_sock(settings));
+    const auto server = runtime->add_server(stats_uri);
+    server->add(make_relay_stats_route());
+
+    const auto publisher = make_publisher(nullptr, slate::Seconds(20), 0, slate::make_uri("ipc:///ignored"));
+
+    EXPECT_EQ(publisher->url()->to_string(), relay_sub_sock(settings)->to_string());
+    EXPECT_EQ(counted("connect"), 1u);
+    EXPECT_EQ(counted("connect_error"), 0u);
+    EXPECT_EQ(counted("tx"), 0u); // probes don't count
+}
+
+TEST_F(APublisher, MissesTheSettingsOfTheRelayByName)
+{
+    EXPECT_THROW(make_publisher(), Exception);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "settings missing relay_sub"));
+    settings->set("relay_sub", "ipc:///x");
+    EXPECT_THROW(make_publisher(), Exception);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "settings missing relay_url"));
+}
+
+TEST_F(APublisher, WhoseEndpointCannotBeHadThrowsAndLeavesNoProvider)
+{
+    EXPECT_THROW(make_publisher(slate::make_uri("nonsense://x")), zmq::error_t);
+    EXPECT_EQ(providers("zmq.publisher"), 0u);
+}
+
+TEST_F(APublisher, KeepsAskingUntilTheRelayShowsMovement)
+{
+    // The statistics show nothing of the publisher at first, then 0, then the number 3.
+    zmq::socket_t hearing(context, zmq::socket_type::sub);
+    hearing.bind(uri->to_string());
+    hearing.set(zmq::sockopt::subscribe, "");
+    std::mutex mutex; // guards hearing
+    std::atomic<int> asked{0};
+    ScriptedPeer peer(stats_uri, [&](const std::string&) {
+        const std::lock_guard lock(mutex);
+        EXPECT_TRUE(is_readable(hearing, 20s));
+        Message probe;
+        EXPECT_TRUE(probe.ParseFromString(receive_frames(hearing).at(1)));
+        const std::string tag = probe.put().head().from().tag();
+        switch (asked++) {
+        case 0:
+            return std::vector{frame_of(Stats())};
+        case 1:
+            return std::vector{frame_of(stats_of(tag, 0))};
+        default:
+            return std::vector{frame_of(stats_of(tag, 3))};
+        }
+    });
+
+    const auto publisher = make_publisher(uri, slate::Seconds(20), 0, stats_uri);
+
+    EXPECT_EQ(asked, 3);
+    EXPECT_EQ(counted("connect"), 1u);
+    EXPECT_EQ(counted("tx"), 0u);
+}
+
+TEST_F(APublisher, ProbesTheRelayWithAPutToItsOwnPath)
+{
+    zmq::socket_t hearing(context, zmq::socket_type::sub);
+    hearing.bind(uri->to_string());
+    hearing.set(zmq::sockopt::subscribe, "");
+    const auto publishing = std::async(std::launch::async, [&] {
+        EXPECT_THROW(make_publisher(uri, slate::Milliseconds(500), 0, stats_uri), std::runtime_error);
+    });
+
+    ASSERT_TRUE(is_readable(hearing, 20s));
+    const auto frames = receive_frames(hearing);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0], "/relay");
+    Message probe;
+    ASSERT_TRUE(probe.ParseFromString(frames[1]));
+    EXPECT_EQ(probe.put().head().path(), "/relay");
+    EXPECT_EQ(probe.put().head().format(), Format::Text);
+    EXPECT_EQ(probe.put().body().txt(), "hi");
+    EXPECT_EQ(probe.put().head().meta(0).value(), "500ms");
+    EXPECT_EQ(probe.put().head().from().tag().size(), 36u);
+}
+
+/// Answers that don't show that the publisher is heard.
+class APublisherThatIsAnswered : public APublisher, public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(APublisherThatIsAnswered, WithoutBeingShownGivesUpAfterElevenTries)
+{
+    ScriptedPeer peer(stats_uri, [&](const std::string&) { return std::vector{GetParam()}; });
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(make_publisher(uri, slate::Milliseconds(1024), 0, stats_uri), std::runtime_error);
+
+    EXPECT_EQ(peer.requests(), 11);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 1020ms); // 0, 1, 2, 4, ... 512 ms
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "failed to connect to the relay"));
+    EXPECT_EQ(providers("zmq.publisher"), 0u);
+}
+
+std::string status_frame(Status status)
+{
+    Message message;
+    message.mutable_response()->set_status(status);
+    return message.SerializeAsString();
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, APublisherThatIsAnswered,
+                         ::testing::Values(frame_of(Stats()),                    // nobody
+                                           frame_of(stats_of("another one", 5)), // somebody else
+                                           status_frame(Status::NotFound),       // no such path
+                                           std::string("\xFF")));                // no message
+
+TEST_F(APublisher, GivesUpOnAStatisticThatIsNone)
+{
+    Message message;
+    message.mutable_response()->set_status(Status::Ok);
+    message.mutable_response()->mutable_body()->set_txt("not statistics");
+    ScriptedPeer peer(stats_uri, [&](const std::string&) { return std::vector{message.SerializeAsString()}; });
+
+    EXPECT_THROW(make_publisher(uri, slate::Milliseconds(50), 0, stats_uri), std::runtime_error);
+    EXPECT_EQ(peer.requests(), 11);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "envelope.as<T> not possible: "), 11u);
+}
+
+TEST_F(APublisher, ToADeadRelayWaitsForEachOfElevenAnswers)
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(make_publisher(uri, slate::Milliseconds(20), 0, stats_uri), std::runtime_error);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 11 * 19ms);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 11u);
+}
+
+// --- Publishing -----------------------------------------------------------------------------------------------
+
+TEST_F(APublisher, SendsTheTopicAndTheMessageWithItsOwnTag)
+{
+    const auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+    const auto headers = slate::make_dictionary();
+    headers->set("X-A", "1");
+
+    publisher->put("/a/b/c", "body", headers);
+    auto frames = receive_frames(subscriber);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0], "/a");
+    Message message;
+    ASSERT_TRUE(message.ParseFromString(frames[1]));
+    EXPECT_EQ(message.put().head().path(), "/a/b/c");
+    EXPECT_EQ(message.put().head().meta(0).value(), "4s");
+    EXPECT_EQ(message.put().head().headers(0).key(), "X-A");
+    EXPECT_EQ(message.put().body().bin(), "body");
+    const std::string tag = message.put().head().from().tag();
+    EXPECT_EQ(tag.size(), 36u);
+
+    publisher->del("/a", headers);
+    frames = receive_frames(subscriber);
+    EXPECT_EQ(frames[0], "/a");
+    ASSERT_TRUE(message.ParseFromString(frames[1]));
+    EXPECT_EQ(message.del().head().path(), "/a");
+    EXPECT_EQ(message.del().head().from().tag(), tag);
+}
+
+TEST_F(APublisher, PublishesTheRestOfAStreamInOneMessage)
+{
+    const auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+    std::istringstream stream(std::string(3 << 20, 's'));
+
+    EXPECT_EQ(publisher->put("/a", stream)->status(), Status::Ok);
+
+    Message message;
+    ASSERT_TRUE(message.ParseFromString(receive_frames(subscriber).at(1)));
+    EXPECT_EQ(message.put().body().bin().size(), 3u << 20);
+}
+
+TEST_F(APublisher, AddsTheSlashThatAPathLacks)
+{
+    const auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+    EXPECT_EQ(publisher->put("relative/path", "x")->status(), Status::Ok);
+    EXPECT_EQ(receive_frames(subscriber).at(0), "/relative");
+}
+
+TEST_F(APublisher, StampsItsTagIntoTheMessageThatItIsGiven)
+{
+    const auto publisher = make_publisher(uri);
+    const auto message = factory()->make_put("/a", "x");
+    EXPECT_EQ(publisher->send(Request(message))->status(), Status::Ok);
+    EXPECT_EQ(message->put().head().from().tag().size(), 36u);
+}
+
+TEST_F(APublisher, CountsWhatItPublishesWhetherOrNotAnybodyHears)
+{
+    const auto publisher = make_publisher(uri);
+    publisher->put("/a", "x");
+    publisher->del("/a");
+    publisher->send(Request(factory()->make_put("/a", "x")));
+    EXPECT_EQ(counted("tx"), 3u);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+struct Refusal {
+    std::string what;
+    std::shared_ptr<Message> message;
+    std::string text;
+};
+
+std::shared_ptr<Message> put_to(const std::string& path)
+{
+    auto message = std::make_shared<Message>();
+    message->mutable_put()->mutable_head()->set_path(path);
+    return message;
+}
+
+std::shared_ptr<Message> del_to(const std::string& path)
+{
+    auto message = std::make_shared<Message>();
+    message->mutable_del()->mutable_head()->set_path(path);
+    return message;
+}
+
+std::shared_ptr<Message> a_get()
+{
+    auto message = std::make_shared<Message>();
+    message->mutable_get()->mutable_head()->set_path("/a");
+    return message;
+}
+
+class APublisherGiven : public APublisher, public ::testing::WithParamInterface<Refusal> {};
+
+TEST_P(APublisherGiven, WhatCannotBePublishedRefusesItByName)
+{
+    const auto publisher = make_publisher(uri);
+    EXPECT_EQ(publisher->send(Request(GetParam().message))->status(), Status::BadRequest);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, GetParam().text));
+    EXPECT_EQ(counted("tx"), 0u);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refusals, APublisherGiven,
+    ::testing::Values(Refusal{"Nothing", nullptr, "Unable to put message, nullptr"},
+                      Refusal{"AGet", a_get(), "Unable to send message, not a put or del"},
+                      Refusal{"NoType", std::make_shared<Message>(), "Unable to send message, not a put or del"},
+                      Refusal{"APutNowhere", put_to(""), "Unable to put message, missing path"},
+                      Refusal{"ARelativePut", put_to("a/b"),
+                              "Unable to put message; path needs to start with '/'"},
+                      Refusal{"ADeleteNowhere", del_to(""), "Unable to del message, missing path"},
+                      Refusal{"ARelativeDelete", del_to("a/b"),
+                              "Unable to del message; path needs to start with '/'"}),
+    [](const auto& refusal) { return refusal.param.what; });
+
+TEST_F(APublisher, WhoseContextEndsThrows)
+{
+    const auto publisher = make_publisher(uri);
+    runtime->ctx()->shutdown();
+    EXPECT_THROW(publisher->put("/a", "x"), zmq::error_t);
+}
+
+TEST_F(APublisher, SharedByManyThreadsKeepsTheFramesOfEachMessageTogether)
+{
+    const auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.set(zmq::sockopt::rcvhwm, 0);
+    subscribe(*publisher, subscriber);
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 100; ++i)
+                    publisher->put("/" + std::to_string(t), std::to_string(t));
+            });
+        }
+    }
+
+    for (int i = 0; i < 400; ++i) {
+        ASSERT_TRUE(is_readable(subscriber, 20s));
+        const auto frames = receive_frames(subscriber);
+        ASSERT_EQ(frames.size(), 2u);
+        Message message;
+        ASSERT_TRUE(message.ParseFromString(frames[1]));
+        EXPECT_EQ(frames[0], "/" + message.put().body().bin());
+    }
+}
+
+TEST_F(APublisher, MayOutliveTheLibraryAndLetsItsLastMessagesLeave)
+{
+    auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+    runtime.reset();
+
+    publisher->put("/last", "words");
+    publisher.reset();
+
+    ASSERT_TRUE(is_readable(subscriber, 20s));
+    EXPECT_EQ(receive_frames(subscriber).at(0), "/last");
+    EXPECT_EQ(providers("zmq.publisher"), 0u);
+}
+
+// --- The statistics that it asks for --------------------------------------------------------------------------
+
+class RelayStatistics : public RuntimeTest {
+protected:
+    void count(const std::string& tag, bool by_put = true)
+    {
+        Context context;
+        context.request.message = by_put ? factory()->make_put("/relay", "x") : factory()->make_del("/relay");
+        tarn_internal::find_or_make_head(*context.request.message)->mutable_from()->set_tag(tag);
+        by_put ? route->put(context) : route->del(context);
+    }
+
+    Reply ask(const std::string& recipient)
+    {
+        Context context;
+        context.request.message = factory()->make_get(recipient);
+        context.reply.message = factory()->make_response(context.request.message, 1);
+        route->get(context);
+        return context.reply;
+    }
+
+    std::shared_ptr<Route> route = make_relay_stats_route();
+};
+
+TEST_F(RelayStatistics, CountTheMessagesOfEachSender)
+{
+    count("a");
+    count("b");
+    count("a", false);
+
+    const auto stats = ask("/relay/stats").into<Stats>();
+    ASSERT_EQ(stats.stat_size(), 2);
+    EXPECT_EQ(stats.stat(0).id().tag(), "a"); // the one heard last comes first
+    EXPECT_EQ(stats.stat(0).total_packets(), 2);
+    EXPECT_FALSE(slate::Duration::from(stats.stat(0).age(), {}).is_not_initialized());
+    EXPECT_EQ(stats.stat(1).total_packets(), 1);
+}
+
+TEST_F(RelayStatistics, AreGivenInTheFormatThatIsAskedFor)
+{
+    count("a");
+    EXPECT_EQ(ask("/relay/stats").format(), Format::Proto);
+    const Reply json = ask("/relay/stats?format=json");
+    EXPECT_EQ(json.format(), Format::Json);
+    EXPECT_EQ(json.into<Stats>().stat_size(), 1);
+    EXPECT_NE(ask("/relay/stats?format=text").data().find("total_packets: 1"), std::string::npos);
+}
+
+TEST_F(RelayStatistics, AreNotWhatThePathOfTheProbesAnswers)
+{
+    EXPECT_THROW(ask("/relay"), MessageException);
+}
+
+TEST_F(RelayStatistics, ForgetTheSenderThatWasSilentLongestBeyondAThousand)
+{
+    for (int i = 0; i <= 1000; ++i) {
+        count(std::to_string(i));
+        count("kept");
+    }
+    const auto stats = ask("/relay/stats").into<Stats>();
+    EXPECT_EQ(stats.stat_size(), 1000);
+    EXPECT_EQ(stats.stat(0).id().tag(), "kept");
+    EXPECT_EQ(stats.stat(0).total_packets(), 1001);
+    for (const Stat& stat : stats.stat())
+        EXPECT_NE(stat.id().tag(), "0");
+}
+
+TEST_F(RelayStatistics, TakeNoSenderWithoutATagOrWithATagOfAnyLength)
+{
+    count("");
+    count(std::string(65, 'x'));
+    EXPECT_EQ(ask("/relay/stats").into<Stats>().stat_size(), 0);
+}
+} // namespace

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/relay.h"
+
+#include <filesystem>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+
+namespace {
+using namespace tarn;
+using namespace tarn_test;
+
+class ARelay : public RuntimeTest {
+protected:
+    /// Waits until what the subscriber asked for has reached the publisher through the relay.
+    static void await_subscription(zmq::socket_t& publisher, const std::string& topic)
+    {
+        for (;;) {
+            ASSERT_TRUE(is_readable(publisher, std::chrono::seconds(20)));
+            if (receive_frames(publisher).at(0) == "\x01" + topic)
+                return;
+        }
+    }
+
+    std::shared_ptr<const slate::Uri> sub_uri = scratch_endpoint();
+    std::shared_ptr<const slate::Uri> pub_uri = scratch_endpoint();
+    zmq::context_t context;
+};
+
+TEST_F(ARelay, IsNotMadeWithoutTheLibrary)
+{
+    runtime.reset();
+    EXPECT_EQ(make_relay(sub_uri, pub_uri), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_relay, tarn not / no longer initialized"));
+}
+
+TEST_F(ARelay, ForwardsWhatIsAskedForAndNothingElse)
+{
+    const auto relay = make_relay(sub_uri, pub_uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "/wanted");
+    // A ZMQ_XPUB socket shows the subscriptions that reach it.
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.set(zmq::sockopt::linger, 0);
+    publisher.connect(sub_uri->to_string());
+    await_subscription(publisher, "/wanted");
+
+    send_frames(publisher, {"/other", "1"});
+    send_frames(publisher, {"/wanted", "2"});
+    send_frames(publisher, {"/wanted/too", "3", "third"});
+
+    ASSERT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
+    EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{"/wanted", "2"}));
+    ASSERT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
+    EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{"/wanted/too", "3", "third"}));
+}
+
+TEST_F(ARelay, LogsItsEndpoints)
+{
+    slate::set_log_level(slate::DebugLevel);
+    const auto relay = make_relay(sub_uri, pub_uri);
+    EXPECT_TRUE(logs.has(slate::DebugLevel, "bind " + sub_uri->to_string()));
+    EXPECT_TRUE(logs.has(slate::DebugLevel, "bind " + pub_uri->to_string()));
+}
+
+TEST_F(ARelay, RemovesItsSocketFilesWhenItEnds)
+{
+    auto relay = make_relay(sub_uri, pub_uri);
+    EXPECT_TRUE(std::filesystem::exists(sub_uri->path()));
+    EXPECT_TRUE(std::filesystem::exists(pub_uri->path()));
+    relay.reset();
+    EXPECT_FALSE(std::filesystem::exists(sub_uri->path()));
+    EXPECT_FALSE(std::filesystem::exists(pub_uri->path()));
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(ARelay, WhoseEndpointIsTakenThrowsAndLeavesTheFirstOneAtWork)
+{
+    zmq::socket_t probe(context, zmq::socket_type::rep);
+    probe.bind("tcp://127.0.0.1:*");
+    const auto taken = slate::make_uri(probe.get(zmq::sockopt::last_endpoint));
+
+    EXPECT_THROW(make_relay(taken, pub_uri), zmq::error_t);
+    EXPECT_THROW(make_relay(sub_uri, taken), zmq::error_t);
+    EXPECT_TRUE(logs.lines().empty());
+    probe.close();
+
+    const auto relay = make_relay(taken, pub_uri);
+    EXPECT_THROW(make_relay(taken, scratch_endpoint()), zmq::error_t);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "/a");
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.set(zmq::sockopt::linger, 0);
+    publisher.connect(taken->to_string());
+    await_subscription(publisher, "/a");
+    send_frames(publisher, {"/a", "1"});
+    EXPECT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
+}
+
+TEST_F(ARelay, EndsAtOnceHoweverSoonItIsDestroyed)
+{
+    for (int i = 0; i < 1000; ++i)
+        make_relay(scratch_endpoint("inproc"), scratch_endpoint("inproc")).reset();
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(ARelay, CarriesMessagesOfManyMegabytes)
+{
+    const auto relay = make_relay(sub_uri, pub_uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "");
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.set(zmq::sockopt::linger, 0);
+    publisher.connect(sub_uri->to_string());
+    await_subscription(publisher, "");
+
+    const std::string payload(20 << 20, 'p');
+    send_frames(publisher, {"/a", payload});
+    ASSERT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
+    EXPECT_EQ(receive_frames(subscriber).at(1), payload);
+}
+} // namespace

@@ -1,0 +1,492 @@
+// SPDX-License-Identifier: Apache-2.0
+// What every server does, whatever its threads: one suite for both kinds.
+#include "tarn/server.h"
+
+#include <filesystem>
+#include <future>
+
+#include <sys/stat.h>
+
+#include "support/peers.h"
+#include "support/server_kinds.h"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace tarn;
+using namespace tarn_test;
+
+using AServer = ServerTest;
+INSTANTIATE_SERVER_KINDS(AServer);
+
+TEST_P(AServer, ServesFromTheMomentThatItIsMade)
+{
+    const auto server = make({uri});
+    EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
+}
+
+TEST_P(AServer, ServesAllItsEndpoints)
+{
+    const auto second = scratch_endpoint();
+    const auto inproc = scratch_endpoint("inproc");
+    const auto server = make({uri, second, inproc});
+
+    for (const auto& endpoint : {uri, second, inproc})
+        EXPECT_EQ(make_client(endpoint)->get("/index")->status(), Status::Ok) << endpoint->to_string();
+}
+
+TEST_P(AServer, ServesTcp)
+{
+    // The system chooses the port, so it has to be found out before.
+    zmq::context_t context;
+    zmq::socket_t probe(context, zmq::socket_type::rep);
+    probe.bind("tcp://127.0.0.1:*");
+    const auto tcp = slate::make_uri(probe.get(zmq::sockopt::last_endpoint));
+    probe.close();
+    context.close();
+
+    const auto server = make({tcp});
+    EXPECT_EQ(make_client(tcp)->get("/index")->status(), Status::Ok);
+}
+
+TEST_P(AServer, OpensItsSocketFileToOwnerAndGroup)
+{
+    const auto server = make({uri});
+
+    struct stat info {};
+    ASSERT_EQ(stat(uri->path().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0775u);
+}
+
+TEST_P(AServer, TriesToGiveItsSocketFileToTheSocketGroup)
+{
+    const auto server = make({uri});
+    // No such group exists where tests run; what there is to see is the attempt.
+    EXPECT_TRUE(
+        logs.has(slate::WarnLevel, "failed to set group for " + uri->path() + "; group does not exist"));
+}
+
+TEST_P(AServer, RemovesItsSocketFileWhenItEnds)
+{
+    auto server = make({uri});
+    ASSERT_TRUE(std::filesystem::exists(uri->path()));
+    server.reset();
+    EXPECT_FALSE(std::filesystem::exists(uri->path()));
+}
+
+TEST_P(AServer, HasAProviderWithItsCountersWhileItLives)
+{
+    auto server = make({uri});
+    for (const std::string name : {"err", "sub", "dropped", "rx", "tx"})
+        EXPECT_EQ(counted(name), 0u) << name;
+
+    server.reset();
+    EXPECT_EQ(providers("zmq.server"), 0u);
+}
+
+TEST_P(AServer, MarksItsCountersOfTrouble)
+{
+    const auto server = make({uri});
+
+    std::map<std::string, std::optional<int>> severities;
+    for (const auto& shown : slate::snapshot()) {
+        if (shown.name == "zmq.server") {
+            for (const auto& found : shown.counters)
+                severities[found.name] = found.severity;
+        }
+    }
+    EXPECT_EQ(severities["err"], 0);
+    EXPECT_EQ(severities["dropped"], 1);
+    for (const std::string name : {"sub", "rx", "tx"})
+        EXPECT_EQ(severities[name], std::nullopt) << name;
+}
+
+TEST_P(AServer, EndsAtOnceHoweverOftenItIsMadeAndDestroyed)
+{
+    for (int i = 0; i < 20; ++i)
+        make({scratch_endpoint("inproc")}).reset();
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
+
+TEST_P(AServer, AnswersEachVerbByItsHandler)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get,put,post,delete", "/a");
+    Journal called;
+    route->on_get = [&](Context& context) { context.reply.set_reply_text("got"); };
+    route->on_put = [&](Context& context) { called.add("put " + context.request.data()); };
+    route->on_post = [&](Context& context) { called.add("post " + context.request.data()); };
+    route->on_del = [&](Context&) { called.add("del"); };
+    server->add(route);
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->get("/a")->data(), "got");
+    const auto head = client->head("/a");
+    EXPECT_EQ(head->status(), Status::Ok);
+    EXPECT_EQ(head->header("Content-Length", ""), "3");
+    EXPECT_FALSE(head->message->response().has_body());
+    EXPECT_EQ(client->put("/a", "1")->status(), Status::NoContent);
+    EXPECT_EQ(client->post("/a", "2")->status(), Status::NoContent);
+    EXPECT_EQ(client->del("/a")->status(), Status::NoContent);
+    EXPECT_EQ(called.entries(), (std::vector<std::string>{"put 1", "post 2", "del"}));
+}
+
+TEST_P(AServer, AnswersWhatNoRouteTakesWithNotFound)
+{
+    const auto server = make({uri});
+
+    const Message answer = exchange(get_message("/nowhere", 77));
+
+    const Response& response = answer.response();
+    EXPECT_EQ(response.status(), Status::NotFound);
+    EXPECT_EQ(response.status_message(), "");
+    EXPECT_FALSE(response.has_body());
+    EXPECT_EQ(response.head().path(), "/nowhere");
+    EXPECT_EQ(response.head().from().pid(), getpid());
+    ASSERT_EQ(response.head().to_size(), 1);
+    EXPECT_EQ(response.head().to(0).pid(), 77);
+    EXPECT_EQ(counted("rx"), 1u);
+    EXPECT_TRUE(wait_until([&] { return counted("tx") == 1u; }));
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_P(AServer, PresetsTheReplyForAHandlerThatWritesNothing)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get,put,post,del", "/a");
+    route->on_get = route->on_put = route->on_post = route->on_del = [](Context&) {};
+    server->add(route);
+    const auto client = make_client(uri);
+
+    for (const auto& reply : {client->get("/a?format=json"), client->put("/a", "x"), client->post("/a", "x"),
+                              client->del("/a?format=json")}) {
+        EXPECT_EQ(reply->status(), Status::NoContent);
+        EXPECT_EQ(reply->format(), Format::Empty);
+        EXPECT_FALSE(reply->message->response().has_body());
+    }
+}
+
+TEST_P(AServer, RefusesVerbsThatTheRouteDoesNotTakeAndLooksNoFurther)
+{
+    const auto server = make({uri});
+    server->add(make_test_route("closed", "", "/a"));
+    const auto open = make_test_route("open", "get,put,post,del", "/a");
+    open->on_get = [](Context& context) { context.reply.set_reply_text("open"); };
+    server->add(open);
+    const auto client = make_client(uri);
+
+    const std::vector<std::pair<std::shared_ptr<Reply>, std::string>> refused = {
+        {client->get("/a"), "GET"},      {client->head("/a"), "HEAD"},      {client->del("/a"), "DEL"},
+        {client->put("/a", "x"), "PUT"}, {client->post("/a", "x"), "POST"},
+    };
+    for (const auto& [reply, verb] : refused) {
+        EXPECT_EQ(reply->status(), Status::MethodNotAllowed) << verb;
+        EXPECT_EQ(reply->status_message(), "route [closed] doesn't support " + verb);
+        EXPECT_TRUE(logs.has(slate::ErrorLevel, "route [closed] doesn't support " + verb));
+    }
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_P(AServer, GivesARequestToTheFirstRouteThatAcceptsIt)
+{
+    const auto server = make({uri});
+    for (const std::string name : {"first", "second"}) {
+        const auto route = make_test_route(name, "get", "/a");
+        route->on_get = [name](Context& context) { context.reply.set_reply_text(name); };
+        server->add(route);
+    }
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->get("/a")->data(), "first");
+    server->del("first");
+    EXPECT_EQ(client->get("/a")->data(), "second");
+}
+
+TEST_P(AServer, LetsAHandlerChooseTheStatusByAnException)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get,del", "/a");
+    route->on_get = [](Context&) { throw MessageException(Status::Forbidden, "not for you"); };
+    route->on_del = [](Context&) { throw std::runtime_error("broken"); };
+    server->add(route);
+    const auto client = make_client(uri);
+
+    auto reply = client->get("/a");
+    EXPECT_EQ(reply->status(), Status::Forbidden);
+    EXPECT_EQ(reply->status_message(), "not for you");
+    EXPECT_TRUE(logs.texts(slate::ErrorLevel).empty());
+
+    reply = client->del("/a");
+    EXPECT_EQ(reply->status(), Status::InternalServerError);
+    EXPECT_EQ(reply->status_message(), "broken");
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "InternalServerError; broken"));
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_P(AServer, AnswersEveryOtherExceptionAsItsOwnFailure)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get,put,post,del", "/a");
+    route->on_get = [](Context&) { throw Exception("plain"); };
+    route->on_put = [](Context&) { throw OverloadedException("too many requests"); };
+    route->on_post = [](Context&) { throw 42; };
+    server->add(route);
+    const auto client = make_client(uri);
+
+    for (const auto& [reply, text] :
+         {std::pair(client->get("/a"), "plain"), std::pair(client->put("/a", "x"), "too many requests"),
+          std::pair(client->post("/a", "x"), "unknown exception")}) {
+        EXPECT_EQ(reply->status(), Status::InternalServerError);
+        EXPECT_EQ(reply->status_message(), text);
+    }
+    EXPECT_EQ(client->del("/a")->status(), Status::NotImplemented);
+    EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+}
+
+TEST_P(AServer, KeepsWhatAHandlerHadSetBeforeItFailed)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get", "/a");
+    route->on_get = [](Context& context) {
+        context.reply.set_reply_text("half");
+        context.reply.set_header("X-Half", "yes");
+        throw MessageException(Status::Conflict, "half done");
+    };
+    server->add(route);
+
+    const auto reply = make_client(uri)->get("/a");
+
+    EXPECT_EQ(reply->status(), Status::Conflict);
+    EXPECT_EQ(reply->status_message(), "half done");
+    EXPECT_EQ(reply->data(), "half");
+    EXPECT_EQ(reply->header("X-Half", ""), "yes");
+    EXPECT_EQ(reply->path(), "/a");
+}
+
+TEST_P(AServer, SurvivesAHandlerThatTakesTheReplyAway)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get,del", "/a");
+    route->on_get = [](Context& context) { context.reply.message.reset(); };
+    route->on_del = [](Context& context) {
+        context.reply.message.reset();
+        throw MessageException(Status::Gone, "gone");
+    };
+    server->add(route);
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->get("/a")->status(), Status::InternalServerError);
+    EXPECT_EQ(client->head("/a")->status(), Status::InternalServerError);
+    EXPECT_EQ(client->del("/a")->status(), Status::Gone);
+}
+
+TEST_P(AServer, AnswersHeadOnARouteThatGivesNoBodyAsAFailure)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get", "/a");
+    route->on_get = [](Context&) {};
+    server->add(route);
+
+    const auto reply = make_client(uri)->head("/a");
+    EXPECT_EQ(reply->status(), Status::InternalServerError);
+    EXPECT_EQ(reply->status_message(), "Envelope::data does not exist");
+}
+
+TEST_P(AServer, HandsTheServersPidAndTheVariablesToTheHandler)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get", "/user/:id");
+    route->on_get = [](Context& context) {
+        context.reply.set_reply_text(std::to_string(context.pid) + " " + context.params->get("id", "") + " " +
+                                     context.params->get("q", "") + " " + context.params->get("X-H", ""));
+    };
+    server->add(route);
+    const auto headers = slate::make_dictionary();
+    headers->set("X-H", "header");
+
+    EXPECT_EQ(make_client(uri)->get("/user/7?q=a%20b", headers)->data(),
+              std::to_string(getpid()) + " 7 a b header");
+}
+
+TEST_P(AServer, AnswersPrivateRoutesToItsOwnProcessOnly)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("secret", "get", "/secret", Access::Private);
+    route->on_get = [](Context& context) { context.reply.set_reply_text("secret"); };
+    server->add(route);
+
+    EXPECT_EQ(exchange(get_message("/secret", getpid())).response().status(), Status::Ok);
+    EXPECT_EQ(exchange(get_message("/secret", getpid() + 1)).response().status(), Status::NotFound);
+    Message anonymous;
+    anonymous.mutable_get()->mutable_head()->set_path("/secret");
+    EXPECT_EQ(exchange(anonymous).response().status(), Status::NotFound);
+
+    slate::set_log_level(slate::DebugLevel);
+    EXPECT_EQ(exchange(get_message("/secret", getpid() + 1)).response().status(), Status::Ok);
+}
+
+TEST_P(AServer, LogsRequestsAndRepliesOnlyForDebugging)
+{
+    const auto server = make({uri});
+    const auto client = make_client(uri);
+    client->get("/a");
+    EXPECT_TRUE(logs.lines().empty() || logs.count(slate::DebugLevel) == 0);
+
+    slate::set_log_level(slate::DebugLevel);
+    client->get("/a");
+    EXPECT_EQ(logs.count(slate::DebugLevel, "rx: get { head {"), 1u);
+    EXPECT_TRUE(wait_until([&] { return logs.count(slate::DebugLevel, "tx: response { head {") == 1; }));
+}
+
+TEST_P(AServer, CarriesABodyOfManyMegabytesInOnePiece)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("echo", "put", "/echo");
+    route->on_put = [](Context& context) { context.reply.set_reply_text(context.request.data()); };
+    server->add(route);
+    const std::string body(16 << 20, 'b');
+
+    EXPECT_EQ(make_client(uri)->put("/echo", body, nullptr, slate::Seconds(30))->data(), body);
+}
+
+TEST_P(AServer, HasAnEmptyIndexUntilARouteIsAdded)
+{
+    const auto server = make({uri});
+    const auto client = make_client(uri);
+    EXPECT_EQ(client->get("/index?format=text")->data(), "");
+
+    server->add(make_test_route("a", "get,put", "/a"));
+    EXPECT_EQ(client->get("/index?format=text")->data(), "public  HEAD,GET,PUT   \"/a\"\n"
+                                                         "public  HEAD,GET       \"/index\"");
+    server->del("a");
+    EXPECT_EQ(client->get("/index?format=text")->data(), "public  HEAD,GET   \"/index\"");
+}
+
+TEST_P(AServer, RefusesASecondRouteOfOneNameButPrimesIt)
+{
+    const auto server = make({uri});
+    const auto first = make_test_route("a", "get", "/first");
+    const auto second = make_test_route("a", "get", "/second/");
+
+    EXPECT_TRUE(server->add(first));
+    EXPECT_FALSE(server->add(second));
+
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot add route; duplicate name: a"));
+    EXPECT_EQ(second->patterns[0].pattern, "/second");
+    EXPECT_EQ(make_client(uri)->get("/second")->status(), Status::NotFound);
+}
+
+TEST_P(AServer, RefusesARouteNamedIndexAndANullRoute)
+{
+    const auto server = make({uri});
+    EXPECT_FALSE(server->add(make_test_route("index", "get", "/x")));
+    EXPECT_FALSE(server->add(nullptr));
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "cannot add route; "), 2u);
+}
+
+TEST_P(AServer, FillsPlaceholdersFromItsSettings)
+{
+    settings->set("site", "north");
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get", "/<site>/status");
+    route->on_get = [](Context& context) { context.reply.set_reply_text("here"); };
+
+    EXPECT_TRUE(server->add(route));
+    EXPECT_EQ(make_client(uri)->get("/north/status")->data(), "here");
+
+    EXPECT_THROW(server->add(make_test_route("b", "get", "/<planet>/status")), Exception);
+    EXPECT_TRUE(server->add(make_test_route("b", "get", "/b"))); // the name is still free, and so is the lock
+}
+
+TEST_P(AServer, KeepsItsIndexWhenItIsCleared)
+{
+    const auto server = make({uri});
+    server->add(make_test_route("a", "get", "/a"));
+    server->suppress_add_remote_call_warning();
+    server->add(5u, [](Message&) {});
+    server->clear();
+
+    const auto client = make_client(uri);
+    EXPECT_EQ(client->get("/index?format=text")->data(), "public  HEAD,GET   \"/index\"");
+    Message call;
+    call.mutable_call()->mutable_select()->set_method_number(5);
+    EXPECT_EQ(exchange(call).call().result().status(), Status::NotFound);
+}
+
+TEST_P(AServer, CanLoseItsIndexAndGetsItBackWhenCleared)
+{
+    const auto server = make({uri});
+    const auto client = make_client(uri);
+    server->del("index");
+    EXPECT_EQ(client->get("/index")->status(), Status::NotFound);
+    server->clear();
+    EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+}
+
+TEST_P(AServer, LetsAHandlerAddAndDeleteRoutesOfItsOwnServer)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("maker", "post", "/make");
+    route->on_post = [&, server = std::weak_ptr(server)](Context&) {
+        const auto made = make_test_route("made", "get", "/made");
+        made->on_get = [](Context& context) { context.reply.set_reply_text("made"); };
+        server.lock()->add(made);
+        server.lock()->del("maker");
+    };
+    server->add(route);
+    const auto client = make_client(uri);
+
+    EXPECT_EQ(client->post("/make", "x")->status(), Status::NoContent);
+    EXPECT_EQ(client->get("/made")->data(), "made");
+    EXPECT_EQ(client->post("/make", "x")->status(), Status::NotFound);
+}
+
+TEST_P(AServer, TakesRoutesFromOtherThreadsWhileItServes)
+{
+    const auto server = make({uri});
+    const auto fixed = make_test_route("fixed", "get", "/fixed");
+    fixed->on_get = [](Context& context) { context.reply.set_reply_text("fixed"); };
+    server->add(fixed);
+    std::atomic<bool> stop{false};
+    std::vector<std::jthread> changers;
+    for (int t = 0; t < 3; ++t) {
+        changers.emplace_back([&, t] {
+            const std::string name = "r" + std::to_string(t);
+            while (!stop) {
+                server->add(make_test_route(name, "get", "/" + name + "/:id"));
+                server->del(name);
+            }
+        });
+    }
+
+    const auto client = make_client(uri);
+    int right = 0;
+    for (int i = 0; i < 200; ++i) {
+        right += client->get("/fixed", nullptr, slate::Seconds(30))->data() == "fixed" ? 1 : 0;
+        right += client->get("/index", nullptr, slate::Seconds(30))->good() ? 1 : 0;
+    }
+    stop = true;
+
+    EXPECT_EQ(right, 400);
+}
+
+TEST_P(AServer, IsNotDisturbedBySignalsToTheProcess)
+{
+    static std::atomic<int> handled{0};
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ++handled; };
+    sigaction(SIGUSR1, &action, &before);
+
+    const auto server = make({uri});
+    const auto client = make_client(uri);
+    for (int i = 0; i < 20; ++i) {
+        kill(getpid(), SIGUSR1);
+        EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+    }
+
+    sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_GE(handled, 1);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+} // namespace
