@@ -3,8 +3,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <iterator>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -19,7 +21,8 @@
 // 2. The writer fills it, and it is synced to the disk with its final mode.
 // 3. It is renamed over the target, and the directory, in which the rename stands, is synced.
 //
-// A temporary file is only ever unlinked or renamed by who holds its lock.
+// A temporary file is only ever unlinked or renamed by who holds its lock. A filesystem without locks can't
+// keep writers of one file apart; one that finds its temporary file taken away then gives up.
 
 namespace slate {
 namespace {
@@ -31,6 +34,9 @@ constexpr mode_t permission_bits = 07777;
 
 // As many as the kernel follows.
 constexpr int max_symbolic_links = 40;
+
+// What the common filesystems take for a name, and the kernel for any.
+constexpr std::size_t max_name_bytes = 255;
 
 constexpr std::size_t read_chunk_bytes = 16 * 1024;
 
@@ -124,6 +130,37 @@ int write_error(int last_error)
     }
 }
 
+/// FNV-1a, which gives the same number in every process and for all time.
+std::uint64_t hash(std::string_view text)
+{
+    std::uint64_t value = 0xcbf29ce484222325;
+    for (const char c : text)
+        value = (value ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    return value;
+}
+
+/// The name of the temporary file: always the same for a target, so that one left behind is found again. A
+/// long name is cut, and told from others of the same beginning by its hash.
+std::string temporary_name(const std::string& name)
+{
+    const std::string whole = "." + name + ".tmp";
+    if (whole.size() <= max_name_bytes)
+        return whole;
+
+    const std::string end = "." + std::to_string(hash(name)) + ".tmp";
+    std::size_t kept = max_name_bytes - 1 - end.size();
+    // Not within a character: some filesystems take only names that are UTF-8.
+    while (kept > 0 && (static_cast<unsigned char>(name[kept]) & 0xC0) == 0x80)
+        --kept;
+    return "." + name.substr(0, kept) + end;
+}
+
+/// Whether this filesystem has no locks, or none to give. Network filesystems may lack them.
+bool is_without_locks(int error)
+{
+    return error == ENOLCK || error == EOPNOTSUPP || error == ENOSYS;
+}
+
 class PowersafeFile {
 public:
     explicit PowersafeFile(const fs::path& path) : path_(path), target_(follow_links(path))
@@ -141,7 +178,7 @@ public:
     void write(const std::function<void(std::ofstream&)>& writer)
     {
         const fs::path folder = target_.has_parent_path() ? target_.parent_path() : fs::path(".");
-        temporary_ = folder / ("." + target_.filename().string() + ".tmp");
+        temporary_ = folder / temporary_name(target_.filename().string());
 
         // Opened before anything happens: once the file is renamed it is late for a refusal.
         const Descriptor directory = open_file(folder, O_RDONLY | O_DIRECTORY);
@@ -153,11 +190,13 @@ public:
             fill(writer);
             keep_mode(file);
             sync(file);
+            if (!is_at(file, temporary_))
+                fail("somebody took the file beside", path_, EBUSY);
             if (rename(temporary_.c_str(), target_.c_str()) != 0)
                 fail("can't replace file", path_, errno);
         }
         catch (...) {
-            (void)unlink(temporary_.c_str()); // the first failure is the one to tell
+            remove(file);
             throw;
         }
         sync(directory);
@@ -172,7 +211,13 @@ private:
             const mode_t mode = status_of(target_) ? private_mode : new_file_mode;
             Descriptor made = open_file(temporary_, O_RDWR | O_CREAT | O_EXCL, mode);
             if (made.is_open()) {
-                lock(made);
+                try {
+                    lock(made);
+                }
+                catch (...) {
+                    remove(made);
+                    throw;
+                }
                 // Before the lock was ours, the file may have been taken for one left behind.
                 if (is_at(made, temporary_))
                     return made;
@@ -209,9 +254,16 @@ private:
         return open_file(temporary_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     }
 
+    /// Unlinks our temporary file after a failure, which is the one to tell.
+    void remove(const Descriptor& file) const
+    {
+        if (is_at(file, temporary_))
+            (void)unlink(temporary_.c_str());
+    }
+
     void lock(const Descriptor& file) const
     {
-        if (retry_interrupted([&] { return flock(file.get(), LOCK_EX); }) != 0)
+        if (retry_interrupted([&] { return flock(file.get(), LOCK_EX); }) != 0 && !is_without_locks(errno))
             fail("can't lock the file beside", path_, errno);
     }
 

@@ -29,7 +29,7 @@ std::string slurp_file<std::string>(const std::string& path, std::ios_base::open
 /// `writer` fills a new file beside the target (hidden, and always of the same name, so that one left behind
 /// by a crash is taken over by the next write). It is then synced, given the mode of the file that it
 /// replaces, and renamed over it, and the directory is synced. A symbolic link is followed. Writes of one
-/// file by several threads or processes wait for each other.
+/// file by several threads or processes wait for each other, unless the filesystem has no locks.
 ///
 /// Throws std::filesystem::filesystem_error, with path and reason, if anything fails, or whatever `writer`
 /// throws. The old file is then untouched and the new one gone; but a directory that can't be synced, which

@@ -69,22 +69,32 @@ std::string_view base_name(const char* file)
     return path.substr(path.rfind('/') + 1);
 }
 
-/// Appends text such that it stays within its line, whoever wrote it, and can't command a terminal.
-void append_escaped(std::string& out, std::string_view text)
+void append_hex(std::string& out, unsigned char byte)
 {
     constexpr std::string_view digits = "0123456789abcdef";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
+    out += "\\x";
+    out += digits[byte >> 4];
+    out += digits[byte & 0xf];
+}
+
+/// Appends text such that it stays within its line, whoever wrote it, and can't command a terminal, which may
+/// also obey the control characters U+0080 to U+009F.
+void append_escaped(std::string& out, std::string_view text)
+{
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\n') {
             out += "\\n";
         }
-        else if (byte < 0x20 || byte == 0x7f) {
-            out += "\\x";
-            out += digits[byte >> 4];
-            out += digits[byte & 0xf];
+        else if (byte(i) < 0x20 || byte(i) == 0x7f) {
+            append_hex(out, byte(i));
+        }
+        else if (byte(i) == 0xc2 && i + 1 < text.size() && byte(i + 1) >= 0x80 && byte(i + 1) <= 0x9f) {
+            append_hex(out, byte(i));
+            append_hex(out, byte(++i));
         }
         else {
-            out += c;
+            out += text[i];
         }
     }
 }

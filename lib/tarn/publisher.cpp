@@ -17,6 +17,7 @@
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/client.h"
+#include "tarn/internal/bind_endpoints.h"
 #include "tarn/internal/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
 #include "tarn/proto/stats.pb.h"
@@ -81,7 +82,7 @@ public:
         if (client_)
             socket_.connect(uri_->to_string());
         else
-            socket_.bind(uri_->to_string());
+            tarn_internal::bind_when_free(socket_, *uri_);
         socket_.set(zmq::sockopt::linger, linger_milliseconds);
         if (client_)
             ensure_connection();

@@ -6,6 +6,7 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
+#include "tarn/internal/bind_endpoints.h"
 #include "tarn/internal/controlled_thread.h"
 #include "tarn/internal/proxy.h"
 #include "tarn/internal/utils/socket_ops.h"
@@ -43,7 +44,7 @@ private:
     static void bind(zmq::socket_t& socket, const slate::Uri& uri)
     {
         slate::log_debug(SLATE_HERE, "bind ", uri.to_string());
-        socket.bind(uri.to_string());
+        bind_when_free(socket, uri);
     }
 
     void listen()

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/client.h"
 
+#include <csignal>
 #include <future>
+#include <set>
 #include <sstream>
+#include <thread>
+
+#include <pthread.h>
 
 #include "support/peers.h"
 #include "support/runtime_test.h"
@@ -485,24 +490,98 @@ TEST_F(AClient, SharedByManyThreadsGivesEachItsOwnReply)
 
 TEST_F(AClient, SendsRequestsOfSeveralThreadsOneAtATime)
 {
-    std::atomic<bool> answered{false};
-    std::atomic<bool> overlapped{false};
+    std::promise<Clock::time_point> second_came;
     ScriptedPeer peer(uri, [&](const std::string& frame) {
-        if (parse(frame).get().head().path() == "/second" && !answered)
-            overlapped = true;
+        if (parse(frame).get().head().path() == "/second")
+            second_came.set_value(Clock::now());
         return std::vector<std::string>();
     });
     const auto client = make_client(uri, 0);
 
-    auto first = std::async(std::launch::async, [&] {
-        client->get("/first", nullptr, slate::Milliseconds(300));
-        answered = true;
-    });
+    const auto start = Clock::now();
+    auto first =
+        std::async(std::launch::async, [&] { client->get("/first", nullptr, slate::Milliseconds(300)); });
     ASSERT_TRUE(wait_until([&] { return peer.requests() == 1; }));
     client->get("/second", nullptr, brief);
     first.wait();
 
-    ASSERT_TRUE(wait_until([&] { return peer.requests() == 2; }));
-    EXPECT_FALSE(overlapped && !answered);
+    auto came = second_came.get_future();
+    ASSERT_EQ(came.wait_for(20s), std::future_status::ready);
+    // The first call held the client for 300 ms, less rounding.
+    EXPECT_GE(came.get() - start, 290ms);
+}
+
+// --- Trouble on the way
+// ---------------------------------------------------------------------------------------
+
+TEST_F(AClient, FailsToSendWhileItsInprocServerIsGoneAndFindsTheNextOne)
+{
+    const auto inproc = scratch_endpoint("inproc");
+    auto server = make_server(settings, {inproc}, nullptr);
+    const auto client = make_client(inproc, 0);
+    ASSERT_EQ(client->get("/index")->status(), Status::Ok);
+    {
+        // A server's sockets close behind its back. This one is attached after the client's, so once it sees
+        // the end the client sees it too.
+        zmq::socket_t probe(*runtime->ctx(), zmq::socket_type::dealer);
+        probe.connect(inproc->to_string());
+        server.reset();
+        ASSERT_TRUE(wait_until([&] {
+            zmq::pollitem_t item = {probe.handle(), 0, ZMQ_POLLOUT, 0};
+            return zmq::poll(&item, 1, 0ms) == 0;
+        }));
+    }
+
+    EXPECT_EQ(client->get("/gone", nullptr, slate::Milliseconds(200))->status(), Status::RequestTimeout);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "send failed: get {"), 1u);
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
+    EXPECT_EQ(counted("err"), 1u);
+    EXPECT_EQ(counted("tx"), 1u); // of the first request
+
+    server = make_server(settings, {inproc}, nullptr);
+    EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+    EXPECT_EQ(counted("tx"), 2u);
+}
+
+TEST_F(AClient, DoesNotHangOnASocketThatSpeaksAnotherLanguage)
+{
+    for (const auto& endpoint : {uri, scratch_endpoint("inproc")}) {
+        zmq::socket_t publisher(*runtime->ctx(), zmq::socket_type::pub);
+        publisher.bind(endpoint->to_string());
+        const auto client = make_client(endpoint, 0);
+
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(client->get("/a", nullptr, brief)->status(), Status::RequestTimeout)
+                << endpoint->to_string();
+    }
+}
+
+TEST_F(AClient, CountsAWaitThatASignalInterruptsAsOneWithoutAnAnswer)
+{
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = 0; // in particular not SA_RESTART
+    sigaction(SIGUSR1, &action, &before);
+    SilentPeer peer(uri);
+    const auto client = make_client(uri, 0);
+
+    std::promise<Status> promise;
+    auto status = promise.get_future();
+    std::thread caller([&] {
+        promise.set_value(client->get("/a", nullptr, slate::Duration::positive_infinity())->status());
+    });
+    ASSERT_TRUE(wait_until([&] { return peer.requests() == 1; }));
+    do {
+        pthread_kill(caller.native_handle(), SIGUSR1); // again if it came just before the wait
+    } while (status.wait_for(100ms) != std::future_status::ready);
+    caller.join();
+    sigaction(SIGUSR1, &before, nullptr);
+
+    EXPECT_EQ(status.get(), Status::RequestTimeout);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "Interrupted system call; request: get {"), 1u);
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
+    EXPECT_EQ(counted("tx"), 1u);
+    EXPECT_EQ(counted("rx"), 0u);
 }
 } // namespace

@@ -1,1 +1,307 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/multi_threaded_server.h"
+
+#include <future>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace tarn;
+using namespace tarn_test;
+using tarn_internal::make_multi_threaded_server;
+using tarn_internal::MultiThreadedServer;
+
+class AMultiThreadedServer : public RuntimeTest {
+protected:
+    static constexpr int id = 4713;
+
+    std::shared_ptr<Server> make(unsigned long workers,
+                                 const std::shared_ptr<const slate::Uri>& pubsub_uri = nullptr)
+    {
+        return make_multi_threaded_server(id, workers, settings, {uri}, pubsub_uri, factory());
+    }
+
+    std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
+};
+
+/// A gate that handlers wait at.
+class Gate {
+public:
+    void pass()
+    {
+        std::unique_lock lock(mutex_);
+        ++waiting_;
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return open_; });
+    }
+    void open()
+    {
+        const std::lock_guard lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    /// Whether so many come to wait.
+    bool await(int count, std::chrono::milliseconds limit = 20s)
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, limit, [&] { return waiting_ >= count; });
+    }
+
+private:
+    std::mutex mutex_; // guards the two below
+    std::condition_variable changed_;
+    int waiting_ = 0;
+    bool open_ = false;
+};
+
+TEST_F(AMultiThreadedServer, IsNotMadeWithoutTheLibrary)
+{
+    runtime.reset();
+    EXPECT_EQ(make(2), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_server, tarn not / no longer initialized"));
+}
+
+TEST_F(AMultiThreadedServer, IsNotMadeWithLessThanTwoWorkers)
+{
+    EXPECT_EQ(make(0), nullptr);
+    EXPECT_EQ(make(1), nullptr);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "cannot make_server, invalid number of workers specified"), 2u);
+    EXPECT_EQ(providers("zmq.server"), 0u);
+}
+
+TEST_F(AMultiThreadedServer, LogsItsThreads)
+{
+    slate::set_log_level(slate::DebugLevel);
+    make(2, scratch_endpoint()).reset();
+
+    for (const std::string thread : {"router", "pub/sub"}) {
+        EXPECT_EQ(logs.count(slate::DebugLevel, thread + " thread entry"), 1u);
+        EXPECT_EQ(logs.count(slate::DebugLevel, thread + " thread exit"), 1u);
+    }
+    EXPECT_EQ(logs.count(slate::DebugLevel, "worker thread entry"), 2u);
+    EXPECT_EQ(logs.count(slate::DebugLevel, "worker thread exit"), 2u);
+}
+
+TEST_F(AMultiThreadedServer, KeepsNoStatisticOfItsTime)
+{
+    const auto server = make(2);
+    for (const auto& shown : slate::snapshot())
+        EXPECT_TRUE(shown.statistics.empty());
+}
+
+TEST_F(AMultiThreadedServer, RunsHandlersOfDifferentRoutesSideBySide)
+{
+    const auto server = make(2);
+    Gate gate;
+    for (const std::string name : {"a", "b"}) {
+        const auto route = make_test_route(name, "get", "/" + name);
+        route->on_get = [&](Context&) { gate.pass(); };
+        server->add(route);
+    }
+    // Requests are handed out in turn, so the two go to different workers.
+    auto a = std::async(std::launch::async, [&] { return make_client(uri)->get("/a")->status(); });
+    auto b = std::async(std::launch::async, [&] { return make_client(uri)->get("/b")->status(); });
+
+    EXPECT_TRUE(gate.await(2));
+    gate.open();
+    EXPECT_EQ(a.get(), Status::NoContent);
+    EXPECT_EQ(b.get(), Status::NoContent);
+}
+
+TEST_F(AMultiThreadedServer, RunsHandlersOfOneRouteOneAtATime)
+{
+    const auto server = make(2);
+    Gate gate;
+    const auto route = make_test_route("a", "get,put", "/a");
+    route->on_get = route->on_put = [&](Context&) { gate.pass(); };
+    server->add(route);
+    auto first = std::async(std::launch::async, [&] { return make_client(uri)->get("/a")->status(); });
+    ASSERT_TRUE(gate.await(1));
+    auto second = std::async(std::launch::async, [&] { return make_client(uri)->put("/a", "x")->status(); });
+
+    EXPECT_FALSE(gate.await(2, 200ms));
+    gate.open();
+    EXPECT_EQ(first.get(), Status::NoContent);
+    EXPECT_EQ(second.get(), Status::NoContent);
+}
+
+TEST_F(AMultiThreadedServer, HandsRequestsOutInTurnWhetherAWorkerIsBusyOrNot)
+{
+    const auto server = make(2);
+    Gate gate;
+    const auto route = make_test_route("slow", "get", "/slow");
+    route->on_get = [&](Context&) { gate.pass(); };
+    server->add(route);
+    auto slow = std::async(std::launch::async, [&] { return make_client(uri)->get("/slow")->status(); });
+    ASSERT_TRUE(gate.await(1));
+
+    // Of two requests in turn one meets the busy worker, and waits behind the slow handler.
+    const auto ask = [&] {
+        return make_client(uri, 0)->get("/index", nullptr, slate::Seconds(20))->status();
+    };
+    auto one = std::async(std::launch::async, ask);
+    auto other = std::async(std::launch::async, ask);
+    const auto served = [&] {
+        return (one.wait_for(0ms) == std::future_status::ready) +
+               (other.wait_for(0ms) == std::future_status::ready);
+    };
+    EXPECT_TRUE(wait_until([&] { return served() == 1; }));
+    EXPECT_EQ(one.wait_for(100ms) == std::future_status::ready,
+              other.wait_for(0ms) != std::future_status::ready);
+    gate.open();
+    EXPECT_EQ(slow.get(), Status::NoContent);
+    EXPECT_EQ(one.get(), Status::Ok);
+    EXPECT_EQ(other.get(), Status::Ok);
+}
+
+TEST_F(AMultiThreadedServer, RunsRemoteCallsSideBySideTheSameFunctionIncluded)
+{
+    const auto server = make(2);
+    Gate gate;
+    server->suppress_add_remote_call_warning();
+    server->add(1u, [&](Message&) { gate.pass(); });
+    Message call;
+    call.mutable_call()->mutable_select()->set_method_number(1);
+    const auto ask = [&] { return RawPeer(uri).exchange(call.SerializeAsString()).size(); };
+    auto first = std::async(std::launch::async, ask);
+    auto second = std::async(std::launch::async, ask);
+
+    EXPECT_TRUE(gate.await(2));
+    gate.open();
+    first.wait();
+    second.wait();
+}
+
+TEST_F(AMultiThreadedServer, FinishesTheHandlerInHandBeforeItEnds)
+{
+    auto server = make(2);
+    Gate gate;
+    std::atomic<bool> finished{false};
+    const auto route = make_test_route("slow", "get", "/slow");
+    route->on_get = [&](Context&) {
+        gate.pass();
+        finished = true;
+    };
+    server->add(route);
+    RawPeer peer(uri);
+    peer.send(factory()->make_get("/slow")->SerializeAsString());
+    ASSERT_TRUE(gate.await(1));
+
+    auto ending = std::async(std::launch::async, [&] { server.reset(); });
+    EXPECT_EQ(ending.wait_for(100ms), std::future_status::timeout);
+    gate.open();
+    ending.get();
+    EXPECT_TRUE(finished);
+}
+
+TEST_F(AMultiThreadedServer, CanBeStoppedTwiceAndServesNoMore)
+{
+    const auto server = std::make_shared<MultiThreadedServer>(id, runtime->ctx(), settings, std::vector{uri},
+                                                              factory(), nullptr, 2);
+    const auto client = make_client(uri, 0);
+    EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+
+    server->stop();
+    EXPECT_FALSE(std::filesystem::exists(uri->path()));
+    server->stop();
+
+    EXPECT_EQ(client->get("/index", nullptr, slate::Milliseconds(100))->status(), Status::RequestTimeout);
+    EXPECT_TRUE(server->add(make_test_route("a", "get", "/a")));
+}
+
+TEST_F(AMultiThreadedServer, EndsAtOnceHoweverSoonItIsDestroyed)
+{
+    uri = scratch_endpoint("inproc");
+    for (int i = 0; i < 200; ++i)
+        make(2).reset();
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
+
+TEST_F(AMultiThreadedServer, SaysNothingOfSubscriptionsWithoutARelay)
+{
+    slate::set_log_level(slate::DebugLevel);
+    const auto server = make(2);
+    server->add(make_test_route("a", "get", "/a"));
+    server->del("a");
+    EXPECT_EQ(logs.count(slate::DebugLevel, "try to reload subscriptions"), 0u);
+
+    uri = scratch_endpoint();
+    const auto hearing = make(2, scratch_endpoint());
+    hearing->add(make_test_route("a", "get", "/a"));
+    hearing->del("unknown");
+    EXPECT_EQ(logs.count(slate::DebugLevel, "try to reload subscriptions"), 2u);
+    hearing->clear();
+    EXPECT_EQ(logs.count(slate::DebugLevel, "try to reload subscriptions"), 2u);
+}
+
+TEST_F(AMultiThreadedServer, WhoseEndpointIsTakenReportsItAfterItsPatienceAndLivesOnWithoutServing)
+{
+    zmq::context_t context;
+    zmq::socket_t holder(context, zmq::socket_type::rep);
+    holder.bind("tcp://127.0.0.1:*");
+    uri = slate::make_uri(holder.get(zmq::sockopt::last_endpoint));
+
+    const auto start = std::chrono::steady_clock::now();
+    auto server = make(2);
+
+    ASSERT_NE(server, nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 25s);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "Failed to bind rx socket: Address already in use"));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "worker thread failed to start in expected timeframe"));
+    server.reset();
+}
+
+// What a device does all day, all at once; for the thread sanitizer above all.
+TEST_F(AMultiThreadedServer, BearsClientsUploadsChangesAndRoutesThatComeAndGoAtOnce)
+{
+    const auto pub = scratch_endpoint();
+    const auto server = make(4, pub);
+    std::atomic<int> changes{0};
+    for (const std::string name : {"a", "b"}) {
+        const auto route = make_test_route(name, "get,put", "/" + name);
+        route->on_get = [](Context& context) { context.reply.set_reply_text("x"); };
+        route->on_put = [&](Context& context) {
+            if (context.reply.message)
+                context.reply.set_reply_text(std::to_string(context.request.data().size()));
+            else
+                ++changes;
+        };
+        server->add(route);
+    }
+    const auto publisher = make_publisher(pub);
+    std::atomic<bool> stop{false};
+    std::jthread publishing([&] {
+        while (!stop)
+            publisher->put("/a", "x");
+    });
+    std::jthread changing([&] {
+        while (!stop) {
+            server->add(make_test_route("c", "get", "/c/:id"));
+            server->del("c");
+        }
+    });
+
+    std::atomic<int> right{0};
+    {
+        std::vector<std::jthread> clients;
+        for (int t = 0; t < 8; ++t) {
+            clients.emplace_back([&, t] {
+                const auto client = make_client(uri);
+                for (int i = 0; i < 5; ++i) {
+                    right += client->get("/a", nullptr, slate::Seconds(30))->good() ? 1 : 0;
+                    std::istringstream body(std::string(3 << 19, 'u'));
+                    const auto reply =
+                        client->put(t % 2 ? "/a" : "/b", body, slate::make_dictionary(), slate::Seconds(30));
+                    right += reply->good() && reply->data() == std::to_string(3 << 19) ? 1 : 0;
+                    right += client->get("/index", nullptr, slate::Seconds(30))->good() ? 1 : 0;
+                }
+            });
+        }
+    }
+    EXPECT_TRUE(wait_until([&] { return changes > 0; }));
+    stop = true;
+    EXPECT_EQ(right, 8 * 5 * 3);
+}
+} // namespace

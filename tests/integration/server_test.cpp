@@ -100,6 +100,24 @@ TEST_P(AServer, MarksItsCountersOfTrouble)
         EXPECT_EQ(severities[name], std::nullopt) << name;
 }
 
+TEST_P(AServer, CanTakeTheEndpointOverOfOneThatHasJustEnded)
+{
+    zmq::context_t context;
+    zmq::socket_t probe(context, zmq::socket_type::rep);
+    probe.bind("tcp://127.0.0.1:*");
+    const auto tcp = slate::make_uri(probe.get(zmq::sockopt::last_endpoint));
+    probe.close();
+    context.close();
+
+    for (const auto& endpoint : {uri, scratch_endpoint("inproc"), tcp}) {
+        for (int i = 0; i < 30; ++i) {
+            const auto server = make({endpoint});
+            EXPECT_EQ(make_client(endpoint, 0)->get("/index")->status(), Status::Ok) << endpoint->to_string();
+        }
+    }
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
+
 TEST_P(AServer, EndsAtOnceHoweverOftenItIsMadeAndDestroyed)
 {
     for (int i = 0; i < 20; ++i)
@@ -329,7 +347,9 @@ TEST_P(AServer, LogsRequestsAndRepliesOnlyForDebugging)
     const auto server = make({uri});
     const auto client = make_client(uri);
     client->get("/a");
-    EXPECT_TRUE(logs.lines().empty() || logs.count(slate::DebugLevel) == 0);
+    ASSERT_TRUE(will_have_counted("tx", 1)); // and has logged whatever it has to say before
+    for (const LoggedLine& line : logs.lines())
+        EXPECT_FALSE(line.text.starts_with("rx: ") || line.text.starts_with("tx: ")) << line.text;
 
     slate::set_log_level(slate::DebugLevel);
     client->get("/a");
@@ -487,6 +507,262 @@ TEST_P(AServer, IsNotDisturbedBySignalsToTheProcess)
     sigaction(SIGUSR1, &before, nullptr);
     EXPECT_GE(handled, 1);
     EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_P(AServer, MayLoseItsLastOwnerInItsOwnHandler)
+{
+    auto server = make({uri});
+    const auto route = make_test_route("last", "get", "/last");
+    std::promise<void> held;
+    std::promise<void> released;
+    route->on_get = [&, weak = std::weak_ptr(server)](Context&) {
+        const auto last = weak.lock();
+        held.set_value();
+        released.get_future().wait();
+    };
+    server->add(route);
+    {
+        RawPeer peer(uri); // which doesn't wait for an answer: nobody promises one any more
+        peer.send(get_message("/last").SerializeAsString());
+        held.get_future().wait();
+        server.reset();
+        EXPECT_EQ(providers("zmq.server"), 1u);
+        released.set_value();
+    }
+
+    EXPECT_TRUE(wait_until([] { return providers("zmq.server") == 0; }));
+    // The runtime object's pointer and the one that ctx() gives: nothing is left of the server.
+    EXPECT_TRUE(wait_until([&] { return runtime->ctx().use_count() == 2; }));
+}
+
+TEST_P(AServer, EndsWithAFewWordsWhenItsContextIsShutDown)
+{
+    auto server = make({uri}, scratch_endpoint());
+
+    runtime->ctx()->shutdown();
+    EXPECT_TRUE(wait_until([&] { return logs.count(slate::ErrorLevel) >= 1; }));
+    server.reset();
+
+    EXPECT_LE(logs.lines().size(), 30u);
+    EXPECT_EQ(providers("zmq.server"), 0u);
+}
+
+TEST_P(AServer, IsNotMadeForAnEndpointThatIsNull)
+{
+    const std::shared_ptr<const slate::Uri> null;
+
+    EXPECT_EQ(make({null}), nullptr);
+    EXPECT_EQ(make({uri, null}), nullptr);
+
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>(2, "cannot make_server, an endpoint is null"));
+    EXPECT_EQ(providers("zmq.server"), 0u);
+}
+
+TEST_P(AServer, AnswersARemoteFunctionThatThrowsAnythingAsItsOwnFailure)
+{
+    const auto server = make({uri});
+    server->suppress_add_remote_call_warning();
+    server->add(7u, [](Message&) { throw 42; });
+    Message call;
+    call.mutable_call()->mutable_select()->set_method_number(7);
+
+    const Message answer = exchange(call);
+
+    EXPECT_EQ(answer.call().result().status(), Status::InternalServerError);
+    EXPECT_EQ(answer.call().result().status_message(), "unknown exception");
+    EXPECT_EQ(exchange(get_message("/index")).response().status(), Status::Ok);
+}
+
+TEST_P(AServer, GivesTheReasonOfAFailureInUtf8WhateverTheHandlerWrote)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get", "/a");
+    route->on_get = [](Context&) { throw MessageException(Status::Conflict, "a\xFFz"); };
+    server->add(route);
+
+    const auto reply = make_client(uri)->get("/a");
+
+    EXPECT_EQ(reply->status(), Status::Conflict);
+    EXPECT_EQ(reply->status_message(), "a\uFFFDz");
+}
+
+TEST_P(AServer, HandsOnATextThatIsNoUtf8AsBytes)
+{
+    const auto server = make({uri});
+    std::string value; // touched by handlers of one route only
+    server->add(make_string_route(
+        "text", "get,put", "/text", [&](Context&) { return value; },
+        [&](Context&, std::string text) { value = std::move(text); }));
+    const auto client = make_client(uri);
+
+    EXPECT_TRUE(client->put("/text", "a\xFFz")->good());
+    const auto reply = client->get("/text");
+
+    EXPECT_EQ(reply->status(), Status::Ok);
+    ASSERT_NE(reply->message, nullptr);
+    EXPECT_TRUE(reply->message->response().body().has_bin());
+    EXPECT_EQ(reply->message->response().body().bin(), "a\xFFz");
+}
+
+TEST_P(AServer, OutlivesMoreRouteChangesThanItsControlChannelHolds)
+{
+    const auto pub = scratch_endpoint();
+    const auto publisher = make_publisher(pub);
+    auto server = make({uri}, pub);
+    // Holds up the thread that hears of changes, whichever that is.
+    std::atomic<bool> blocked{false};
+    std::promise<void> released;
+    const auto blocking = make_test_route("blocking", "put", "/blocking");
+    blocking->on_put = [&, release = released.get_future().share()](Context&) {
+        blocked = true;
+        release.wait();
+    };
+    server->add(blocking);
+    ASSERT_TRUE(wait_until([&] {
+        publisher->put("/blocking", "x");
+        return blocked.load();
+    }));
+
+    const auto passing = make_test_route("passing", "get", "/passing");
+    std::atomic<int> heard{0};
+    const auto late = make_test_route("late", "get,put", "/late");
+    late->on_get = [](Context& context) { context.reply.set_reply_text("late"); };
+    late->on_put = [&](Context&) { ++heard; };
+    std::thread([&] {
+        for (int i = 0; i < 1500; ++i) {
+            server->add(passing);
+            server->del("passing");
+        }
+        server->add(late);
+    }).join();
+    released.set_value();
+
+    EXPECT_EQ(make_client(uri)->get("/late", nullptr, slate::Seconds(30))->data(), "late");
+    EXPECT_TRUE(wait_until([&] {
+        publisher->put("/late", "x");
+        return heard > 0;
+    }));
+    server.reset();
+    EXPECT_EQ(providers("zmq.server"), 0u);
+}
+
+TEST_P(AServer, ServesARouteUndisturbedThatASecondServerTakesAndDrops)
+{
+    const auto second_uri = scratch_endpoint();
+    const auto first = make({uri});
+    const auto second = make({second_uri});
+    const auto shared = make_test_route("shared", "get", "/shared/:id");
+    shared->on_get = [](Context& context) { context.reply.set_reply_text(context.params->get("id", "")); };
+    first->add(shared);
+    std::atomic<int> asked{0};
+    std::atomic<int> right{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::jthread> askers;
+    for (int t = 0; t < 4; ++t) {
+        askers.emplace_back([&, t] {
+            const auto client = make_client(uri);
+            const std::string own = std::to_string(t);
+            while (!stop) {
+                ++asked;
+                right += client->get("/shared/" + own, nullptr, slate::Seconds(30))->data() == own ? 1 : 0;
+            }
+        });
+    }
+    ASSERT_TRUE(wait_until([&] { return right > 0; }));
+
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(second->add(shared));
+        second->del("shared");
+    }
+    const int before = right;
+    ASSERT_TRUE(wait_until([&] { return right > before; }));
+    stop = true;
+    askers.clear();
+
+    EXPECT_EQ(right, asked);
+    second->add(shared);
+    EXPECT_EQ(make_client(second_uri)->get("/shared/2")->data(), "2");
+}
+
+TEST_P(AServer, GoesOnWhenTheClientIsGoneBeforeItsHandlerReturns)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("slow", "get", "/slow");
+    std::promise<void> entered;
+    std::promise<void> released;
+    route->on_get = [&](Context& context) {
+        entered.set_value();
+        released.get_future().wait();
+        context.reply.set_reply_text("nobody hears this");
+    };
+    server->add(route);
+    {
+        RawPeer peer(uri);
+        peer.send(get_message("/slow").SerializeAsString());
+        entered.get_future().wait();
+    }
+    released.set_value();
+
+    const auto client = make_client(uri);
+    for (int i = 0; i < 5; ++i) // each worker has its turn
+        EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+    EXPECT_EQ(counted("rx"), 6u);
+}
+
+TEST_P(AServer, ServesRequestsAndPublishedChangesWithoutOverlapInOneRoute)
+{
+    constexpr int rounds = 100;
+    const auto pub = scratch_endpoint();
+    const auto publisher = make_publisher(pub);
+    const auto server = make({uri}, pub);
+    std::atomic<int> inside{0};
+    std::atomic<int> overlaps{0};
+    const auto alone = [&](const std::function<void()>& body) {
+        overlaps += ++inside == 1 ? 0 : 1;
+        body();
+        std::this_thread::yield(); // a chance for another one to come in
+        --inside;
+    };
+    std::atomic<bool> subscribed{false};
+    std::atomic<int> changes{0};
+    const auto route = make_test_route("a", "get,put", "/a");
+    route->on_get = [&](Context& context) { alone([&] { context.reply.set_reply_text("got"); }); };
+    route->on_put = [&](Context& context) {
+        alone([&] { context.request.data() == "change" ? void(++changes) : void(subscribed = true); });
+    };
+    server->add(route);
+    ASSERT_TRUE(wait_until([&] {
+        publisher->put("/a", "are you there");
+        return subscribed.load();
+    }));
+
+    std::atomic<int> right{0};
+    {
+        std::vector<std::jthread> askers;
+        for (int t = 0; t < 3; ++t) {
+            askers.emplace_back([&] {
+                const auto client = make_client(uri);
+                for (int i = 0; i < rounds; ++i)
+                    right += client->get("/a", nullptr, slate::Seconds(30))->data() == "got" ? 1 : 0;
+            });
+        }
+        for (int i = 0; i < rounds; ++i)
+            EXPECT_TRUE(publisher->put("/a", "change")->good());
+    }
+
+    EXPECT_EQ(right, 3 * rounds);
+    EXPECT_TRUE(wait_until([&] { return changes == rounds; }));
+    EXPECT_EQ(overlaps, 0);
+}
+
+TEST_P(AServer, IsMadeWithAMessageFactoryOfItsOwnIfItIsGivenNone)
+{
+    const auto server = GetParam().workers == 1 ? make_server(settings, {uri}, nullptr)
+                                                : make_server(GetParam().workers, settings, {uri}, nullptr);
+
+    ASSERT_NE(server, nullptr);
+    EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
 }
 
 } // namespace

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/utils/socket_ops.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 
+#include <dlfcn.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +15,22 @@
 #include "slate/uri.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
+
+namespace {
+thread_local bool groups_are_unreadable = false;
+} // namespace
+
+// In place of the C library's, so that it can fail.
+extern "C" int getgrnam_r(const char* name, struct group* entry, char* buffer, size_t size,
+                          struct group** result)
+{
+    if (groups_are_unreadable) {
+        *result = nullptr;
+        return EIO;
+    }
+    static const auto real = reinterpret_cast<decltype(&getgrnam_r)>(dlsym(RTLD_NEXT, "getgrnam_r"));
+    return real(name, entry, buffer, size, result);
+}
 
 namespace {
 using namespace tarn;
@@ -67,6 +85,15 @@ TEST_F(ASocketFile, StaysWithItsGroupIfTheNewOneDoesNotExist)
     EXPECT_FALSE(try_modify_socket_group(file, "no such group"));
     EXPECT_TRUE(
         logs.has(slate::WarnLevel, "failed to set group for " + path.string() + "; group does not exist"));
+}
+
+TEST_F(ASocketFile, StaysWithItsGroupWithoutAWordIfTheGroupsCannotBeRead)
+{
+    slate::set_log_level(slate::ExtremeLevel);
+    groups_are_unreadable = true;
+    EXPECT_FALSE(try_modify_socket_group(ipc, "root"));
+    groups_are_unreadable = false;
+    EXPECT_TRUE(logs.lines().empty());
 }
 
 TEST_F(ASocketFile, IsRemoved)

@@ -2,6 +2,9 @@
 #include "tarn/internal/bind_endpoints.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include <zmq.hpp>
 
@@ -18,12 +21,32 @@ bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris)
     return false;
 }
 
+void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
+{
+    constexpr auto patience = std::chrono::milliseconds(250);
+    constexpr auto pause = std::chrono::milliseconds(5);
+
+    const auto end = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        try {
+            socket.bind(uri.to_string());
+            return;
+        }
+        catch (const zmq::error_t& error) {
+            if (error.num() != EADDRINUSE || std::chrono::steady_clock::now() >= end)
+                throw;
+        }
+        // There is no event to wait for: the release happens on a thread of libzmq that tells nobody.
+        std::this_thread::sleep_for(pause);
+    }
+}
+
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                     const std::shared_ptr<slate::Provider>& provider)
 {
     for (const auto& uri : uris) {
         try {
-            socket.bind(uri->to_string());
+            bind_when_free(socket, *uri);
         }
         catch (const zmq::error_t& error) {
             slate::log_error(provider, SLATE_HERE, "Failed to bind rx socket: ", error.what());
