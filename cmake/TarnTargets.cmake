@@ -44,6 +44,13 @@ function(tarn_shared_library target)
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
 endfunction()
 
+# A program on the public headers, built with what any application gets.
+function(tarn_program name)
+  add_executable(${name} ${ARGN})
+  tarn_compile_options(${name})
+  target_link_libraries(${name} PRIVATE tarn::tarn)
+endfunction()
+
 # One test program of GoogleTest cases: tarn_test(NAME name SOURCES ... LIBRARIES ... [TIMEOUT seconds]).
 function(tarn_test)
   cmake_parse_arguments(arg "" "NAME;TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})

@@ -1,6 +1,6 @@
 #!/bin/sh
-# service_and_client.sh SERVICE CLIENT: starts the service at a socket of its own, waits until it says that it serves,
-# and runs the client against it; exits as the client does.
+# service_and_client.sh SERVICE CLIENT [ARGUMENT...]: starts the service at a socket of its own, waits until it says that
+# it serves, and runs the client against it, with further arguments; exits as the client does.
 set -eu
 work=$(mktemp -d)
 service=""
@@ -15,4 +15,6 @@ mkfifo "$work/ready"
 service=$!
 read -r line <"$work/ready"
 echo "$line"
-"$2" "$work/service.sock"
+client=$2
+shift 2
+"$client" "$work/service.sock" "$@"

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/dictionary.h"
 
+#include <atomic>
 #include <limits>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -138,5 +140,30 @@ TEST(Dictionary, IsEmptyOnceCleared)
 
     EXPECT_FALSE(dictionary->has("a"));
     EXPECT_TRUE(dictionary->keys().empty());
+}
+
+TEST(Dictionary, IsReadByManyThreadsAtOnce)
+{
+    const auto dictionary = slate::make_dictionary();
+    for (int i = 0; i < 50; ++i)
+        dictionary->set("key" + std::to_string(i), i);
+    dictionary->set("flag", true);
+
+    std::atomic<int> wrong{0};
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 6; ++t) {
+            threads.emplace_back([&, reading = std::shared_ptr<const slate::Dictionary>(dictionary)] {
+                for (int i = 0; i < 500; ++i) {
+                    const std::string number = std::to_string(i % 50);
+                    wrong += reading->get("key" + number, "") == number ? 0 : 1;
+                    wrong += reading->get("flag", false) ? 0 : 1;
+                    wrong += reading->has("key" + number) && !reading->has("missing") ? 0 : 1;
+                    wrong += reading->keys().size() == 51 ? 0 : 1;
+                }
+            });
+        }
+    }
+    EXPECT_EQ(wrong, 0);
 }
 } // namespace

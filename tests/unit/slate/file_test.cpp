@@ -10,18 +10,98 @@
 #include <stdexcept>
 #include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "slate/strings.h"
 #include "support/scratch_folder.h"
 
 namespace {
 namespace fs = std::filesystem;
 
 using Names = std::vector<std::string>;
+
+/// Notes the system calls of this thread that matter to a power cut, and lets one of them fail, for as long
+/// as it lives.
+class SystemCalls {
+public:
+    SystemCalls() { of_this_thread = this; }
+    ~SystemCalls() { of_this_thread = nullptr; }
+    SystemCalls(const SystemCalls&) = delete;
+    SystemCalls& operator=(const SystemCalls&) = delete;
+
+    /// Every call of that name fails for that reason.
+    void fail(const std::string& name, int reason)
+    {
+        failing_ = name;
+        reason_ = reason;
+    }
+
+    const Names& made() const { return made_; }
+
+    /// Notes a call and gives the reason why it fails, or 0.
+    static int make(const std::string& name)
+    {
+        if (!of_this_thread)
+            return 0;
+        of_this_thread->made_.push_back(name);
+        return of_this_thread->failing_ == name ? of_this_thread->reason_ : 0;
+    }
+
+private:
+    static thread_local SystemCalls* of_this_thread;
+
+    Names made_;
+    std::string failing_;
+    int reason_ = 0;
+};
+thread_local SystemCalls* SystemCalls::of_this_thread = nullptr;
+
+int refuse(int reason)
+{
+    errno = reason;
+    return -1;
+}
+} // namespace
+
+// In place of the C library's.
+extern "C" {
+int flock(int file, int operation) noexcept
+{
+    if (operation == LOCK_UN) // done without a look at its result
+        return static_cast<int>(syscall(SYS_flock, file, operation));
+    const int reason = SystemCalls::make("flock");
+    return reason ? refuse(reason) : static_cast<int>(syscall(SYS_flock, file, operation));
+}
+
+int fsync(int file)
+{
+    struct stat status {};
+    const bool is_folder = fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
+    const int reason = SystemCalls::make(is_folder ? "fsync folder" : "fsync file");
+    return reason ? refuse(reason) : static_cast<int>(syscall(SYS_fsync, file));
+}
+
+int rename(const char* from, const char* to) noexcept
+{
+    const int reason = SystemCalls::make("rename");
+    return reason ? refuse(reason) : renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+int fchmod(int file, mode_t mode) noexcept
+{
+    const int reason = SystemCalls::make("fchmod");
+    return reason ? refuse(reason) : static_cast<int>(syscall(SYS_fchmod, file, mode));
+}
+}
+
+namespace {
 
 std::string content(const fs::path& path)
 {
@@ -523,5 +603,150 @@ TEST_F(PowersafeWrite, GoesOnWhenTheProcessItWaitsForIsKilled)
 
     EXPECT_EQ(content(path_), "new");
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+TEST_F(PowersafeWrite, ReachesTheDiskInAnOrderThatSurvivesAPowerCut)
+{
+    {
+        const SystemCalls calls;
+        write(path_, "new");
+        EXPECT_EQ(calls.made(), (Names{"flock", "fsync file", "rename", "fsync folder"}));
+    }
+    const SystemCalls calls;
+    write(path_, "newer");
+    EXPECT_EQ(calls.made(), (Names{"flock", "fchmod", "fsync file", "rename", "fsync folder"}));
+}
+
+TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheDiskFails)
+{
+    put(path_, "old");
+    for (const std::string call : {"flock", "fchmod", "fsync file", "rename"}) {
+        SCOPED_TRACE(call);
+        {
+            SystemCalls calls;
+            calls.fail(call, EIO);
+            expect_write_error(path_, EIO);
+            EXPECT_EQ(calls.made().back(), call);
+        }
+        EXPECT_EQ(content(path_), "old");
+        EXPECT_EQ(files(scratch_.path()), Names{"file"});
+    }
+    write(path_, "new"); // no lock stays behind
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, TellsThatTheFolderMayForgetANewFile)
+{
+    put(path_, "old");
+    {
+        SystemCalls calls;
+        calls.fail("fsync folder", EIO);
+        expect_write_error(path_, EIO);
+    }
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, WorksOnAFilesystemThatCannotSyncFolders)
+{
+    SystemCalls calls;
+    calls.fail("fsync folder", EINVAL);
+
+    write(path_, "new");
+
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, WorksOnAFilesystemWithoutLocks)
+{
+    const auto leftover = scratch_.path() / ".file.tmp";
+    for (const int reason : {ENOLCK, EOPNOTSUPP, ENOSYS}) {
+        SCOPED_TRACE(std::generic_category().message(reason));
+        put(leftover, "half");
+        {
+            SystemCalls calls;
+            calls.fail("flock", reason);
+            write(path_, "new");
+        }
+        EXPECT_EQ(content(path_), "new");
+        EXPECT_EQ(files(scratch_.path()), Names{"file"});
+        fs::remove(path_);
+    }
+}
+
+TEST_F(PowersafeWrite, GivesUpIfItsFileIsTakenAwayOnAFilesystemWithoutLocks)
+{
+    put(path_, "old");
+    SystemCalls calls;
+    calls.fail("flock", ENOLCK);
+
+    expect_error(path_, EBUSY, [&] {
+        slate::powersafe_write(path_, [&](std::ofstream& out) {
+            out << "first";
+            write(path_, "second"); // as another process would, which sees no lock
+        });
+    });
+
+    EXPECT_EQ(content(path_), "second");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, TakesTheLongestNamesThereAre)
+{
+    for (std::size_t length = 248; length <= 255; ++length) {
+        const auto path = scratch_.path() / std::string(length, 'n');
+        Names during;
+        slate::powersafe_write(path, [&](std::ofstream& out) {
+            out << length;
+            during = files(scratch_.path());
+        });
+
+        EXPECT_EQ(content(path), std::to_string(length));
+        EXPECT_EQ(files(scratch_.path()), Names{path.filename().string()});
+        ASSERT_EQ(during.size(), 1u);
+        EXPECT_LE(during[0].size(), 255u);
+        EXPECT_TRUE(during[0].starts_with(".nnn"));
+        EXPECT_TRUE(during[0].ends_with(".tmp"));
+        fs::remove(path);
+    }
+    expect_write_error(scratch_.path() / std::string(256, 'n'), ENAMETOOLONG);
+}
+
+TEST_F(PowersafeWrite, KeepsTheTemporaryFilesOfLongNamesApart)
+{
+    // Differ only at their ends, and are cut within characters of two bytes.
+    std::string characters;
+    while (characters.size() < 250)
+        characters += "\xc3\xa4";
+    const auto first = scratch_.path() / (characters + "a");
+    const auto second = scratch_.path() / (characters + "b");
+
+    slate::powersafe_write(first, [&](std::ofstream& out) {
+        out << "first";
+        const Names one = files(scratch_.path());
+        slate::powersafe_write(second, [&](std::ofstream& inner) {
+            inner << "second";
+            EXPECT_EQ(files(scratch_.path()).size(), 2u);
+        });
+        for (const std::string& name : one)
+            EXPECT_TRUE(slate::is_utf8(name)) << name;
+    });
+
+    EXPECT_EQ(content(first), "first");
+    EXPECT_EQ(content(second), "second");
+}
+
+TEST_F(PowersafeWrite, FindsTheTemporaryFileOfALongNameAgain)
+{
+    const auto path = scratch_.path() / std::string(255, 'n');
+    const Child child([&] {
+        slate::powersafe_write(path, [](std::ofstream&) { _exit(0); });
+        return 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(files(scratch_.path()).size(), 1u);
+
+    write(path, "new");
+
+    EXPECT_EQ(files(scratch_.path()), Names{path.filename().string()});
 }
 } // namespace

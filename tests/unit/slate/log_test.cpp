@@ -577,4 +577,48 @@ TEST(LogDeathTest, WorksWhileStaticObjectsDie)
 
     EXPECT_EXIT(log_and_exit(), testing::ExitedWithCode(0), "an early line.*\n.*a late line");
 }
+
+TEST(LogStream, TakesManipulators)
+{
+    const LogCapture capture;
+    slate::set_log_level(slate::DebugLevel);
+
+    slate::Log(slate::InfoLevel, __FILE__, __LINE__) << "a" << std::endl << 1 << std::ends;
+    slate::Debug(__FILE__, __LINE__) << "b" << std::endl;
+
+    EXPECT_EQ(texts(capture), (Texts{std::string("a\n1\0", 4), "b\n"}));
+}
+
+int calls_of_manipulator = 0;
+
+std::ostream& count_call(std::ostream& out)
+{
+    ++calls_of_manipulator;
+    return out;
+}
+
+TEST(DebugStream, CallsNoManipulatorWhileDebugLoggingIsOff)
+{
+    const LogCapture capture;
+    calls_of_manipulator = 0;
+
+    slate::Debug(__FILE__, __LINE__) << "a" << count_call << std::endl;
+    EXPECT_EQ(calls_of_manipulator, 0);
+    EXPECT_TRUE(capture.lines().empty());
+
+    slate::set_log_level(slate::DebugLevel);
+    slate::Debug(__FILE__, __LINE__) << "a" << count_call;
+    EXPECT_EQ(calls_of_manipulator, 1);
+}
+
+TEST(StderrSink, EscapesTheControlCharactersBeyondAsciiToo)
+{
+    // U+0080, U+009B, which is what ESC [ is in ASCII, and U+009F; but not U+00A0 and what else has such
+    // bytes.
+    EXPECT_EQ(stderr_line(slate::InfoLevel, "a\xc2\x80z \xc2\x9b"
+                                            "2J \xc2\x9f"),
+              "info a\\xc2\\x80z \\xc2\\x9b2J \\xc2\\x9f (file.cpp:12)\n");
+    EXPECT_EQ(stderr_line(slate::InfoLevel, "\xc2\xa0 \xc3\x80 \xe2\x82\x9b \xc2"),
+              "info \xc2\xa0 \xc3\x80 \xe2\x82\x9b \xc2 (file.cpp:12)\n");
+}
 } // namespace

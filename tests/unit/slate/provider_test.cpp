@@ -2,6 +2,8 @@
 #include "slate/provider.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <limits>
 #include <numeric>
 #include <thread>
@@ -9,6 +11,11 @@
 #include <gtest/gtest.h>
 
 namespace {
+// Counters and statistics are these, so that counting never waits for whoever reads.
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+static_assert(std::atomic<std::int64_t>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free);
+
 constexpr auto cumulative = slate::CounterPolicy::Cumulative;
 using Names = std::vector<std::string>;
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -13,6 +15,8 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "slate/provider.h"
 #include "support/log_capture.h"
@@ -566,5 +570,54 @@ TEST_F(Queue, MayEndWithTheWorkThatHoldsIt)
     EXPECT_EQ(future.get(), 3);
     EXPECT_TRUE(wait_until([] { return threads_named("q-held") == 0; }));
     EXPECT_TRUE(capture.lines().empty());
+}
+
+/// Submits a work that never ends, and waits until it runs.
+void hang(slate::Queue& queue)
+{
+    const auto started = std::make_shared<std::promise<void>>();
+    queue.submit(make_job([started] {
+        started->set_value();
+        while (true)
+            pause();
+        return 0;
+    }));
+    started->get_future().wait();
+}
+
+/// What becomes of a forked process that does something and then returns from main, for which exit stands
+/// here. It is ended if that takes it ten seconds.
+template <class Body>
+int exit_status_after(Body body)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        body();
+        std::exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+TEST(AProcessWithAHungWork, EndsThoughItsQueueIsStatic)
+{
+    EXPECT_EQ(exit_status_after([] {
+                  static const auto queue = slate::make_queue({0, 1}, nullptr, "q-static");
+                  hang(*queue);
+              }),
+              0);
+}
+
+TEST(AProcessWithAHungWork, EndsThoughItsQueueIsNeverDestroyed)
+{
+    EXPECT_EQ(exit_status_after([] {
+                  // Found from a static pointer, so that it is no leak to a leak checker.
+                  static const auto* const queue =
+                      new std::shared_ptr<slate::Queue>(slate::make_queue({0, 1}, nullptr, "q-leaked"));
+                  hang(**queue);
+              }),
+              0);
 }
 } // namespace

@@ -100,6 +100,96 @@ TEST(Split, CutsAtEachDelimiter)
     EXPECT_EQ(split("a,b", "", false, false), (Pieces{"a,b"}));
 }
 
+struct Utf8Row {
+    std::string text;
+    std::string repaired; // the same for what is well-formed
+
+    friend std::ostream& operator<<(std::ostream& stream, const Utf8Row& row)
+    {
+        for (const char c : row.text)
+            stream << "0123456789ABCDEF"[static_cast<unsigned char>(c) >> 4]
+                   << "0123456789ABCDEF"[static_cast<unsigned char>(c) & 0xF] << " ";
+        return stream;
+    }
+};
+
+/// `bad` bytes, each of which is replaced, and a text that stays.
+Utf8Row ill_formed(const std::string& bad, const std::string& rest = "")
+{
+    std::string repaired;
+    for (std::size_t i = 0; i < bad.size(); ++i)
+        repaired += "\xEF\xBF\xBD";
+    return {bad + rest, repaired + rest};
+}
+
+Utf8Row well_formed(const std::string& text)
+{
+    return {text, text};
+}
+
+class Utf8 : public testing::TestWithParam<Utf8Row> {};
+
+TEST_P(Utf8, IsToldFromOtherBytes)
+{
+    EXPECT_EQ(slate::is_utf8(GetParam().text), GetParam().text == GetParam().repaired);
+}
+
+TEST_P(Utf8, IsMadeByReplacingEveryByteThatFitsNowhere)
+{
+    const std::string repaired = slate::to_utf8(GetParam().text);
+
+    EXPECT_EQ(repaired, GetParam().repaired);
+    EXPECT_TRUE(slate::is_utf8(repaired));
+}
+
+TEST_P(Utf8, IsFoundBetweenOtherTextToo)
+{
+    EXPECT_EQ(slate::to_utf8("a" + GetParam().text + "z"), "a" + GetParam().repaired + "z");
+    EXPECT_EQ(slate::to_utf8("\xC3\xA4" + GetParam().text), "\xC3\xA4" + GetParam().repaired);
+}
+
+// The first and the last of each line of the standard's table of well-formed sequences.
+INSTANTIATE_TEST_SUITE_P(WellFormed, Utf8,
+                         testing::Values(well_formed(""), well_formed(std::string(1, '\0')),
+                                         well_formed("\x7F"), well_formed("\xC2\x80"),
+                                         well_formed("\xDF\xBF"), well_formed("\xE0\xA0\x80"),
+                                         well_formed("\xE0\xBF\xBF"), well_formed("\xE1\x80\x80"),
+                                         well_formed("\xEC\xBF\xBF"), well_formed("\xED\x80\x80"),
+                                         well_formed("\xED\x9F\xBF"), well_formed("\xEE\x80\x80"),
+                                         well_formed("\xEF\xBF\xBD"), well_formed("\xEF\xBF\xBF"),
+                                         well_formed("\xF0\x90\x80\x80"), well_formed("\xF0\xBF\xBF\xBF"),
+                                         well_formed("\xF1\x80\x80\x80"), well_formed("\xF3\xBF\xBF\xBF"),
+                                         well_formed("\xF4\x80\x80\x80"), well_formed("\xF4\x8F\xBF\xBF"),
+                                         well_formed("\x4D\xD0\xB0\xE4\xBA\x8C\xF0\x90\x8C\x82")));
+
+INSTANTIATE_TEST_SUITE_P(Overlong, Utf8,
+                         testing::Values(ill_formed("\xC0\x80"), ill_formed("\xC0\xAF"),
+                                         ill_formed("\xC1\xBF"), ill_formed("\xE0\x80\x80"),
+                                         ill_formed("\xE0\x9F\xBF"), ill_formed("\xF0\x80\x80\x80"),
+                                         ill_formed("\xF0\x8F\xBF\xBF")));
+
+INSTANTIATE_TEST_SUITE_P(Surrogates, Utf8,
+                         testing::Values(ill_formed("\xED\xA0\x80"), ill_formed("\xED\xAF\xBF"),
+                                         ill_formed("\xED\xB0\x80"), ill_formed("\xED\xBF\xBF"),
+                                         ill_formed("\xED\xA0\xBD\xED\xB8\x80")));
+
+INSTANTIATE_TEST_SUITE_P(BeyondTheLastCharacter, Utf8,
+                         testing::Values(ill_formed("\xF4\x90\x80\x80"), ill_formed("\xF5\x80\x80\x80"),
+                                         ill_formed("\xF7\xBF\xBF\xBF"), ill_formed("\xF8\x88\x80\x80\x80"),
+                                         ill_formed("\xFC\x84\x80\x80\x80\x80"), ill_formed("\xFE"),
+                                         ill_formed("\xFF")));
+
+INSTANTIATE_TEST_SUITE_P(Cut, Utf8,
+                         testing::Values(ill_formed("\x80"), ill_formed("\xBF"), ill_formed("\xC2"),
+                                         ill_formed("\xDF"), ill_formed("\xE0\xA0"), ill_formed("\xE1\x80"),
+                                         ill_formed("\xEF\xBF"), ill_formed("\xF0\x90\x80"),
+                                         ill_formed("\xF1\x80"), ill_formed("\xF4\x8F\xBF"),
+                                         ill_formed("\xC2", "A"), ill_formed("\xE1\x80", "\xC3\xA4"),
+                                         ill_formed("\xF1\x80\x80", "\xE2\x82\xAC"), ill_formed("\xC2\xC2"),
+                                         ill_formed("\xF1\x80\xE1\x80"),
+                                         // The standard's own example of cut sequences.
+                                         ill_formed("\xE1\x80\xE2\xF0\x91\x92\xF1\xBF", "\x41")));
+
 TEST(Split, RemovesBlanksAroundPiecesIfAsked)
 {
     EXPECT_EQ(split(" GET ,\tPUT\t", ",", true, false), (Pieces{"GET", "PUT"}));

@@ -20,6 +20,7 @@ TEST(Uri, ConsistsOfSchemeAddressAndPath)
         {"ipc://relative/x.sock", "ipc", "relative/x.sock", "/x.sock"},
         {"ipc://@abstract", "ipc", "@abstract", ""},
         {"tcp://*:5555", "tcp", "*:5555", ""},
+        {"tcp://127.0.0.1:*", "tcp", "127.0.0.1:*", ""},
         {"tcp://[::1]:5555", "tcp", "[::1]:5555", ""},
         {"inproc://a/b", "inproc", "a/b", "/b"},
         {"file:///x", "file", "/x", "/x"},

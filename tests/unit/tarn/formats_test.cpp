@@ -370,11 +370,14 @@ class AcceptValue : public testing::TestWithParam<HeaderRow> {};
 
 TEST_P(AcceptValue, NamesFormatsTheMostWantedFirst)
 {
+    const tarn_test::LogCapture log;
+    slate::set_log_level(slate::DebugLevel);
     Formats formats;
 
     tarn::parse_accept(GetParam().value, formats);
 
     EXPECT_EQ(formats, GetParam().formats);
+    EXPECT_TRUE(log.lines().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -415,6 +418,9 @@ INSTANTIATE_TEST_SUITE_P(
         HeaderRow{"text/plain;qq=0.1,text/csv;q=0.5", {Format::Text, Format::Csv}},
         // A number is read as far as it goes.
         HeaderRow{"text/plain;q=0.5x,text/csv;q=0.7", {Format::Csv, Format::Text}},
+        // And may be hexadecimal.
+        HeaderRow{"text/plain;q=0x2,text/csv", {Format::Text, Format::Csv}},
+        HeaderRow{"text/plain;q=0x1,text/csv;q=1", {Format::Csv}},
         // What means nothing takes no factor from others.
         HeaderRow{"what;q=0.5,text/csv;q=0.5", {Format::Csv}},
         HeaderRow{"text/csv;q=0.5,what;q=0.5", {Format::Csv}}, HeaderRow{"what;q=1", {}}));
@@ -459,6 +465,9 @@ INSTANTIATE_TEST_SUITE_P(
                     HeaderRow{"text/csv;q=0.9,text/plain;q=", {Format::Text, Format::Csv}},
                     HeaderRow{"text/csv;q=0.9,text/plain;q", {Format::Text, Format::Csv}},
                     HeaderRow{"text/csv;q=0.9,text/plain;q=1e999", {Format::Text, Format::Csv}},
+                    HeaderRow{"text/csv;q=0.9,text/plain;q=1e-310", {Format::Text, Format::Csv}},
+                    HeaderRow{"text/csv;q=0.9,text/plain;q=+-1", {Format::Text, Format::Csv}},
+                    HeaderRow{"text/csv;q=0.9,text/plain;q=nan", {Format::Text, Format::Csv}},
                     // No second "q" is looked for.
                     HeaderRow{"text/csv;q=0.9,text/plain;q=abc;q=0.1", {Format::Text, Format::Csv}}));
 

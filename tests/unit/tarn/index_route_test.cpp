@@ -306,6 +306,14 @@ TEST_P(CompleteHeader, IsStrongerThanTheParameter)
 INSTANTIATE_TEST_SUITE_P(Keys, CompleteHeader, testing::Values("complete", "Complete", "COMPLETE"),
                          [](const auto& row) { return row.param; });
 
+TEST_F(CompleteIndex, GoesByTheLastOfSeveralHeaders)
+{
+    EXPECT_EQ(text(R"(headers { key: "Complete" value: "false" } headers { key: "COMPLETE" value: "true" })"),
+              complete);
+    EXPECT_EQ(text(R"(headers { key: "Complete" value: "true" } headers { key: "COMPLETE" value: "false" })"),
+              as_written);
+}
+
 TEST_F(CompleteIndex, DoesNotTakeOtherHeadersForIt)
 {
     EXPECT_EQ(text(R"(headers { key: "X-Complete" value: "true" } headers { key: "complet" value: "true" })"),

@@ -24,18 +24,18 @@ using tarn_test::message_of;
 std::string type_of(const FieldDescriptor& field)
 {
     if (field.message_type())
-        return field.message_type()->full_name();
+        return std::string(field.message_type()->full_name());
     if (field.enum_type())
-        return field.enum_type()->full_name();
+        return std::string(field.enum_type()->full_name());
     return field.type_name();
 }
 
 /// Such as "5 params: repeated tarn.KeyValue", or "1 get: tarn.Get in type" for a member of a oneof.
 std::string describe(const FieldDescriptor& field)
 {
-    return std::to_string(field.number()) + " " + field.name() + ": " +
+    return std::to_string(field.number()) + " " + std::string(field.name()) + ": " +
            (field.is_repeated() ? "repeated " : "") + type_of(field) +
-           (field.containing_oneof() ? " in " + field.containing_oneof()->name() : "");
+           (field.containing_oneof() ? " in " + std::string(field.containing_oneof()->name()) : "");
 }
 
 struct Schema {
@@ -118,7 +118,8 @@ TEST_P(WireEnumeration, HasTheseValuesInThisOrder)
 
     std::vector<std::string> values;
     for (int i = 0; i < descriptor->value_count(); ++i)
-        values.push_back(descriptor->value(i)->name() + " " + std::to_string(descriptor->value(i)->number()));
+        values.push_back(std::string(descriptor->value(i)->name()) + " " +
+                         std::to_string(descriptor->value(i)->number()));
     EXPECT_EQ(values, GetParam().values);
 }
 
@@ -262,9 +263,9 @@ TEST_P(WireSchemaFile, DeclaresItsPartOfTheSchema)
 
     Names declared;
     for (int i = 0; i < file->message_type_count(); ++i)
-        declared.insert(file->message_type(i)->full_name());
+        declared.insert(std::string(file->message_type(i)->full_name()));
     for (int i = 0; i < file->enum_type_count(); ++i)
-        declared.insert(file->enum_type(i)->full_name());
+        declared.insert(std::string(file->enum_type(i)->full_name()));
     EXPECT_EQ(declared, GetParam().declared);
 }
 
@@ -275,7 +276,7 @@ TEST_P(WireSchemaFile, ImportsOnlyWhatItNeeds)
 
     Names imports;
     for (int i = 0; i < file->dependency_count(); ++i)
-        imports.insert(file->dependency(i)->name());
+        imports.insert(std::string(file->dependency(i)->name()));
     EXPECT_EQ(imports, GetParam().imports);
 }
 

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// Takes bodies of any size and answers with their checksum:
+//
+//   upload_service /tmp/upload.sock
+//
+// It has four threads, so that a long upload doesn't hold up other routes. The route sees each upload as one
+// call with the whole body; the chunks are put together by the library.
+
+#include <csignal>
+#include <iostream>
+
+#include <tarn/tarn.h>
+
+namespace {
+class DropRoute : public tarn::Route {
+public:
+    DropRoute() : Route("drop", "put,post", "/drop/:name", tarn::Access::Public) {}
+
+    void put(tarn::Context& upload) override
+    {
+        const std::string& body = upload.request.data();
+        upload.reply.set_reply_text(std::to_string(body.size()) + " bytes, MD5 " +
+                                    slate::md5_hash_string(body));
+    }
+    void post(tarn::Context& upload) override { put(upload); }
+};
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::cerr << "usage: upload_service SOCKET\n";
+        return 2;
+    }
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    tarn::ZmqSubsystem subsystem;
+    const auto server = subsystem.add_server(4, slate::make_uri("ipc://" + std::string(argv[1])));
+    server->add(std::make_shared<DropRoute>());
+    std::cout << "serving at " << argv[1] << std::endl;
+    int signal = 0;
+    sigwait(&signals, &signal);
+}

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+// What programs that are installed already count on, and no linker checks: the place of each virtual function
+// in its table, and of each field in its structure.
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "slate/dictionary.h"
+#include "slate/queue.h"
+#include "slate/uri.h"
+#include "tarn/tarn.h"
+
+namespace {
+using Headers = const std::shared_ptr<slate::Dictionary>&;
+using Path = std::string_view;
+using Slots = std::vector<std::size_t>;
+using Timeout = const slate::Duration&;
+using tarn::Client;
+using tarn::Message;
+using tarn::MessageFactory;
+using tarn::Publisher;
+using tarn::Reply;
+using tarn::Request;
+using tarn::Server;
+
+// A virtual destructor takes the first two.
+constexpr std::size_t first_slot = 2;
+
+/// Where a virtual function stands in its table: in the Itanium ABI a pointer to it begins with its offset
+/// there, plus one, except where the ABI of ARM keeps the one elsewhere.
+template <class Function>
+std::size_t slot(Function function)
+{
+    std::uintptr_t word = 0;
+    static_assert(sizeof(function) == 2 * sizeof(word));
+    std::memcpy(&word, &function, sizeof(word));
+#if !defined(__arm__) && !defined(__aarch64__)
+    EXPECT_EQ(word % 2, 1u) << "not a virtual function";
+    --word;
+#endif
+    return word / sizeof(void*);
+}
+
+/// `count` slots, one after the other.
+Slots slots(std::size_t count)
+{
+    Slots result;
+    for (std::size_t i = 0; i < count; ++i)
+        result.push_back(first_slot + i);
+    return result;
+}
+
+TEST(VirtualFunctions, OfDictionaryKeepTheirPlaces)
+{
+    using slate::Dictionary;
+    using Get = std::string (Dictionary::*)(std::string_view, std::string_view) const;
+    using Set = void (Dictionary::*)(std::string_view, std::string_view);
+    using SetNumber = void (Dictionary::*)(std::string_view, long);
+    using GetFlag = bool (Dictionary::*)(std::string_view, bool) const;
+
+    EXPECT_EQ(
+        (Slots{slot<Get>(&Dictionary::get), slot<Set>(&Dictionary::set), slot<SetNumber>(&Dictionary::set),
+               slot<GetFlag>(&Dictionary::get), slot(&Dictionary::has), slot(&Dictionary::keys),
+               slot(&Dictionary::clear), slot(&Dictionary::remove)}),
+        slots(8));
+}
+
+TEST(VirtualFunctions, OfUriKeepTheirPlaces)
+{
+    using slate::Uri;
+
+    EXPECT_EQ((Slots{slot(&Uri::to_string), slot(&Uri::scheme), slot(&Uri::address), slot(&Uri::path)}),
+              slots(4));
+}
+
+TEST(VirtualFunctions, OfServerKeepTheirPlaces)
+{
+    using AddRoute = bool (Server::*)(const std::shared_ptr<tarn::Route>&);
+    using AddCall = void (Server::*)(unsigned int, const std::function<void(Message&)>&);
+    using DelRoute = void (Server::*)(const std::string&);
+    using DelCall = void (Server::*)(unsigned int);
+
+    EXPECT_EQ((Slots{slot(&Server::suppress_add_remote_call_warning), slot<AddRoute>(&Server::add),
+                     slot<AddCall>(&Server::add), slot<DelRoute>(&Server::del), slot<DelCall>(&Server::del),
+                     slot(&Server::clear)}),
+              slots(6));
+}
+
+TEST(VirtualFunctions, OfMessageFactoryKeepTheirPlaces)
+{
+    using Made = std::shared_ptr<Message>;
+    using Copying = Made (MessageFactory::*)(Path, const std::string&, Headers, Timeout) const;
+    using Moving = Made (MessageFactory::*)(Path, std::string&&, Headers, Timeout) const;
+    using Answering = Made (MessageFactory::*)(const Made&, int) const;
+    using OfStatus = Made (MessageFactory::*)(const tarn::Status&) const;
+
+    EXPECT_EQ((Slots{slot(&MessageFactory::make_head), slot(&MessageFactory::make_get),
+                     slot<Copying>(&MessageFactory::make_put), slot<Moving>(&MessageFactory::make_put),
+                     slot<Copying>(&MessageFactory::make_post), slot<Moving>(&MessageFactory::make_post),
+                     slot(&MessageFactory::make_del), slot(&MessageFactory::make_message),
+                     slot<Answering>(&MessageFactory::make_response),
+                     slot<OfStatus>(&MessageFactory::make_response), slot(&MessageFactory::finder)}),
+              slots(11));
+}
+
+TEST(VirtualFunctions, OfClientKeepTheirPlaces)
+{
+    using Got = std::shared_ptr<Reply>;
+    using Get = Got (Client::*)(Path, Headers, Timeout) const;
+    using GetStream = Got (Client::*)(Path, std::ostream&, Headers, Timeout) const;
+    using Copying = Got (Client::*)(Path, const std::string&, Headers, Timeout);
+    using Moving = Got (Client::*)(Path, std::string&&, Headers, Timeout);
+    using Streaming = Got (Client::*)(Path, std::istream&, Headers, Timeout);
+
+    EXPECT_EQ((Slots{slot(&Client::url), slot(&Client::head), slot<Get>(&Client::get),
+                     slot<GetStream>(&Client::get), slot<Copying>(&Client::put), slot<Moving>(&Client::put),
+                     slot<Streaming>(&Client::put), slot<Copying>(&Client::post), slot<Moving>(&Client::post),
+                     slot<Streaming>(&Client::post), slot(&Client::del), slot(&Client::send)}),
+              slots(12));
+}
+
+TEST(VirtualFunctions, OfPublisherKeepTheirPlaces)
+{
+    using Got = std::shared_ptr<Reply>;
+    using Copying = Got (Publisher::*)(const Path&, const std::string&, Headers);
+    using Streaming = Got (Publisher::*)(const Path&, std::istream&, Headers);
+
+    EXPECT_EQ((Slots{slot(&Publisher::url), slot<Copying>(&Publisher::put), slot<Streaming>(&Publisher::put),
+                     slot(&Publisher::del), slot(&Publisher::send)}),
+              slots(5));
+}
+
+class Work : public slate::DeferredWork {
+public:
+    Result perform() override { return Success; }
+};
+
+TEST(VirtualFunctions, OfDeferredWorkKeepTheirPlaces)
+{
+    using slate::DeferredWork;
+    EXPECT_EQ((Slots{slot(&DeferredWork::perform), slot(&DeferredWork::to_string)}), slots(2));
+}
+
+TEST(Fields, OfDeferredWorkKeepTheirOrderAndEndWithTheFlag)
+{
+    const Work work;
+    const auto place = [&](const auto& field) {
+        return reinterpret_cast<std::uintptr_t>(&field) -
+               reinterpret_cast<std::uintptr_t>(static_cast<const slate::DeferredWork*>(&work));
+    };
+
+    EXPECT_LT(place(work.id), place(work.promise));
+    EXPECT_LT(place(work.promise), place(work.future));
+    EXPECT_LT(place(work.future), place(work.attachment));
+    EXPECT_LT(place(work.attachment), place(work.reserved));
+    EXPECT_LT(place(work.reserved), place(work.cancelled));
+    // Nothing but padding behind it.
+    EXPECT_LT(sizeof(slate::DeferredWork) - (place(work.cancelled) + sizeof(work.cancelled)),
+              alignof(slate::DeferredWork));
+}
+} // namespace
