@@ -8,6 +8,7 @@
 
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 
 #include <tarn/tarn.h>
 
@@ -21,6 +22,8 @@ void run(const TerminationSignal& termination, const std::shared_ptr<const slate
     const auto relay = tarn::make_relay(sub, pub);
     const auto server = subsystem.add_server({url}, pub);
     server->add(tarn::make_relay_stats_route());
+    if (tarn::make_client(url, 0)->get("/relay/stats")->bad())
+        throw std::runtime_error("cannot answer at " + url->to_string());
     std::cout << "relaying from " << sub->to_string() << " to " << pub->to_string() << std::endl;
     termination.wait();
 }

@@ -52,7 +52,7 @@ private:
     slate::Dictionary& headers_;
 };
 
-/// Sends a stream chunk by chunk, each by `send`, and an empty chunk at its end.
+/// Sends a stream chunk by chunk, each by `send`, and an empty chunk at its end. Null if the stream fails.
 template <class Send>
 std::shared_ptr<Reply> upload(std::istream& body, slate::Dictionary& headers, Send send)
 {
@@ -62,7 +62,12 @@ std::shared_ptr<Reply> upload(std::istream& body, slate::Dictionary& headers, Se
     ChunkHeaders chunk_headers(headers, slate::make_uuid().to_string());
     for (std::uint32_t number = 0;; ++number) {
         chunk_headers.set_number(number);
-        auto reply = send(read_chunk(body));
+        std::string chunk = read_chunk(body);
+        // An empty chunk would end the transfer as if the body were whole, and would be followed by others
+        // for ever.
+        if (chunk.empty() && !body.eof())
+            return nullptr;
+        auto reply = send(std::move(chunk));
         if (reply->bad())
             return reply;
         if (body.eof()) {
@@ -138,8 +143,9 @@ public:
     std::shared_ptr<Reply> put(std::string_view path, std::istream& body, const Headers& headers,
                                const slate::Duration& timeout) override
     {
-        return upload(body, *headers,
-                      [&](std::string&& chunk) { return put(path, std::move(chunk), headers, timeout); });
+        return or_bad_request(upload(body, *headers, [&](std::string&& chunk) {
+            return put(path, std::move(chunk), headers, timeout);
+        }));
     }
 
     std::shared_ptr<Reply> post(std::string_view path, const std::string& body, const Headers& headers,
@@ -157,8 +163,9 @@ public:
     std::shared_ptr<Reply> post(std::string_view path, std::istream& body, const Headers& headers,
                                 const slate::Duration& timeout) override
     {
-        return upload(body, *headers,
-                      [&](std::string&& chunk) { return post(path, std::move(chunk), headers, timeout); });
+        return or_bad_request(upload(body, *headers, [&](std::string&& chunk) {
+            return post(path, std::move(chunk), headers, timeout);
+        }));
     }
 
     std::shared_ptr<Reply> del(std::string_view path, const Headers& headers,
@@ -179,6 +186,15 @@ private:
         if (!message)
             return cycle_.make_reply(Status::BadRequest);
         return cycle_.read_reply(*message, timeout);
+    }
+
+    /// What became of an upload; a stream that failed is the caller's mistake.
+    std::shared_ptr<Reply> or_bad_request(std::shared_ptr<Reply> reply) const
+    {
+        if (reply)
+            return reply;
+        slate::log_error(SLATE_HERE, "upload abandoned, the stream can't be read");
+        return cycle_.make_reply(Status::BadRequest);
     }
 
     static std::atomic<int> instance;

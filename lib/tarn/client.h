@@ -71,7 +71,8 @@ public:
     ///
     /// They return the reply to the last chunk, or to the first one that failed, after which nothing more is
     /// sent. If the stream ends exactly at a chunk's end, or is empty, that is status 409, "transfer
-    /// interrupted try again", although the body has been delivered. `headers` is changed meanwhile, so keep
+    /// interrupted try again", although the body has been delivered. A stream that fails before its end
+    /// abandons the upload: status 400, and the route sees nothing. `headers` is changed meanwhile, so keep
     /// it from other threads. With an "X-Tarn-Chunked-Transfer" of the caller's own in it, the rest of the
     /// stream goes as one request.
     virtual std::shared_ptr<Reply> put(std::string_view path, const std::string& body,

@@ -71,13 +71,13 @@ public:
           uri_(uri),
           uuid_(slate::make_uuid().to_string()),
           provider_("zmq.publisher", instance++),
-          client_(client_uri ? make_client(client_uri, retries, factory) : nullptr),
           err_(add_error_counter("err")),
           tx_(provider_->add_counter("tx", slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative)),
           connect_(provider_->add_counter("connect", slate::Rational<int>(0, 1), "",
                                           slate::CounterPolicy::Cumulative)),
           connect_error_(add_error_counter("connect_error")),
-          socket_(*context_, zmq::socket_type::pub)
+          socket_(*context_, zmq::socket_type::pub),
+          client_(client_uri ? make_client(client_uri, retries, factory) : nullptr)
     {
         if (client_)
             socket_.connect(uri_->to_string());
@@ -222,12 +222,12 @@ private:
     const Endpoint uri_;
     const std::string uuid_;
     const tarn_internal::OwnedProvider provider_;
-    const std::shared_ptr<Client> client_; // null for a publisher that binds
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> tx_;
     const std::shared_ptr<slate::Counter> connect_;
     const std::shared_ptr<slate::Counter> connect_error_;
     zmq::socket_t socket_;
+    const std::shared_ptr<Client> client_; // null for a publisher that binds
 };
 
 std::atomic<int> PublisherImpl::instance{0};
@@ -245,6 +245,11 @@ std::shared_ptr<Publisher> make_publisher(const Endpoint& uri, const slate::Dura
     const auto settings = subsystem->settings();
     const Endpoint pub = uri ? uri : relay_sub_sock(settings);
     const Endpoint client = uri ? client_uri : relay_zmq_sock(settings);
+    // Without an endpoint to ask it would bind, and so take the relay's own endpoint over.
+    if (!pub || (!uri && !client)) {
+        slate::log_error(SLATE_HERE, "cannot make_publisher, the relay's endpoint is none");
+        return nullptr;
+    }
     return std::make_shared<PublisherImpl>(subsystem->ctx(), pub, timeout, retries, client, factory);
 }
 } // namespace tarn

@@ -59,8 +59,9 @@ public:
 /// one, each of the eleven requests also blocks for (retries + 1) x timeout, so that a call with 4 s takes 4
 /// + 11 x 4 = 48 s without retries, and 4 + 11 x 12 = 136 s with two.
 ///
-/// Null, with an error in the log, without a ZmqSubsystem. Throws std::runtime_error if the relay isn't
-/// found, zmq::error_t if the socket can't be made, and Exception if a setting is missing.
+/// Null, with an error in the log, without a ZmqSubsystem or if a setting is no endpoint. Throws
+/// std::runtime_error if the relay isn't found, zmq::error_t if the socket can't be made, and Exception if a
+/// setting is missing.
 std::shared_ptr<Publisher> make_publisher(
     const std::shared_ptr<const slate::Uri>& uri = nullptr,
     const slate::Duration& timeout = default_timeout(), unsigned int retries = 0,

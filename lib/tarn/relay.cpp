@@ -51,7 +51,8 @@ private:
     {
         zmq::socket_t control(*context_, zmq::socket_type::sub);
         if (connect_control(control, thread_.endpoint(), nullptr))
-            run_proxy(xsub_, xpub_, control, "relay", nullptr);
+            run_proxy(xsub_, xpub_, control,
+                      "relay from " + sub_uri_->to_string() + " to " + pub_uri_->to_string(), nullptr);
     }
 
     const std::shared_ptr<zmq::context_t> context_;

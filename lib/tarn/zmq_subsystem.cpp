@@ -24,7 +24,10 @@ Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
 {
     if (!settings.has(key))
         throw Exception(slate::trace_error(SLATE_HERE, "settings missing ", key));
-    return slate::make_uri(settings.get(key, ""));
+    auto uri = slate::make_uri(settings.get(key, ""));
+    if (!uri)
+        slate::log_error(SLATE_HERE, "setting is no endpoint: ", key, " = ", settings.get(key, ""));
+    return uri;
 }
 
 /// The work queue, and the provider that goes with it.

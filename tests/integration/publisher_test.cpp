@@ -459,4 +459,41 @@ TEST_F(RelayStatistics, TakeNoSenderWithoutATagOrWithATagOfAnyLength)
     count(std::string(65, 'x'));
     EXPECT_EQ(ask("/relay/stats").into<Stats>().stat_size(), 0);
 }
+
+TEST_F(APublisher, IsNotMadeIfTheSettingsNameNoEndpoint)
+{
+    settings->set("relay_sub", std::string_view(uri->to_string()));
+    settings->set("relay_url", "nonsense");
+    EXPECT_EQ(make_publisher(), nullptr); // rather than take the relay's endpoint over
+    EXPECT_FALSE(std::filesystem::exists(uri->path()));
+    settings->set("relay_sub", "nonsense");
+    settings->set("relay_url", std::string_view(stats_uri->to_string()));
+    EXPECT_EQ(make_publisher(), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is no endpoint: relay_url = nonsense"));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is no endpoint: relay_sub = nonsense"));
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "cannot make_publisher, the relay's endpoint is none"), 2u);
+}
+
+TEST_F(APublisher, GoesOnWithoutAnErrorWhenItsRelayHasGone)
+{
+    const auto pub_uri = scratch_endpoint();
+    auto relay = make_relay(uri, pub_uri);
+    auto server = runtime->add_server({stats_uri}, pub_uri);
+    server->add(make_relay_stats_route());
+    const auto publisher = make_publisher(uri, slate::Seconds(20), 0, stats_uri);
+    relay.reset();
+
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(publisher->put("/a", "x")->status(), Status::Ok);
+    EXPECT_EQ(counted("tx"), 100u);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_F(APublisher, LogsWhatItSendsAtTheExtremeLevel)
+{
+    const auto publisher = make_publisher(uri);
+    slate::set_log_level(slate::ExtremeLevel);
+    publisher->put("/a", "x");
+    EXPECT_EQ(logs.count(slate::ExtremeLevel, "sent: put {"), 1u);
+}
 } // namespace

@@ -122,4 +122,21 @@ TEST_F(ARelay, CarriesMessagesOfManyMegabytes)
     ASSERT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
     EXPECT_EQ(receive_frames(subscriber).at(1), payload);
 }
+
+TEST_F(ARelay, SaysWhichOneStopsWorkingWhenItsContextEnds)
+{
+    const auto relay = make_relay(sub_uri, pub_uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "/a");
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.connect(sub_uri->to_string());
+    await_subscription(publisher, "/a"); // it is at work
+
+    runtime->ctx()->shutdown();
+    EXPECT_TRUE(wait_until([&] {
+        return logs.count(slate::ErrorLevel, "relay from " + sub_uri->to_string() + " to " +
+                                                 pub_uri->to_string() + " has stopped working: ") == 1;
+    }));
+}
 } // namespace

@@ -197,4 +197,25 @@ TEST_P(ARemoteCall, CanBeDeletedFromAnotherThreadWhileItRuns)
     deletion.wait();
     EXPECT_EQ(result(1).status(), Status::NotFound);
 }
+
+/// Uses the server when it goes, as the captures of a function may.
+class LastWords {
+public:
+    explicit LastWords(Server& server) : server_(server) {}
+    ~LastWords() { server_.del(77u); }
+
+private:
+    Server& server_;
+};
+
+TEST_P(ARemoteCall, MayUseTheServerAlsoWhenItsFunctionIsDestroyed)
+{
+    for (const unsigned int number : {1u, 1000u}) {
+        server->add(number, [words = std::make_shared<LastWords>(*server)](Message&) {});
+        server->del(number);
+    }
+    server->add(1u, [words = std::make_shared<LastWords>(*server)](Message&) {});
+    server->clear();
+    EXPECT_EQ(result(1).status(), Status::NotFound);
+}
 } // namespace

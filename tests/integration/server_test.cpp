@@ -765,4 +765,14 @@ TEST_P(AServer, IsMadeWithAMessageFactoryOfItsOwnIfItIsGivenNone)
     EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
 }
 
+TEST_P(AServer, EndsAtOnceInAThousandRoundsAlsoWithARelayToHear)
+{
+    const auto pub = scratch_endpoint("inproc");
+    zmq::socket_t relay(*runtime->ctx(), zmq::socket_type::xpub);
+    relay.bind(pub->to_string());
+    for (int i = 0; i < 1000; ++i)
+        make({scratch_endpoint("inproc")}, pub).reset();
+    relay.close();
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
 } // namespace

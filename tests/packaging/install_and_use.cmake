@@ -22,6 +22,14 @@ foreach(library slate tarn)
   endif()
 endforeach()
 
+# Messages of applications may import ours, and their generated code then refers to these.
+run(nm -D --defined-only ${libdir}/libtarn.so)
+foreach(name access format identity message routing stats status)
+  if(NOT output MATCHES " [BDR] descriptor_table_${name}_2eproto\n")
+    message(FATAL_ERROR "libtarn.so doesn't export descriptor_table_${name}_2eproto:\n${output}")
+  endif()
+endforeach()
+
 set(flags "")
 if(SANITIZE)
   set(flags -fsanitize=${SANITIZE})

@@ -17,9 +17,9 @@ namespace tarn_internal {
 /// endpoint.
 bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris);
 
-/// Binds a socket to one endpoint; throws zmq::error_t. An endpoint in use is tried again for a quarter of a second:
-/// libzmq lets go of one only some time after its socket was closed, and who ends a server and makes it anew shouldn't
-/// meet the old one.
+/// Binds a socket to one endpoint; throws zmq::error_t. An endpoint in use is tried again for a quarter of a
+/// second: libzmq lets go of one only some time after its socket was closed, and who ends a server and makes
+/// it anew shouldn't meet the old one.
 void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 
 /// Binds a socket that takes requests to all endpoints, and opens the files of those that have one to the

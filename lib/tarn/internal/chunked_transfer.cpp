@@ -66,23 +66,20 @@ ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::st
                                                                    const slate::Duration& expires,
                                                                    TransferFile place)
 {
-    const auto present = sessions_.find(id);
     if (!begins) {
-        if (!present) {
-            err_->increment();
-            throw MessageException(Status::Conflict,
-                                   slate::trace_error(SLATE_HERE, "transfer interrupted try again"));
-        }
-        return present;
-    }
-    if (present)
+        if (auto present = sessions_.find(id))
+            return present;
+        err_->increment();
         throw MessageException(Status::Conflict,
-                               slate::trace_error(SLATE_HERE, "transfer already in progress"));
-
+                               slate::trace_error(SLATE_HERE, "transfer interrupted try again"));
+    }
     const auto begun = place == TransferFile::InTemporaryFolder
                            ? sessions_.add(id, expires)
                            : sessions_.add(id, expires, std::filesystem::temp_directory_path());
-    slate::log_extreme(provider_, SLATE_HERE, "begin: ", to_string(begun->session));
+    if (!begun)
+        throw MessageException(Status::Conflict,
+                               slate::trace_error(SLATE_HERE, "transfer already in progress"));
+    slate::log_extreme(provider_, SLATE_HERE, "begin: ", sessions_.to_text(*begun));
     return begun;
 }
 
@@ -90,7 +87,7 @@ ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::st
 void ChunkedTransfers::complete(Context& context, Sessions::Entry& entry)
 {
     const std::lock_guard lock(entry.mutex);
-    slate::log_extreme(provider_, SLATE_HERE, "end: ", to_string(entry.session));
+    slate::log_extreme(provider_, SLATE_HERE, "end: ", sessions_.to_text(entry));
 
     Body* body = context.request.mutable_body();
     entry.session.buffer.read(is_binary_format(context.request.format()) ? body->mutable_bin()

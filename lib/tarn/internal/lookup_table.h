@@ -48,17 +48,18 @@ public:
         return entry == overflow.end() ? Function() : entry->second;
     }
 
-    /// Deletes the function that find() gives; an unknown number is ignored.
-    void del(unsigned int number)
+    /// Deletes the function that find() gives, and hands it over; an unknown number is ignored.
+    Function del(unsigned int number)
     {
-        if (number < N) {
-            slots[number] = nullptr;
-            return;
-        }
+        if (number < N)
+            return std::exchange(slots[number], nullptr);
         const auto entry = std::find_if(overflow.begin(), overflow.end(),
                                         [&](const auto& candidate) { return candidate.first == number; });
-        if (entry != overflow.end())
-            overflow.erase(entry);
+        if (entry == overflow.end())
+            return {};
+        Function deleted = std::move(entry->second);
+        overflow.erase(entry);
+        return deleted;
     }
 
     void clear()

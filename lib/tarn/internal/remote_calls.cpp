@@ -41,15 +41,18 @@ void RemoteCalls::add(unsigned int number, const std::function<void(Message&)>& 
 
 void RemoteCalls::del(unsigned int number)
 {
+    std::function<void(Message&)>
+        deleted; // outlives the lock, as what it holds may use the server when it goes
     const std::lock_guard lock(mutex_);
     slate::log_debug(provider_, SLATE_HERE, "del remote call: ", std::to_string(number));
-    remote_calls_.del(number);
+    deleted = remote_calls_.del(number);
 }
 
 void RemoteCalls::clear()
 {
+    LookupTable<100> deleted; // outlives the lock
     const std::lock_guard lock(mutex_);
-    remote_calls_.clear();
+    std::swap(deleted, remote_calls_);
 }
 
 void RemoteCalls::suppress_warning()

@@ -51,9 +51,9 @@ TransferBuffer::~TransferBuffer()
 
 void TransferBuffer::flush() const
 {
-    const auto folder = path.path.parent_path();
-    if (!std::filesystem::exists(folder))
-        std::filesystem::create_directories(folder);
+    // Whether it worked shows when the file is opened.
+    std::error_code ignored;
+    std::filesystem::create_directories(path.path.parent_path(), ignored);
 
     std::ofstream file(path.path, std::ios::out | std::ios::app | std::ios::binary);
     if (!file)
@@ -68,7 +68,8 @@ void TransferBuffer::flush() const
 
 void TransferBuffer::read(std::string* out) const
 {
-    if (!std::filesystem::exists(path.path)) {
+    std::error_code ignored; // a file that can't be looked for was never made
+    if (!std::filesystem::exists(path.path, ignored)) {
         out->swap(data);
         data.clear();
         return;

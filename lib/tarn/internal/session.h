@@ -105,6 +105,7 @@ public:
     }
 
     /// Adds a session whose file lies in the system's folder for temporary files, or beside `destination`.
+    /// Null if there is one of that id: of two that open a transfer at once, one is too late.
     Handle add(std::string id, slate::Duration expires)
     {
         return add(std::make_shared<Entry>(std::move(id), expires, TemporaryPath()));
@@ -118,6 +119,14 @@ public:
     {
         const std::lock_guard lock(mutex_);
         entry.session.expires = expires;
+    }
+
+    /// For the log. Another thread may move the expiry meanwhile, if a peer sends chunks of one transfer side
+    /// by side.
+    std::string to_text(const Entry& entry) const
+    {
+        const std::lock_guard lock(mutex_);
+        return to_string(entry.session);
     }
 
     /// Removes the first session of that id, if there is one.
@@ -176,6 +185,8 @@ private:
     Handle add(Handle entry)
     {
         const std::lock_guard lock(mutex_);
+        if (position_of(entry->session.id) != sessions_.end())
+            return nullptr;
         slate::log_debug(SLATE_HERE, "add: ", to_string(entry->session));
         sessions_.push_back(entry);
         return entry;
