@@ -1,12 +1,14 @@
 #!/bin/sh
-# changes.sh RELAY PUBLISHER SUBSCRIBER: a relay, a publisher and two subscribers, one of which comes late; exits 0 if both
-# hear what they wait for, the late one after the relay was restarted.
+# changes.sh RELAY PUBLISHER SUBSCRIBER: a relay, a publisher and a subscriber that comes late and lives through a restart
+# of the relay. The publisher's ticks are numbered, so what is lost shows: those before the subscriber came, and those
+# while the relay was away, and no others.
 set -eu
 work=$(mktemp -d)
 relay=""
 publisher=""
+subscriber=""
 finish() {
-    kill $relay $publisher 2>/dev/null || true
+    kill $relay $publisher $subscriber 2>/dev/null || true
     wait
     rm -rf "$work"
 }
@@ -21,6 +23,13 @@ start_relay() {
     echo "$line"
 }
 
+# await COUNT: waits until the subscriber has heard so many ticks.
+await() {
+    until [ "$(grep -c tick "$work/heard")" -ge "$1" ]; do
+        kill -0 "$publisher" "$subscriber"
+    done
+}
+
 relay_program=$1
 start_relay
 mkfifo "$work/publishing"
@@ -28,10 +37,29 @@ mkfifo "$work/publishing"
 publisher=$!
 read -r line <"$work/publishing"
 echo "$line"
-"$3" "ipc://$work/pub.sock" 4
+# Somebody else has heard four ticks before the subscriber comes.
+"$3" "ipc://$work/pub.sock" 8 >"$work/first"
+: >"$work/heard"
+"$3" "ipc://$work/pub.sock" 1000000 >"$work/heard" &
+subscriber=$!
 
+await 5
 kill -9 "$relay"
 wait "$relay" || true
+before=$(grep -c tick "$work/heard")
 start_relay
-"$3" "ipc://$work/pub.sock" 4
-echo "heard before and after the relay's restart"
+await $((before + 5))
+
+awk '/tick/ {
+         tick = $NF
+         if (NR > 2 && tick <= last) { print "heard out of order: " last ", " tick; failed = 1 }
+         if (seen && tick > last + 1) { gaps++; print "lost: " last + 1 " to " tick - 1 }
+         if (!seen) { first = tick; seen = 1 }
+         last = tick
+     }
+     END {
+         print "heard: " first " to " last ", gaps: " gaps + 0
+         if (first < 4) { print "heard what was published before it came"; failed = 1 }
+         if (gaps > 1) { print "lost more than what was published while the relay was away"; failed = 1 }
+         exit failed
+     }' "$work/heard"
