@@ -63,8 +63,8 @@ protected:
     }
 
     std::shared_ptr<const slate::Uri> pub_uri = scratch_endpoint();
-    zmq::context_t context;
-    zmq::socket_t publisher{context, zmq::socket_type::xpub};
+    zmq::context_t zmq_context;
+    zmq::socket_t publisher{zmq_context, zmq::socket_type::xpub};
     Journal heard;
     std::vector<std::string> seen;
     std::shared_ptr<Server> server;
@@ -424,7 +424,7 @@ TEST_P(ASubscription, SurvivesTheRelayAndComesBackWithIt)
     EXPECT_TRUE(will_have_heard({"a put before"}));
 
     publisher.close();
-    publisher = zmq::socket_t(context, zmq::socket_type::xpub);
+    publisher = zmq::socket_t(zmq_context, zmq::socket_type::xpub);
     publisher.set(zmq::sockopt::linger, 0);
     publisher.bind(pub_uri->to_string());
     await_subscribed("/a");
