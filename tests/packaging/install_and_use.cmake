@@ -1,4 +1,4 @@
-# cmake -DWAY=find_package|pkg_config -DBUILD=... -DCXX=... -DCONSUMER=... [-DSANITIZE=...] -P install_and_use.cmake
+# cmake -DWAY=find_package|pkg_config -DBUILD=... -DCXX=... -DCONSUMER=... -DGENERATOR=... [-DSANITIZE=...] -P install_and_use.cmake
 
 function(run)
   execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
@@ -35,7 +35,7 @@ if(SANITIZE)
   set(flags -fsanitize=${SANITIZE})
 endif()
 if(WAY STREQUAL "find_package")
-  run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${work}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
+  run(${CMAKE_COMMAND} -G ${GENERATOR} -S ${CONSUMER} -B ${work}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
       "-DCMAKE_CXX_FLAGS=${flags}")
   run(${CMAKE_COMMAND} --build ${work}/build)
   run(${work}/build/consumer ${work}/consumer.sock)
