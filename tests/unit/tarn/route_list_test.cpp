@@ -253,6 +253,20 @@ TEST_P(AHandler, MayChangeTheListAlsoIfItsRouteStandsFirst)
     }));
 }
 
+TEST_P(AHandler, MayChangeTheListAlsoWhenItHandlesAPublishedChange)
+{
+    const auto changing = noted("changing", "/changing");
+    changing->on_call = [&](Context&, const std::string&) { change(); };
+    list.add(changing);
+    list.add(noted("another", "/changing"));
+    for (const auto& message : {factory->make_put("/changing", ""), factory->make_del("/changing")}) {
+        EXPECT_TRUE(returns([&] {
+            Context context = context_of(message);
+            list.invoke(context);
+        }));
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Changes, AHandler,
                          ::testing::Values("Add", "DelItself", "DelAnother", "DelTheIndex", "Clear"),
                          [](const auto& change) { return change.param; });
