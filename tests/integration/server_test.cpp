@@ -9,6 +9,7 @@
 
 #include "support/peers.h"
 #include "support/server_kinds.h"
+#include "tarn/relay.h"
 
 namespace {
 using namespace std::chrono_literals;
@@ -115,14 +116,14 @@ TEST_P(AServer, CanTakeTheEndpointOverOfOneThatHasJustEnded)
             EXPECT_EQ(make_client(endpoint, 0)->get("/index")->status(), Status::Ok) << endpoint->to_string();
         }
     }
-    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
 }
 
 TEST_P(AServer, EndsAtOnceHoweverOftenItIsMadeAndDestroyed)
 {
     for (int i = 0; i < 20; ++i)
         make({scratch_endpoint("inproc")}).reset();
-    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
 }
 
 TEST_P(AServer, AnswersEachVerbByItsHandler)
@@ -767,12 +768,12 @@ TEST_P(AServer, IsMadeWithAMessageFactoryOfItsOwnIfItIsGivenNone)
 
 TEST_P(AServer, EndsAtOnceInAThousandRoundsAlsoWithARelayToHear)
 {
+    // A relay that runs: a closed inproc socket keeps its place in the context, which has 1,023, until its
+    // peer has taken note of it.
     const auto pub = scratch_endpoint("inproc");
-    zmq::socket_t relay(*runtime->ctx(), zmq::socket_type::xpub);
-    relay.bind(pub->to_string());
+    const auto relay = make_relay(scratch_endpoint("inproc"), pub);
     for (int i = 0; i < 1000; ++i)
         make({scratch_endpoint("inproc")}, pub).reset();
-    relay.close();
-    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
 }
 } // namespace
