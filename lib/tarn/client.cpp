@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/client.h"
 
-#include <atomic>
 #include <cstdint>
 #include <istream>
 #include <ostream>
@@ -89,7 +88,7 @@ public:
     ClientImpl(const std::shared_ptr<zmq::context_t>& context, const std::shared_ptr<const slate::Uri>& uri,
                unsigned int retries, const std::shared_ptr<MessageFactory>& factory)
         : factory_(factory),
-          cycle_("zmq.client", instance++, context, uri, retries, factory)
+          cycle_("zmq.client", tarn_internal::next_client_instance(), context, uri, retries, factory)
     {
     }
 
@@ -197,13 +196,9 @@ private:
         return cycle_.make_reply(Status::BadRequest);
     }
 
-    static std::atomic<int> instance;
-
     const std::shared_ptr<MessageFactory> factory_;
     mutable tarn_internal::RequestCycle cycle_; // locks itself
 };
-
-std::atomic<int> ClientImpl::instance{0};
 
 /// The runtime object, or null with an error in the log.
 const ZmqSubsystem* find_subsystem()

@@ -45,7 +45,7 @@ std::shared_ptr<slate::Queue> make_work_queue(const std::function<void(slate::Qu
 }
 } // namespace
 
-ZmqSubsystem* ZmqSubsystem::self_ = nullptr;
+std::atomic<ZmqSubsystem*> ZmqSubsystem::self_ = nullptr;
 
 ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
                            const std::function<void(slate::Queue&)>& queue_setup)
@@ -145,6 +145,20 @@ std::shared_ptr<Server> ZmqSubsystem::add_subscriber()
 std::shared_ptr<Server> ZmqSubsystem::add_subscriber(const Endpoint& url)
 {
     return keep(make_subscriber(settings_, url, make_message_factory()));
+}
+
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& uris,
+                                                 const std::filesystem::path& run_time_directory)
+{
+    return add_router(uris, relay_pub_if_set(), run_time_directory);
+}
+
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& uris, const Endpoint& pub,
+                                                 const std::filesystem::path& run_time_directory)
+{
+    auto router = make_router(settings_, uris, pub, make_message_factory(), run_time_directory);
+    keep(router);
+    return router;
 }
 
 Endpoint ZmqSubsystem::relay_pub_if_set() const

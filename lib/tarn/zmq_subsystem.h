@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,6 +11,7 @@
 #include "slate/dictionary.h"
 #include "slate/lazy.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/router.h"
 
 namespace slate {
 class Queue;
@@ -77,6 +80,16 @@ public:
     std::shared_ptr<Server> add_subscriber();
     std::shared_ptr<Server> add_subscriber(const std::shared_ptr<const slate::Uri>& url);
 
+    /// A router at `uris`, kept alive here as well; see make_router. Without `pub`, its own routes hear the
+    /// changes of the relay at the setting "relay_pub", if there is one.
+    std::shared_ptr<Router> add_router(
+        const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+        const std::filesystem::path& run_time_directory = default_run_time_directory);
+    std::shared_ptr<Router> add_router(
+        const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+        const std::shared_ptr<const slate::Uri>& pub,
+        const std::filesystem::path& run_time_directory = default_run_time_directory);
+
 private:
     std::shared_ptr<const slate::Uri> relay_pub_if_set() const;
     std::shared_ptr<Server> keep(std::shared_ptr<Server> server);
@@ -86,7 +99,7 @@ private:
     std::shared_ptr<slate::Lazy<slate::Queue>> queue_;
     std::vector<std::shared_ptr<Server>> servers_;
 
-    static ZmqSubsystem* self_;
+    static std::atomic<ZmqSubsystem*> self_;
 };
 
 /// The endpoints named by the settings "relay_url", "relay_pub" and "relay_sub". Throws Exception if the key

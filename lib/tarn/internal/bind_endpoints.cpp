@@ -13,11 +13,11 @@
 #include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
-bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris)
+bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris, std::string_view function)
 {
     if (std::find(uris.begin(), uris.end(), nullptr) == uris.end())
         return true;
-    slate::log_error(SLATE_HERE, "cannot make_server, an endpoint is null");
+    slate::log_error(SLATE_HERE, "cannot ", function, ", an endpoint is null");
     return false;
 }
 
@@ -42,14 +42,14 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
 }
 
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                    const std::shared_ptr<slate::Provider>& provider)
+                    std::string_view kind, const std::shared_ptr<slate::Provider>& provider)
 {
     for (const auto& uri : uris) {
         try {
             bind_when_free(socket, *uri);
         }
         catch (const zmq::error_t& error) {
-            slate::log_error(provider, SLATE_HERE, "Failed to bind rx socket: ", error.what());
+            slate::log_error(provider, SLATE_HERE, "Failed to bind ", kind, " socket: ", error.what());
             slate::log_error(provider, SLATE_HERE, "cannot serve at ", uri->to_string());
             return false;
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
 namespace slate {
@@ -13,9 +14,9 @@ class socket_t;
 }
 
 namespace tarn_internal {
-/// False, with an error in the log, if one of them is null, as slate::make_uri gives it for a text that is no
-/// endpoint.
-bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris);
+/// False, with an error in the log that names the function that was called with them, if one of them is null,
+/// as slate::make_uri gives it for a text that is no endpoint.
+bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris, std::string_view function);
 
 /// Binds a socket to one endpoint; throws zmq::error_t. An endpoint in use is tried again for a quarter of a
 /// second: libzmq lets go of one only some time after its socket was closed, and who ends a server and makes
@@ -23,8 +24,8 @@ bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris);
 void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 
 /// Binds a socket that takes requests to all endpoints, and opens the files of those that have one to the
-/// socket group. False, with an error in the log, at the first that can't be bound; those before it stay
-/// bound until the socket closes.
+/// socket group. False, with an error in the log that tells which `kind` of socket it is, at the first that
+/// can't be bound; those before it stay bound until the socket closes.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                    const std::shared_ptr<slate::Provider>& provider);
+                    std::string_view kind, const std::shared_ptr<slate::Provider>& provider);
 } // namespace tarn_internal

@@ -203,6 +203,12 @@ bool hidden_payload(const std::string& path)
     return slate::contains(path, "credential") || slate::contains(path, "password");
 }
 
+std::string describe_request(const Message& request, const std::string& endpoint)
+{
+    const Head* head = hidden_payload(endpoint) ? find_head(request) : nullptr;
+    return head ? head->ShortDebugString() : tarn::to_string(request);
+}
+
 const Head& Envelope::head() const
 {
     if (message) {

@@ -31,6 +31,10 @@ const Body* find_body(const Message& message);
 /// Whether bodies sent to or from this path stay out of logs: it contains "credential" or "password".
 bool hidden_payload(const std::string& path);
 
+/// The log text of a request to that endpoint. Leaves out the body if the endpoint says that it is a secret:
+/// the router takes the service's name off the path, "credentials" for instance.
+std::string describe_request(const Message& request, const std::string& endpoint);
+
 /// A view over a Message that doesn't care which verb it holds. Copies share the message.
 ///
 /// Without a message it is not initialized: what can't answer then throws Exception, as each operation says.

@@ -176,7 +176,7 @@ void MultiThreadedServer::listen_router()
         }
     };
 
-    if (connect_control(control, router_.endpoint(), provider_) && bind_endpoints(front, uris_, provider_) &&
+    if (connect_control(control, router_.endpoint(), provider_) && bind_endpoints(front, uris_, "rx", provider_) &&
         bind_dealer()) {
         Workers workers;
         start_workers(workers);
@@ -291,7 +291,7 @@ std::shared_ptr<Server> make_multi_threaded_server(int id, unsigned long workers
         slate::log_error(SLATE_HERE, "cannot make_server, invalid number of workers specified");
         return nullptr;
     }
-    if (!are_endpoints(uris))
+    if (!are_endpoints(uris, "make_server"))
         return nullptr;
     return make_with_threads<MultiThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri,
                                                   workers);

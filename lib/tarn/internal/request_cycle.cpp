@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/request_cycle.h"
 
+#include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include <zmq.hpp>
 
 #include "slate/log.h"
 #include "slate/uri.h"
+#include "tarn/internal/defaults.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 
@@ -20,11 +23,31 @@ bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
     return (item.revents & ZMQ_POLLOUT) != 0;
 }
 
+/// Whether something came within that time, which `stop` may cut short.
+bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::socket_t* stop)
+{
+    const slate::StopWatch watch(true);
+    zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLIN, 0},
+                               {stop ? stop->handle() : nullptr, 0, ZMQ_POLLIN, 0}};
+    zmq::poll(items, stop ? 2 : 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
+    if ((items[0].revents & ZMQ_POLLIN) == 0 && stop && (items[1].revents & ZMQ_POLLIN) != 0) {
+        const auto rest = std::min(timeout - slate::Microseconds(watch.elapsed()), default_timeout());
+        zmq::poll(items, 1, std::chrono::milliseconds(poll_milliseconds(rest)));
+    }
+    return (items[0].revents & ZMQ_POLLIN) != 0;
+}
+
 std::shared_ptr<slate::Counter> add_counter(slate::Provider& provider, const std::string& name)
 {
     return provider.add_counter(name, slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative);
 }
 } // namespace
+
+int next_client_instance()
+{
+    static std::atomic<int> instance{0};
+    return instance++;
+}
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                            std::shared_ptr<const slate::Uri> uri, unsigned int retries,
@@ -50,14 +73,15 @@ RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_pt
 
 RequestCycle::~RequestCycle() = default;
 
-std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const slate::Duration& timeout)
+std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const slate::Duration& timeout,
+                                                zmq::socket_t* stop)
 {
     const std::lock_guard lock(mutex_);
     try {
-        return exchange(message, timeout);
+        return exchange(message, timeout, stop);
     }
     catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", tarn::to_string(message));
+        slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
         err_->increment();
         // Of unknown state: a socket that sent and did not receive would refuse every further request.
         socket_.reset();
@@ -65,7 +89,8 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     }
 }
 
-std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slate::Duration& timeout)
+std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slate::Duration& timeout,
+                                              zmq::socket_t* stop)
 {
     if (!socket_)
         socket_ = create_socket();
@@ -83,7 +108,7 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     // happen twice. A POST is not even waited for again.
     const unsigned int allowance = message.has_post() ? 0 : retries_;
     for (unsigned int attempt = 0;; ++attempt) {
-        if (auto reply = wait_for_reply(*socket_, message, timeout)) {
+        if (auto reply = wait_for_reply(*socket_, message, timeout, stop)) {
             rx_->increment();
             return reply;
         }
@@ -93,23 +118,25 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     }
 }
 
+std::string RequestCycle::describe(const Message& message) const
+{
+    return describe_request(message, uri_->to_string());
+}
+
 std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message)
 {
-    slate::log_error(provider_, SLATE_HERE, "send failed: ", tarn::to_string(message));
+    slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(message));
     err_->increment();
     return make_reply(Status::RequestTimeout);
 }
 
 /// One wait on one socket. Null if nothing came.
 std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const Message& message,
-                                                    const slate::Duration& timeout) const
+                                                    const slate::Duration& timeout, zmq::socket_t* stop) const
 {
     try {
-        zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLIN, 0};
-        zmq::poll(&item, 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
-        if ((item.revents & ZMQ_POLLIN) == 0) {
-            slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ",
-                             tarn::to_string(message));
+        if (!is_readable(socket, timeout, stop)) {
+            slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message));
             return nullptr;
         }
         zmq::message_t frame;
@@ -118,7 +145,7 @@ std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const
         return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
     }
     catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what(), "; request: ", tarn::to_string(message));
+        slate::log_error(provider_, SLATE_HERE, error.what(), "; request: ", describe(message));
         return nullptr;
     }
 }

@@ -19,6 +19,9 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
+/// The running number of the next "zmq.client".
+int next_client_instance();
+
 /// The exchange of one request for one reply over one ZMQ_REQ socket, which every client is built on.
 ///
 /// The request is sent exactly once. Each wait that ends without a reply costs the socket, as a ZMQ_REQ
@@ -36,7 +39,11 @@ public:
 
     /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
     /// message.
-    std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout);
+    ///
+    /// `stop`, if given, is a socket of the calling thread that becomes readable when that thread is to end.
+    /// It cuts the wait short: no more than default_timeout() from then on.
+    std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout,
+                                      zmq::socket_t* stop = nullptr);
 
     /// A reply of nothing but a status.
     std::shared_ptr<Reply> make_reply(Status status) const;
@@ -44,10 +51,12 @@ public:
     const std::shared_ptr<const slate::Uri>& uri() const { return uri_; }
 
 private:
-    std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout);
+    std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout,
+                                    zmq::socket_t* stop);
     std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
-                                          const slate::Duration& timeout) const;
+                                          const slate::Duration& timeout, zmq::socket_t* stop) const;
     std::shared_ptr<Reply> fail_to_send(const Message& message);
+    std::string describe(const Message& message) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;

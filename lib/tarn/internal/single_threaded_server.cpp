@@ -136,7 +136,7 @@ bool SingleThreadedServer::init(Sockets& sockets)
     return connect_control(sockets.wake_up, listener_.endpoint(), provider_) && in_use(sockets.wake_up) &&
            (!pubsub_uri_ ||
             (subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_) && in_use(sockets.pubsub))) &&
-           (uris_.empty() || (bind_endpoints(sockets.reqrep, uris_, provider_) && in_use(sockets.reqrep)));
+           (uris_.empty() || (bind_endpoints(sockets.reqrep, uris_, "rx", provider_) && in_use(sockets.reqrep)));
 }
 
 void SingleThreadedServer::serve(Sockets& sockets)
@@ -189,7 +189,7 @@ std::shared_ptr<Server> make_single_threaded_server(
         slate::log_error(SLATE_HERE, "cannot make_server, tarn not / no longer initialized");
         return nullptr;
     }
-    if (!are_endpoints(uris))
+    if (!are_endpoints(uris, "make_server"))
         return nullptr;
     return make_with_threads<SingleThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri);
 }

@@ -2,6 +2,7 @@
 #include "tarn/internal/utils/receive.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tarn_internal {
 bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
@@ -19,6 +20,22 @@ void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame)
         zmq::message_t dropped;
         more = socket.recv(dropped) && dropped.more();
     }
+}
+
+std::optional<RoutedMessage> receive_routed(zmq::socket_t& socket)
+{
+    RoutedMessage message;
+    bool delimited = false;
+    while (!delimited) {
+        zmq::message_t frame;
+        if (!socket.recv(frame) || !frame.more())
+            return std::nullopt;
+        delimited = frame.size() == 0;
+        message.way_back.push_back(std::move(frame));
+    }
+    if (!receive_frame(socket, message.payload))
+        return std::nullopt;
+    return message;
 }
 
 long poll_milliseconds(const slate::Duration& timeout)

@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/router_impl.h"
+
+#include <algorithm>
+#include <atomic>
+#include <system_error>
+#include <thread>
+
+#include <zmq.hpp>
+
+#include "slate/log.h"
+#include "slate/strings.h"
+#include "slate/uri.h"
+#include "slate/uuid.h"
+#include "tarn/internal/bind_endpoints.h"
+#include "tarn/internal/proxy.h"
+#include "tarn/internal/router_worker.h"
+
+namespace tarn_internal {
+namespace {
+std::atomic<int> instance{0};
+
+/// What the workers have answered after the proxy has ended.
+void forward_the_rest(zmq::socket_t& back, zmq::socket_t& front)
+{
+    zmq::message_t frame;
+    while (back.recv(frame, zmq::recv_flags::dontwait)) {
+        const bool more = frame.more();
+        front.send(frame, more ? zmq::send_flags::sndmore : zmq::send_flags::none);
+    }
+}
+} // namespace
+
+RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
+                       const std::shared_ptr<const slate::Dictionary>& settings,
+                       const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+                       const std::shared_ptr<const slate::Uri>& sub_uri,
+                       const std::shared_ptr<MessageFactory>& factory,
+                       const std::filesystem::path& run_time_directory)
+    : context_(context),
+      uuid_(slate::make_uuid().to_string()),
+      uris_(uris),
+      dealer_uri_(slate::make_uri("inproc://dealer/" + uuid_)),
+      server_uri_(slate::make_uri("inproc://router_server/" + uuid_)),
+      run_time_directory_(run_time_directory),
+      provider_("zmq.router", instance++),
+      thread_(context_, slate::make_uri("inproc://" + uuid_)),
+      server_(make_server(settings, {server_uri_}, sub_uri, factory)),
+      factory_(factory)
+{
+    thread_.start([this] { thread_entry(); });
+}
+
+RouterImpl::~RouterImpl()
+{
+    thread_.stop();
+}
+
+void RouterImpl::suppress_add_remote_call_warning()
+{
+    server_->suppress_add_remote_call_warning();
+}
+
+bool RouterImpl::add(const std::shared_ptr<Route>& route)
+{
+    return server_->add(route);
+}
+
+void RouterImpl::add(unsigned int number, const std::function<void(Message&)>& function)
+{
+    server_->add(number, function);
+}
+
+void RouterImpl::del(const std::string& name)
+{
+    server_->del(name);
+}
+
+void RouterImpl::del(unsigned int number)
+{
+    server_->del(number);
+}
+
+void RouterImpl::clear()
+{
+    server_->clear();
+}
+
+void RouterImpl::thread_entry()
+{
+    zmq::socket_t front(*context_, zmq::socket_type::router);
+    zmq::socket_t back(*context_, zmq::socket_type::dealer);
+    zmq::socket_t control(*context_, zmq::socket_type::sub);
+    const auto bind_back = [&] {
+        try {
+            back.bind(dealer_uri_->to_string());
+            return true;
+        }
+        catch (const zmq::error_t& error) {
+            slate::log_error(provider_, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
+            return false;
+        }
+    };
+
+    if (bind_endpoints(front, uris_, "router", provider_) && bind_back() &&
+        connect_control(control, thread_.endpoint(), provider_)) {
+        {
+            const auto workers = start_workers();
+            run_proxy(front, back, control, "router", provider_);
+        }
+        forward_the_rest(back, front);
+    }
+    slate::log_debug(provider_, SLATE_HERE, "thread exit");
+}
+
+/// As many as there may be: a system that is short of threads gets a router with fewer.
+std::vector<std::jthread> RouterImpl::start_workers()
+{
+    std::vector<std::jthread> workers;
+    try {
+        while (workers.size() < workers_)
+            workers.emplace_back(worker_entry, this);
+    }
+    catch (const std::system_error& error) {
+        slate::log_error(provider_, SLATE_HERE, "cannot start all workers: ", error.what());
+    }
+    return workers;
+}
+
+void RouterImpl::worker_entry(RouterImpl* router)
+{
+    RouterWorker(router->context_, router->provider_, router->factory_, [router](const Request& request) {
+        return resolve(router, request);
+    }).run(*router->dealer_uri_, router->thread_.endpoint());
+}
+
+std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::resolve(RouterImpl* router,
+                                                                              const Request& request)
+{
+    const std::string path = request.path();
+    auto segments = slate::split<std::vector<std::string>>(path, "/", false, true);
+    if (segments.empty())
+        return {};
+    if (!router->is_service(segments.front()))
+        return {router->server_uri_, path};
+
+    std::string endpoint = "ipc://" + router->run_time_directory_.string() + "/" + segments.front();
+    unsigned int number = 0;
+    const bool numbered = segments.size() > 1 && slate::try_parse(segments[1], &number);
+    if (numbered)
+        endpoint += "/" + std::to_string(number);
+    endpoint += "/zmq.sock";
+    segments.erase(segments.begin(), segments.begin() + (numbered ? 2 : 1));
+
+    const bool own = std::any_of(router->uris_.begin(), router->uris_.end(),
+                                 [&](const auto& uri) { return uri->to_string() == endpoint; });
+    return {own ? router->server_uri_ : slate::make_uri(endpoint), "/" + slate::join(segments, "/")};
+}
+
+/// Only the directory is looked at, not the socket in it.
+bool RouterImpl::is_service(const std::string& name) const
+{
+    // No path may lead out of the run-time directory; what stands behind a zero byte the system doesn't see.
+    if (name == "." || name == ".." || name.find('\0') != std::string::npos)
+        return false;
+    return std::filesystem::exists(run_time_directory_ / name);
+}
+} // namespace tarn_internal

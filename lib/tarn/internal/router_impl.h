@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tarn/internal/controlled_thread.h"
+#include "tarn/internal/owned_provider.h"
+#include "tarn/request.h"
+#include "tarn/router.h"
+
+namespace tarn_internal {
+/// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which passes one request
+/// at a time on to the service that it is for. It keeps no table of requests: who asked is written in the
+/// frames that stand before the request.
+///
+/// The router's own routes belong to a server inside it, at an inproc endpoint, to which requests are passed
+/// on like to any other.
+class RouterImpl : public Router {
+public:
+    RouterImpl(const std::shared_ptr<zmq::context_t>& context,
+               const std::shared_ptr<const slate::Dictionary>& settings,
+               const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+               const std::shared_ptr<const slate::Uri>& sub_uri,
+               const std::shared_ptr<MessageFactory>& factory,
+               const std::filesystem::path& run_time_directory);
+    ~RouterImpl() override;
+
+    void suppress_add_remote_call_warning() override;
+    bool add(const std::shared_ptr<Route>& route) override;
+    void add(unsigned int number, const std::function<void(Message&)>& function) override;
+    void del(const std::string& name) override;
+    void del(unsigned int number) override;
+    void clear() override;
+
+    /// Where to send a request, and the path that it carries there. No endpoint for a path without segments.
+    /// Throws std::filesystem::filesystem_error if the run-time directory can't be asked.
+    static std::pair<std::shared_ptr<const slate::Uri>, std::string> resolve(RouterImpl* router,
+                                                                             const Request& request);
+
+private:
+    void thread_entry();
+    std::vector<std::jthread> start_workers();
+    static void worker_entry(RouterImpl* router);
+    /// Whether there is a service of that name.
+    bool is_service(const std::string& name) const;
+
+    const std::size_t workers_ = 3;
+    const std::shared_ptr<zmq::context_t> context_;
+    const std::string uuid_; // keeps the inproc endpoints apart from those of any other router
+    const std::vector<std::shared_ptr<const slate::Uri>> uris_;
+    const std::shared_ptr<const slate::Uri> dealer_uri_;
+    const std::shared_ptr<const slate::Uri> server_uri_;
+    const std::filesystem::path run_time_directory_;
+    const OwnedProvider provider_;
+    ControlledThread thread_;
+    const std::shared_ptr<Server> server_;
+    const std::shared_ptr<MessageFactory> factory_;
+};
+} // namespace tarn_internal

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <zmq.hpp>
+
+#include "slate/duration.h"
+#include "tarn/message_factory.h"
+#include "tarn/reply.h"
+#include "tarn/request.h"
+
+namespace slate {
+class Provider;
+class Uri;
+} // namespace slate
+
+namespace tarn_internal {
+struct RoutedMessage;
+
+/// One of a router's threads: takes a request, passes it on to the service that it is for, waits for the
+/// reply and hands that back.
+///
+/// Its socket is a ZMQ_DEALER, which leaves it to the worker to put the way back before a reply. A ZMQ_REP
+/// socket does that by itself, but can't stay silent: it would take no request after the first one without a
+/// reply.
+class RouterWorker {
+public:
+    /// Where to send a request, and the path that it carries there; see RouterImpl::resolve.
+    using Resolve = std::function<std::pair<std::shared_ptr<const slate::Uri>, std::string>(const Request&)>;
+
+    /// Throws zmq::error_t if there are no sockets to be had.
+    RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
+                 std::shared_ptr<MessageFactory> factory, Resolve resolve);
+
+    /// Answers the requests that come from `requests` until anything comes from `control`, or its sockets
+    /// fail.
+    void run(const slate::Uri& requests, const slate::Uri& control);
+
+private:
+    void take_request();
+    void send(RoutedMessage& request, const std::shared_ptr<Message>& reply, bool verbose);
+    std::shared_ptr<Message> answer(Request& request, bool verbose);
+    std::shared_ptr<Message> pass_on(Request& request, bool verbose);
+    std::shared_ptr<Message> finish(const std::shared_ptr<Message>& reply, const std::string& path) const;
+    std::shared_ptr<Message> fail(Status status, const std::string& text, const Request& request) const;
+    slate::Duration shorten_ttl(Request& request) const;
+
+    const std::shared_ptr<zmq::context_t> context_;
+    const std::shared_ptr<slate::Provider> provider_;
+    const std::shared_ptr<MessageFactory> factory_;
+    const Resolve resolve_;
+    zmq::socket_t requests_;
+    zmq::socket_t control_;
+};
+} // namespace tarn_internal

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "tarn/message_factory.h"
+#include "tarn/server.h"
+
+namespace slate {
+class Dictionary;
+class Uri;
+} // namespace slate
+
+namespace tarn {
+/// Where a router looks for services, unless it is told otherwise.
+inline constexpr const char* default_run_time_directory = "/run/tide";
+
+/// One endpoint for all services of a device. The first segment of a request's path names the service, and
+/// the router passes the request on to that service's own socket, without that segment, and the reply back:
+/// "/clock/time/zone" goes to the service at "/run/tide/clock/zmq.sock" as "/time/zone", and "/clock/2/time"
+/// to the one at "/run/tide/clock/2/zmq.sock" as "/time". The file system is asked anew for every request, so
+/// services come and go without the router being told.
+///
+/// What names no service, as there is no such directory, is answered by the routes that are added to the
+/// router itself; like those of a server with one thread.
+///
+/// Three requests are under way at a time, each for as long as its "ttl", less 500 ms, allows; further ones
+/// wait behind them, also if their own service is quick. See docs/servers.md for what a service that is gone
+/// costs.
+///
+/// Destroying it stops it, after the requests that are under way, which are still answered. One that may wait
+/// for longer than default_timeout() is cut short then. The public endpoints' socket files stay.
+class Router : public Server {};
+
+/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem or if an endpoint is null.
+///
+/// `settings` and `sub_uri` are for the routes of its own, as for make_server. `run_time_directory` holds a
+/// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and
+/// the router then serves nothing. Throws zmq::error_t if the sockets that it talks to its threads by can't
+/// be made.
+std::shared_ptr<Router> make_router(
+    const std::shared_ptr<const slate::Dictionary>& settings,
+    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+    const std::shared_ptr<const slate::Uri>& sub_uri, const std::shared_ptr<MessageFactory>& factory,
+    const std::filesystem::path& run_time_directory = default_run_time_directory);
+} // namespace tarn

@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: Apache-2.0
+// A raw client shares its exchange with Client; what is shown here is what a caller of it sees.
+#include "tarn/raw/raw_client.h"
+
+#include <cstdlib>
+#include <thread>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace tarn;
+using namespace tarn_test;
+
+const slate::Duration brief = slate::Milliseconds(60);
+
+class ARawClient : public RuntimeTest {
+protected:
+    std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
+    Message message = *factory()->make_get("/a");
+    const std::string sent = message.SerializeAsString();
+
+    /// Answers everything with one frame.
+    std::unique_ptr<ScriptedPeer> answer_with(const std::string& frame)
+    {
+        return std::make_unique<ScriptedPeer>(
+            uri, [frame](const std::string&) { return std::vector<std::string>{frame}; });
+    }
+
+    /// The only raw client's counter.
+    std::optional<std::uint64_t> counted(const std::string& name)
+    {
+        for (const auto& shown : slate::snapshot()) {
+            if (shown.name == "zmq.raw_client")
+                return counter("zmq.raw_client", shown.instance, name);
+        }
+        return std::nullopt;
+    }
+};
+
+TEST_F(ARawClient, IsNotMadeBeforeTheLibraryIsUpNorAfterItWentDown)
+{
+    runtime.reset();
+
+    EXPECT_EQ(make_raw_client(uri), nullptr);
+    EXPECT_EQ(make_raw_client(std::filesystem::path("/nowhere.sock")), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>(2, "cannot make_raw_client, tarn not / no longer initialized"));
+}
+
+TEST_F(ARawClient, IsMadeFromAnEndpointOrFromASocketPath)
+{
+    EXPECT_EQ(make_raw_client(uri)->url(), uri);
+    EXPECT_EQ(make_raw_client(std::filesystem::path("/run/some.sock"), 0)->url()->to_string(),
+              "ipc:///run/some.sock");
+}
+
+TEST_F(ARawClient, IsNotMadeFromWhatIsNoEndpoint)
+{
+    EXPECT_EQ(make_raw_client(std::filesystem::path()), nullptr);
+    EXPECT_EQ(make_raw_client(std::filesystem::path("/a\nb")), nullptr);
+    EXPECT_EQ(make_raw_client(std::shared_ptr<const slate::Uri>()), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              (std::vector<std::string>{"failed to create raw ipc client (  ): invalid uri",
+                                        "failed to create raw ipc client ( /a\nb ): invalid uri",
+                                        "cannot make_raw_client, no endpoint given"}));
+}
+
+TEST_F(ARawClient, ThrowsAndLeavesNoProviderIfItsSocketCannotBeConnected)
+{
+    EXPECT_THROW(make_raw_client(slate::make_uri("nonsense://x")), zmq::error_t);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "failed to create socket: "), 1u);
+    EXPECT_EQ(providers("zmq.raw_client"), 0u);
+}
+
+TEST_F(ARawClient, HasAProviderWithARunningNumberOfItsOwnKind)
+{
+    const auto other_kind = make_client(uri);
+    auto first = make_raw_client(uri);
+    const auto second = make_raw_client(uri);
+    std::vector<int> instances;
+    for (const auto& shown : slate::snapshot()) {
+        if (shown.name == "zmq.raw_client")
+            instances.push_back(std::stoi(shown.instance));
+    }
+    ASSERT_EQ(instances.size(), 2u);
+    EXPECT_EQ(std::abs(instances[1] - instances[0]), 1);
+    first.reset();
+    EXPECT_EQ(providers("zmq.raw_client"), 1u);
+}
+
+TEST_F(ARawClient, LogsItsEndpointAtTheExtremeLevel)
+{
+    slate::set_log_level(slate::ExtremeLevel);
+    const auto client = make_raw_client(uri);
+    EXPECT_TRUE(logs.has(slate::ExtremeLevel, "Connect: " + uri->to_string()));
+}
+
+TEST_F(ARawClient, PutsAGoodReplyInThePlaceOfTheRequest)
+{
+    const auto server = serve(uri);
+    const auto route = make_test_route("a", "get", "/a");
+    route->on_get = [](Context& context) { context.reply.set_reply_text("text"); };
+    server->add(route);
+
+    EXPECT_EQ(make_raw_client(uri)->visit(message), Status::Ok);
+
+    ASSERT_TRUE(message.has_response());
+    EXPECT_EQ(message.response().status(), Status::Ok);
+    EXPECT_EQ(message.response().body().txt(), "text");
+}
+
+TEST_F(ARawClient, SendsTheMessageAsItIs)
+{
+    Journal journal;
+    Message ok;
+    ok.mutable_response()->set_status(Status::Ok);
+    const ScriptedPeer peer(uri, [&](const std::string& frame) {
+        journal.add(frame);
+        return std::vector<std::string>{ok.SerializeAsString()};
+    });
+    const auto client = make_raw_client(uri);
+    Message call;
+    call.mutable_call()->mutable_select()->set_method_number(7);
+    const std::string call_frame = call.SerializeAsString();
+    Message empty;
+
+    EXPECT_EQ(client->visit(message), Status::Ok);
+    EXPECT_EQ(client->visit(call), Status::Ok);
+    EXPECT_EQ(client->visit(empty), Status::Ok);
+    EXPECT_EQ(journal.entries(), (std::vector<std::string>{sent, call_frame, ""}));
+}
+
+TEST_F(ARawClient, GivesOnlyTheStatusOfAFailureAndLeavesTheRequest)
+{
+    const auto server = serve(uri);
+    EXPECT_EQ(make_raw_client(uri)->visit(message), Status::NotFound);
+    EXPECT_EQ(message.SerializeAsString(), sent);
+}
+
+TEST_F(ARawClient, TakesAReplyWithoutAStatusForWhatItSays)
+{
+    // A call without a result counts as good, so it is copied, but it has no status.
+    Message call;
+    call.mutable_call()->mutable_select()->set_method_number(7);
+    const auto peer = answer_with(call.SerializeAsString());
+    EXPECT_EQ(make_raw_client(uri)->visit(message), Status::UnknownStatus);
+    EXPECT_EQ(message.SerializeAsString(), call.SerializeAsString());
+}
+
+TEST_F(ARawClient, GivesAnUnknownStatusForAFrameThatDoesNotParseAndLeavesTheRequest)
+{
+    const auto peer = answer_with("\xFF");
+    const auto client = make_raw_client(uri);
+    EXPECT_EQ(client->visit(message), Status::UnknownStatus);
+    EXPECT_EQ(message.SerializeAsString(), sent);
+    EXPECT_EQ(counted("rx"), 1u);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_F(ARawClient, WaitsOnceMoreForEachRetryAndSendsOnce)
+{
+    const SilentPeer peer(uri);
+    const auto client = make_raw_client(uri, 2);
+    const slate::StopWatch watch(true);
+
+    EXPECT_EQ(client->visit(message, slate::Milliseconds(200)), Status::RequestTimeout);
+
+    EXPECT_GE(watch.elapsed(), 600000);
+    EXPECT_LT(watch.elapsed(), 1500000);
+    EXPECT_EQ(message.SerializeAsString(), sent);
+    EXPECT_EQ(peer.requests(), 1);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>(3, "request timeout; no reply to " + to_string(message)));
+}
+
+TEST_F(ARawClient, WaitsForAPostOnlyOnceWhoeverIsThere)
+{
+    Message post = *factory()->make_post("/a", "body");
+    const std::string before = post.SerializeAsString();
+    const slate::StopWatch watch(true);
+
+    EXPECT_EQ(make_raw_client(uri, 20)->visit(post, brief), Status::RequestTimeout);
+
+    EXPECT_GE(watch.elapsed(), 60000);
+    EXPECT_EQ(post.SerializeAsString(), before);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 1u);
+}
+
+TEST_F(ARawClient, WaitsThreeTimesFourSecondsUnlessItIsTold)
+{
+    // The defaults are those of Client; four seconds thrice is too long to show, but not that a reply in time
+    // ends the wait.
+    Message ok;
+    ok.mutable_response()->set_status(Status::Ok);
+    const auto peer = answer_with(ok.SerializeAsString());
+    const slate::StopWatch watch(true);
+    EXPECT_EQ(make_raw_client(uri)->visit(message), Status::Ok);
+    EXPECT_LT(watch.elapsed(), 4000000);
+}
+
+TEST_F(ARawClient, IsUsableAtOnceAfterATimeout)
+{
+    const auto client = make_raw_client(uri, 0);
+    EXPECT_EQ(client->visit(message, brief), Status::RequestTimeout);
+    const auto server = serve(uri);
+    Message index = *factory()->make_get("/index");
+    EXPECT_EQ(client->visit(index, slate::Seconds(20)), Status::Ok);
+}
+
+TEST_F(ARawClient, CountsWhatItSendsAndWhatComesBack)
+{
+    const auto client = make_raw_client(uri, 0);
+    {
+        const auto server = serve(uri);
+        Message index = *factory()->make_get("/index");
+        EXPECT_EQ(client->visit(index), Status::Ok);
+        EXPECT_EQ(counted("tx"), 1u);
+        EXPECT_EQ(counted("rx"), 1u);
+    }
+    const SilentPeer peer(scratch_endpoint());
+    const auto silent = make_raw_client(scratch_endpoint(), 0);
+    EXPECT_EQ(silent->visit(message, brief), Status::RequestTimeout);
+    EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_F(ARawClient, FailsToSendWhileItsInprocServerIsGoneAndFindsTheNextOne)
+{
+    const auto inproc = scratch_endpoint("inproc");
+    auto server = make_server(settings, {inproc}, nullptr);
+    const auto client = make_raw_client(inproc, 0);
+    Message index = *factory()->make_get("/index");
+    const Message again = index;
+    EXPECT_EQ(client->visit(index), Status::Ok);
+    server.reset();
+
+    index = again;
+    EXPECT_EQ(client->visit(index, brief), Status::RequestTimeout);
+    EXPECT_EQ(index.SerializeAsString(), again.SerializeAsString());
+
+    server = make_server(settings, {inproc}, nullptr);
+    EXPECT_EQ(client->visit(index, slate::Seconds(20)), Status::Ok);
+}
+
+TEST_F(ARawClient, SharedByManyThreadsGivesEachItsOwnReply)
+{
+    const auto server = serve(uri);
+    const auto route = make_test_route("echo", "get", "/echo/:n");
+    route->on_get = [](Context& context) { context.reply.set_reply_text(context.params->get("n", "")); };
+    server->add(route);
+    const auto client = make_raw_client(uri);
+    std::atomic<int> right{0};
+    {
+        std::vector<std::jthread> callers;
+        for (int c = 0; c < 4; ++c) {
+            callers.emplace_back([&, c] {
+                for (int i = 0; i < 50; ++i) {
+                    const std::string n = std::to_string(100 * c + i);
+                    Message mine = *factory()->make_get("/echo/" + n);
+                    right += client->visit(mine) == Status::Ok && mine.response().body().txt() == n ? 1 : 0;
+                }
+            });
+        }
+    }
+    EXPECT_EQ(right, 200);
+}
+
+TEST_F(ARawClient, MayOutliveTheLibrary)
+{
+    Message ok;
+    ok.mutable_response()->set_status(Status::Ok);
+    const auto peer = answer_with(ok.SerializeAsString());
+    const auto client = make_raw_client(uri);
+    runtime.reset();
+    EXPECT_EQ(client->visit(message), Status::Ok);
+}
+} // namespace
