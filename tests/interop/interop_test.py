@@ -168,6 +168,22 @@ class TheDocument(InteropTest):
         )
         self.assertEqual(request.SerializeToString(), self.documented("request"))
 
+    def test_has_the_change_that_this_publisher_publishes_but_for_its_tag(self):
+        socket = self.context.socket(zmq.SUB)
+        socket.setsockopt(zmq.SUBSCRIBE, b"")
+        socket.bind(self.endpoint("sub"))
+        publisher = Publisher(self.context, self.endpoint("sub"), CLIENT_PID)
+        self.addCleanup(publisher.close)
+        documented = Message.FromString(self.documented("change"))
+        publisher.tag = getattr(documented.put.head, "from").tag
+
+        end = time.monotonic() + PATIENCE
+        while not socket.poll(50):
+            self.assertLess(time.monotonic(), end)
+            publisher.put("/machine/load?format=text", b"0.42")
+
+        self.assertEqual(socket.recv_multipart(), [b"/machine", self.documented("change")])
+
     def test_has_the_reply_that_a_service_gives_to_its_request(self):
         client = self.start_service()
         self.assertEqual(client.exchange(self.documented("request")), self.documented("reply"))
