@@ -306,7 +306,8 @@ class Requests(InteropTest):
     def test_to_the_index_list_the_routes(self):
         reply = self.service.get("/index?format=proto")
         self.assertEqual((reply.status, reply.format), (200, Format.Proto))
-        access = {detail.patterns[0]: detail.access for detail in RoutingDetails.FromString(reply.body).details}
+        details = RoutingDetails.FromString(reply.body).details
+        access = {detail.patterns[0]: detail.access for detail in details}
         self.assertEqual(access["/volume"], Access.Public)
         self.assertEqual(access["/private"], Access.Private)
 

@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// The C++ side of the interop tests: a service, a client, a publisher, a subscriber, and the table of
-// formats.
+// The C++ side of the interop tests. Its processes give fixed process ids, so that whole messages can be
+// compared with what is documented.
 //
-//   interop_peer serve ENDPOINT WORKERS          until standard input ends
-//   interop_peer get ENDPOINT RECIPIENT          with the header "accept: text/plain"; prints the reply
-//   interop_peer upload ENDPOINT RECIPIENT FILE  in chunks; prints the reply
-//   interop_peer download ENDPOINT RECIPIENT     prints the reply, without its body, and the body's MD5
-//   interop_peer publish URL SUB                 each line of standard input: "/path=value", or "/path" to
-//   delete interop_peer subscribe PUB                   prints each change of "/machine/..." until standard
-//   input ends interop_peer formats                         prints docs/wire.md's table of formats
-//
-// Its processes give fixed process ids, so that whole messages can be compared with what is documented.
+// A service, until standard input ends:
+//   interop_peer serve ENDPOINT WORKERS
+// A client that prints the reply; of a download, the MD5 of its body:
+//   interop_peer get ENDPOINT RECIPIENT
+//   interop_peer upload ENDPOINT RECIPIENT FILE
+//   interop_peer download ENDPOINT RECIPIENT
+// A publisher of each line of standard input, "/path value" to put and "/path" to delete:
+//   interop_peer publish URL SUB
+// A subscriber that prints each change of "/machine/...", until standard input ends:
+//   interop_peer subscribe PUB
+// The table of formats that is in docs/wire.md:
+//   interop_peer formats
 
 #include <fstream>
 #include <functional>
