@@ -84,9 +84,11 @@ class Process:
     def end(self):
         """Its exit status, once its input is closed."""
         self.process.stdin.close()
-        status = self.process.wait(PATIENCE)
-        self.process.stdout.close()
-        return status
+        try:
+            return self.process.wait(PATIENCE)
+        finally:
+            self.process.kill()  # does nothing to one that has ended
+            self.process.stdout.close()
 
     def terminate(self):
         self.process.terminate()
