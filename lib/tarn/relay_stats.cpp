@@ -17,11 +17,13 @@ constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
 
 class RelayStatsRoute : public Route {
 public:
-    RelayStatsRoute() : Route("relay/stats", "get", {"/relay", "/relay/stats"}, Access::Public) {}
+    RelayStatsRoute() : Route("relay/stats", "get", {"/relay", "/relay/stats", "/stats"}, Access::Public) {}
 
     void get(Context& context) const override
     {
-        if (context.request.path() != "/relay/stats")
+        // A router has taken the first segment away, if the relay's process is its service "relay".
+        const std::string path = context.request.path();
+        if (path != "/relay/stats" && path != "/stats")
             throw MessageException(Status::NotFound, "");
 
         const Stats stats = collect();
@@ -39,8 +41,8 @@ public:
     }
 
     /// A published message.
-    void put(Context& context) override { count(context.request.head().from()); }
-    void del(Context& context) override { count(context.request.head().from()); }
+    void put(Context& context) override { hear(context.request.head()); }
+    void del(Context& context) override { hear(context.request.head()); }
 
 private:
     struct Sender {
@@ -48,6 +50,12 @@ private:
         std::int32_t packets = 0;
         slate::Duration last_seen;
     };
+
+    void hear(const Head& head)
+    {
+        if (head.path() != "/stats") // somebody else's
+            count(head.from());
+    }
 
     void count(const Identity& from)
     {

@@ -8,7 +8,8 @@
 
 namespace tarn {
 /// What a publisher asks a relay's process for at its start: a route that counts the published messages of
-/// each sender and answers "/relay/stats" with a Stats message, in protobuf or JSON, whichever is asked for.
+/// each sender and answers "/relay/stats" with a Stats message, in protobuf or JSON, whichever is asked for;
+/// and "/stats", which is what a router makes of that for its service "relay".
 ///
 /// Add it to a server that hears the relay's output and answers where publishers ask ("relay_url"):
 ///

@@ -439,6 +439,24 @@ TEST_F(RelayStatistics, AreNotWhatThePathOfTheProbesAnswers)
     EXPECT_THROW(ask("/relay"), MessageException);
 }
 
+TEST_F(RelayStatistics, AreAlsoGivenWhereARouterHasTakenTheServicesNameOffThePath)
+{
+    count("a");
+    EXPECT_EQ(ask("/stats").into<Stats>().stat_size(), 1);
+    EXPECT_EQ(ask("/stats?format=json").format(), Format::Json);
+}
+
+TEST_F(RelayStatistics, DoNotCountWhatSomebodyElsePublishesUnderThatName)
+{
+    for (const auto& message : {factory()->make_put("/stats", "x"), factory()->make_del("/stats")}) {
+        Context context;
+        context.request.message = message;
+        tarn_internal::find_or_make_head(*message)->mutable_from()->set_tag("a");
+        message->has_put() ? route->put(context) : route->del(context);
+    }
+    EXPECT_EQ(ask("/stats").into<Stats>().stat_size(), 0);
+}
+
 TEST_F(RelayStatistics, ForgetTheSenderThatWasSilentLongestBeyondAThousand)
 {
     for (int i = 0; i <= 1000; ++i) {

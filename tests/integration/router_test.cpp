@@ -439,6 +439,21 @@ TEST_F(ARouter, HearsNoChangesWithoutARelay)
     EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
 }
 
+TEST_F(ARouter, LetsPublishersAskForTheRelaysStatistics)
+{
+    start();
+    const auto sub = scratch_endpoint();
+    const auto pub = scratch_endpoint();
+    const auto relay = make_relay(sub, pub);
+    const auto statistics = make_server(settings, {socket_of("relay")}, pub);
+    statistics->add(make_relay_stats_route());
+
+    const auto publisher = make_publisher(sub, default_timeout(), 0, uri);
+
+    ASSERT_NE(publisher, nullptr);
+    EXPECT_EQ(make_client(uri)->get("/relay/stats")->into<Stats>().stat_size(), 1);
+}
+
 // --- How long a request may take
 // --------------------------------------------------------------------------
 

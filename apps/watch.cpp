@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// Prints published changes as they come:
+//
+//   tarn_watch PUB [PATH]
+//
+// PUB is where a relay puts them out; without PATH all of them, otherwise those below it. Runs until SIGINT
+// or SIGTERM.
+
+#include <exception>
+#include <iostream>
+
+#include <tarn/tarn.h>
+
+#include "wait_for_signal.h"
+
+namespace {
+class WatchRoute : public tarn::Route {
+public:
+    explicit WatchRoute(const std::string& below) : Route("watch", "", below + "/*", tarn::Access::Public) {}
+
+    void put(tarn::Context& change) override
+    {
+        const bool has_body = change.request.message->put().has_body();
+        std::cout << "put " << change.request.path() << " ";
+        if (has_body && change.request.is_binary())
+            std::cout << "(" << change.request.data().size() << " bytes)";
+        else if (has_body)
+            std::cout << change.request.data();
+        std::cout << std::endl;
+    }
+    void del(tarn::Context& change) override { std::cout << "delete " << change.request.path() << std::endl; }
+};
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const auto pub = slate::make_uri(argc >= 2 ? argv[1] : "");
+    if (!pub || argc > 3) {
+        std::cerr << "usage: tarn_watch PUB [PATH]\n";
+        return 2;
+    }
+    const TerminationSignal termination;
+    try {
+        tarn::ZmqSubsystem subsystem;
+        subsystem.add_subscriber(pub)->add(std::make_shared<WatchRoute>(argc == 3 ? argv[2] : ""));
+        std::cout << "watching " << pub->to_string() << std::endl;
+        termination.wait();
+    }
+    catch (const std::exception& error) {
+        std::cerr << "tarn_watch: " << error.what() << "\n";
+        return 1;
+    }
+}

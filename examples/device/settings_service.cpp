@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+// Keeps a device's settings, each in a file of its own, and publishes every change:
+//
+//   device_settings_service SOCKET FOLDER ROUTER SUB
+//
+// A setting is there again after a restart, and after a power cut: its file holds the old value or the new
+// one, never half of either.
+
+#include <csignal>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+
+#include <tarn/tarn.h>
+
+namespace {
+/// Handlers of one server run one at a time here, so a setting needs no lock.
+class Setting {
+public:
+    Setting(const std::filesystem::path& folder, const std::string& name, std::string standard,
+            std::shared_ptr<tarn::Publisher> publisher)
+        : name_(name),
+          standard_(std::move(standard)),
+          publisher_(std::move(publisher)),
+          store_(folder / name, slate::add_provider("setting", name, true))
+    {
+    }
+
+    std::string get() const { return store_.read(0).value_or(standard_); }
+
+    void set(const std::string& value)
+    {
+        store_.write(value);
+        publisher_->put("/settings/" + name_, value);
+    }
+
+    void reset()
+    {
+        store_.erase({});
+        publisher_->del("/settings/" + name_);
+    }
+
+private:
+    std::string name_;
+    std::string standard_;
+    std::shared_ptr<tarn::Publisher> publisher_;
+    tarn::CachedFileStore store_;
+};
+
+std::shared_ptr<tarn::Route> make_location_route(const std::shared_ptr<Setting>& setting)
+{
+    return tarn::make_string_route(
+        "location", "get,put,delete", "/location", [setting](tarn::Context&) { return setting->get(); },
+        [setting](tarn::Context&, std::string text) { setting->set(text); },
+        [setting](tarn::Context&) { setting->reset(); }, tarn::Access::Public);
+}
+
+/// What is no number is refused before it gets here.
+std::shared_ptr<tarn::Route> make_interval_route(const std::shared_ptr<Setting>& setting)
+{
+    return tarn::make_uint32_route(
+        "interval", "get,put,delete", "/interval",
+        [setting](tarn::Context&) {
+            unsigned int seconds = 0;
+            slate::try_parse(setting->get(), &seconds);
+            return seconds;
+        },
+        [setting](tarn::Context&, unsigned int seconds) { setting->set(std::to_string(seconds)); },
+        [setting](tarn::Context&) { setting->reset(); }, tarn::Access::Public);
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 5) {
+        std::cerr << "usage: device_settings_service SOCKET FOLDER ROUTER SUB\n";
+        return 2;
+    }
+    // Blocked before any thread exists, so that a signal waits for sigwait below.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    try {
+        tarn::ZmqSubsystem subsystem;
+        // Asks for the relay's statistics by way of the router, and returns once the relay hears it.
+        const auto publisher = tarn::make_publisher(slate::make_uri(argv[4]), tarn::default_timeout(), 0,
+                                                    slate::make_uri(argv[3]));
+        const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));
+        server->add(
+            make_location_route(std::make_shared<Setting>(argv[2], "location", "workshop", publisher)));
+        server->add(make_interval_route(std::make_shared<Setting>(argv[2], "interval", "60", publisher)));
+        std::cout << "keeping settings in " << argv[2] << std::endl;
+        int signal = 0;
+        sigwait(&signals, &signal);
+    }
+    catch (const std::exception& error) {
+        std::cerr << "device_settings_service: " << error.what() << "\n";
+        return 1;
+    }
+}

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include <tarn/tarn.h>
+
+/// The body of a reply, or nothing.
+inline std::string text_of(const std::shared_ptr<tarn::Reply>& reply)
+{
+    const bool has_body = reply->message && reply->message->response().has_body();
+    return has_body ? reply->data() : std::string();
+}
+
+inline bool is_number_from(const std::string& text, double least)
+{
+    double value = 0;
+    return slate::try_parse(text, &value) && value >= least;
+}
+
+/// Prints what a client asks and gets, and remembers whether all of it was right.
+class Report {
+public:
+    /// One exchange, with each line of the answer's body or else its status message.
+    void show(const std::string& request, const std::shared_ptr<tarn::Reply>& reply, tarn::Status expected,
+              bool right = true)
+    {
+        const std::string body = text_of(reply);
+        check(request,
+              std::to_string(static_cast<int>(reply->status())) + " " + tarn::Status_Name(reply->status()),
+              right && reply->status() == expected);
+        std::istringstream lines(body.empty() ? reply->status_message() : body);
+        for (std::string line; std::getline(lines, line);)
+            note(line);
+    }
+
+    void check(const std::string& what, const std::string& outcome, bool right)
+    {
+        all_right_ = all_right_ && right;
+        std::cout << "  " << std::left << std::setw(38) << what << (right ? "ok     " : "WRONG  ") << outcome
+                  << std::endl;
+    }
+
+    void note(const std::string& line) { std::cout << "      " << line << std::endl; }
+
+    bool all_right() const { return all_right_; }
+
+private:
+    bool all_right_ = true;
+};
