@@ -12,6 +12,7 @@
 #include "tarn/context.h"
 #include "tarn/exception.h"
 #include "tarn/formats.h"
+#include "tarn/internal/async.h"
 #include "tarn/internal/controlled_thread.h"
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/envelope.h"
