@@ -36,6 +36,7 @@
 #include "tarn/relay_stats.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
+#include "tarn/resource.h"
 #include "tarn/route.h"
 #include "tarn/route_pattern.h"
 #include "tarn/routes/basic_route.h"
