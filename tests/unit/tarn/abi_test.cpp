@@ -216,6 +216,18 @@ TEST(Fields, OfResourceBaseKeepTheirOrder)
     EXPECT_EQ(place(resource.provider_) + sizeof(resource.provider_), place(resource) + sizeof(resource));
 }
 
+TEST(Fields, OfBasicRouteFollowThoseOfRouteInTheirOrder)
+{
+    using Value = tarn::BasicRoute<int>;
+    const auto route = std::dynamic_pointer_cast<Value>(tarn::make_int32_route("v", "", "/v", {}));
+    const auto place = [](const auto& field) { return reinterpret_cast<std::uintptr_t>(&field); };
+
+    EXPECT_GE(place(route->getter), place(*route) + sizeof(tarn::Route));
+    EXPECT_LT(place(route->getter), place(route->setter));
+    EXPECT_LT(place(route->setter), place(route->deleter));
+    EXPECT_EQ(place(route->deleter) + sizeof(route->deleter), place(*route) + sizeof(Value));
+}
+
 TEST(Fields, OfContentKeepTheirOrder)
 {
     const tarn::Content content{"data", "type", "tag", slate::make_dictionary()};
@@ -227,7 +239,7 @@ TEST(Fields, OfContentKeepTheirOrder)
               reinterpret_cast<std::uintptr_t>(&content.params));
 }
 
-TEST(Symbols, OfStoresAndResourcesAreWhereProgramsLook)
+TEST(Symbols, OfRoutesStoresAndResourcesAreWhereProgramsLook)
 {
     // Mangled, so with the types of all arguments.
     for (const char* symbol : {
@@ -248,6 +260,14 @@ TEST(Symbols, OfStoresAndResourcesAreWhereProgramsLook)
              "_ZN4tarn11MemoryStore5eraseENS_11PurgePolicyE",
              "_ZN4tarn9FileStore5eraseENS_11PurgePolicyE",
              "_ZN4tarn15CachedFileStore5eraseENS_11PurgePolicyE",
+             "_ZNK4tarn10BasicRouteIbE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIiE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIlE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIjE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteImE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIfE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIdE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteINSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEE3getERNS_7ContextE",
          })
         EXPECT_NE(dlsym(RTLD_DEFAULT, symbol), nullptr) << symbol;
 }
