@@ -326,6 +326,41 @@ TEST_P(AServer, HandsTheServersPidAndTheVariablesToTheHandler)
               std::to_string(getpid()) + " 7 a b header");
 }
 
+TEST_P(AServer, AnswersForAValueWithWhatItsFunctionsGiveAndThrow)
+{
+    std::atomic<int> value{-7};
+    const auto server = make({uri});
+    server->add(make_int32_route(
+        "value", "get,put,post,del", "/value", [&](Context&) { return value.load(); },
+        [&](Context&, int written) {
+            if (written > 100)
+                throw MessageException(Status::Conflict, "too much");
+            value = written;
+        }));
+    const auto client = make_client(uri);
+
+    const auto got = client->get("/value");
+    EXPECT_EQ(got->status(), Status::Ok);
+    EXPECT_EQ(got->data(), "-7");
+    const auto head = client->head("/value");
+    EXPECT_EQ(head->header("Content-Length", ""), "2");
+    EXPECT_FALSE(head->message->response().has_body());
+
+    EXPECT_EQ(client->put("/value", "8")->status(), Status::NoContent);
+    EXPECT_EQ(value, 8);
+    EXPECT_EQ(client->post("/value", "9")->status(), Status::NoContent);
+    EXPECT_EQ(value, 9);
+
+    const auto unreadable = client->put("/value", "abc");
+    EXPECT_EQ(unreadable->status(), Status::BadRequest);
+    EXPECT_EQ(unreadable->status_message(), "failed to write; cannot parse value");
+    const auto refused = client->post("/value", "101");
+    EXPECT_EQ(refused->status(), Status::Conflict);
+    EXPECT_EQ(refused->status_message(), "too much");
+    EXPECT_EQ(client->del("/value")->status(), Status::InternalServerError); // it has no deleter
+    EXPECT_EQ(value, 9);
+}
+
 TEST_P(AServer, AnswersPrivateRoutesToItsOwnProcessOnly)
 {
     const auto server = make({uri});

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // What programs that are installed already count on, and no linker checks: the place of each virtual function
 // in its table, and of each field in its structure.
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include "slate/dictionary.h"
@@ -133,6 +136,23 @@ TEST(VirtualFunctions, OfPublisherKeepTheirPlaces)
               slots(5));
 }
 
+TEST(VirtualFunctions, OfResourceKeepTheirPlaces)
+{
+    using tarn::Resource;
+    using OfParameters = bool (Resource::*)(Headers) const;
+    using OfRevision = bool (Resource::*)(long) const;
+
+    EXPECT_EQ(
+        (Slots{slot(&Resource::has_behavior), slot(&Resource::set_behavior), slot(&Resource::clear_behavior),
+               slot(&Resource::set_ttl), slot(&Resource::provider), slot(&Resource::formats),
+               slot(&Resource::name), slot(&Resource::supports_chunked_transfer),
+               slot(&Resource::read_provides_etag), slot(&Resource::read), slot(&Resource::save_into),
+               slot(&Resource::write), slot(&Resource::load_from), slot(&Resource::erase),
+               slot(&Resource::etag), slot<OfParameters>(&Resource::exists),
+               slot<OfRevision>(&Resource::exists), slot(&Resource::size)}),
+        slots(18));
+}
+
 class Work : public slate::DeferredWork {
 public:
     Result perform() override { return Success; }
@@ -142,6 +162,12 @@ TEST(VirtualFunctions, OfDeferredWorkKeepTheirPlaces)
 {
     using slate::DeferredWork;
     EXPECT_EQ((Slots{slot(&DeferredWork::perform), slot(&DeferredWork::to_string)}), slots(2));
+}
+
+TEST(VirtualFunctions, OfAsyncCallbackAreThoseOfDeferredWork)
+{
+    using tarn_internal::AsyncCallback;
+    EXPECT_EQ((Slots{slot(&AsyncCallback::perform), slot(&AsyncCallback::to_string)}), slots(2));
 }
 
 TEST(Fields, OfDeferredWorkKeepTheirOrderAndEndWithTheFlag)
@@ -160,5 +186,89 @@ TEST(Fields, OfDeferredWorkKeepTheirOrderAndEndWithTheFlag)
     // Nothing but padding behind it.
     EXPECT_LT(sizeof(slate::DeferredWork) - (place(work.cancelled) + sizeof(work.cancelled)),
               alignof(slate::DeferredWork));
+}
+
+/// Opens what is for derived classes.
+class AnyResource : public tarn::ResourceBase {
+public:
+    using ResourceBase::behavior_;
+    using ResourceBase::provider_;
+    using ResourceBase::queue_;
+    using ResourceBase::ResourceBase;
+    using ResourceBase::work_;
+
+    std::vector<tarn::Format> formats() const override { return {}; }
+    std::string name() const override { return ""; }
+    using ResourceBase::exists;
+    bool exists(Headers) const override { return false; }
+};
+
+TEST(Fields, OfResourceBaseKeepTheirOrder)
+{
+    const AnyResource resource(nullptr);
+    const auto place = [](const auto& field) { return reinterpret_cast<std::uintptr_t>(&field); };
+
+    static_assert(std::is_same_v<decltype(resource.behavior_), std::atomic<std::uint32_t>>);
+    EXPECT_EQ(place(resource.behavior_), place(resource) + sizeof(void*));
+    EXPECT_LT(place(resource.behavior_), place(resource.queue_));
+    EXPECT_LT(place(resource.queue_), place(resource.work_));
+    EXPECT_LT(place(resource.work_), place(resource.provider_));
+    EXPECT_EQ(place(resource.provider_) + sizeof(resource.provider_), place(resource) + sizeof(resource));
+}
+
+TEST(Fields, OfBasicRouteFollowThoseOfRouteInTheirOrder)
+{
+    using Value = tarn::BasicRoute<int>;
+    const auto route = std::dynamic_pointer_cast<Value>(tarn::make_int32_route("v", "", "/v", {}));
+    const auto place = [](const auto& field) { return reinterpret_cast<std::uintptr_t>(&field); };
+
+    EXPECT_GE(place(route->getter), place(*route) + sizeof(tarn::Route));
+    EXPECT_LT(place(route->getter), place(route->setter));
+    EXPECT_LT(place(route->setter), place(route->deleter));
+    EXPECT_EQ(place(route->deleter) + sizeof(route->deleter), place(*route) + sizeof(Value));
+}
+
+TEST(Fields, OfContentKeepTheirOrder)
+{
+    const tarn::Content content{"data", "type", "tag", slate::make_dictionary()};
+
+    EXPECT_EQ(content.data, "data");
+    EXPECT_EQ(content.mime_type, "type");
+    EXPECT_EQ(content.etag, "tag");
+    EXPECT_LT(reinterpret_cast<std::uintptr_t>(&content.etag),
+              reinterpret_cast<std::uintptr_t>(&content.params));
+}
+
+TEST(Symbols, OfRoutesStoresAndResourcesAreWhereProgramsLook)
+{
+    // Mangled, so with the types of all arguments.
+    for (const char* symbol : {
+             "_ZN13tarn_internal13resolve_queueEv",
+             "_ZN13tarn_internal13AsyncCallbackC1ERKSt8functionIFvvEE",
+             "_ZN13tarn_internal13AsyncCallback11id_counter_E",
+             "_ZN4tarn12ResourceBaseC2ESt10shared_ptrIN5slate8ProviderEE",
+             "_ZN4tarn12ResourceBaseD2Ev",
+             "_ZN4tarn12ResourceBase11submit_workERKSt10shared_ptrIN5slate12DeferredWorkEE",
+             "_ZN4tarn12ResourceBase10clean_workEv",
+             "_ZNK4tarn11MemoryStore9lazy_loadEv",
+             "_ZNK4tarn11MemoryStore4readB5cxx11El",
+             "_ZNK4tarn9FileStore4readB5cxx11El",
+             "_ZNK4tarn15CachedFileStore4readB5cxx11El",
+             "_ZNK4tarn11MemoryStore6existsEl",
+             "_ZNK4tarn9FileStore6existsEl",
+             "_ZNK4tarn15CachedFileStore6existsEl",
+             "_ZN4tarn11MemoryStore5eraseENS_11PurgePolicyE",
+             "_ZN4tarn9FileStore5eraseENS_11PurgePolicyE",
+             "_ZN4tarn15CachedFileStore5eraseENS_11PurgePolicyE",
+             "_ZNK4tarn10BasicRouteIbE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIiE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIlE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIjE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteImE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIfE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteIdE3getERNS_7ContextE",
+             "_ZNK4tarn10BasicRouteINSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEE3getERNS_7ContextE",
+         })
+        EXPECT_NE(dlsym(RTLD_DEFAULT, symbol), nullptr) << symbol;
 }
 } // namespace

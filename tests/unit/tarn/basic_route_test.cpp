@@ -8,6 +8,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -415,12 +416,36 @@ TEST(ValueRoute, LetsWhatItsFunctionsThrowPass)
 
 TEST(ValueRoute, CopiesItsFunctions)
 {
-    tarn::ValueGetter<int> getter = [](Context&) { return 1; };
-    const auto route = tarn::make_int32_route("v", "get", "/v", getter);
+    int calls = 0;
+    tarn::ValueGetter<int> getter = [&](Context&) { return ++calls; };
+    tarn::ValueSetter<int> setter = [&](Context&, int) { ++calls; };
+    tarn::ValueDeleter deleter = [&](Context&) { ++calls; };
+    const auto route = tarn::make_int32_route("v", "get,put,del", "/v", getter, setter, deleter);
     getter = nullptr;
-    Context context = context_of("get {}");
+    setter = nullptr;
+    deleter = nullptr;
+    Context get = context_of("get {}");
+    Context put = put_of("1");
+    Context del = context_of("del {}");
 
-    EXPECT_NO_THROW(route->get(context));
+    route->get(get);
+    route->put(put);
+    route->del(del);
+
+    EXPECT_EQ(calls, 3);
+}
+
+TEST(ValueRoute, LeavesTheRestToRoute)
+{
+    const auto settings = slate::make_dictionary();
+    settings->set("where", "here");
+    const auto route = tarn::make_int32_route("v", "get,put", "/<where>/(:id=7)", {});
+
+    route->prime(settings);
+
+    EXPECT_EQ(route->settings, settings);
+    EXPECT_EQ(route->complete_patterns(), std::vector<std::string>{"/here/7"});
+    EXPECT_FALSE(route->supports_chunked_transfer());
 }
 
 TEST(ValueRoute, IsNotFoundByAnotherProcessIfItIsPrivate)

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// Serves a device's network settings, and keeps them in a file beside the socket:
+//
+//   resource_service /tmp/network.sock
+
+#include <csignal>
+#include <iostream>
+
+#include "network_settings.h"
+#include "resource_route.h"
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::cerr << "usage: resource_service SOCKET\n";
+        return 2;
+    }
+    // Blocked before any thread exists, so that a signal waits for sigwait below.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    const std::filesystem::path socket = argv[1];
+    auto file = socket;
+    file.replace_extension(".json");
+
+    tarn::ZmqSubsystem subsystem;
+    const auto server = subsystem.add_server(slate::make_uri("ipc://" + socket.string()));
+    const auto settings =
+        std::make_shared<example::NetworkSettings>(file, [](const example::Network& network) {
+            // A device would set up its interface here.
+            slate::log_info(SLATE_HERE, "applied: ", network.ShortDebugString());
+        });
+    server->add(std::make_shared<example::ResourceRoute>("/network", settings));
+
+    std::cout << "serving at " << socket.string() << ", settings in " << file.string() << std::endl;
+    int signal = 0;
+    sigwait(&signals, &signal);
+}
