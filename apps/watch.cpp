@@ -6,6 +6,7 @@
 // PUB is where a relay puts them out; without PATH all of them, otherwise those below it. Runs until SIGINT
 // or SIGTERM.
 
+#include <algorithm>
 #include <exception>
 #include <iostream>
 
@@ -14,18 +15,26 @@
 #include "wait_for_signal.h"
 
 namespace {
+/// Whether a terminal can show it; a body doesn't have to say whether it is text.
+bool is_printable(const std::string& body)
+{
+    return slate::is_utf8(body) &&
+           std::none_of(body.begin(), body.end(), [](char c) { return c >= 0 && c < ' ' && c != '\t'; });
+}
+
 class WatchRoute : public tarn::Route {
 public:
     explicit WatchRoute(const std::string& below) : Route("watch", "", below + "/*", tarn::Access::Public) {}
 
     void put(tarn::Context& change) override
     {
-        const bool has_body = change.request.message->put().has_body();
+        const tarn::Put& put = change.request.message->put();
+        const std::string& body = put.body().has_bin() ? put.body().bin() : put.body().txt();
         std::cout << "put " << change.request.path() << " ";
-        if (has_body && change.request.is_binary())
-            std::cout << "(" << change.request.data().size() << " bytes)";
-        else if (has_body)
-            std::cout << change.request.data();
+        if (is_printable(body))
+            std::cout << body;
+        else
+            std::cout << "(" << body.size() << " bytes)";
         std::cout << std::endl;
     }
     void del(tarn::Context& change) override { std::cout << "delete " << change.request.path() << std::endl; }

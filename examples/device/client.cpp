@@ -64,7 +64,7 @@ void ask_everybody(tarn::Client& client, Report& report)
     report.show("GET /settings/location", reply, tarn::Status::Ok, text_of(reply) == "workshop");
     reply = client.get("/relay/stats?format=json");
     report.show("GET /relay/stats?format=json", reply, tarn::Status::Ok,
-                slate::contains(text_of(reply), "total_packets"));
+                slate::contains(text_of(reply), "totalPackets"));
 
     std::cout << "\nWhat names none is for the router itself\n";
     report.show("GET /nobody/home", client.get("/nobody/home"), tarn::Status::NotFound);

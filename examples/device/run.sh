@@ -58,7 +58,7 @@ check() {
     exit 1
 }
 
-echo "A device of seven processes, in $run"
+echo "A device of six processes, in $run"
 start router "$apps/tarn_router" "$run" "$router"
 start relay "$apps/tarn_relay" "ipc://$run/relay/zmq.sock" "$sub" "$pub"
 start status "$examples/machine_status/machine_status_service" "$run/status/zmq.sock"
@@ -66,6 +66,10 @@ start_settings
 start files "$examples/upload/upload_service" "$run/files/zmq.sock"
 start watch "$apps/tarn_watch" "$pub" /settings
 watch=$started
+# A subscriber hears a change from when it is there: a setting is written until it is heard.
+until grep -q interval "$device/watch.out"; do
+    check "$apps/tarn_request" "$router" put /settings/interval 60
+done
 
 check "$examples/device/device_client" "$router" "$pub" walk
 
