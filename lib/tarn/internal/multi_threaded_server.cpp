@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/multi_threaded_server.h"
 
-#include <condition_variable>
-#include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include <zmq.hpp>
@@ -17,6 +13,7 @@
 #include "tarn/internal/proxy.h"
 #include "tarn/internal/server_loop.h"
 #include "tarn/internal/utils/socket_ops.h"
+#include "tarn/internal/workers.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn_internal {
@@ -26,40 +23,6 @@ std::shared_ptr<const slate::Uri> inproc(const std::string& kind, const slate::U
     return slate::make_uri("inproc://" + kind + "/" + uuid.to_string());
 }
 } // namespace
-
-/// The workers as the router thread sees them: it waits until each has connected or given up, and joins them.
-class MultiThreadedServer::Workers {
-public:
-    void start(std::function<void()> body) { threads_.emplace_back(std::move(body)); }
-
-    void report(bool connected)
-    {
-        const std::lock_guard lock(mutex_);
-        ++(connected ? connected_ : failed_);
-        changed_.notify_all();
-    }
-
-    /// How many have connected, once all have reported.
-    std::size_t wait_for_all()
-    {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return connected_ + failed_ == threads_.size(); });
-        return connected_;
-    }
-
-    void join()
-    {
-        for (std::thread& thread : threads_)
-            thread.join();
-    }
-
-private:
-    std::vector<std::thread> threads_;
-    std::mutex mutex_; // guards the two numbers
-    std::condition_variable changed_;
-    std::size_t connected_ = 0;
-    std::size_t failed_ = 0;
-};
 
 MultiThreadedServer::MultiThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
                                          std::shared_ptr<const slate::Dictionary> settings,
@@ -176,29 +139,17 @@ void MultiThreadedServer::listen_router()
         }
     };
 
-    if (connect_control(control, router_.endpoint(), provider_) && bind_endpoints(front, uris_, "rx", provider_) &&
-        bind_dealer()) {
+    if (connect_control(control, router_.endpoint(), provider_) &&
+        bind_endpoints(front, uris_, "rx", provider_) && bind_dealer()) {
         Workers workers;
-        start_workers(workers);
+        workers.start(
+            worker_count_, [&] { worker_entry(workers); }, provider_);
         if (workers.wait_for_all() > 0) {
             router_listening_.set();
             run_proxy(front, back, control, "request router", provider_);
         }
-        workers.join();
     }
     slate::log_debug(provider_, SLATE_HERE, "router thread exit");
-}
-
-/// As many as there may be: a system that is short of threads gets a server with fewer.
-void MultiThreadedServer::start_workers(Workers& workers)
-{
-    try {
-        for (unsigned long i = 0; i < worker_count_; ++i)
-            workers.start([&] { worker_entry(workers); });
-    }
-    catch (const std::system_error& error) {
-        slate::log_error(provider_, SLATE_HERE, "cannot start all workers: ", error.what());
-    }
 }
 
 void MultiThreadedServer::worker_entry(Workers& workers)

@@ -17,6 +17,8 @@
 #include "tarn/server.h"
 
 namespace tarn_internal {
+class Workers;
+
 /// A server with many threads: a router thread hands requests to workers, in turn, busy or not, and a thread
 /// of its own hears published changes. Handlers of different routes run side by side, those of one route one
 /// at a time.
@@ -46,13 +48,10 @@ public:
     void stop();
 
 private:
-    class Workers;
-
     void start();
     void notify_subscriber();
 
     void listen_router();
-    void start_workers(Workers& workers);
     void worker_entry(Workers& workers);
     void serve(zmq::socket_t& wake_up, zmq::socket_t& requests);
     void listen_pubsub();

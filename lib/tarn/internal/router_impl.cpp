@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <system_error>
-#include <thread>
 
 #include <zmq.hpp>
 
@@ -15,6 +13,7 @@
 #include "tarn/internal/bind_endpoints.h"
 #include "tarn/internal/proxy.h"
 #include "tarn/internal/router_worker.h"
+#include "tarn/internal/workers.h"
 
 namespace tarn_internal {
 namespace {
@@ -105,7 +104,10 @@ void RouterImpl::thread_entry()
     if (bind_endpoints(front, uris_, "router", provider_) && bind_back() &&
         connect_control(control, thread_.endpoint(), provider_)) {
         {
-            const auto workers = start_workers();
+            Workers workers;
+            workers.start(
+                workers_, [&] { worker_entry(this, workers); }, provider_);
+            (void)workers.wait_for_all();
             run_proxy(front, back, control, "router", provider_);
         }
         forward_the_rest(back, front);
@@ -113,25 +115,14 @@ void RouterImpl::thread_entry()
     slate::log_debug(provider_, SLATE_HERE, "thread exit");
 }
 
-/// As many as there may be: a system that is short of threads gets a router with fewer.
-std::vector<std::jthread> RouterImpl::start_workers()
+void RouterImpl::worker_entry(RouterImpl* router, Workers& workers)
 {
-    std::vector<std::jthread> workers;
-    try {
-        while (workers.size() < workers_)
-            workers.emplace_back(worker_entry, this);
-    }
-    catch (const std::system_error& error) {
-        slate::log_error(provider_, SLATE_HERE, "cannot start all workers: ", error.what());
-    }
-    return workers;
-}
-
-void RouterImpl::worker_entry(RouterImpl* router)
-{
-    RouterWorker(router->context_, router->provider_, router->factory_, [router](const Request& request) {
-        return resolve(router, request);
-    }).run(*router->dealer_uri_, router->thread_.endpoint());
+    RouterWorker worker(router->context_, router->provider_, router->factory_,
+                        [router](const Request& request) { return resolve(router, request); });
+    const bool connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
+    workers.report(connected);
+    if (connected)
+        worker.run();
 }
 
 std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::resolve(RouterImpl* router,

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,6 +14,8 @@
 #include "tarn/router.h"
 
 namespace tarn_internal {
+class Workers;
+
 /// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which passes one request
 /// at a time on to the service that it is for. It keeps no table of requests: who asked is written in the
 /// frames that stand before the request.
@@ -45,8 +46,7 @@ public:
 
 private:
     void thread_entry();
-    std::vector<std::jthread> start_workers();
-    static void worker_entry(RouterImpl* router);
+    static void worker_entry(RouterImpl* router, Workers& workers);
     /// Whether there is a service of that name.
     bool is_service(const std::string& name) const;
 

@@ -36,12 +36,23 @@ RouterWorker::RouterWorker(const std::shared_ptr<zmq::context_t>& context,
 {
 }
 
-void RouterWorker::run(const slate::Uri& requests, const slate::Uri& control)
+bool RouterWorker::connect(const slate::Uri& requests, const slate::Uri& control)
 {
     try {
         requests_.connect(requests.to_string());
         control_.connect(control.to_string());
         control_.set(zmq::sockopt::subscribe, "");
+        return true;
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, error.what());
+        return false;
+    }
+}
+
+void RouterWorker::run()
+{
+    try {
         for (;;) {
             zmq::pollitem_t items[] = {{control_.handle(), 0, ZMQ_POLLIN, 0},
                                        {requests_.handle(), 0, ZMQ_POLLIN, 0}};

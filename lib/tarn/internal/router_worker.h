@@ -36,9 +36,12 @@ public:
     RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
                  std::shared_ptr<MessageFactory> factory, Resolve resolve);
 
-    /// Answers the requests that come from `requests` until anything comes from `control`, or its sockets
-    /// fail.
-    void run(const slate::Uri& requests, const slate::Uri& control);
+    /// Connects to where requests come from and to where the word to end does. False, with an error in the
+    /// log, if it can't.
+    bool connect(const slate::Uri& requests, const slate::Uri& control);
+
+    /// Answers requests until it is told to end, or its sockets fail, which is an error in the log.
+    void run();
 
 private:
     void take_request();
