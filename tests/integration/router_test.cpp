@@ -271,9 +271,9 @@ TEST_F(ARouter, FindsServicesThatComeAndGoWithoutBeingTold)
 TEST_F(ARouter, CarriesBodiesOfAnySizeBothWays)
 {
     start();
+    std::string kept; // the handlers of one route never run side by side
     const auto service = serve_as("drop");
     const auto route = make_test_route("file", "get,put", "/file");
-    std::string kept; // the handlers of one route never run side by side
     route->on_put = [&](Context& context) { kept = context.request.data(); };
     route->on_get = [&](Context& context) { context.reply.set_reply_text(kept); };
     service->add(route);

@@ -4,11 +4,14 @@
 #include <algorithm>
 #include <utility>
 
+#include "tarn/internal/utils/thread_sanitizer.h"
+
 namespace tarn_internal {
 bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
 {
     if (!socket.recv(frame))
         return false;
+    take_over(frame.data());
     drop_further_frames(socket, frame);
     return true;
 }

@@ -7,6 +7,7 @@
 #include <zmq.hpp>
 
 #include "slate/log.h"
+#include "tarn/internal/utils/thread_sanitizer.h"
 #include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
@@ -15,6 +16,7 @@ namespace {
 bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, std::string_view text,
                 const std::shared_ptr<slate::Provider>& provider)
 {
+    hand_over(frame.data());
     if (zmq_msg_send(frame.handle(), socket.handle(), 0) >= 0)
         return true;
     if (zmq_errno() != EAGAIN)
