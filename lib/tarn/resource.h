@@ -134,7 +134,8 @@ constexpr Resource::Behavior operator|(Resource::Behavior a, Resource::Behavior 
 ///
 /// It can hand work to the process's queue. Its destructor asks works that are not finished to give up
 /// (DeferredWork::cancelled) and waits for them, 5 s at most, but runs after that of the derived class: a
-/// work must hold what it uses itself, and not reach into the resource.
+/// work must hold what it uses itself and not reach into the resource, nor hold the resource, which would
+/// wait for its own end.
 class ResourceBase : public Resource {
 public:
     /// `provider`, where the resource logs, is taken out of the framework when the resource dies. May be
@@ -180,9 +181,11 @@ public:
 
 protected:
     /// Hands a work (not null) to the process's queue, and returns whether it did: false, with a warning in
-    /// the log, without a ZmqSubsystem. Throws OverloadedException if the queue is full, std::future_error if
-    /// somebody has taken the work's future, and what the work threw if it has failed already. The future can
-    /// be used afterwards, by one thread.
+    /// the log, without a ZmqSubsystem. Throws OverloadedException if the queue is full, and what the work
+    /// threw if it has failed already.
+    ///
+    /// Whoever submits may poll the work's future and wait for it, but must leave the result there: without
+    /// it this and the next calls throw std::future_error.
     bool submit_work(const std::shared_ptr<slate::DeferredWork>& work);
 
     /// Forgets the works that have finished, and waits for none. Throws std::future_error if somebody has

@@ -761,7 +761,7 @@ TEST_F(WorkOfAResource, GoesToTheSameQueueAfterTheRuntimeIsGone)
     runtime_.reset();
 
     const auto work = make_work();
-    EXPECT_TRUE(resource.submit_work(work));
+    ASSERT_TRUE(resource.submit_work(work));
 
     EXPECT_EQ(resource.queue_, queue);
     work->future.wait();
@@ -955,6 +955,22 @@ TEST_F(WorkOfAResource, IsCleanedIfFinishedAndKeptInOrderIfNot)
     EXPECT_EQ(resource.work_, left);
     for (const auto& work : left)
         EXPECT_FALSE(is_ready(*work));
+}
+
+TEST_F(WorkOfAResource, IsNotWaitedForWhenItIsCleaned)
+{
+    BareResource resource;
+    for (int i = 0; i < 1000; ++i)
+        resource.work_.push_back(make_work());
+    // Waiting for this one would run it.
+    resource.work_[500]->future = std::async(std::launch::deferred, [] { return 0; });
+
+    const auto start = std::chrono::steady_clock::now();
+    resource.clean_work();
+
+    // Far more than it needs, and far less than any wait for each would take.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_EQ(resource.work_.size(), 1000U);
 }
 
 TEST_F(WorkOfAResource, WithoutAStateStopsTheCleaningThere)

@@ -89,6 +89,16 @@ TEST_F(AStoreWithoutMemory, KeepsTheOldValueAndTheFileIfThereIsNoneForTheNewValu
     EXPECT_TRUE(logs_.lines().empty());
 }
 
+TEST_F(AStoreWithoutMemory, KeepsTheOldValueInMemoryToo)
+{
+    tarn::MemoryStore store(provider_);
+    store.write("old");
+
+    with_large_pieces(0, [&] { EXPECT_THROW(store.write(large_), std::bad_alloc); });
+
+    EXPECT_EQ(store.read(0), "old");
+}
+
 TEST_F(AStoreWithoutMemory, StaysEmptyIfThereIsNoneForTheFirstValue)
 {
     with_large_pieces(0, [&] { EXPECT_THROW(store_.write(large_), std::bad_alloc); });
