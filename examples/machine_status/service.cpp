@@ -68,8 +68,8 @@ int main(int argc, char** argv)
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    // Handlers of one server run one at a time here, so the setting needs no lock. It outlives the server, which
-    // ends with the subsystem.
+    // Handlers of one server run one at a time here, so the setting needs no lock. It outlives the server,
+    // which ends with the subsystem.
     const std::string standard = "workshop";
     std::string location = standard;
 
