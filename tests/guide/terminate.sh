@@ -1,6 +1,6 @@
 #!/bin/sh
 # terminate.sh SERVICE: starts a service at a socket of its own, waits until it says that it serves, and ends it by SIGTERM,
-# at which it must exit with status 0. At a socket that it can't have it must not stay.
+# at which it must exit with status 0.
 set -eu
 work=$(mktemp -d)
 service=""
