@@ -24,7 +24,7 @@ bool is_printable(const std::string& body)
 
 class WatchRoute : public tarn::Route {
 public:
-    explicit WatchRoute(const std::string& below) : Route("watch", "", below + "/*", tarn::Access::Public) {}
+    explicit WatchRoute(const tarn::RoutePattern& paths) : Route("watch", "", paths, tarn::Access::Public) {}
 
     void put(tarn::Context& change) override
     {
@@ -51,7 +51,9 @@ int main(int argc, char** argv)
     const TerminationSignal termination;
     try {
         tarn::ZmqSubsystem subsystem;
-        subsystem.add_subscriber(pub)->add(std::make_shared<WatchRoute>(argc == 3 ? argv[2] : ""));
+        // The empty pattern matches every path. "/*" would be refused, as a pattern begins with a literal.
+        const std::string paths = argc == 3 ? std::string(argv[2]) + "/*" : "";
+        subsystem.add_subscriber(pub)->add(std::make_shared<WatchRoute>(paths));
         std::cout << "watching " << pub->to_string() << std::endl;
         termination.wait();
     }

@@ -68,6 +68,11 @@ int main(int argc, char** argv)
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    // Handlers of one server run one at a time here, so the setting needs no lock. It outlives the server,
+    // which ends with the subsystem.
+    const std::string standard = "workshop";
+    std::string location = standard;
+
     tarn::ZmqSubsystem subsystem;
     const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));
 
@@ -76,9 +81,6 @@ int main(int argc, char** argv)
                                         [](tarn::Context&) { return read_number("/proc/uptime", 0); }));
     server->add(std::make_shared<MemoryRoute>());
 
-    // Handlers of one server run one at a time here, so the setting needs no lock.
-    const std::string standard = "workshop";
-    std::string location = standard;
     server->add(tarn::make_string_route(
         "location", "get,put,delete", "/settings/location", [&](tarn::Context&) { return location; },
         [&](tarn::Context&, std::string text) { location = std::move(text); },

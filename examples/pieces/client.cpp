@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sends an image of so many MiB, gets it back, and compares:
+//
+//   pieces_client /tmp/pieces.sock 64
+
+#include <iostream>
+#include <sstream>
+
+#include <tarn/tarn.h>
+
+int main(int argc, char** argv)
+{
+    long mebibytes = 0;
+    if (argc != 3 || !slate::try_parse(argv[2], &mebibytes) || mebibytes < 1) {
+        std::cerr << "usage: pieces_client SOCKET MEBIBYTES\n";
+        return 2;
+    }
+    std::string image(static_cast<std::size_t>(mebibytes) << 20, '\0');
+    unsigned int state = 1; // any bytes will do, as long as they differ
+    for (char& byte : image)
+        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+
+    tarn::ZmqSubsystem subsystem;
+    const auto client = tarn::make_client(std::filesystem::path(argv[1]), 0);
+    std::istringstream in(image); // a file, in a real client
+    const auto sent = client->put("/image", in);
+    std::ostringstream out;
+    const auto received = client->get("/download", out);
+    const bool right = sent->good() && received->good() && out.str() == image;
+    std::cout << "sent: " << tarn::Status_Name(sent->status())
+              << ", received: " << tarn::Status_Name(received->status()) << ", " << out.str().size()
+              << (right ? " bytes: right" : " bytes: WRONG") << std::endl;
+    return right ? 0 : 1;
+}

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+// Takes an image of any size, and gives it back, piece by piece:
+//
+//   pieces_service /tmp/pieces.sock
+
+#include <csignal>
+#include <iostream>
+
+#include "routes.h"
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::cerr << "usage: pieces_service SOCKET\n";
+        return 2;
+    }
+    // Blocked before any thread exists, so that a signal waits for sigwait below.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    const std::filesystem::path socket = argv[1];
+    auto image = socket;
+    image.replace_extension(".image");
+
+    tarn::ZmqSubsystem subsystem;
+    const auto server = subsystem.add_server(slate::make_uri("ipc://" + socket.string()));
+    server->add(std::make_shared<example::UploadRoute>(image));
+    server->add(std::make_shared<example::DownloadRoute>(image));
+    std::cout << "serving at " << socket.string() << ", image in " << image.string() << std::endl;
+    int signal = 0;
+    sigwait(&signals, &signal);
+}
