@@ -20,6 +20,10 @@ std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionar
     }
     if (!tarn_internal::are_endpoints(uris, "make_router"))
         return nullptr;
+    if (run_time_directory.empty()) {
+        slate::log_error(SLATE_HERE, "cannot make_router, no run-time directory given");
+        return nullptr;
+    }
     return std::make_shared<tarn_internal::RouterImpl>(subsystem->ctx(), settings, uris, sub_uri,
                                                        factory ? factory : make_message_factory(),
                                                        run_time_directory);

@@ -24,7 +24,8 @@ inline constexpr const char* default_run_time_directory = "/run/tide";
 /// services come and go without the router being told.
 ///
 /// What names no service, as there is no such directory, is answered by the routes that are added to the
-/// router itself; like those of a server with one thread.
+/// router itself; like those of a server with one thread. Remote calls can be added, but nobody reaches them:
+/// a message without a path is answered with status 501.
 ///
 /// Three requests are under way at a time, each for as long as its "ttl", less 500 ms, allows; further ones
 /// wait behind them, also if their own service is quick. See docs/servers.md for what a service that is gone
@@ -34,7 +35,8 @@ inline constexpr const char* default_run_time_directory = "/run/tide";
 /// for longer than default_timeout() is cut short then. The public endpoints' socket files stay.
 class Router : public Server {};
 
-/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem or if an endpoint is null.
+/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem or if an endpoint
+/// is null or the directory empty.
 ///
 /// `settings` and `sub_uri` are for the routes of its own, as for make_server. `run_time_directory` holds a
 /// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/forwarding_factory.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
 #include "unit/tarn/messages.h"
@@ -436,72 +437,39 @@ TEST_P(AStreamUpload, NeedsNothingButAPathAndAStream)
 }
 
 /// A factory that notes by which overload bodies come, and in which memory.
-class NotingFactory : public MessageFactory {
+class NotingFactory : public ForwardingFactory {
 public:
-    using Headers = std::shared_ptr<slate::Dictionary>;
-
-    std::shared_ptr<Message> make_head(std::string_view path, const Headers& headers,
-                                       const slate::Duration& ttl) const override
-    {
-        return own_->make_head(path, headers, ttl);
-    }
-    std::shared_ptr<Message> make_get(std::string_view path, const Headers& headers,
-                                      const slate::Duration& ttl) const override
-    {
-        return own_->make_get(path, headers, ttl);
-    }
-    std::shared_ptr<Message> make_put(std::string_view path, const std::string& body, const Headers& headers,
-                                      const slate::Duration& ttl) const override
+    MessagePtr make_put(std::string_view path, const std::string& body, const Headers& headers,
+                        const slate::Duration& ttl) const override
     {
         ++copied;
-        return own_->make_put(path, body, headers, ttl);
+        return ForwardingFactory::make_put(path, body, headers, ttl);
     }
-    std::shared_ptr<Message> make_put(std::string_view path, std::string&& body, const Headers& headers,
-                                      const slate::Duration& ttl) const override
+    MessagePtr make_put(std::string_view path, std::string&& body, const Headers& headers,
+                        const slate::Duration& ttl) const override
     {
         const char* const memory = body.data();
-        auto message = own_->make_put(path, std::move(body), headers, ttl);
+        auto message = ForwardingFactory::make_put(path, std::move(body), headers, ttl);
         moved += message->put().body().bin().data() == memory ? 1 : 0;
         return message;
     }
-    std::shared_ptr<Message> make_post(std::string_view path, const std::string& body, const Headers& headers,
-                                       const slate::Duration& ttl) const override
+    MessagePtr make_post(std::string_view path, const std::string& body, const Headers& headers,
+                         const slate::Duration& ttl) const override
     {
         ++copied;
-        return own_->make_post(path, body, headers, ttl);
+        return ForwardingFactory::make_post(path, body, headers, ttl);
     }
-    std::shared_ptr<Message> make_post(std::string_view path, std::string&& body, const Headers& headers,
-                                       const slate::Duration& ttl) const override
+    MessagePtr make_post(std::string_view path, std::string&& body, const Headers& headers,
+                         const slate::Duration& ttl) const override
     {
         const char* const memory = body.data();
-        auto message = own_->make_post(path, std::move(body), headers, ttl);
+        auto message = ForwardingFactory::make_post(path, std::move(body), headers, ttl);
         moved += message->post().body().bin().data() == memory ? 1 : 0;
         return message;
     }
-    std::shared_ptr<Message> make_del(std::string_view path, const Headers& headers,
-                                      const slate::Duration& ttl) const override
-    {
-        return own_->make_del(path, headers, ttl);
-    }
-    std::shared_ptr<Message> make_message(const void* data, unsigned long size) const override
-    {
-        return own_->make_message(data, size);
-    }
-    std::shared_ptr<Message> make_response(const std::shared_ptr<Message>& request, int pid) const override
-    {
-        return own_->make_response(request, pid);
-    }
-    std::shared_ptr<Message> make_response(const Status& status) const override
-    {
-        return own_->make_response(status);
-    }
-    std::shared_ptr<tarn_internal::PidFinder> finder() const override { return own_->finder(); }
 
     mutable int copied = 0;
     mutable int moved = 0;
-
-private:
-    const std::shared_ptr<MessageFactory> own_ = make_message_factory();
 };
 
 TEST_P(AStreamUpload, MovesItsChunksIntoTheirRequests)

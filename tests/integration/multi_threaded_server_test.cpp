@@ -308,4 +308,33 @@ TEST_F(AMultiThreadedServer, BearsClientsUploadsChangesAndRoutesThatComeAndGoAtO
     stop = true;
     EXPECT_EQ(right, 8 * 5 * 3);
 }
+TEST_F(AMultiThreadedServer, EndsAndAnswersWhileAFloodWaitsBehindBusyWorkers)
+{
+    auto server = make(2);
+    Gate gate;
+    for (int i = 0; i < 2; ++i) {
+        const auto route = make_test_route("wait" + std::to_string(i), "get", "/wait" + std::to_string(i));
+        route->on_get = [&](Context&) { gate.pass(); };
+        server->add(route);
+    }
+    RawPeer first(uri, zmq::socket_type::dealer);
+    for (int i = 0; i < 2; ++i)
+        first.send({"", factory()->make_get("/wait" + std::to_string(i))->SerializeAsString()});
+    ASSERT_TRUE(gate.await(2));
+
+    RawPeer flood(uri, zmq::socket_type::dealer);
+    flood.socket().set(zmq::sockopt::sndtimeo, 500);
+    const std::string request = factory()->make_get("/index")->SerializeAsString();
+    bool sent = true;
+    for (int i = 0; i < 20000 && sent; ++i)
+        sent = flood.socket().send(zmq::str_buffer(""), zmq::send_flags::sndmore).has_value() &&
+               flood.socket().send(zmq::buffer(request), zmq::send_flags::none).has_value();
+    EXPECT_FALSE(sent); // all is full
+
+    // Told to end while all is full, and let go only then.
+    auto ending = std::async(std::launch::async, [&] { server.reset(); });
+    EXPECT_EQ(ending.wait_for(100ms), std::future_status::timeout);
+    gate.open();
+    EXPECT_EQ(ending.wait_for(20s), std::future_status::ready);
+}
 } // namespace

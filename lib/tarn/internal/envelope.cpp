@@ -203,10 +203,10 @@ bool hidden_payload(const std::string& path)
     return slate::contains(path, "credential") || slate::contains(path, "password");
 }
 
-std::string describe_request(const Message& request, const std::string& endpoint)
+std::string describe(const Message& message, bool secret)
 {
-    const Head* head = hidden_payload(endpoint) ? find_head(request) : nullptr;
-    return head ? head->ShortDebugString() : tarn::to_string(request);
+    const Head* head = secret ? find_head(message) : nullptr;
+    return head ? head->ShortDebugString() : tarn::to_string(message);
 }
 
 const Head& Envelope::head() const

@@ -31,9 +31,9 @@ const Body* find_body(const Message& message);
 /// Whether bodies sent to or from this path stay out of logs: it contains "credential" or "password".
 bool hidden_payload(const std::string& path);
 
-/// The log text of a request to that endpoint. Leaves out the body if the endpoint says that it is a secret:
-/// the router takes the service's name off the path, "credentials" for instance.
-std::string describe_request(const Message& request, const std::string& endpoint);
+/// The log text of a message that is a secret, or may be one by its path: without its body then. A router
+/// takes the service's name off the path, "credentials" for instance, so the path alone doesn't always tell.
+std::string describe(const Message& message, bool secret);
 
 /// A view over a Message that doesn't care which verb it holds. Copies share the message.
 ///

@@ -51,11 +51,12 @@ int next_client_instance()
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                            std::shared_ptr<const slate::Uri> uri, unsigned int retries,
-                           std::shared_ptr<MessageFactory> factory)
+                           std::shared_ptr<MessageFactory> factory, bool secret)
     : context_(std::move(context)),
       uri_(std::move(uri)),
       retries_(retries),
       factory_(std::move(factory)),
+      secret_(secret || hidden_payload(uri_->to_string())),
       provider_(name, instance),
       err_(provider_->add_error_counter("err", slate::Rational<int>(0, 1), "",
                                         slate::CounterPolicy::Cumulative)),
@@ -120,7 +121,7 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
 
 std::string RequestCycle::describe(const Message& message) const
 {
-    return describe_request(message, uri_->to_string());
+    return tarn_internal::describe(message, secret_);
 }
 
 std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message)

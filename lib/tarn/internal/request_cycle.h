@@ -31,10 +31,11 @@ int next_client_instance();
 /// Threads: any; one exchange at a time, the others wait.
 class RequestCycle {
 public:
-    /// `name` and `instance` name the provider. Throws zmq::error_t, logged, if the socket can't be made.
+    /// `name` and `instance` name the provider. `secret` keeps the bodies of requests out of the log,
+    /// whatever their path. Throws zmq::error_t, logged, if the socket can't be made.
     RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                  std::shared_ptr<const slate::Uri> uri, unsigned int retries,
-                 std::shared_ptr<MessageFactory> factory);
+                 std::shared_ptr<MessageFactory> factory, bool secret = false);
     ~RequestCycle();
 
     /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
@@ -63,6 +64,7 @@ private:
     const std::shared_ptr<const slate::Uri> uri_;
     const unsigned int retries_;
     const std::shared_ptr<MessageFactory> factory_;
+    const bool secret_;
     const OwnedProvider provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;

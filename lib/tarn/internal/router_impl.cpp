@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 
 #include <zmq.hpp>
 
@@ -10,6 +11,7 @@
 #include "slate/strings.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
+#include "tarn/exception.h"
 #include "tarn/internal/bind_endpoints.h"
 #include "tarn/internal/proxy.h"
 #include "tarn/internal/router_worker.h"
@@ -19,13 +21,23 @@ namespace tarn_internal {
 namespace {
 std::atomic<int> instance{0};
 
-/// What the workers have answered after the proxy has ended.
-void forward_the_rest(zmq::socket_t& back, zmq::socket_t& front)
+/// As it stands in endpoints: from the root, and without a slash at its end.
+std::filesystem::path normalise(const std::filesystem::path& directory)
 {
-    zmq::message_t frame;
-    while (back.recv(frame, zmq::recv_flags::dontwait)) {
-        const bool more = frame.more();
-        front.send(frame, more ? zmq::send_flags::sndmore : zmq::send_flags::none);
+    auto result = std::filesystem::absolute(directory).lexically_normal();
+    return result.has_filename() ? result : result.parent_path();
+}
+
+/// Whether somebody serves at an inproc endpoint.
+bool is_served(zmq::context_t& context, const slate::Uri& uri)
+{
+    try {
+        zmq::socket_t probe(context, zmq::socket_type::rep);
+        probe.bind(uri.to_string());
+        return false;
+    }
+    catch (const zmq::error_t& error) {
+        return error.num() == EADDRINUSE;
     }
 }
 } // namespace
@@ -41,11 +53,12 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
       uris_(uris),
       dealer_uri_(slate::make_uri("inproc://dealer/" + uuid_)),
       server_uri_(slate::make_uri("inproc://router_server/" + uuid_)),
-      run_time_directory_(run_time_directory),
+      run_time_directory_(normalise(run_time_directory)),
       provider_("zmq.router", instance++),
       thread_(context_, slate::make_uri("inproc://" + uuid_)),
       server_(make_server(settings, {server_uri_}, sub_uri, factory)),
-      factory_(factory)
+      factory_(factory),
+      serves_itself_(is_served(*context_, *server_uri_))
 {
     thread_.start([this] { thread_entry(); });
 }
@@ -110,7 +123,7 @@ void RouterImpl::thread_entry()
             (void)workers.wait_for_all();
             run_proxy(front, back, control, "router", provider_);
         }
-        forward_the_rest(back, front);
+        forward_the_rest(back, front); // what the workers have answered since
     }
     slate::log_debug(provider_, SLATE_HERE, "thread exit");
 }
@@ -118,7 +131,7 @@ void RouterImpl::thread_entry()
 void RouterImpl::worker_entry(RouterImpl* router, Workers& workers)
 {
     RouterWorker worker(router->context_, router->provider_, router->factory_,
-                        [router](const Request& request) { return resolve(router, request); });
+                        [router](const Request& request) { return router->find_service(request); });
     const bool connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
     workers.report(connected);
     if (connected)
@@ -145,15 +158,25 @@ std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::resolve(Ro
 
     const bool own = std::any_of(router->uris_.begin(), router->uris_.end(),
                                  [&](const auto& uri) { return uri->to_string() == endpoint; });
-    return {own ? router->server_uri_ : slate::make_uri(endpoint), "/" + slate::join(segments, "/")};
+    auto uri = own ? router->server_uri_ : slate::make_uri(endpoint);
+    if (!uri) // a name that no endpoint can have
+        return {router->server_uri_, path};
+    return {uri, "/" + slate::join(segments, "/")};
+}
+
+std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::find_service(const Request& request)
+{
+    auto found = resolve(this, request);
+    // A request to an inproc endpoint that nobody serves would cost one of the context's sockets for good.
+    if (found.first == server_uri_ && !serves_itself_)
+        throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
+    return found;
 }
 
 /// Only the directory is looked at, not the socket in it.
 bool RouterImpl::is_service(const std::string& name) const
 {
-    // No path may lead out of the run-time directory; what stands behind a zero byte the system doesn't see.
-    if (name == "." || name == ".." || name.find('\0') != std::string::npos)
-        return false;
-    return std::filesystem::exists(run_time_directory_ / name);
+    // No path may lead out of the run-time directory.
+    return name != "." && name != ".." && std::filesystem::exists(run_time_directory_ / name);
 }
 } // namespace tarn_internal

@@ -46,6 +46,9 @@ public:
 
 private:
     void thread_entry();
+    /// The same for a worker: throws MessageException, status 503, for what the router's own server should
+    /// answer if that has not started.
+    std::pair<std::shared_ptr<const slate::Uri>, std::string> find_service(const Request& request);
     static void worker_entry(RouterImpl* router, Workers& workers);
     /// Whether there is a service of that name.
     bool is_service(const std::string& name) const;
@@ -61,5 +64,6 @@ private:
     ControlledThread thread_;
     const std::shared_ptr<Server> server_;
     const std::shared_ptr<MessageFactory> factory_;
+    const bool serves_itself_;
 };
 } // namespace tarn_internal

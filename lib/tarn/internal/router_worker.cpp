@@ -4,6 +4,7 @@
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "slate/uri.h"
+#include "tarn/exception.h"
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/request_cycle.h"
 #include "tarn/internal/utils/receive.h"
@@ -77,88 +78,102 @@ void RouterWorker::take_request()
     }
 
     const bool verbose = slate::is_logging_allowed(slate::VerboseLevel);
-    Request request(factory_->make_message(routed->payload.data(), routed->payload.size()));
-    if (verbose)
-        slate::log_verbose(provider_, SLATE_HERE, "rx: ", request.to_string());
+    const Answer answer = answer_or_fail(routed->payload, verbose);
     // Who sends rubbish gets no reply, and the wait of a client that did so ends by itself.
-    if (request.message)
-        send(*routed, answer(request, verbose), verbose);
-}
-
-void RouterWorker::send(RoutedMessage& request, const std::shared_ptr<Message>& reply, bool verbose)
-{
-    for (zmq::message_t& frame : request.way_back)
-        requests_.send(frame, zmq::send_flags::sndmore);
-    if (!send_msg(requests_, reply, provider_)) {
-        // A message that was begun must be ended, or the next reply would become a part of it.
-        (void)send_msg(requests_, factory_->make_response(Status::InternalServerError), provider_);
-        return;
-    }
-    if (verbose)
-        slate::log_verbose(provider_, SLATE_HERE, "tx: ", tarn::to_string(*reply));
+    if (answer.message)
+        send(*routed, answer, verbose);
 }
 
 /// Whatever goes wrong with one request ends that request only.
-std::shared_ptr<Message> RouterWorker::answer(Request& request, bool verbose)
+RouterWorker::Answer RouterWorker::answer_or_fail(const zmq::message_t& payload, bool verbose) const
 {
-    if (!is_routable(*request.message))
-        return fail(Status::NotImplemented, "request type not implemented", request);
-
-    const std::string path = request.path();
+    std::string path;
     try {
-        return pass_on(request, verbose);
+        Request request(factory_->make_message(payload.data(), payload.size()));
+        if (verbose)
+            slate::log_verbose(provider_, SLATE_HERE, "rx: ", request.to_string());
+        if (!request.message)
+            return {};
+        if (!is_routable(*request.message))
+            return fail(Status::NotImplemented, "request type not implemented", path);
+        path = request.path();
+        return pass_on(request, path, verbose);
+    }
+    catch (const MessageException& error) {
+        return fail(error.status, error.what(), path);
     }
     catch (const std::exception& error) {
-        request.mutable_head()->set_path(path);
-        return fail(Status::InternalServerError, error.what(), request);
+        return fail(Status::InternalServerError, error.what(), path);
     }
     catch (...) {
-        request.mutable_head()->set_path(path);
-        return fail(Status::InternalServerError, "unknown exception", request);
+        return fail(Status::InternalServerError, "unknown exception", path);
     }
 }
 
-std::shared_ptr<Message> RouterWorker::pass_on(Request& request, bool verbose)
+RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& path, bool verbose) const
 {
     const slate::Duration time = shorten_ttl(request);
-    const auto [endpoint, path] = resolve_(request);
+    const auto [endpoint, forwarded_path] = resolve_(request);
     if (!endpoint) {
         slate::log_error(provider_, SLATE_HERE, "no route found for: ", request.to_string());
-        return factory_->make_response(Status::NotFound);
+        return {factory_->make_response(Status::NotFound), path};
     }
     if (!ZmqSubsystem::self())
-        return fail(Status::ServiceUnavailable, "tarn not / no longer initialized", request);
+        return fail(Status::ServiceUnavailable, "tarn not / no longer initialized", path);
 
-    const std::string asked = request.path();
-    request.mutable_head()->set_path(path);
+    const bool secret = hidden_payload(path);
+    request.mutable_head()->set_path(forwarded_path);
     if (verbose)
         slate::log_verbose(provider_, SLATE_HERE, "fwd [", endpoint->to_string(),
-                           "]: ", describe_request(*request.message, endpoint->to_string()));
+                           "]: ", describe(*request.message, secret));
 
-    RequestCycle service("zmq.client", next_client_instance(), context_, endpoint, 0, make_message_factory());
+    RequestCycle service("zmq.client", next_client_instance(), context_, endpoint, 0, make_message_factory(),
+                         secret);
     const auto reply = service.read_reply(*request.message, time, &control_);
-    request.mutable_head()->set_path(asked);
     if (!reply->message)
-        return fail(Status::BadGateway, "corrupt reply from the service at " + endpoint->to_string(),
-                    request);
+        return fail(Status::BadGateway, "corrupt reply from the service at " + endpoint->to_string(), path);
     if (reply->status() == Status::RequestTimeout)
-        slate::log_error(provider_, SLATE_HERE, "request timeout; ", asked, " at the service ",
+        slate::log_error(provider_, SLATE_HERE, "request timeout; ", path, " at the service ",
                          endpoint->to_string());
     // The caller sees the path that it asked for. Anything but a response becomes an empty one.
-    reply->message->mutable_response()->mutable_head()->set_path(asked);
-    return reply->message;
+    reply->message->mutable_response()->mutable_head()->set_path(path);
+    return {reply->message, path};
 }
 
-std::shared_ptr<Message> RouterWorker::fail(Status status, const std::string& text,
-                                            const Request& request) const
+RouterWorker::Answer RouterWorker::fail(Status status, const std::string& text, const std::string& path) const
 {
-    slate::log_error(provider_, SLATE_HERE, text, ", request: ", request.to_string());
+    // Not the request itself, which may be of any size.
+    slate::log_error(provider_, SLATE_HERE, text, "; request to \"", path, "\"");
     auto message = factory_->make_response(status);
     Response* response = message->mutable_response();
     response->set_status_message(slate::to_utf8(text));
-    if (const Head* head = find_head(*request.message))
-        response->mutable_head()->set_path(head->path());
-    return message;
+    if (!path.empty())
+        response->mutable_head()->set_path(path);
+    return {message, path};
+}
+
+void RouterWorker::send(RoutedMessage& request, const Answer& answer, bool verbose)
+{
+    // Made before anything is sent, as a message that was begun must be ended.
+    auto frame = to_frame(answer);
+    for (zmq::message_t& part : request.way_back)
+        requests_.send(part, zmq::send_flags::sndmore);
+    if (send_frame(requests_, frame, provider_) && verbose)
+        slate::log_verbose(provider_, SLATE_HERE,
+                           "tx: ", describe(*answer.message, hidden_payload(answer.path)));
+}
+
+zmq::message_t RouterWorker::to_frame(const Answer& answer) const
+{
+    try {
+        if (auto frame = tarn_internal::to_frame(*answer.message))
+            return std::move(*frame);
+    }
+    catch (const zmq::error_t& error) { // no memory for a large one
+        slate::log_error(provider_, SLATE_HERE, error.what(), "; reply for \"", answer.path, "\"");
+    }
+    const Answer failure = fail(Status::InternalServerError, "the reply can't be serialised", answer.path);
+    return std::move(tarn_internal::to_frame(*failure.message).value());
 }
 
 slate::Duration RouterWorker::shorten_ttl(Request& request) const

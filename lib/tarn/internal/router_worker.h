@@ -29,7 +29,8 @@ struct RoutedMessage;
 /// reply.
 class RouterWorker {
 public:
-    /// Where to send a request, and the path that it carries there; see RouterImpl::resolve.
+    /// Where to send a request, and the path that it carries there; see RouterImpl::resolve. What it throws
+    /// is the answer: the status of a MessageException, or 500.
     using Resolve = std::function<std::pair<std::shared_ptr<const slate::Uri>, std::string>(const Request&)>;
 
     /// Throws zmq::error_t if there are no sockets to be had.
@@ -44,12 +45,18 @@ public:
     void run();
 
 private:
+    /// What a caller gets, and the path that it asked for. No message for nothing.
+    struct Answer {
+        std::shared_ptr<Message> message;
+        std::string path;
+    };
+
     void take_request();
-    void send(RoutedMessage& request, const std::shared_ptr<Message>& reply, bool verbose);
-    std::shared_ptr<Message> answer(Request& request, bool verbose);
-    std::shared_ptr<Message> pass_on(Request& request, bool verbose);
-    std::shared_ptr<Message> finish(const std::shared_ptr<Message>& reply, const std::string& path) const;
-    std::shared_ptr<Message> fail(Status status, const std::string& text, const Request& request) const;
+    Answer answer_or_fail(const zmq::message_t& payload, bool verbose) const;
+    Answer pass_on(Request& request, const std::string& path, bool verbose) const;
+    Answer fail(Status status, const std::string& text, const std::string& path) const;
+    void send(RoutedMessage& request, const Answer& answer, bool verbose);
+    zmq::message_t to_frame(const Answer& answer) const;
     slate::Duration shorten_ttl(Request& request) const;
 
     const std::shared_ptr<zmq::context_t> context_;
@@ -57,6 +64,6 @@ private:
     const std::shared_ptr<MessageFactory> factory_;
     const Resolve resolve_;
     zmq::socket_t requests_;
-    zmq::socket_t control_;
+    mutable zmq::socket_t control_; // which a request that waits looks at too
 };
 } // namespace tarn_internal
