@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include <unistd.h>
+
 #include <tarn/tarn.h>
 
 #include "wait_for_signal.h"
@@ -24,7 +26,9 @@ void run(const TerminationSignal& termination, const std::filesystem::path& dire
     tarn::ZmqSubsystem subsystem;
     const auto router = subsystem.add_router(endpoints, directory);
     for (const auto& endpoint : endpoints) {
-        if (tarn::make_client(endpoint, 0)->get("/index")->status() == tarn::Status::RequestTimeout)
+        // Another process may hold the endpoint, or have taken over its path.
+        const auto reply = tarn::make_client(endpoint, 0)->get("/index");
+        if (reply->bad() || reply->head().from().pid() != getpid())
             throw std::runtime_error("cannot answer at " + endpoint->to_string());
     }
     std::cout << "routing to the services below " << directory.string() << std::endl;
