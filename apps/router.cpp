@@ -26,9 +26,10 @@ void run(const TerminationSignal& termination, const std::filesystem::path& dire
     tarn::ZmqSubsystem subsystem;
     const auto router = subsystem.add_router(endpoints, directory);
     for (const auto& endpoint : endpoints) {
-        // Another process may hold the endpoint, or have taken over its path.
-        const auto reply = tarn::make_client(endpoint, 0)->get("/index");
-        if (reply->bad() || reply->head().from().pid() != getpid())
+        // Another process may hold the endpoint, or have taken over its path. "." names no service, so it is
+        // the router itself that answers, if only that there is no such route.
+        const auto reply = tarn::make_client(endpoint, 0)->get("/.");
+        if (!reply->message || reply->head().from().pid() != getpid())
             throw std::runtime_error("cannot answer at " + endpoint->to_string());
     }
     std::cout << "routing to the services below " << directory.string() << std::endl;
