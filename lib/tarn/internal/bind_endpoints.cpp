@@ -60,4 +60,17 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<con
     }
     return true;
 }
+
+bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,
+                 const std::shared_ptr<slate::Provider>& provider)
+{
+    try {
+        socket.bind(uri.to_string());
+        return true;
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
+        return false;
+    }
+}
 } // namespace tarn_internal

@@ -28,4 +28,9 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 /// can't be bound; those before it stay bound until the socket closes.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                     std::string_view kind, const std::shared_ptr<slate::Provider>& provider);
+
+/// Binds the socket by which a proxy talks to its workers. False, with an error in the log, if it can't be
+/// bound.
+bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,
+                 const std::shared_ptr<slate::Provider>& provider);
 } // namespace tarn_internal

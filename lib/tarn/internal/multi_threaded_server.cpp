@@ -128,19 +128,9 @@ void MultiThreadedServer::listen_router()
     zmq::socket_t control(*context_, zmq::socket_type::sub);
     zmq::socket_t front(*context_, zmq::socket_type::router);
     zmq::socket_t back(*context_, zmq::socket_type::dealer);
-    const auto bind_dealer = [&] {
-        try {
-            back.bind(dealer_uri_->to_string());
-            return true;
-        }
-        catch (const zmq::error_t& error) {
-            slate::log_error(provider_, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
-            return false;
-        }
-    };
 
     if (connect_control(control, router_.endpoint(), provider_) &&
-        bind_endpoints(front, uris_, "rx", provider_) && bind_dealer()) {
+        bind_endpoints(front, uris_, "rx", provider_) && bind_dealer(back, *dealer_uri_, provider_)) {
         Workers workers;
         workers.start(
             worker_count_, [&] { worker_entry(workers); }, provider_);

@@ -103,18 +103,8 @@ void RouterImpl::thread_entry()
     zmq::socket_t front(*context_, zmq::socket_type::router);
     zmq::socket_t back(*context_, zmq::socket_type::dealer);
     zmq::socket_t control(*context_, zmq::socket_type::sub);
-    const auto bind_back = [&] {
-        try {
-            back.bind(dealer_uri_->to_string());
-            return true;
-        }
-        catch (const zmq::error_t& error) {
-            slate::log_error(provider_, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
-            return false;
-        }
-    };
 
-    if (bind_endpoints(front, uris_, "router", provider_) && bind_back() &&
+    if (bind_endpoints(front, uris_, "router", provider_) && bind_dealer(back, *dealer_uri_, provider_) &&
         connect_control(control, thread_.endpoint(), provider_)) {
         {
             Workers workers;

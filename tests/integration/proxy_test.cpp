@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: Apache-2.0
+// What stands behind a router and a server with many threads: the proxy, its sockets and its workers.
+#include "tarn/internal/proxy.h"
+
+#include <future>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+#include "tarn/internal/bind_endpoints.h"
+#include "tarn/internal/controlled_thread.h"
+#include "tarn/internal/router_worker.h"
+#include "tarn/internal/workers.h"
+
+namespace {
+using namespace std::chrono_literals;
+using namespace tarn;
+using namespace tarn_test;
+using namespace tarn_internal;
+using Frames = std::vector<std::string>;
+
+class AProxy : public RuntimeTest {
+protected:
+    /// Runs a proxy between two endpoints until it is told to end.
+    void start(const std::shared_ptr<const slate::Uri>& front, const std::shared_ptr<const slate::Uri>& back)
+    {
+        thread.start([this, front, back] {
+            zmq::socket_t router(*runtime->ctx(), zmq::socket_type::router);
+            zmq::socket_t dealer(*runtime->ctx(), zmq::socket_type::dealer);
+            zmq::socket_t control(*runtime->ctx(), zmq::socket_type::sub);
+            router.bind(front->to_string());
+            dealer.bind(back->to_string());
+            if (connect_control(control, thread.endpoint(), nullptr))
+                run_proxy(router, dealer, control, "test proxy", nullptr);
+        });
+    }
+
+    ControlledThread thread{runtime->ctx(), scratch_endpoint("inproc")};
+};
+
+TEST_F(AProxy, PassesMessagesOnBothWaysWithAllTheirFrames)
+{
+    const auto front = scratch_endpoint();
+    const auto back = scratch_endpoint();
+    start(front, back);
+    RawPeer asker(front, zmq::socket_type::dealer);
+    RawPeer answerer(back, zmq::socket_type::dealer);
+
+    asker.send({"", "one", "two"});
+    auto request = answerer.receive();
+    ASSERT_TRUE(request.has_value());
+    ASSERT_EQ(request->size(), 4u); // who asked stands in front
+    EXPECT_EQ(std::vector<std::string>(request->begin() + 1, request->end()),
+              (std::vector<std::string>{"", "one", "two"}));
+    request->back() = "answer";
+    answerer.send(*request);
+    EXPECT_EQ(asker.receive(), (std::vector<std::string>{"", "one", "answer"}));
+}
+
+TEST_F(AProxy, GoesOnAfterAWordThatIsNotTheEnd)
+{
+    const auto front = scratch_endpoint();
+    const auto back = scratch_endpoint();
+    start(front, back);
+    thread.send("worker-listening");
+    thread.send("");
+    RawPeer asker(front, zmq::socket_type::dealer);
+    RawPeer answerer(back, zmq::socket_type::dealer);
+    asker.send(Frames{"", "one"});
+    EXPECT_TRUE(answerer.receive().has_value());
+    thread.stop();
+}
+
+TEST_F(AProxy, PassesAnswersOnWhileRequestsHaveNowhereToGo)
+{
+    const auto front = scratch_endpoint();
+    const auto back = scratch_endpoint();
+    start(front, back);
+    RawPeer asker(front, zmq::socket_type::dealer);
+    RawPeer answerer(back, zmq::socket_type::dealer);
+    asker.send(Frames{"", "first"});
+    const auto first = answerer.receive();
+    ASSERT_TRUE(first.has_value());
+
+    RawPeer flood(front, zmq::socket_type::dealer);
+    flood.socket().set(zmq::sockopt::sndtimeo, 300);
+    while (flood.socket().send(zmq::str_buffer("flood"), zmq::send_flags::none)) {
+    }
+    answerer.send(*first);
+
+    EXPECT_EQ(asker.receive(), (std::vector<std::string>{"", "first"}));
+    thread.stop();
+}
+
+TEST_F(AProxy, HasWhatStoppedItInTheLog)
+{
+    zmq::socket_t front(*runtime->ctx(), zmq::socket_type::router);
+    zmq::socket_t back(*runtime->ctx(), zmq::socket_type::dealer);
+    zmq::socket_t control(*runtime->ctx(), zmq::socket_type::sub);
+    back.close();
+    run_proxy(front, back, control, "test proxy", nullptr);
+    EXPECT_TRUE(
+        logs.has(slate::ErrorLevel, "test proxy has stopped working: Socket operation on non-socket"));
+}
+
+TEST_F(AProxy, IsNotGivenADealerThatCannotBeBound)
+{
+    zmq::socket_t first(*runtime->ctx(), zmq::socket_type::dealer);
+    zmq::socket_t second(*runtime->ctx(), zmq::socket_type::dealer);
+    const auto uri = scratch_endpoint("inproc");
+    EXPECT_TRUE(bind_dealer(first, *uri, nullptr));
+    EXPECT_FALSE(bind_dealer(second, *uri, nullptr));
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>{"Failed to bind dealer socket: Address already in use"});
+}
+
+TEST_F(AProxy, WaitsForItsWorkersAlsoForThoseThatGiveUp)
+{
+    std::atomic<int> begun{0};
+    Workers workers;
+    workers.start(
+        5, [&] { workers.report(begun++ < 3); }, nullptr);
+    EXPECT_EQ(workers.wait_for_all(), 3u);
+}
+
+TEST_F(AProxy, HasNoUseForARoutersWorkerThatCannotConnect)
+{
+    RouterWorker worker(runtime->ctx(), nullptr, factory(), {});
+    EXPECT_FALSE(worker.connect(*slate::make_uri("nonsense://x"), thread.endpoint()));
+    EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>{"Protocol not supported"});
+}
+} // namespace
