@@ -2,7 +2,6 @@
 #include "tarn/publisher.h"
 
 #include <atomic>
-#include <climits>
 #include <istream>
 #include <mutex>
 #include <stdexcept>
@@ -20,6 +19,8 @@
 #include "tarn/internal/bind_endpoints.h"
 #include "tarn/internal/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
+#include "tarn/internal/utils/send.h"
+#include "tarn/internal/utils/thread_sanitizer.h"
 #include "tarn/proto/stats.pb.h"
 #include "tarn/zmq_subsystem.h"
 
@@ -148,19 +149,19 @@ private:
     {
         // Before the topic goes out: a topic whose payload can't follow would be taken for half of the next
         // message.
-        zmq::message_t payload(message.ByteSizeLong());
-        if (payload.size() > INT_MAX ||
-            !message.SerializeToArray(payload.data(), static_cast<int>(payload.size())))
+        auto payload = tarn_internal::to_frame(message);
+        if (!payload)
             return false;
         zmq::message_t topic_frame(topic.data(), topic.size());
 
         // One lock for both frames: another thread's frame between them would be taken for our message.
         const std::lock_guard lock(mutex_);
-        return send_frame(topic_frame, ZMQ_SNDMORE) && send_frame(payload, 0);
+        return send_frame(topic_frame, ZMQ_SNDMORE) && send_frame(*payload, 0);
     }
 
     bool send_frame(zmq::message_t& frame, int flags)
     {
+        tarn_internal::hand_over(frame.data());
         if (zmq_msg_send(frame.handle(), socket_.handle(), flags) >= 0)
             return true;
         if (zmq_errno() != EAGAIN)
