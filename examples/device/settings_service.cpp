@@ -22,10 +22,15 @@ public:
         : name_(name),
           standard_(std::move(standard)),
           publisher_(std::move(publisher)),
-          store_(folder / name, slate::add_provider("setting", name, true))
+          provider_(slate::add_provider("setting", name, true)),
+          store_(folder / name, provider_)
     {
     }
+    ~Setting() { slate::remove_provider(provider_->name()); }
+    Setting(const Setting&) = delete;
+    Setting& operator=(const Setting&) = delete;
 
+    const std::string& standard() const { return standard_; }
     std::string get() const { return store_.read(0).value_or(standard_); }
 
     void set(const std::string& value)
@@ -44,6 +49,7 @@ private:
     std::string name_;
     std::string standard_;
     std::shared_ptr<tarn::Publisher> publisher_;
+    std::shared_ptr<slate::Provider> provider_;
     tarn::CachedFileStore store_;
 };
 
@@ -55,14 +61,15 @@ std::shared_ptr<tarn::Route> make_location_route(const std::shared_ptr<Setting>&
         [setting](tarn::Context&) { setting->reset(); }, tarn::Access::Public);
 }
 
-/// What is no number is refused before it gets here.
+/// What is no number is refused before it gets here; a file may hold anything.
 std::shared_ptr<tarn::Route> make_interval_route(const std::shared_ptr<Setting>& setting)
 {
     return tarn::make_uint32_route(
         "interval", "get,put,delete", "/interval",
         [setting](tarn::Context&) {
             unsigned int seconds = 0;
-            slate::try_parse(setting->get(), &seconds);
+            if (!slate::try_parse(setting->get(), &seconds))
+                slate::try_parse(setting->standard(), &seconds);
             return seconds;
         },
         [setting](tarn::Context&, unsigned int seconds) { setting->set(std::to_string(seconds)); },

@@ -50,6 +50,18 @@ NetworkSettings::NetworkSettings(const std::filesystem::path& file, std::functio
     set_behavior(Behavior::Persistent);
 }
 
+void NetworkSettings::apply_stored()
+{
+    if (!exists(nullptr))
+        return;
+    try {
+        apply_later(current());
+    }
+    catch (const std::exception& error) {
+        slate::log_error(provider(), SLATE_HERE, "stored network settings not applied: ", error.what());
+    }
+}
+
 std::vector<Format> NetworkSettings::formats() const
 {
     return {Format::Json, Format::Text, Format::Proto};

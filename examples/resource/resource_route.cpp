@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "resource_route.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace example {
 namespace {
 using tarn::Format;
+using tarn::MessageException;
 using tarn::Status;
+using Behavior = tarn::Resource::Behavior;
 
 std::string accept_of(const tarn::Request& request)
 {
@@ -17,6 +20,23 @@ std::string accept_of(const tarn::Request& request)
 std::string content_type_of(const tarn::Request& request)
 {
     return request.header("Content-Type", tarn::to_mime_type(request.format()));
+}
+
+std::string body_of(const tarn::Request& request)
+{
+    const tarn::Body* body = tarn_internal::find_body(*request.message);
+    if (!body || !(body->has_txt() || body->has_bin()))
+        throw MessageException(Status::BadRequest, "no body");
+    return request.data();
+}
+
+/// Whether the requester says that it has the data of this tag.
+bool is_held(const tarn::Request& request, const std::string& etag)
+{
+    const auto held =
+        slate::split<std::vector<std::string>>(request.header("If-None-Match", ""), ",", true, true);
+    return !etag.empty() && std::any_of(held.begin(), held.end(),
+                                        [&](const std::string& tag) { return tag == "*" || tag == etag; });
 }
 
 void reply_with(tarn::Reply& reply, tarn::Content content)
@@ -30,7 +50,7 @@ void reply_with(tarn::Reply& reply, tarn::Content content)
 void reply_not_modified(tarn::Reply& reply)
 {
     reply.set_format_status(Format::Empty, Status::NotModified);
-    reply.mutable_body()->set_txt(""); // HEAD wants something to measure
+    reply.mutable_body()->set_txt(""); // a client that asks for the data finds some
 }
 } // namespace
 
@@ -40,11 +60,25 @@ ResourceRoute::ResourceRoute(const std::string& path, std::shared_ptr<tarn::Reso
 {
 }
 
+bool ResourceRoute::supports_chunked_transfer() const
+{
+    return resource_->supports_chunked_transfer();
+}
+
+void ResourceRoute::head(tarn::Context& context) const
+{
+    Route::head(context);
+    if (context.reply.status() == Status::NotModified) // nothing was measured
+        context.reply.clr_header("Content-Length");
+}
+
 void ResourceRoute::get(tarn::Context& context) const
 {
+    check_readable();
     const auto answer = [&](tarn::Content content) {
-        context.reply.set_header("ETag", content.etag);
-        if (context.request.header("If-None-Match", "") == content.etag)
+        if (!content.etag.empty())
+            context.reply.set_header("ETag", content.etag);
+        if (is_held(context.request, content.etag))
             reply_not_modified(context.reply);
         else
             reply_with(context.reply, std::move(content));
@@ -55,7 +89,7 @@ void ResourceRoute::get(tarn::Context& context) const
 void ResourceRoute::put(tarn::Context& context)
 {
     check_writable();
-    resource_->load_from([&] { return context.request.data(); }, content_type_of(context.request),
+    resource_->load_from([&] { return body_of(context.request); }, content_type_of(context.request),
                          context.params, tarn::WritePolicy::Replace);
 }
 
@@ -65,9 +99,15 @@ void ResourceRoute::del(tarn::Context& context)
     resource_->erase(context.params);
 }
 
+void ResourceRoute::check_readable() const
+{
+    if (resource_->has_behavior(Behavior::WriteOnly))
+        throw MessageException(Status::MethodNotAllowed, resource_->name() + " can only be written");
+}
+
 void ResourceRoute::check_writable() const
 {
-    if (resource_->has_behavior(tarn::Resource::Behavior::ReadOnly))
-        throw tarn::MessageException(Status::MethodNotAllowed, resource_->name() + " can only be read");
+    if (resource_->has_behavior(Behavior::ReadOnly))
+        throw MessageException(Status::MethodNotAllowed, resource_->name() + " can only be read");
 }
 } // namespace example

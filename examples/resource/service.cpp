@@ -23,7 +23,7 @@ int main(int argc, char** argv)
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     const std::filesystem::path socket = argv[1];
-    auto file = socket;
+    auto file = std::filesystem::absolute(socket); // a store wants a folder in its path
     file.replace_extension(".json");
 
     tarn::ZmqSubsystem subsystem;
@@ -33,6 +33,7 @@ int main(int argc, char** argv)
             // A device would set up its interface here.
             slate::log_info(SLATE_HERE, "applied: ", network.ShortDebugString());
         });
+    settings->apply_stored();
     server->add(std::make_shared<example::ResourceRoute>("/network", settings));
 
     std::cout << "serving at " << socket.string() << ", settings in " << file.string() << std::endl;

@@ -21,8 +21,9 @@
 // 2. The writer fills it, and it is synced to the disk with its final mode.
 // 3. It is renamed over the target, and the directory, in which the rename stands, is synced.
 //
-// A temporary file is only ever unlinked or renamed by who holds its lock. A filesystem without locks can't
-// keep writers of one file apart; one that finds its temporary file taken away then gives up.
+// A temporary file is only ever unlinked or renamed by who holds its lock, or who may not open it and so
+// can't lock it. Such writers of one file, and those on a filesystem without locks, can't be kept apart; one
+// that finds its temporary file taken away then gives up.
 
 namespace slate {
 namespace {
@@ -173,15 +174,14 @@ public:
             fail("can't write file", path_, EINVAL);
         if (!target_.has_filename())
             fail("can't write file", path_, path_.empty() ? ENOENT : EISDIR);
+        folder_ = target_.has_parent_path() ? target_.parent_path() : fs::path(".");
+        temporary_ = folder_ / temporary_name(target_.filename().string());
     }
 
     void write(const std::function<void(std::ofstream&)>& writer)
     {
-        const fs::path folder = target_.has_parent_path() ? target_.parent_path() : fs::path(".");
-        temporary_ = folder / temporary_name(target_.filename().string());
-
         // Opened before anything happens: once the file is renamed it is late for a refusal.
-        const Descriptor directory = open_file(folder, O_RDONLY | O_DIRECTORY);
+        const Descriptor directory = open_file(folder_, O_RDONLY | O_DIRECTORY);
         if (!directory.is_open())
             fail("can't open the folder of", path_, errno);
 
@@ -200,6 +200,26 @@ public:
             throw;
         }
         sync(directory);
+    }
+
+    /// Waits for whoever writes to the temporary file, and unlinks it if its writer is dead.
+    void remove_leftover() const
+    {
+        const Descriptor leftover = open_leftover();
+        const int error = leftover.is_open() ? 0 : errno;
+        if (error == ENOENT)
+            return;
+        // EACCES: whoever may change the folder may still unlink it, and would else never write again.
+        if (error != 0 && error != EACCES)
+            fail("can't take over the file beside", path_, error);
+
+        if (leftover.is_open()) {
+            lock(leftover);
+            if (!is_at(leftover, temporary_))
+                return;
+        }
+        if (unlink(temporary_.c_str()) != 0 && errno != ENOENT)
+            fail("can't remove the file beside", path_, errno);
     }
 
 private:
@@ -229,20 +249,6 @@ private:
                 fail("can't make a file beside", path_, errno);
             }
         }
-    }
-
-    /// Waits for whoever writes to the temporary file, and unlinks it if its writer is dead.
-    void remove_leftover() const
-    {
-        const Descriptor leftover = open_leftover();
-        if (!leftover.is_open() && errno == ENOENT)
-            return;
-        if (!leftover.is_open())
-            fail("can't take over the file beside", path_, errno);
-
-        lock(leftover);
-        if (is_at(leftover, temporary_) && unlink(temporary_.c_str()) != 0)
-            fail("can't remove the file beside", path_, errno);
     }
 
     Descriptor open_leftover() const
@@ -282,14 +288,18 @@ private:
             fail("can't write file", path_, write_error(errno));
     }
 
-    /// Gives the new file the mode of the old one, and its owner as far as that is allowed.
+    /// Gives the new file the mode of the old one, and its owner and group as far as that is allowed.
     void keep_mode(const Descriptor& file) const
     {
         const auto old = status_of(target_);
         if (!old)
             return;
         // The owner first, since a change of owner clears some bits of the mode.
-        [[maybe_unused]] const int ignored = fchown(file.get(), old->st_uid, old->st_gid);
+        if (fchown(file.get(), old->st_uid, old->st_gid) != 0) {
+            // Only root may give files away, but their group, by which others share them, can often be kept.
+            constexpr auto same_owner = static_cast<uid_t>(-1);
+            [[maybe_unused]] const int ignored = fchown(file.get(), same_owner, old->st_gid);
+        }
         if (fchmod(file.get(), old->st_mode & permission_bits) != 0)
             fail("can't set the mode of the file beside", path_, errno);
     }
@@ -303,6 +313,7 @@ private:
 
     const fs::path path_; // as the caller wrote it, for error texts
     const fs::path target_;
+    fs::path folder_;
     fs::path temporary_;
 };
 } // namespace
@@ -344,5 +355,15 @@ std::string slurp_file<std::string>(const std::string& path, std::ios_base::open
 void powersafe_write(const fs::path& path, const std::function<void(std::ofstream&)>& writer)
 {
     PowersafeFile(path).write(writer);
+}
+
+void remove_powersafe_leftover(const fs::path& path)
+{
+    try {
+        PowersafeFile(path).remove_leftover();
+    }
+    catch (const fs::filesystem_error&) {
+        // What isn't ours to take away stays.
+    }
 }
 } // namespace slate

@@ -29,10 +29,15 @@ std::string slurp_file<std::string>(const std::string& path, std::ios_base::open
 /// `writer` fills a new file beside the target (hidden, and always of the same name, so that one left behind
 /// by a crash is taken over by the next write). It is then synced, given the mode of the file that it
 /// replaces, and renamed over it, and the directory is synced. A symbolic link is followed. Writes of one
-/// file by several threads or processes wait for each other, unless the filesystem has no locks.
+/// file by several threads or processes wait for each other, unless the filesystem has no locks, or they may
+/// not open each other's new files.
 ///
 /// Throws std::filesystem::filesystem_error, with path and reason, if anything fails, or whatever `writer`
 /// throws. The old file is then untouched and the new one gone; but a directory that can't be synced, which
 /// comes last, is told with the new file in place.
 void powersafe_write(const std::filesystem::path& path, const std::function<void(std::ofstream&)>& writer);
+
+/// Takes away what a powersafe_write of that file left beside it when its process was killed, as far as this
+/// process may. Waits for one that is under way. The file itself stays.
+void remove_powersafe_leftover(const std::filesystem::path& path);
 } // namespace slate

@@ -109,6 +109,8 @@ public:
     std::shared_ptr<Reply> get(std::string_view path, std::ostream& out, const Headers& headers,
                                const slate::Duration& timeout) const override
     {
+        if (!headers)
+            return get(path, out, slate::make_dictionary(), timeout);
         headers->set(chunk_header::supported, "true");
         auto reply = get(path, headers, timeout);
         if (reply->bad() || !has_body(*reply))
@@ -142,6 +144,8 @@ public:
     std::shared_ptr<Reply> put(std::string_view path, std::istream& body, const Headers& headers,
                                const slate::Duration& timeout) override
     {
+        if (!headers)
+            return put(path, body, slate::make_dictionary(), timeout);
         return or_bad_request(upload(body, *headers, [&](std::string&& chunk) {
             return put(path, std::move(chunk), headers, timeout);
         }));
@@ -162,6 +166,8 @@ public:
     std::shared_ptr<Reply> post(std::string_view path, std::istream& body, const Headers& headers,
                                 const slate::Duration& timeout) override
     {
+        if (!headers)
+            return post(path, body, slate::make_dictionary(), timeout);
         return or_bad_request(upload(body, *headers, [&](std::string&& chunk) {
             return post(path, std::move(chunk), headers, timeout);
         }));

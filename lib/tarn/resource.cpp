@@ -75,8 +75,13 @@ ResourceBase::~ResourceBase()
     catch (...) {
         slate::log_warn(provider_, SLATE_HERE, "failed to clean up work; unknown error");
     }
-    if (provider_)
-        slate::remove_provider(provider_->name());
+    try {
+        if (provider_)
+            slate::remove_provider(provider_->name());
+    }
+    catch (...) {
+        slate::log_warn(provider_, SLATE_HERE, "failed to remove provider");
+    }
 }
 
 void ResourceBase::end_work()
@@ -203,7 +208,13 @@ bool ResourceBase::submit_work(const std::shared_ptr<slate::DeferredWork>& work)
 
     clean_work();
     work_.push_back(work);
-    (void)queue_->get()->submit(work); // the same work again
+    try {
+        (void)queue_->get()->submit(work); // the same work again
+    }
+    catch (...) {
+        std::erase(work_, work); // nobody will ever finish it
+        throw;
+    }
     if (!is_finished(*work))
         return true;
     if (result_of(*work) == DeferredWork::Refused)

@@ -181,8 +181,9 @@ public:
 
 protected:
     /// Hands a work (not null) to the process's queue, and returns whether it did: false, with a warning in
-    /// the log, without a ZmqSubsystem. Throws OverloadedException if the queue is full, and what the work
-    /// threw if it has failed already.
+    /// the log, if there has been no ZmqSubsystem so far. Once there was, the resource keeps its queue, and
+    /// hands works to that even without a ZmqSubsystem. Throws OverloadedException if the queue is full, and
+    /// what the work threw if it has failed already.
     ///
     /// Whoever submits may poll the work's future and wait for it, but must leave the result there: without
     /// it this and the next calls throw std::future_error.

@@ -23,8 +23,9 @@ namespace tarn {
 /// MessageException chooses the status, any other std::exception gives 500, and the text becomes the reply's
 /// status message.
 ///
-/// Threads: accept() and is_access_allowed() run on several threads at once; the handlers of one route never
-/// do, but those of different routes may. No lock of the library is held in a handler but the route's own, so
+/// Threads: accept() and is_access_allowed() run on several threads at once; on one server, the
+/// handlers of one route never do, but those of different routes may. A route that was added to two servers
+/// runs on both at once. No lock of the library is held in a handler but the route's own, so
 /// it may add and delete routes.
 class Route {
 public:

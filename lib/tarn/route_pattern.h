@@ -21,8 +21,11 @@ namespace tarn {
 ///   "/<site>/status"     a placeholder, filled in from the settings when the route is added to a server
 ///
 /// The first segment is a required literal, no required segment follows an optional one, and a glob comes
-/// last. The empty pattern matches every path. An optional literal, "(b=x)", matches "b"; without "=" the
-/// parentheses are part of its text. Nothing is decoded.
+/// last. The empty pattern matches every path. Nothing is decoded.
+///
+/// An optional literal, "(b=x)", matches "b" or nothing in a pattern with a variable or a glob; without "="
+/// the parentheses are part of its text. In a static pattern it means nothing: "/a/(b=x)" equals neither "/a"
+/// nor "/a/b", until prime() makes it "/a/b".
 ///
 /// Errors: patterns that break a rule throw Exception, which names the rule.
 /// Threads: const operations may run on many threads at once; prime() on none beside.

@@ -316,6 +316,21 @@ TEST_P(AStreamUpload, LeavesTheCallersHeadersAsTheyWere)
     EXPECT_EQ(pairs_of(*headers), (Pairs{{"X-Own", "1"}}));
 }
 
+TEST_P(AStreamUpload, NeedsNoHeaders)
+{
+    TellingPeer peer(uri, std::vector{answer_of(Status::NoContent)});
+    std::istringstream stream("body");
+    const auto client = make_client(uri, 0);
+
+    const auto reply = GetParam() == Verb::Put ? client->put("/a", stream, nullptr, slate::Seconds(20))
+                                               : client->post("/a", stream, nullptr, slate::Seconds(20));
+
+    EXPECT_EQ(reply->status(), Status::NoContent);
+    EXPECT_EQ(chunks(peer), (Chunks{{"0", 4u}, {"1", 0u}}));
+    for (const Request& request : peer.requests())
+        EXPECT_EQ(request.header(transfer, ""), peer.requests().at(0).header(transfer, "none"));
+}
+
 TEST_P(AStreamUpload, TakesAChunkNumberOfTheCallersAway)
 {
     TellingPeer peer(uri, std::vector{answer_of(Status::NoContent)});
@@ -579,6 +594,18 @@ TEST_F(AStreamDownload, NamesTheTransferInEachRequestButTheFirst)
         EXPECT_EQ(request.meta("ttl"), "7s");
         EXPECT_FALSE(request.has_header(number));
     }
+}
+
+TEST_F(AStreamDownload, NeedsNoHeaders)
+{
+    TellingPeer peer(uri, {piece("one", "id-7"), piece("two"), piece("")});
+
+    const auto reply = make_client(uri, 0)->get("/a", out, nullptr, slate::Seconds(20));
+
+    EXPECT_EQ(reply->status(), Status::Ok);
+    EXPECT_EQ(out.str(), "onetwo");
+    for (const Request& request : peer.requests())
+        EXPECT_EQ(request.header(supported, ""), "true");
 }
 
 TEST_F(AStreamDownload, LeavesItsHeadersInTheDictionary)

@@ -34,13 +34,55 @@ std::shared_ptr<slate::Dictionary> headers(const std::string& key, const std::st
     return result;
 }
 
+/// A line of text with a tag of its own.
+class Line : public tarn::ResourceBase {
+public:
+    Line(std::string text, std::string tag, bool takes_chunks = false)
+        : ResourceBase(slate::add_provider("line", "", true)),
+          text_(std::move(text)),
+          tag_(std::move(tag)),
+          takes_chunks_(takes_chunks)
+    {
+    }
+
+    using Params = std::shared_ptr<slate::Dictionary>;
+    using ResourceBase::exists;
+    std::string name() const override { return "line"; }
+    bool exists(const Params&) const override { return true; }
+    bool supports_chunked_transfer() const override { return takes_chunks_; }
+    std::vector<Format> formats() const override { return {Format::Text}; }
+    std::pair<std::string, Format> read(const Params&, Format) const override
+    {
+        return {text_, Format::Text};
+    }
+    void write(const Params&, const Format&, const std::string& data, const tarn::WritePolicy&) override
+    {
+        text_ = data;
+    }
+    std::pair<std::string, Format> etag(const Params&, Format) const override { return {tag_, Format::Text}; }
+
+private:
+    std::string text_;
+    const std::string tag_;
+    const bool takes_chunks_;
+};
+
 class TheResourceExample : public RuntimeTest {
 protected:
+    /// A client of a server with just that resource, at "/line".
+    std::shared_ptr<tarn::Client> serve_line(const std::shared_ptr<Line>& line)
+    {
+        const auto uri = scratch_endpoint("ipc");
+        serve(uri)->add(std::make_shared<example::ResourceRoute>("/line", line));
+        return tarn::make_client(uri);
+    }
+
     void start(std::function<void(const Network&)> apply = {})
     {
         if (!apply)
             apply = [applied = applied_](const Network& network) { applied->add(network.hostname()); };
         settings_ = std::make_shared<example::NetworkSettings>(file_, apply);
+        settings_->apply_stored();
         const auto uri = scratch_endpoint("ipc");
         serve(uri)->add(std::make_shared<example::ResourceRoute>("/network", settings_));
         client_ = tarn::make_client(uri);
@@ -84,14 +126,14 @@ TEST_F(TheResourceExample, KeepsWhatIsWrittenAndAppliesIt)
     EXPECT_TRUE(settings_->has_behavior(tarn::Resource::Behavior::Persistent));
 }
 
-TEST_F(TheResourceExample, FindsItsSettingsAgain)
+TEST_F(TheResourceExample, FindsItsSettingsAgainAndAppliesThem)
 {
     std::filesystem::create_directory(file_.parent_path());
     std::ofstream(file_) << pump;
     start();
 
     EXPECT_EQ(network_of(client_->get("/network")->data()).hostname(), "pump-7");
-    EXPECT_TRUE(applied_->entries().empty());
+    EXPECT_TRUE(wait_until([&] { return applied_->entries() == std::vector<std::string>{"pump-7"}; }));
 }
 
 TEST_F(TheResourceExample, AnswersInTheFormatThatIsAskedFor)
@@ -135,7 +177,10 @@ TEST_F(TheResourceExample, SendsATagAndNotAgainWhatTheClientHolds)
     EXPECT_EQ(again->status(), Status::NotModified);
     EXPECT_EQ(again->header("ETag", ""), tag);
     EXPECT_EQ(again->data(), "");
-    EXPECT_EQ(client_->head("/network", headers("If-None-Match", tag))->status(), Status::NotModified);
+    const auto head = client_->head("/network", headers("If-None-Match", tag));
+    EXPECT_EQ(head->status(), Status::NotModified);
+    EXPECT_EQ(head->header("ETag", ""), tag);
+    EXPECT_FALSE(head->has_header("Content-Length")); // which would be that of the data
 
     const auto other = client_->get("/network", headers("If-None-Match", "another tag"));
     EXPECT_EQ(other->status(), Status::Ok);
@@ -148,6 +193,53 @@ TEST_F(TheResourceExample, SendsATagAndNotAgainWhatTheClientHolds)
     const auto changed = client_->get("/network", headers("If-None-Match", tag));
     EXPECT_EQ(changed->status(), Status::Ok);
     EXPECT_EQ(network_of(changed->data()).hostname(), "pump-8");
+}
+
+TEST_F(TheResourceExample, KnowsItsTagInAListAndTakesAStarForAnyTag)
+{
+    const auto client = serve_line(std::make_shared<Line>("hello", "t1"));
+
+    for (const std::string held : {"t1", "*", "t0,t1", "t0, t1 , t2", " t1"})
+        EXPECT_EQ(client->get("/line", headers("If-None-Match", held))->status(), Status::NotModified)
+            << held;
+    for (const std::string held : {"", "t", "t1t2", "t0,t2", "t1 t2", "t*", "T1"})
+        EXPECT_EQ(client->get("/line", headers("If-None-Match", held))->data(), "hello") << held;
+}
+
+TEST_F(TheResourceExample, SendsNoEmptyTagAndAlwaysItsData)
+{
+    const auto client = serve_line(std::make_shared<Line>("hello", ""));
+
+    const auto reply = client->get("/line");
+    EXPECT_EQ(reply->status(), Status::Ok);
+    EXPECT_EQ(reply->data(), "hello");
+    EXPECT_FALSE(reply->has_header("ETag"));
+    for (const std::string held : {"", ",", "t1"})
+        EXPECT_EQ(client->get("/line", headers("If-None-Match", held))->data(), "hello") << held;
+}
+
+TEST_F(TheResourceExample, RefusesToBeReadWhileItIsWriteOnly)
+{
+    const auto line = std::make_shared<Line>("secret", "t1");
+    line->set_behavior(tarn::Resource::Behavior::WriteOnly);
+    const auto client = serve_line(line);
+
+    const auto reply = client->get("/line", headers("If-None-Match", "t1"));
+    EXPECT_EQ(reply->status(), Status::MethodNotAllowed);
+    EXPECT_EQ(reply->status_message(), "line can only be written");
+    EXPECT_FALSE(reply->has_header("ETag"));
+    EXPECT_EQ(client->head("/line")->status(), Status::MethodNotAllowed);
+    EXPECT_EQ(client->put("/line", "new", headers("Content-Type", "text/plain"))->status(),
+              Status::NoContent);
+    EXPECT_EQ(line->read(nullptr, Format::Text).first, "new");
+}
+
+TEST_F(TheResourceExample, TakesChunksIfItsResourceDoes)
+{
+    for (const bool takes_chunks : {false, true}) {
+        const example::ResourceRoute route("/line", std::make_shared<Line>("", "", takes_chunks));
+        EXPECT_EQ(route.supports_chunked_transfer(), takes_chunks);
+    }
 }
 
 TEST_F(TheResourceExample, TellsLengthAndTagOfABodyThatIsNotAskedFor)
@@ -193,6 +285,14 @@ TEST_F(TheResourceExample, RefusesWhatItCannotTake)
     EXPECT_EQ(put(pump, "image/png")->status(), Status::UnsupportedMediaType);
     EXPECT_EQ(put(pump, "nonsense")->status(), Status::UnsupportedMediaType);
     EXPECT_EQ(client_->put("/network", pump)->status(), Status::UnsupportedMediaType);
+    for (const bool has_empty_body : {false, true}) {
+        auto message = factory()->make_put("/network", "", headers("Content-Type", "application/json"));
+        has_empty_body ? message->mutable_put()->mutable_body()->Clear()
+                       : message->mutable_put()->clear_body();
+        const auto reply = client_->send(tarn::Request(message));
+        EXPECT_EQ(reply->status(), Status::BadRequest);
+        EXPECT_EQ(reply->status_message(), "no body");
+    }
     EXPECT_EQ(client_->post("/network", pump, headers("Content-Type", "application/json"))->status(),
               Status::MethodNotAllowed);
 
@@ -243,7 +343,7 @@ TEST_F(TheResourceExample, AnswersWritesBeforeTheyAreAppliedAndRefusesTooMany)
     });
 
     EXPECT_EQ(put(R"({"hostname": "first"})")->status(), Status::NoContent);
-    running.get_future().wait();
+    ASSERT_EQ(running.get_future().wait_for(20s), std::future_status::ready);
     EXPECT_EQ(put(R"({"hostname": "second"})")->status(), Status::NoContent);
     const auto refused = put(R"({"hostname": "third"})");
     EXPECT_EQ(refused->status(), Status::TooManyRequests);
@@ -275,6 +375,7 @@ TEST_F(TheResourceExample, TellsThatItsFileHoldsNoSettings)
     std::ofstream(file_) << "edited by hand";
     start();
 
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "stored network settings not applied: "), 1U);
     EXPECT_EQ(client_->get("/network")->status(), Status::InternalServerError);
     EXPECT_EQ(put(pump)->status(), Status::NoContent);
     EXPECT_EQ(client_->get("/network")->status(), Status::Ok);

@@ -45,7 +45,7 @@ void CachedFileStore::write(const std::string& data)
         catch (...) {
             slate::log_error(
                 provider_, SLATE_HERE,
-                "cached file store; unable to rollback write changes to memory; path: ", path_.string());
+                "cached file store; unable to rollback write changes to memory; path: ", path_.native());
         }
         throw; // the first failure
     }
@@ -71,7 +71,7 @@ void CachedFileStore::erase(PurgePolicy policy)
         catch (...) {
             slate::log_error(
                 provider_, SLATE_HERE,
-                "cached file store; unable to rollback erase changes to memory; path: ", path_.string());
+                "cached file store; unable to rollback erase changes to memory; path: ", path_.native());
         }
         throw; // the first failure
     }

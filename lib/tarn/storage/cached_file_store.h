@@ -14,7 +14,8 @@ namespace tarn {
 /// One string in a file and in memory: read from memory, and written through to the file like that of a
 /// FileStore. The file is read once, by the constructor; what others do to it later is not seen.
 ///
-/// A write or erase that fails leaves memory as it was, and passes the failure on. MemoryStore and FileStore
+/// A write or erase that fails leaves memory as it was, and passes the failure on. If only the last step of a
+/// write fails, the sync of its folder, the file has the new content all the same. MemoryStore and FileStore
 /// have the same operations.
 ///
 /// One revision is kept: the `revision` of read and exists, and the policy of erase, make no difference.

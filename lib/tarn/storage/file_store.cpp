@@ -43,6 +43,7 @@ bool FileStore::exists(long /*revision*/) const
 
 void FileStore::erase(PurgePolicy /*policy*/)
 {
+    slate::remove_powersafe_leftover(path_); // what is erased must not live on in half a write
     std::filesystem::remove(path_);
 }
 } // namespace tarn

@@ -22,21 +22,26 @@ namespace tarn {
 /// Errors: whatever the file system refuses passes out as std::filesystem::filesystem_error, with path and
 /// reason.
 ///
+/// A write may fail at its very end, when its folder can't be synced; the new content is in place then.
+///
 /// Threads: one at a time. Processes that share a file see each other's writes, whole; nothing keeps the
 /// write of one from undoing that of another.
 class FileStore {
 public:
-    /// The file need not exist; `path` needs a folder in it to be written, which need not exist either.
-    /// Throws Exception for an empty path, that of a directory, and a null provider.
+    /// The file need not exist; `path` needs a folder in it to be written, which need not exist either:
+    /// "./file", not "file", which fails at each write. Throws Exception for an empty path, that of a
+    /// directory, and a null provider.
     FileStore(const std::filesystem::path& path, const std::shared_ptr<slate::Provider>& provider);
 
     /// The file's bytes; none if there is no file. An empty file is an empty value.
     std::optional<std::string> read(long revision) const;
-    /// Makes the folder first, if there is none. Blocks until the bytes are on the disk.
+    /// Makes the folder first, if there is none. Blocks until the bytes are on the disk; a power cut soon
+    /// after may still take away a folder that was just made, with the file.
     void write(const std::string& data);
     /// Whether anything has that path, be it a directory that was made since.
     bool exists(long revision) const;
-    /// A missing file is fine.
+    /// A missing file is fine. Takes along what a killed writer left beside it. Doesn't wait for the disk: a
+    /// power cut soon after may bring the file back.
     void erase(PurgePolicy policy);
 
 private:

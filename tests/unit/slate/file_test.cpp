@@ -21,6 +21,7 @@
 
 #include "slate/strings.h"
 #include "support/scratch_folder.h"
+#include "support/wait_until.h"
 
 namespace {
 namespace fs = std::filesystem;
@@ -45,9 +46,14 @@ public:
 
     const Names& made() const { return made_; }
 
+    /// How many locks were asked for, by any thread.
+    static std::atomic<int> locks;
+
     /// Notes a call and gives the reason why it fails, or 0.
     static int make(const std::string& name)
     {
+        if (name == "flock")
+            ++locks;
         if (!of_this_thread)
             return 0;
         of_this_thread->made_.push_back(name);
@@ -62,6 +68,7 @@ private:
     int reason_ = 0;
 };
 thread_local SystemCalls* SystemCalls::of_this_thread = nullptr;
+std::atomic<int> SystemCalls::locks{0};
 
 int refuse(int reason)
 {
@@ -92,6 +99,12 @@ int rename(const char* from, const char* to) noexcept
 {
     const int reason = SystemCalls::make("rename");
     return reason ? refuse(reason) : renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+int fchown(int file, uid_t owner, gid_t group) noexcept
+{
+    const int reason = SystemCalls::make(owner == static_cast<uid_t>(-1) ? "fchown group" : "fchown");
+    return reason ? refuse(reason) : static_cast<int>(syscall(SYS_fchown, file, owner, group));
 }
 
 int fchmod(int file, mode_t mode) noexcept
@@ -307,6 +320,30 @@ TEST_F(PowersafeWrite, KeepsTheOwnerIfItMay)
     EXPECT_EQ(status.st_gid, 54321u);
 }
 
+TEST_F(PowersafeWrite, KeepsTheGroupIfItMayNotKeepTheOwner)
+{
+    put(path_, "old");
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(path_.c_str(), 12345, 54321), 0);
+    }
+    struct stat old {};
+    ASSERT_EQ(stat(path_.c_str(), &old), 0);
+
+    {
+        SystemCalls calls;
+        calls.fail("fchown", EPERM);
+        write(path_, "new");
+        EXPECT_EQ(calls.made(), (Names{"flock", "fchown", "fchown group", "fchmod", "fsync file", "rename",
+                                       "fsync folder"}));
+    }
+
+    struct stat status {};
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, geteuid());
+    EXPECT_EQ(status.st_gid, old.st_gid);
+    EXPECT_EQ(status.st_mode, old.st_mode);
+}
+
 TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheWriterThrows)
 {
     put(path_, "old");
@@ -473,6 +510,85 @@ TEST_F(PowersafeWrite, TakesOverWhatACrashLeftBehind)
     }
 }
 
+/// Runs an action in a process that permissions bind, and gives its exit status: the reason of the
+/// filesystem_error that it throws, or 0.
+template <class Action>
+int without_privileges(Action action)
+{
+    constexpr uid_t nobody = 65534;
+    return Child([&] {
+               if (geteuid() == 0 && (setgid(nobody) != 0 || setuid(nobody) != 0))
+                   return 255;
+               try {
+                   action();
+                   return 0;
+               }
+               catch (const fs::filesystem_error& error) {
+                   return error.code().value();
+               }
+           })
+        .wait();
+}
+
+TEST_F(PowersafeWrite, TakesOverWhatItMayNotOpen)
+{
+    ASSERT_EQ(chmod(scratch_.path().c_str(), 0777), 0);
+    put(scratch_.path() / ".file.tmp", "half, by somebody else");
+    ASSERT_EQ(chmod((scratch_.path() / ".file.tmp").c_str(), 0000), 0);
+
+    EXPECT_EQ(without_privileges([&] { write(path_, "new"); }), 0);
+
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, FailsIfItMayNotUnlinkWhatIsInTheWayEither)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root may make files of somebody else";
+    ASSERT_EQ(chmod(scratch_.path().c_str(), 01777), 0); // only its owner may unlink a file there
+    put(scratch_.path() / ".file.tmp", "half");
+    ASSERT_EQ(chmod((scratch_.path() / ".file.tmp").c_str(), 0000), 0);
+
+    EXPECT_EQ(without_privileges([&] { write(path_, "new"); }), EPERM);
+    EXPECT_EQ(without_privileges([&] { slate::remove_powersafe_leftover(path_); }), 0);
+
+    EXPECT_EQ(files(scratch_.path()), Names{".file.tmp"});
+}
+
+TEST_F(PowersafeWrite, LeavesNothingBehindIfItsLeftoverIsRemoved)
+{
+    put(path_, "old");
+    put(scratch_.path() / ".file.tmp", "half");
+    put(scratch_.path() / ".other.tmp", "of another file");
+    fs::create_symlink("file", scratch_.path() / "link");
+
+    slate::remove_powersafe_leftover(scratch_.path() / "link");
+    EXPECT_EQ(files(scratch_.path()), (Names{".other.tmp", "file", "link"}));
+
+    // No leftover, no file, no folder, and what no file can be.
+    for (const fs::path& path : {path_, scratch_.path() / "missing", scratch_.path() / "missing" / "file",
+                                 path_ / "below a file", scratch_.path(), fs::path()})
+        slate::remove_powersafe_leftover(path);
+    EXPECT_EQ(files(scratch_.path()), (Names{".other.tmp", "file", "link"}));
+    EXPECT_EQ(content(path_), "old");
+}
+
+TEST_F(PowersafeWrite, IsNotDisturbedByWhoRemovesLeftovers)
+{
+    std::thread removing;
+    slate::powersafe_write(path_, [&](std::ofstream& out) {
+        const int locks = SystemCalls::locks;
+        removing = std::thread([&] { slate::remove_powersafe_leftover(path_); });
+        EXPECT_TRUE(tarn_test::wait_until([&] { return SystemCalls::locks > locks; }));
+        out << "new";
+    });
+    removing.join();
+
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
 TEST_F(PowersafeWrite, FollowsNoLinkThatStandsInTheWay)
 {
     const auto precious = scratch_.path() / "precious";
@@ -592,10 +708,12 @@ TEST_F(PowersafeWrite, GoesOnWhenTheProcessItWaitsForIsKilled)
     close(ready[1]);
 
     std::atomic<bool> written{false};
+    const int locks = SystemCalls::locks;
     std::thread waiting([&] {
         write(path_, "new");
         written = true;
     });
+    EXPECT_TRUE(tarn_test::wait_until([&] { return SystemCalls::locks > locks; }));
     EXPECT_FALSE(written);
     child.kill();
     EXPECT_EQ(child.wait(), -SIGKILL);
@@ -604,6 +722,7 @@ TEST_F(PowersafeWrite, GoesOnWhenTheProcessItWaitsForIsKilled)
     EXPECT_EQ(content(path_), "new");
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
+
 TEST_F(PowersafeWrite, ReachesTheDiskInAnOrderThatSurvivesAPowerCut)
 {
     {
@@ -613,7 +732,7 @@ TEST_F(PowersafeWrite, ReachesTheDiskInAnOrderThatSurvivesAPowerCut)
     }
     const SystemCalls calls;
     write(path_, "newer");
-    EXPECT_EQ(calls.made(), (Names{"flock", "fchmod", "fsync file", "rename", "fsync folder"}));
+    EXPECT_EQ(calls.made(), (Names{"flock", "fchown", "fchmod", "fsync file", "rename", "fsync folder"}));
 }
 
 TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheDiskFails)

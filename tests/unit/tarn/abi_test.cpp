@@ -138,19 +138,73 @@ TEST(VirtualFunctions, OfPublisherKeepTheirPlaces)
 
 TEST(VirtualFunctions, OfResourceKeepTheirPlaces)
 {
+    using tarn::Format;
     using tarn::Resource;
+    using Behavior = const Resource::Behavior&;
+    using Policy = const tarn::WritePolicy&;
+    using DataAndFormat = std::pair<std::string, Format>;
+    using HasBehavior = bool (Resource::*)(Behavior) const;
+    using ChangeBehavior = void (Resource::*)(Behavior);
+    using SetTtl = void (Resource::*)(const slate::Duration&);
+    using GetProvider = std::shared_ptr<slate::Provider> (Resource::*)() const;
+    using Formats = std::vector<Format> (Resource::*)() const;
+    using Name = std::string (Resource::*)() const;
+    using Flag = bool (Resource::*)() const;
+    using Read = DataAndFormat (Resource::*)(Headers, Format) const;
+    using SaveInto = void (Resource::*)(std::function<void(tarn::Content)>, std::string_view, Headers) const;
+    using Write = void (Resource::*)(Headers, const Format&, const std::string&, Policy);
+    using LoadFrom = void (Resource::*)(std::function<std::string()>, std::string_view, Headers, Policy);
+    using Erase = void (Resource::*)(Headers);
     using OfParameters = bool (Resource::*)(Headers) const;
     using OfRevision = bool (Resource::*)(long) const;
+    using Size = std::size_t (Resource::*)(Headers, const Format&) const;
 
     EXPECT_EQ(
-        (Slots{slot(&Resource::has_behavior), slot(&Resource::set_behavior), slot(&Resource::clear_behavior),
-               slot(&Resource::set_ttl), slot(&Resource::provider), slot(&Resource::formats),
-               slot(&Resource::name), slot(&Resource::supports_chunked_transfer),
-               slot(&Resource::read_provides_etag), slot(&Resource::read), slot(&Resource::save_into),
-               slot(&Resource::write), slot(&Resource::load_from), slot(&Resource::erase),
-               slot(&Resource::etag), slot<OfParameters>(&Resource::exists),
-               slot<OfRevision>(&Resource::exists), slot(&Resource::size)}),
+        (Slots{slot<HasBehavior>(&Resource::has_behavior), slot<ChangeBehavior>(&Resource::set_behavior),
+               slot<ChangeBehavior>(&Resource::clear_behavior), slot<SetTtl>(&Resource::set_ttl),
+               slot<GetProvider>(&Resource::provider), slot<Formats>(&Resource::formats),
+               slot<Name>(&Resource::name), slot<Flag>(&Resource::supports_chunked_transfer),
+               slot<Flag>(&Resource::read_provides_etag), slot<Read>(&Resource::read),
+               slot<SaveInto>(&Resource::save_into), slot<Write>(&Resource::write),
+               slot<LoadFrom>(&Resource::load_from), slot<Erase>(&Resource::erase),
+               slot<Read>(&Resource::etag), slot<OfParameters>(&Resource::exists),
+               slot<OfRevision>(&Resource::exists), slot<Size>(&Resource::size)}),
         slots(18));
+}
+
+TEST(VirtualFunctions, OfRawClientKeepTheirPlaces)
+{
+    using tarn::RawClient;
+    using Visit = tarn::Status (RawClient::*)(Message&, Timeout);
+
+    EXPECT_EQ((Slots{slot(&RawClient::url), slot<Visit>(&RawClient::visit)}), slots(2));
+}
+
+TEST(VirtualFunctions, OfRouteKeepTheirPlaces)
+{
+    using tarn::Route;
+    using Settings = const std::shared_ptr<const slate::Dictionary>&;
+    using Paths = std::vector<std::string> (Route::*)() const;
+    using Prime = void (Route::*)(Settings);
+    using Flag = bool (Route::*)() const;
+    using Reading = void (Route::*)(tarn::Context&) const;
+    using Changing = void (Route::*)(tarn::Context&);
+
+    EXPECT_EQ((Slots{slot<Paths>(&Route::complete_patterns), slot<Prime>(&Route::prime),
+                     slot<Flag>(&Route::supports_chunked_transfer), slot<Reading>(&Route::head),
+                     slot<Reading>(&Route::get), slot<Changing>(&Route::put), slot<Changing>(&Route::post),
+                     slot<Changing>(&Route::del)}),
+              slots(8));
+}
+
+TEST(VirtualFunctions, OfQueueKeepTheirPlaces)
+{
+    using slate::Queue;
+    using Work = std::shared_ptr<slate::DeferredWork>;
+    using Submit = Work (Queue::*)(const Work&);
+    using SetCapacity = void (Queue::*)(std::size_t);
+
+    EXPECT_EQ((Slots{slot<Submit>(&Queue::submit), slot<SetCapacity>(&Queue::set_capacity)}), slots(2));
 }
 
 class Work : public slate::DeferredWork {
@@ -250,6 +304,15 @@ TEST(Symbols, OfRoutesStoresAndResourcesAreWhereProgramsLook)
              "_ZN4tarn12ResourceBaseD2Ev",
              "_ZN4tarn12ResourceBase11submit_workERKSt10shared_ptrIN5slate12DeferredWorkEE",
              "_ZN4tarn12ResourceBase10clean_workEv",
+             "_ZN4tarn11MemoryStoreC1ESt10shared_ptrIN5slate8ProviderEE",
+             "_ZN4tarn11MemoryStoreC1ERKNSt10filesystem7__cxx114pathESt10shared_ptrIN5slate8ProviderEE",
+             "_ZN4tarn11MemoryStoreC1ERKNSt10filesystem7__cxx114pathESt10shared_ptrIN5slate8ProviderEE"
+             "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
+             "_ZN4tarn9FileStoreC1ERKNSt10filesystem7__cxx114pathERKSt10shared_ptrIN5slate8ProviderEE",
+             "_ZN4tarn15CachedFileStoreC1ERKNSt10filesystem7__cxx114pathERKSt10shared_ptrIN5slate8ProviderEE",
+             "_ZN4tarn11MemoryStore5writeERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
+             "_ZN4tarn9FileStore5writeERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
+             "_ZN4tarn15CachedFileStore5writeERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
              "_ZNK4tarn11MemoryStore9lazy_loadEv",
              "_ZNK4tarn11MemoryStore4readB5cxx11El",
              "_ZNK4tarn9FileStore4readB5cxx11El",
@@ -268,6 +331,22 @@ TEST(Symbols, OfRoutesStoresAndResourcesAreWhereProgramsLook)
              "_ZNK4tarn10BasicRouteIfE3getERNS_7ContextE",
              "_ZNK4tarn10BasicRouteIdE3getERNS_7ContextE",
              "_ZNK4tarn10BasicRouteINSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEE3getERNS_7ContextE",
+         })
+        EXPECT_NE(dlsym(RTLD_DEFAULT, symbol), nullptr) << symbol;
+}
+
+TEST(Symbols, OfRawClientsAndRoutersAreWhereProgramsLook)
+{
+    for (const char* symbol : {
+             "_ZN4tarn15make_raw_clientERKNSt10filesystem7__cxx114pathEjRKSt10shared_ptrINS_14MessageFactory"
+             "EE",
+             "_ZN4tarn15make_raw_clientERKSt10shared_ptrIKN5slate3UriEEjRKS0_INS_14MessageFactoryEE",
+             "_ZN4tarn11make_routerERKSt10shared_ptrIKN5slate10DictionaryEERKSt6vectorIS0_IKNS1_3UriEESaISA_"
+             "EERKSA_RKS0_INS_14MessageFactoryEERKNSt10filesystem7__cxx114pathE",
+             "_ZN4tarn12ZmqSubsystem10add_routerERKSt6vectorISt10shared_ptrIKN5slate3UriEESaIS6_EE"
+             "RKNSt10filesystem7__cxx114pathE",
+             "_ZN4tarn12ZmqSubsystem10add_routerERKSt6vectorISt10shared_ptrIKN5slate3UriEESaIS6_EERKS6_"
+             "RKNSt10filesystem7__cxx114pathE",
          })
         EXPECT_NE(dlsym(RTLD_DEFAULT, symbol), nullptr) << symbol;
 }

@@ -253,6 +253,32 @@ TEST_F(AFileStore, ErasesItsFile)
     EXPECT_FALSE(refusal([&] { store.erase(PurgePolicy::KeepHistory); }));
 }
 
+TEST_F(AFileStore, ErasesWhatAKilledWriterLeftToo)
+{
+    FileStore store = make();
+    store.write("secret");
+    put(scratch_.path() / ".file.tmp", "the next sec");
+
+    store.erase(PurgePolicy::KeepHistory);
+    EXPECT_TRUE(files(scratch_.path()).empty());
+
+    // Also if it never came to a file.
+    put(scratch_.path() / ".file.tmp", "sec");
+    store.erase(PurgePolicy::KeepHistory);
+    EXPECT_TRUE(files(scratch_.path()).empty());
+}
+
+TEST_F(AFileStore, ErasesItsFileWhateverStandsBesideIt)
+{
+    FileStore store = make();
+    store.write("a");
+    fs::create_symlink("elsewhere", scratch_.path() / ".file.tmp");
+
+    EXPECT_FALSE(refusal([&] { store.erase(PurgePolicy::KeepHistory); }));
+
+    EXPECT_EQ(files(scratch_.path()), std::vector<std::string>{".file.tmp"});
+}
+
 TEST_F(AFileStore, PassesOnThatItsFileCannotBeErased)
 {
     FileStore store = make();

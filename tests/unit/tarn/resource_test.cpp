@@ -185,6 +185,12 @@ Work make_finished_work(DeferredWork::Result result = DeferredWork::Success)
     return work;
 }
 
+/// Ends as one does that the queue refuses.
+class RefusedWork : public DeferredWork {
+public:
+    Result perform() override { return Refused; }
+};
+
 /// A work that runs until it is let go.
 class Blocker {
 public:
@@ -833,10 +839,7 @@ TEST_F(WorkOfAResource, ThatWasRefusedIsForgottenByTheNextOne)
     BareResource resource;
     use(resource, inline_queue_);
     for (int i = 0; i < 3; ++i) {
-        class Refused : public DeferredWork {
-            Result perform() override { return DeferredWork::Refused; }
-        };
-        EXPECT_THROW(resource.submit_work(std::make_shared<Refused>()), tarn::OverloadedException);
+        EXPECT_THROW(resource.submit_work(std::make_shared<RefusedWork>()), tarn::OverloadedException);
         EXPECT_EQ(resource.work_.size(), 1U);
     }
     EXPECT_TRUE(resource.submit_work(make_work()));
@@ -881,18 +884,25 @@ TEST_F(WorkOfAResource, ThatFailsAtOnceThrowsWhatItThrew)
 
 TEST_F(WorkOfAResource, ThatWasDoneRefusedOrFailedAtOnceLeavesNoTrace)
 {
+    const Sleeps sleeps;
     {
         BareResource resource;
         use(resource, inline_queue_);
         EXPECT_TRUE(resource.submit_work(make_work()));
-        resource.clean_work();
-        EXPECT_TRUE(resource.work_.empty());
-        EXPECT_THROW(resource.submit_work(std::make_shared<AsyncCallback>(nullptr)), std::bad_function_call);
-        resource.clean_work();
-        EXPECT_TRUE(resource.work_.empty());
-        EXPECT_TRUE(resource.submit_work(make_work()));
     }
+    {
+        BareResource resource;
+        use(resource, inline_queue_);
+        EXPECT_THROW(resource.submit_work(std::make_shared<RefusedWork>()), tarn::OverloadedException);
+    }
+    {
+        BareResource resource;
+        use(resource, inline_queue_);
+        EXPECT_THROW(resource.submit_work(std::make_shared<AsyncCallback>(nullptr)), std::bad_function_call);
+    }
+    EXPECT_TRUE(sleeps.asked().empty());
     EXPECT_TRUE(logs_.lines().empty());
+    EXPECT_EQ(providers("resource"), 0U);
 }
 
 TEST_F(WorkOfAResource, WithoutAStateThrowsWhenItIsHandedOver)
@@ -916,11 +926,44 @@ TEST_F(WorkOfAResource, FailsWithoutAQueueToBeHad)
     resource.queue_ = std::make_shared<slate::Lazy<slate::Queue>>(nullptr);
 
     EXPECT_THROW(resource.submit_work(make_work()), std::bad_function_call);
-    resource.work_.clear();
+    EXPECT_TRUE(resource.work_.empty());
 
     // The lock of the lazy queue is free again.
     use(resource, inline_queue_);
     EXPECT_TRUE(resource.submit_work(make_work()));
+}
+
+TEST_F(WorkOfAResource, IsDroppedAgainIfTheQueueThrows)
+{
+    Blocker blocker;
+    BareResource resource;
+    EXPECT_TRUE(resource.submit_work(blocker.work));
+    use(resource, inline_queue_);
+    inline_queue_->on_submit = [] { throw std::runtime_error("full of holes"); };
+    const auto work = make_work();
+
+    EXPECT_EQ(silently_thrown<std::runtime_error>([&] { resource.submit_work(work); }), "full of holes");
+
+    EXPECT_EQ(resource.work_, Works{blocker.work});
+    EXPECT_FALSE(is_ready(*work));
+    inline_queue_->on_submit = {};
+    EXPECT_TRUE(resource.submit_work(work));
+    EXPECT_EQ(resource.work_, (Works{blocker.work, work}));
+    blocker.release();
+    blocker.work->future.wait();
+}
+
+TEST_F(WorkOfAResource, IsKeptBeforeItIsHandedOver)
+{
+    BareResource resource;
+    use(resource, inline_queue_);
+    const auto work = make_work();
+    bool kept = false;
+    inline_queue_->on_submit = [&] { kept = !resource.work_.empty() && resource.work_.back() == work; };
+
+    EXPECT_TRUE(resource.submit_work(work));
+
+    EXPECT_TRUE(kept);
 }
 
 TEST_F(WorkOfAResource, IsHandedOverWithoutHoldingUpOthersWhoNeedTheQueue)
@@ -928,8 +971,9 @@ TEST_F(WorkOfAResource, IsHandedOverWithoutHoldingUpOthersWhoNeedTheQueue)
     BareResource resource;
     use(resource, inline_queue_);
     bool reached = false;
+    std::future<std::shared_ptr<slate::Queue>> other; // its end waits for it
     inline_queue_->on_submit = [&] {
-        auto other = std::async(std::launch::async, [&] { return resource.queue_->get(); });
+        other = std::async(std::launch::async, [&] { return resource.queue_->get(); });
         reached = other.wait_for(20s) == std::future_status::ready;
     };
 

@@ -543,7 +543,7 @@ INSTANTIATE_TEST_SUITE_P(
         Primed{"/a/", "/a", "/a"}, Primed{"a", "/a", "/a"}, Primed{"//a//b", "/a/b", "/a/b"},
         Primed{"//", "/", "/"}, Primed{"/a/(:id=42)", "/a/:id", "/a"}, Primed{"/a/(:id)", "/a/(:id)", "/a"},
         Primed{"/a/*", "/a/*", "/a/x/y"}, Primed{"/a/(*=x)", "/a/*", "/a"},
-        Primed{"/a/:id/(<k>=x)", "/a/:id/b", "/a/1/b"},
+        Primed{"/a/:id/(<k>=x)", "/a/:id/b", "/a/1/b"}, Primed{"/a/(b=x)", "/a/b", "/a/b"},
         // These are no placeholders.
         Primed{"/a/<none", "/a/<none", "/a/<none"}, Primed{"/a/x<none>", "/a/x<none>", "/a/x<none>"},
         Primed{"/a/:<none>", "/a/:<none>", "/a/7"}, Primed{"/a/(<none>)", "/a/(<none>)", "/a/(<none>)"},
@@ -559,6 +559,19 @@ TEST(RoutePattern, NoLongerMatchesWhatWasWrittenOnceItIsPrimed)
 
     EXPECT_FALSE(trailing.match("/a/"));
     EXPECT_FALSE(bare.match("a"));
+}
+
+TEST(RoutePattern, IsComparedAsAWholeWithItsOptionalLiteralsIfItHasNoVariable)
+{
+    RoutePattern pattern("/a/(b=x)");
+
+    EXPECT_FALSE(pattern.match("/a"));
+    EXPECT_FALSE(pattern.match("/a/b"));
+    EXPECT_TRUE(pattern.match("/a/(b=x)"));
+
+    pattern.prime(dictionary_of({}));
+    EXPECT_FALSE(pattern.match("/a"));
+    EXPECT_FALSE(pattern.match("/a/(b=x)"));
 }
 
 TEST(RoutePattern, TakesAPlaceholderForALiteralBeforeItIsPrimed)

@@ -63,8 +63,10 @@ protected:
         int ready[2] = {-1, -1};
         EXPECT_EQ(pipe(ready), 0);
         const pid_t child = fork();
-        if (child == 0)
+        if (child == 0) {
+            close(ready[0]);
             write_for_ever<Store>(path_, provider_, ready[1]);
+        }
         close(ready[1]);
         char byte = 0;
         for (unsigned int i = 0; i < writes; ++i)
@@ -138,6 +140,38 @@ protected:
         EXPECT_EQ(Store(path_, provider_).read(0), "done");
     }
 
+    /// Kills writers in their very first write, for which the folder has to be made.
+    template <class Store>
+    void kill_many_first_writers()
+    {
+        std::mt19937 random(4712);
+        int found_nothing = 0;
+        int in_the_middle = 0;
+
+        for (int i = 0; i < kills; ++i) {
+            fs::remove_all(path_.parent_path());
+            const pid_t child = start_writer<Store>(1);
+            const auto bytes = random() % (second.size() + 1);
+            if (i % 3 != 0) // the others are killed as it comes
+                wait_until_written(bytes);
+            kill_and_wait(child);
+
+            // Fast ones may have gone on to the next write.
+            const auto found = Store(path_, provider_).read(0);
+            ASSERT_TRUE(!found || *found == second || *found == first) << found->size() << " bytes";
+            found_nothing += found ? 0 : 1;
+            in_the_middle += fs::exists(temporary_) ? 1 : 0;
+
+            Store(path_, provider_).write("done");
+            EXPECT_EQ(files(), std::set<std::string>{"file"});
+            EXPECT_EQ(Store(path_, provider_).read(0), "done");
+        }
+
+        // It was tried.
+        EXPECT_GT(found_nothing, 0);
+        EXPECT_GT(in_the_middle, kills / 20);
+    }
+
     tarn_test::ScratchFolder scratch_;
     const fs::path path_ = scratch_.path() / "folder" / "file";
     const fs::path temporary_ = scratch_.path() / "folder" / ".file.tmp";
@@ -152,5 +186,15 @@ TEST_F(AStoreWhoseProcessIsKilled, HoldsTheOldContentOrTheNewInItsFile)
 TEST_F(AStoreWhoseProcessIsKilled, HoldsTheOldContentOrTheNewInItsFileIfItIsCached)
 {
     kill_many_writers<tarn::CachedFileStore>();
+}
+
+TEST_F(AStoreWhoseProcessIsKilled, HoldsNothingOrTheWholeFirstContentInItsFile)
+{
+    kill_many_first_writers<tarn::FileStore>();
+}
+
+TEST_F(AStoreWhoseProcessIsKilled, HoldsNothingOrTheWholeFirstContentInItsFileIfItIsCached)
+{
+    kill_many_first_writers<tarn::CachedFileStore>();
 }
 } // namespace
