@@ -6,12 +6,13 @@
 // A setting is there again after a restart, and after a power cut: its file holds the old value or the new
 // one, never half of either.
 
-#include <csignal>
 #include <exception>
 #include <filesystem>
 #include <iostream>
 
 #include <tarn/tarn.h>
+
+#include "../../apps/wait_for_signal.h"
 
 namespace {
 /// Handlers of one server run one at a time here, so a setting needs no lock.
@@ -83,12 +84,7 @@ int main(int argc, char** argv)
         std::cerr << "usage: device_settings_service SOCKET FOLDER ROUTER SUB\n";
         return 2;
     }
-    // Blocked before any thread exists, so that a signal waits for sigwait below.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const TerminationSignal termination;
 
     try {
         tarn::ZmqSubsystem subsystem;
@@ -100,8 +96,7 @@ int main(int argc, char** argv)
             make_location_route(std::make_shared<Setting>(argv[2], "location", "workshop", publisher)));
         server->add(make_interval_route(std::make_shared<Setting>(argv[2], "interval", "60", publisher)));
         std::cout << "keeping settings in " << argv[2] << std::endl;
-        int signal = 0;
-        sigwait(&signals, &signal);
+        termination.wait();
     }
     catch (const std::exception& error) {
         std::cerr << "device_settings_service: " << error.what() << "\n";

@@ -3,11 +3,12 @@
 //
 //   machine_status_service /tmp/status.sock
 
-#include <csignal>
 #include <fstream>
 #include <iostream>
 
 #include <tarn/tarn.h>
+
+#include "../../apps/wait_for_signal.h"
 
 namespace {
 double read_number(const std::string& file, int position)
@@ -61,12 +62,7 @@ int main(int argc, char** argv)
         std::cerr << "usage: machine_status_service SOCKET\n";
         return 2;
     }
-    // Blocked before any thread exists, so that a signal waits for sigwait below.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const TerminationSignal termination;
 
     // Handlers of one server run one at a time here, so the setting needs no lock. It outlives the server,
     // which ends with the subsystem.
@@ -87,6 +83,5 @@ int main(int argc, char** argv)
         [&](tarn::Context&) { location = standard; }));
 
     std::cout << "serving at " << argv[1] << std::endl;
-    int signal = 0;
-    sigwait(&signals, &signal);
+    termination.wait();
 }

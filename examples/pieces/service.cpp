@@ -3,7 +3,6 @@
 //
 //   pieces_service /tmp/pieces.sock
 
-#include <csignal>
 #include <iostream>
 
 #include "routes.h"
@@ -14,12 +13,7 @@ int main(int argc, char** argv)
         std::cerr << "usage: pieces_service SOCKET\n";
         return 2;
     }
-    // Blocked before any thread exists, so that a signal waits for sigwait below.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const TerminationSignal termination;
 
     const std::filesystem::path socket = argv[1];
     auto image = socket;
@@ -30,6 +24,5 @@ int main(int argc, char** argv)
     server->add(std::make_shared<example::UploadRoute>(image));
     server->add(std::make_shared<example::DownloadRoute>(image));
     std::cout << "serving at " << socket.string() << ", image in " << image.string() << std::endl;
-    int signal = 0;
-    sigwait(&signals, &signal);
+    termination.wait();
 }

@@ -3,7 +3,6 @@
 //
 //   resource_service /tmp/network.sock
 
-#include <csignal>
 #include <iostream>
 
 #include "network_settings.h"
@@ -15,12 +14,7 @@ int main(int argc, char** argv)
         std::cerr << "usage: resource_service SOCKET\n";
         return 2;
     }
-    // Blocked before any thread exists, so that a signal waits for sigwait below.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const TerminationSignal termination;
 
     const std::filesystem::path socket = argv[1];
     auto file = std::filesystem::absolute(socket); // a store wants a folder in its path
@@ -37,6 +31,5 @@ int main(int argc, char** argv)
     server->add(std::make_shared<example::ResourceRoute>("/network", settings));
 
     std::cout << "serving at " << socket.string() << ", settings in " << file.string() << std::endl;
-    int signal = 0;
-    sigwait(&signals, &signal);
+    termination.wait();
 }

@@ -6,10 +6,11 @@
 // It has four threads, so that a long upload doesn't hold up other routes. The route sees each upload as one
 // call with the whole body; the chunks are put together by the library.
 
-#include <csignal>
 #include <iostream>
 
 #include <tarn/tarn.h>
+
+#include "../../apps/wait_for_signal.h"
 
 namespace {
 class DropRoute : public tarn::Route {
@@ -32,16 +33,11 @@ int main(int argc, char** argv)
         std::cerr << "usage: upload_service SOCKET\n";
         return 2;
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const TerminationSignal termination;
 
     tarn::ZmqSubsystem subsystem;
     const auto server = subsystem.add_server(4, slate::make_uri("ipc://" + std::string(argv[1])));
     server->add(std::make_shared<DropRoute>());
     std::cout << "serving at " << argv[1] << std::endl;
-    int signal = 0;
-    sigwait(&signals, &signal);
+    termination.wait();
 }
