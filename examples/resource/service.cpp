@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "../../apps/wait_for_signal.h"
 #include "network_settings.h"
 #include "resource_route.h"
 

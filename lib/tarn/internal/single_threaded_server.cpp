@@ -136,7 +136,8 @@ bool SingleThreadedServer::init(Sockets& sockets)
     return connect_control(sockets.wake_up, listener_.endpoint(), provider_) && in_use(sockets.wake_up) &&
            (!pubsub_uri_ ||
             (subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_) && in_use(sockets.pubsub))) &&
-           (uris_.empty() || (bind_endpoints(sockets.reqrep, uris_, "rx", provider_) && in_use(sockets.reqrep)));
+           (uris_.empty() ||
+            (bind_endpoints(sockets.reqrep, uris_, "rx", provider_) && in_use(sockets.reqrep)));
 }
 
 void SingleThreadedServer::serve(Sockets& sockets)
