@@ -438,6 +438,93 @@ TEST_F(ARouter, LetsItsRoutesHearPublishedChanges)
     }
 }
 
+TEST_F(ARouter, TakesUploadsForItsOwnRoutesAndKeepsPrivateOnesToItself)
+{
+    start();
+    std::promise<std::string> taken;
+    const auto drop = make_test_route("drop", "put", "/drop");
+    drop->on_put = [&](Context& context) { taken.set_value(context.request.data()); };
+    router->add(drop);
+    const auto secret = make_test_route("secret", "get", "/secret", Access::Private);
+    secret->on_get = [](Context& context) { context.reply.set_reply_text("told"); };
+    router->add(secret);
+    const std::string body(3 * 1024 * 1024 + 1, 'x');
+
+    std::istringstream stream(body);
+    EXPECT_TRUE(make_client(uri)->put("/drop", stream)->good());
+    EXPECT_EQ(taken.get_future().get(), body);
+
+    EXPECT_EQ(make_client(uri)->get("/secret")->data(), "told"); // from this process
+    Message stranger = *factory()->make_get("/secret");
+    stranger.mutable_get()->mutable_head()->mutable_from()->set_pid(1);
+    EXPECT_EQ(exchange(stranger.SerializeAsString()).status(), Status::NotFound);
+}
+
+TEST_F(ARouter, HandsItsSettingsToItsOwnServer)
+{
+    settings->set("session_ttl", std::string_view("0s")); // each transfer is over before its next chunk
+    start();
+    const auto drop = make_test_route("drop", "put", "/drop");
+    drop->on_put = [](Context&) {};
+    router->add(drop);
+    std::istringstream stream(std::string(3 * 1024 * 1024 + 1, 'x'));
+    const auto reply = make_client(uri)->put("/drop", stream);
+    EXPECT_EQ(reply->status(), Status::Conflict);
+    EXPECT_EQ(reply->status_message(), "transfer interrupted try again");
+}
+
+TEST_F(ARouter, TakesAndLosesRoutesWhileRequestsRun)
+{
+    start();
+    const auto service = note_at("clock");
+    std::atomic<bool> running{true};
+    std::jthread changer([&] {
+        const auto route = make_test_route("coming", "get", "/coming");
+        route->on_get = [](Context& context) { context.reply.set_reply_text("here"); };
+        while (running) {
+            router->add(route);
+            router->del("coming");
+        }
+    });
+    std::atomic<int> right{0};
+    {
+        std::vector<std::jthread> askers;
+        for (int t = 0; t < 3; ++t) {
+            askers.emplace_back([&] {
+                const auto client = make_client(uri);
+                for (int i = 0; i < 50; ++i) {
+                    const auto status = client->get("/coming")->status();
+                    right += status == Status::Ok || status == Status::NotFound ? 1 : 0;
+                    right += client->get("/clock/x")->status() == Status::Ok ? 1 : 0;
+                }
+            });
+        }
+    }
+    running = false;
+    EXPECT_EQ(right, 300);
+}
+
+TEST_F(ARouter, EndsIfAHandlerOfItsOwnDropsIt)
+{
+    auto made = make_router(settings, {uri}, nullptr, factory(), run_time_directory);
+    const auto route = make_test_route("end", "get", "/end");
+    route->on_get = [&](Context&) { made.reset(); };
+    made->add(route);
+    RawPeer peer(uri);
+    peer.send(get_with_ttl("/end", "2s"));
+    EXPECT_TRUE(wait_until([] { return providers("zmq.router") == 0; }));
+    EXPECT_TRUE(wait_until([] { return providers("zmq.server") == 0; }));
+}
+
+TEST_F(ARouter, HearsNoChangesFromARelayWhoseSettingIsNoEndpoint)
+{
+    settings->set("relay_pub", std::string_view("nonsense"));
+    const auto made = runtime->add_router({uri}, run_time_directory);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is no endpoint: relay_pub = nonsense"));
+}
+
 TEST_F(ARouter, HearsNoChangesWithoutARelay)
 {
     const auto made = runtime->add_router({uri}, run_time_directory);
