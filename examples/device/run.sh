@@ -98,12 +98,12 @@ cat <<EOF
 The device stays up until you press Ctrl-C. Play with it in another terminal:
 
   export PATH="$(cd "$apps" && pwd):\$PATH" ROUTER=$router
-  tarn_request \$ROUTER get /status/index?format=text
+  tarn_request \$ROUTER get '/status/index?format=text'
   tarn_request \$ROUTER get /status/load/5
   tarn_request -H accept:application/json \$ROUTER get /status/memory
   tarn_request \$ROUTER put /settings/location attic
   tarn_request \$ROUTER put /files/drop/it - <README.md
-  tarn_request \$ROUTER get /relay/stats?format=text
+  tarn_request \$ROUTER get '/relay/stats?format=text'
   tarn_watch $pub          (prints every change of a setting)
 EOF
 wait "$watch" || true
