@@ -27,6 +27,8 @@ protected:
             zmq::socket_t router(*runtime->ctx(), zmq::socket_type::router);
             zmq::socket_t dealer(*runtime->ctx(), zmq::socket_type::dealer);
             zmq::socket_t control(*runtime->ctx(), zmq::socket_type::sub);
+            router.set(zmq::sockopt::linger, 0);
+            dealer.set(zmq::sockopt::linger, 0); // what a peer never reads is no reason to wait
             router.bind(front->to_string());
             dealer.bind(back->to_string());
             if (connect_control(control, thread.endpoint(), nullptr))

@@ -2,6 +2,8 @@
 #include "tarn/internal/proxy.h"
 
 #include <cerrno>
+#include <optional>
+#include <utility>
 
 #include <zmq.hpp>
 
@@ -13,40 +15,66 @@ namespace {
 /// So many messages go one way before the other way has its turn.
 constexpr int burst = 100;
 
-bool is_ready(zmq::socket_t& socket, int event)
-{
-    return (socket.get(zmq::sockopt::events) & event) != 0;
-}
+/// One way through a proxy.
+class Way {
+public:
+    Way(zmq::socket_t& from, zmq::socket_t& to) : from_(from), to_(to) {}
 
-void forward_message(zmq::socket_t& from, zmq::socket_t& to)
-{
-    zmq::message_t frame;
-    bool more = true;
-    while (more) {
-        (void)from.recv(frame);
-        more = frame.more();
-        to.send(frame, more ? zmq::send_flags::sndmore : zmq::send_flags::none);
+    /// Forwards one message. False if there is none, or it is not taken and so held back.
+    bool forward()
+    {
+        if (!held_ && !receive())
+            return false;
+        bool more = held_->more();
+        if (!send(*held_, more))
+            return false;
+        held_.reset();
+        while (more) { // the rest of it follows its first frame, or is dropped with it
+            zmq::message_t frame;
+            (void)from_.recv(frame);
+            more = frame.more();
+            (void)send(frame, more);
+        }
+        return true;
     }
-}
 
-void forward_burst(zmq::socket_t& from, zmq::socket_t& to)
-{
-    for (int i = 0; i < burst && is_ready(to, ZMQ_POLLOUT) && is_ready(from, ZMQ_POLLIN); ++i)
-        forward_message(from, to);
-}
+    /// Whether a message waits for the other side to take it.
+    bool is_held() const { return held_.has_value(); }
+
+private:
+    bool receive()
+    {
+        zmq::message_t frame;
+        if (!from_.recv(frame, zmq::recv_flags::dontwait))
+            return false;
+        held_ = std::move(frame);
+        return true;
+    }
+
+    bool send(zmq::message_t& frame, bool more)
+    {
+        const auto flags = more ? zmq::send_flags::sndmore : zmq::send_flags::none;
+        return to_.send(frame, flags | zmq::send_flags::dontwait).has_value();
+    }
+
+    zmq::socket_t& from_;
+    zmq::socket_t& to_;
+    std::optional<zmq::message_t> held_;
+};
 
 /// Waits until something can be done; false for "TERMINATE".
-bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control)
+bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, const Way& in,
+                     const Way& out)
 {
-    // A side is only listened to while the other one takes something; until then it is awaited that it does.
-    const bool front_takes = is_ready(front, ZMQ_POLLOUT);
-    const bool back_takes = is_ready(back, ZMQ_POLLOUT);
-    const auto events = [](bool takes, bool other_takes) {
-        return static_cast<short>((other_takes ? ZMQ_POLLIN : 0) | (takes ? 0 : ZMQ_POLLOUT));
+    // While a message is held back, the side that it came from isn't listened to, and the other one is
+    // awaited.
+    const auto events = [](const Way& from_here, const Way& to_here) {
+        return static_cast<short>((from_here.is_held() ? 0 : ZMQ_POLLIN) |
+                                  (to_here.is_held() ? ZMQ_POLLOUT : 0));
     };
     zmq::pollitem_t items[] = {{control.handle(), 0, ZMQ_POLLIN, 0},
-                               {front.handle(), 0, events(front_takes, back_takes), 0},
-                               {back.handle(), 0, events(back_takes, front_takes), 0}};
+                               {front.handle(), 0, events(in, out), 0},
+                               {back.handle(), 0, events(out, in), 0}};
     zmq::poll(items, 3, std::chrono::milliseconds(-1));
     if ((items[0].revents & ZMQ_POLLIN) == 0)
         return true;
@@ -58,12 +86,16 @@ bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& c
 void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, std::string_view what,
                const std::shared_ptr<slate::Provider>& provider)
 {
+    Way in(front, back);
+    Way out(back, front);
     for (;;) {
         try {
-            if (!wait_for_events(front, back, control))
+            if (!wait_for_events(front, back, control, in, out))
                 return;
-            forward_burst(front, back);
-            forward_burst(back, front);
+            for (Way* way : {&in, &out}) {
+                for (int i = 0; i < burst && way->forward(); ++i) {
+                }
+            }
         }
         catch (const zmq::error_t& error) {
             if (error.num() == EINTR)
@@ -76,7 +108,8 @@ void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control
 
 void forward_the_rest(zmq::socket_t& from, zmq::socket_t& to)
 {
-    while (is_ready(from, ZMQ_POLLIN))
-        forward_message(from, to);
+    Way way(from, to);
+    while (way.forward()) {
+    }
 }
 } // namespace tarn_internal
