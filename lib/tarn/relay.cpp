@@ -53,6 +53,7 @@ private:
         if (connect_control(control, thread_.endpoint(), nullptr))
             run_proxy(xsub_, xpub_, control,
                       "relay from " + sub_uri_->to_string() + " to " + pub_uri_->to_string(), nullptr);
+        limit_linger(xpub_);
     }
 
     const std::shared_ptr<zmq::context_t> context_;

@@ -8,8 +8,10 @@
 
 #include <zmq.hpp>
 
+#include "slate/duration.h"
 #include "slate/log.h"
 #include "slate/uri.h"
+#include "tarn/internal/defaults.h"
 #include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
@@ -59,6 +61,13 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<con
         (void)tarn::try_modify_socket_group(uri, tarn::socket_group);
     }
     return true;
+}
+
+void limit_linger(zmq::socket_t& socket)
+{
+    // As long as clients wait by default. A context that is ending refuses, and drops what is left anyway.
+    const int milliseconds = static_cast<int>(tarn::default_timeout().to_milliseconds());
+    (void)zmq_setsockopt(socket.handle(), ZMQ_LINGER, &milliseconds, sizeof milliseconds);
 }
 
 bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,

@@ -29,6 +29,10 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
                     std::string_view kind, const std::shared_ptr<slate::Provider>& provider);
 
+/// Gives what a socket at public endpoints has sent a limited time to leave, once it is closed: libzmq would
+/// wait for ever for a peer that filled the queue of its requests and then died with replies unread.
+void limit_linger(zmq::socket_t& socket);
+
 /// Binds the socket by which a proxy talks to its workers. False, with an error in the log, if it can't be
 /// bound.
 bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,

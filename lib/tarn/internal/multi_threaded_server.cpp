@@ -137,6 +137,7 @@ void MultiThreadedServer::listen_router()
         if (workers.wait_for_all() > 0) {
             router_listening_.set();
             run_proxy(front, back, control, "request router", provider_);
+            limit_linger(front);
         }
     }
     slate::log_debug(provider_, SLATE_HERE, "router thread exit");

@@ -114,6 +114,7 @@ void RouterImpl::thread_entry()
             run_proxy(front, back, control, "router", provider_);
         }
         forward_the_rest(back, front); // what the workers have answered since
+        limit_linger(front);
     }
     slate::log_debug(provider_, SLATE_HERE, "thread exit");
 }

@@ -146,6 +146,7 @@ void SingleThreadedServer::serve(Sockets& sockets)
     handle_ms_ = provider_->add_statistic("handle_ms", 1, 10000, 100, "", 1.0);
 
     run_passes(provider_, *counters_.err, [&] { return serve_once(sockets); });
+    limit_linger(sockets.reqrep);
 }
 
 /// One pass: at most one message of each socket. False at the end.
