@@ -7,8 +7,10 @@
 #include <fstream>
 #include <future>
 #include <latch>
+#include <optional>
 #include <set>
 #include <sstream>
+#include <system_error>
 
 #include <grp.h>
 #include <sched.h>
@@ -1219,11 +1221,37 @@ int enter_a_run_folder_of_our_own()
     return 0;
 }
 
+/// The default run-time directory with one service, for one test.
+class DefaultDirectory {
+public:
+    DefaultDirectory()
+    {
+        const int error = enter_a_run_folder_of_our_own();
+        // Where there are no mount namespaces, as in a build's own root, nobody minds if there was none
+        // before.
+        if (error && (geteuid() != 0 || std::filesystem::exists(path_)))
+            throw std::system_error(error, std::generic_category(), "no mount namespace of our own");
+        std::filesystem::create_directories(path_ / "clock");
+    }
+    ~DefaultDirectory()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+private:
+    const std::filesystem::path path_ = "/run/tide";
+};
+
 TEST(TheDefaultRouter, LooksForServicesBelowRunTide)
 {
-    if (const int error = enter_a_run_folder_of_our_own())
-        GTEST_SKIP() << "no mount namespace of our own: " << std::strerror(error);
-    std::filesystem::create_directories("/run/tide/clock");
+    std::optional<DefaultDirectory> directory;
+    try {
+        directory.emplace();
+    }
+    catch (const std::system_error& error) {
+        GTEST_SKIP() << error.what();
+    }
     const LogCapture logs;
     const ScratchFolder folder;
     ZmqSubsystem runtime;
