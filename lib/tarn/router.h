@@ -35,8 +35,8 @@ inline constexpr const char* default_run_time_directory = "/run/tide";
 /// for longer than default_timeout() is cut short then. The public endpoints' socket files stay.
 class Router : public Server {};
 
-/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem or if an endpoint
-/// is null or the directory empty.
+/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null, or if
+/// the directory is empty.
 ///
 /// `settings` and `sub_uri` are for the routes of its own, as for make_server. `run_time_directory` holds a
 /// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and

@@ -801,6 +801,32 @@ TEST_P(AServer, IsMadeWithAMessageFactoryOfItsOwnIfItIsGivenNone)
     EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
 }
 
+TEST_P(AServer, DoesNotHoldUpTheEndOfAProcessForAPeerThatDoesNotReadItsReplies)
+{
+    auto server = make({uri});
+    const auto route = make_test_route("large", "get", "/large");
+    std::atomic<int> answered{0};
+    route->on_get = [&](Context& context) {
+        context.reply.set_reply_text(std::string(1 << 20, 'x'));
+        ++answered;
+    };
+    server->add(route);
+    zmq::context_t context;
+    zmq::socket_t peer(context, zmq::socket_type::dealer);
+    peer.set(zmq::sockopt::linger, 0);
+    peer.set(zmq::sockopt::rcvhwm, 1);
+    peer.connect(uri->to_string());
+    for (int i = 0; i < 30; ++i)
+        send_frames(peer, {"", get_message("/large").SerializeAsString()});
+    ASSERT_TRUE(wait_until([&] { return answered == 30; }));
+
+    const slate::StopWatch watch(true);
+    server.reset();
+    runtime.reset();
+    EXPECT_GE(watch.elapsed(), 3000000); // or there was nothing left to wait for
+    EXPECT_LT(watch.elapsed(), 20000000);
+}
+
 TEST_P(AServer, EndsAtOnceInAThousandRoundsAlsoWithARelayToHear)
 {
     // A relay that runs: a closed inproc socket keeps its place in the context, which has 1,023, until its

@@ -76,6 +76,23 @@ public:
         return answer->front();
     }
 
+    /// Sends what `message` gives for 0, 1, 2 ... until nothing more is taken for half a second, as all
+    /// queues on the way are full. How many went; at most 100,000, for a way that never fills.
+    int send_until_full(const std::function<std::vector<std::string>(int)>& message)
+    {
+        socket_.set(zmq::sockopt::sndtimeo, 500);
+        for (int count = 0; count < 100000; ++count) {
+            const auto frames = message(count);
+            for (std::size_t i = 0; i < frames.size(); ++i) {
+                const bool last = i + 1 == frames.size();
+                if (!socket_.send(zmq::buffer(frames[i]),
+                                  last ? zmq::send_flags::none : zmq::send_flags::sndmore))
+                    return count;
+            }
+        }
+        return 100000;
+    }
+
     zmq::socket_t& socket() { return socket_; }
 
 private:

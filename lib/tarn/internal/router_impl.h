@@ -46,8 +46,8 @@ public:
 
 private:
     void thread_entry();
-    /// The same for a worker: throws MessageException, status 503, for what the router's own server should
-    /// answer if that has not started.
+    /// What resolve gives, for a worker. Throws MessageException, status 503, for what the router's own
+    /// server should answer if that has not started.
     std::pair<std::shared_ptr<const slate::Uri>, std::string> find_service(const Request& request);
     static void worker_entry(RouterImpl* router, Workers& workers);
     /// Whether there is a service of that name.
