@@ -10,8 +10,8 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
-#include "tarn/internal/chunked_transfer.h"
-#include "tarn/internal/request_cycle.h"
+#include "tarn/internal/server/chunked_transfer.h"
+#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {

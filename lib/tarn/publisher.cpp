@@ -16,8 +16,8 @@
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/client.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/owned_provider.h"
+#include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/utils/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/internal/utils/thread_sanitizer.h"
@@ -42,7 +42,7 @@ std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
 }
 
 /// Why a message can't be published, or empty.
-std::string_view find_fault(const std::shared_ptr<Message>& message)
+std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
 {
     if (!message)
         return "Unable to put message, nullptr";
@@ -120,7 +120,7 @@ private:
     /// Checks and publishes a put or a delete.
     std::shared_ptr<Reply> put(const std::shared_ptr<Message>& message)
     {
-        if (const std::string_view fault = find_fault(message); !fault.empty()) {
+        if (const std::string_view fault = why_unpublishable(message); !fault.empty()) {
             slate::log_error(provider_, SLATE_HERE, fault);
             return make_reply(Status::BadRequest);
         }
@@ -161,7 +161,7 @@ private:
 
     bool send_frame(zmq::message_t& frame, int flags)
     {
-        tarn_internal::hand_over(frame.data());
+        tarn_internal::tsan_release(frame.data());
         if (zmq_msg_send(frame.handle(), socket_.handle(), flags) >= 0)
             return true;
         if (zmq_errno() != EAGAIN)

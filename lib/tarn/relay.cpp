@@ -6,9 +6,9 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/controlled_thread.h"
-#include "tarn/internal/proxy.h"
+#include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/transport/proxy.h"
 #include "tarn/internal/utils/socket_ops.h"
 #include "tarn/zmq_subsystem.h"
 

@@ -2,8 +2,8 @@
 #include "tarn/router.h"
 
 #include "slate/log.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/router_impl.h"
+#include "tarn/internal/router/router_impl.h"
+#include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {

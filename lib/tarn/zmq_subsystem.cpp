@@ -9,7 +9,7 @@
 #include "slate/queue.h"
 #include "slate/uri.h"
 #include "tarn/exception.h"
-#include "tarn/internal/owned_provider.h"
+#include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Uploads in chunks as a server sees them, from requests that are made by hand: one suite for both kinds of
 // servers, and each behaviour for put and post.
-#include "tarn/internal/chunked_transfer.h"
+#include "tarn/internal/server/chunked_transfer.h"
 
 #include <barrier>
 #include <fstream>

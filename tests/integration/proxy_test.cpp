@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // What stands behind a router and a server with many threads: the proxy, its sockets and its workers.
-#include "tarn/internal/proxy.h"
+#include "tarn/internal/transport/proxy.h"
 
 #include <future>
 
 #include "support/peers.h"
 #include "support/runtime_test.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/controlled_thread.h"
-#include "tarn/internal/router_worker.h"
-#include "tarn/internal/workers.h"
+#include "tarn/internal/router/router_worker.h"
+#include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/transport/workers.h"
 
 namespace {
 using namespace std::chrono_literals;

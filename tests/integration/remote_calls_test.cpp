@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/remote_calls.h"
+#include "tarn/internal/server/remote_calls.h"
 
 #include <future>
 

@@ -8,12 +8,12 @@
 #include "slate/dictionary.h"
 #include "slate/log.h"
 #include "slate/uri.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/own_thread.h"
-#include "tarn/internal/proxy.h"
-#include "tarn/internal/server_loop.h"
+#include "tarn/internal/server/server_loop.h"
+#include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/proxy.h"
+#include "tarn/internal/transport/thread_mark.h"
+#include "tarn/internal/transport/workers.h"
 #include "tarn/internal/utils/socket_ops.h"
-#include "tarn/internal/workers.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn_internal {
@@ -145,7 +145,7 @@ void MultiThreadedServer::listen_router()
 
 void MultiThreadedServer::worker_entry(Workers& workers)
 {
-    const OwnThread mark(this);
+    const ThreadMark mark(this);
     slate::log_debug(provider_, SLATE_HERE, "worker thread entry");
     bool connected = false;
     try {
@@ -183,7 +183,7 @@ void MultiThreadedServer::serve(zmq::socket_t& wake_up, zmq::socket_t& requests)
 
 void MultiThreadedServer::listen_pubsub()
 {
-    const OwnThread mark(this);
+    const ThreadMark mark(this);
     slate::log_debug(provider_, SLATE_HERE, "pub/sub thread entry");
     zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
     zmq::socket_t pubsub(*context_, zmq::socket_type::sub);

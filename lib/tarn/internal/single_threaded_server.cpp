@@ -10,9 +10,9 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/own_thread.h"
-#include "tarn/internal/server_loop.h"
+#include "tarn/internal/server/server_loop.h"
+#include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/thread_mark.h"
 #include "tarn/internal/utils/socket_ops.h"
 #include "tarn/zmq_subsystem.h"
 
@@ -117,7 +117,7 @@ void SingleThreadedServer::notify_listener()
 
 void SingleThreadedServer::listen()
 {
-    const OwnThread mark(this);
+    const ThreadMark mark(this);
     slate::log_debug(provider_, SLATE_HERE, "thread entry");
     {
         Sockets sockets(*context_);

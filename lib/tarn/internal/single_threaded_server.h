@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "tarn/internal/controlled_thread.h"
-#include "tarn/internal/owned_provider.h"
 #include "tarn/internal/plain_route_table.h"
-#include "tarn/internal/remote_calls.h"
-#include "tarn/internal/request_handler.h"
-#include "tarn/internal/server_counters.h"
-#include "tarn/internal/subscriber.h"
+#include "tarn/internal/server/remote_calls.h"
+#include "tarn/internal/server/request_handler.h"
+#include "tarn/internal/server/server_counters.h"
+#include "tarn/internal/server/subscriber.h"
+#include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/utils/owned_provider.h"
 #include "tarn/server.h"
 
 namespace tarn_internal {

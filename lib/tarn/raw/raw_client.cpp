@@ -5,7 +5,7 @@
 
 #include "slate/log.h"
 #include "slate/uri.h"
-#include "tarn/internal/request_cycle.h"
+#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {

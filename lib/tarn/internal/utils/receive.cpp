@@ -11,7 +11,7 @@ bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
 {
     if (!socket.recv(frame))
         return false;
-    take_over(frame.data());
+    tsan_acquire(frame.data());
     drop_further_frames(socket, frame);
     return true;
 }

@@ -16,7 +16,7 @@ namespace {
 bool send_or_log(zmq::socket_t& socket, zmq::message_t& frame, std::string_view text,
                  const std::shared_ptr<slate::Provider>& provider)
 {
-    hand_over(frame.data());
+    tsan_release(frame.data());
     if (zmq_msg_send(frame.handle(), socket.handle(), 0) >= 0)
         return true;
     if (zmq_errno() != EAGAIN)

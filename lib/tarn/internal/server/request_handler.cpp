@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/request_handler.h"
+#include "tarn/internal/server/request_handler.h"
 
 #include <utility>
 

@@ -1,22 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/own_thread.h"
+#include "tarn/internal/transport/thread_mark.h"
 
 namespace tarn_internal {
 namespace {
 thread_local const void* present_owner = nullptr;
 } // namespace
 
-OwnThread::OwnThread(const void* owner)
+ThreadMark::ThreadMark(const void* owner)
 {
     present_owner = owner;
 }
 
-OwnThread::~OwnThread()
+ThreadMark::~ThreadMark()
 {
     present_owner = nullptr;
 }
 
-bool OwnThread::is_of(const void* owner)
+bool ThreadMark::is_set_for(const void* owner)
 {
     return present_owner == owner;
 }

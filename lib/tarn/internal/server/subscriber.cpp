@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/subscriber.h"
+#include "tarn/internal/server/subscriber.h"
 
 #include <algorithm>
 #include <utility>

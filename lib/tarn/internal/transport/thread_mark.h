@@ -7,15 +7,15 @@
 
 namespace tarn_internal {
 /// Marks the present thread as one that works for `owner`, for as long as it lives.
-class OwnThread {
+class ThreadMark {
 public:
-    explicit OwnThread(const void* owner);
-    ~OwnThread();
-    OwnThread(const OwnThread&) = delete;
-    OwnThread& operator=(const OwnThread&) = delete;
+    explicit ThreadMark(const void* owner);
+    ~ThreadMark();
+    ThreadMark(const ThreadMark&) = delete;
+    ThreadMark& operator=(const ThreadMark&) = delete;
 
     /// Whether the present thread works for `owner`.
-    static bool is_of(const void* owner);
+    static bool is_set_for(const void* owner);
 };
 
 /// Makes an object that joins its threads when it goes. If its last owner is one of these threads, as when a
@@ -26,7 +26,7 @@ std::shared_ptr<Owner> make_with_threads(Args&&... args)
 {
     const auto destroy = [](Owner* owner) {
         std::unique_ptr<Owner> owned(owner);
-        if (OwnThread::is_of(owner))
+        if (ThreadMark::is_set_for(owner))
             std::thread([last = std::move(owned)] {}).detach();
     };
     return {std::make_unique<Owner>(std::forward<Args>(args)...).release(), destroy};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/workers.h"
+#include "tarn/internal/transport/workers.h"
 
 #include <system_error>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/server_counters.h"
+#include "tarn/internal/server/server_counters.h"
 
 namespace tarn_internal {
 ServerCounters::ServerCounters(slate::Provider& provider, bool has_endpoints)

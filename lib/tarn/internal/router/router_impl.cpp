@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/router_impl.h"
+#include "tarn/internal/router/router_impl.h"
 
 #include <algorithm>
 #include <atomic>
@@ -12,10 +12,10 @@
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/exception.h"
-#include "tarn/internal/bind_endpoints.h"
-#include "tarn/internal/proxy.h"
-#include "tarn/internal/router_worker.h"
-#include "tarn/internal/workers.h"
+#include "tarn/internal/router/router_worker.h"
+#include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/proxy.h"
+#include "tarn/internal/transport/workers.h"
 
 namespace tarn_internal {
 namespace {

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "tarn/internal/controlled_thread.h"
-#include "tarn/internal/owned_provider.h"
+#include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/utils/owned_provider.h"
 #include "tarn/request.h"
 #include "tarn/router.h"
 

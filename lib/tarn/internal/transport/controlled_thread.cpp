@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/controlled_thread.h"
+#include "tarn/internal/transport/controlled_thread.h"
 
 #include <algorithm>
 #include <chrono>

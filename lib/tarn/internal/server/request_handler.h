@@ -3,10 +3,10 @@
 
 #include <memory>
 
-#include "tarn/internal/chunked_transfer.h"
-#include "tarn/internal/remote_calls.h"
 #include "tarn/internal/route_table.h"
-#include "tarn/internal/server_counters.h"
+#include "tarn/internal/server/chunked_transfer.h"
+#include "tarn/internal/server/remote_calls.h"
+#include "tarn/internal/server/server_counters.h"
 #include "tarn/message_factory.h"
 
 namespace zmq {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/bind_endpoints.h"
+#include "tarn/internal/transport/bind_endpoints.h"
 
 #include <algorithm>
 #include <cerrno>

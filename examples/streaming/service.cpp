@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Takes an image of any size, and gives it back, piece by piece:
 //
-//   pieces_service /tmp/pieces.sock
+//   streaming_service /tmp/pieces.sock
 
 #include <iostream>
 
@@ -11,7 +11,7 @@
 int main(int argc, char** argv)
 {
     if (argc != 2) {
-        std::cerr << "usage: pieces_service SOCKET\n";
+        std::cerr << "usage: streaming_service SOCKET\n";
         return 2;
     }
     const TerminationSignal termination;

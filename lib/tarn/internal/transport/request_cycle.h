@@ -6,7 +6,7 @@
 #include <string>
 
 #include "slate/duration.h"
-#include "tarn/internal/owned_provider.h"
+#include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
 

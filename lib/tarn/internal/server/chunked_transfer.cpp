@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/chunked_transfer.h"
+#include "tarn/internal/server/chunked_transfer.h"
 
 #include <utility>
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/router_worker.h"
+#include "tarn/internal/router/router_worker.h"
 
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/defaults.h"
-#include "tarn/internal/request_cycle.h"
+#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/zmq_subsystem.h"

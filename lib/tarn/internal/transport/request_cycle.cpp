@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/request_cycle.h"
+#include "tarn/internal/transport/request_cycle.h"
 
 #include <algorithm>
 #include <atomic>

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "tarn/internal/route_table.h"
-#include "tarn/internal/server_counters.h"
+#include "tarn/internal/server/server_counters.h"
 #include "tarn/message_factory.h"
 
 namespace slate {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/internal/proxy.h"
+#include "tarn/internal/transport/proxy.h"
 
 #include <cerrno>
 #include <optional>
@@ -8,7 +8,7 @@
 #include <zmq.hpp>
 
 #include "slate/log.h"
-#include "tarn/internal/controlled_thread.h"
+#include "tarn/internal/transport/controlled_thread.h"
 
 namespace tarn_internal {
 namespace {
@@ -16,9 +16,9 @@ namespace {
 constexpr int burst = 100;
 
 /// One way through a proxy.
-class Way {
+class Direction {
 public:
-    Way(zmq::socket_t& from, zmq::socket_t& to) : from_(from), to_(to) {}
+    Direction(zmq::socket_t& from, zmq::socket_t& to) : from_(from), to_(to) {}
 
     /// Forwards one message. False if there is none, or it is not taken and so held back.
     bool forward()
@@ -63,12 +63,12 @@ private:
 };
 
 /// Waits until something can be done; false for "TERMINATE".
-bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, const Way& in,
-                     const Way& out)
+bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, const Direction& in,
+                     const Direction& out)
 {
     // While a message is held back, the side that it came from isn't listened to, and the other one is
     // awaited.
-    const auto events = [](const Way& from_here, const Way& to_here) {
+    const auto events = [](const Direction& from_here, const Direction& to_here) {
         return static_cast<short>((from_here.is_held() ? 0 : ZMQ_POLLIN) |
                                   (to_here.is_held() ? ZMQ_POLLOUT : 0));
     };
@@ -86,13 +86,13 @@ bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& c
 void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, std::string_view what,
                const std::shared_ptr<slate::Provider>& provider)
 {
-    Way in(front, back);
-    Way out(back, front);
+    Direction in(front, back);
+    Direction out(back, front);
     for (;;) {
         try {
             if (!wait_for_events(front, back, control, in, out))
                 return;
-            for (Way* way : {&in, &out}) {
+            for (Direction* way : {&in, &out}) {
                 for (int i = 0; i < burst && way->forward(); ++i) {
                 }
             }
@@ -108,7 +108,7 @@ void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control
 
 void forward_the_rest(zmq::socket_t& from, zmq::socket_t& to)
 {
-    Way way(from, to);
+    Direction way(from, to);
     while (way.forward()) {
     }
 }

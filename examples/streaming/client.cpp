@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sends an image of so many MiB, gets it back, and compares:
 //
-//   pieces_client /tmp/pieces.sock 64
+//   streaming_client /tmp/pieces.sock 64
 
 #include <iostream>
 #include <sstream>
@@ -12,7 +12,7 @@ int main(int argc, char** argv)
 {
     long mebibytes = 0;
     if (argc != 3 || !slate::try_parse(argv[2], &mebibytes) || mebibytes < 1) {
-        std::cerr << "usage: pieces_client SOCKET MEBIBYTES\n";
+        std::cerr << "usage: streaming_client SOCKET MEBIBYTES\n";
         return 2;
     }
     std::string image(static_cast<std::size_t>(mebibytes) << 20, '\0');

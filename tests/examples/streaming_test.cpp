@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The routes of examples/pieces, over a socket.
+// The routes of examples/streaming, over a socket.
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "pieces/routes.h"
+#include "streaming/routes.h"
 #include "support/runtime_test.h"
 
 namespace {
@@ -17,7 +17,7 @@ using tarn::Status;
 
 constexpr std::size_t mebibyte = 1048576;
 
-class ThePiecesExample : public RuntimeTest {
+class TheStreamingExample : public RuntimeTest {
 protected:
     std::shared_ptr<Client> serve_route(const std::shared_ptr<Route>& route)
     {
@@ -46,7 +46,7 @@ protected:
     }
 };
 
-TEST_F(ThePiecesExample, TakesTheChunksOfABodyItself)
+TEST_F(TheStreamingExample, TakesTheChunksOfABodyItself)
 {
     const auto file = folder.path() / "image";
     const auto client = serve_route(std::make_shared<example::UploadRoute>(file));
@@ -61,7 +61,7 @@ TEST_F(ThePiecesExample, TakesTheChunksOfABodyItself)
     EXPECT_EQ(content(file), "small");
 }
 
-TEST_F(ThePiecesExample, EndsATransferThatAnotherOneHasReplaced)
+TEST_F(TheStreamingExample, EndsATransferThatAnotherOneHasReplaced)
 {
     const auto file = folder.path() / "image";
     const auto client = serve_route(std::make_shared<example::UploadRoute>(file));
@@ -78,7 +78,7 @@ TEST_F(ThePiecesExample, EndsATransferThatAnotherOneHasReplaced)
     EXPECT_FALSE(std::filesystem::exists(file));
 }
 
-TEST_F(ThePiecesExample, GivesAFileInPieces)
+TEST_F(TheStreamingExample, GivesAFileInPieces)
 {
     for (const std::size_t size : {std::size_t(0), std::size_t(5), mebibyte, 3 * mebibyte + 1}) {
         const std::string text(size, '\xe4'); // no UTF-8
@@ -90,7 +90,7 @@ TEST_F(ThePiecesExample, GivesAFileInPieces)
     }
 }
 
-TEST_F(ThePiecesExample, ForgetsTheDownloadsThatNobodyEnds)
+TEST_F(TheStreamingExample, ForgetsTheDownloadsThatNobodyEnds)
 {
     const auto client =
         serve_route(std::make_shared<example::DownloadRoute>(write(std::string(2 * mebibyte, 'l'))));
@@ -109,7 +109,7 @@ TEST_F(ThePiecesExample, ForgetsTheDownloadsThatNobodyEnds)
     EXPECT_EQ(conflicts, 1);
 }
 
-TEST_F(ThePiecesExample, HasNothingToDownloadAtFirst)
+TEST_F(TheStreamingExample, HasNothingToDownloadAtFirst)
 {
     const auto client = serve_route(std::make_shared<example::DownloadRoute>(folder.path() / "none"));
 
