@@ -123,7 +123,7 @@ Network NetworkSettings::current() const
 /// for them.
 void NetworkSettings::apply_later(const Network& network)
 {
-    const auto work = std::make_shared<tarn_internal::AsyncCallback>([=, apply = apply_, log = provider()] {
+    const auto work = tarn::make_work([=, apply = apply_, log = provider()] {
         try {
             apply(network);
         }

@@ -24,8 +24,7 @@ std::string content_type_of(const tarn::Request& request)
 
 std::string body_of(const tarn::Request& request)
 {
-    const tarn::Body* body = tarn_internal::find_body(*request.message);
-    if (!body || !(body->has_txt() || body->has_bin()))
+    if (!request.has_body())
         throw MessageException(Status::BadRequest, "no body");
     return request.data();
 }
@@ -41,10 +40,7 @@ bool is_held(const tarn::Request& request, const std::string& etag)
 
 void reply_with(tarn::Reply& reply, tarn::Content content)
 {
-    const Format format = tarn_internal::to_format(content.mime_type);
-    reply.set_format_status(format, Status::Ok);
-    tarn::Body* body = reply.mutable_body();
-    (tarn_internal::is_binary_format(format) ? body->mutable_bin() : body->mutable_txt())->swap(content.data);
+    reply.set_reply_data(tarn::to_format(content.mime_type), std::move(content.data));
 }
 
 void reply_not_modified(tarn::Reply& reply)

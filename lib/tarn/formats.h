@@ -11,7 +11,24 @@
 /// Formats of bodies: MIME types, file extensions, and the values of "Accept" and "Content-Type".
 /// Nothing here fails; what means nothing is `Unknown`. Any thread.
 
+namespace tarn_internal {
+/// From a MIME type, with or without parameters and possibly percent-encoded, or from a bare extension such
+/// as "json", or "none" or "empty". Case counts.
+tarn::Format to_format(const std::string& text);
+
+/// By the file's extension, with case; `Bin` for none and for one that isn't known.
+tarn::Format to_format_from_path(const std::filesystem::path& path);
+
+/// Whether a body of this format travels as bytes rather than as text. `Unknown` does: a body of unknown kind
+/// need not be valid UTF-8.
+bool is_binary_format(tarn::Format format);
+} // namespace tarn_internal
+
 namespace tarn {
+using tarn_internal::is_binary_format;
+using tarn_internal::to_format;
+using tarn_internal::to_format_from_path;
+
 /// Such as "application/json"; empty for `Unknown`, `Empty` and formats without one.
 std::string to_mime_type(Format format);
 /// By the file's name, as to_format_from_path.
@@ -28,16 +45,3 @@ void parse_content_type(std::string_view value, std::vector<Format>& formats);
 /// std::out_of_range for a piece of nothing but ";".
 void parse_accept(std::string_view value, std::vector<Format>& formats);
 } // namespace tarn
-
-namespace tarn_internal {
-/// From a MIME type, with or without parameters and possibly percent-encoded, or from a bare extension such
-/// as "json", or "none" or "empty". Case counts.
-tarn::Format to_format(const std::string& text);
-
-/// By the file's extension, with case; `Bin` for none and for one that isn't known.
-tarn::Format to_format_from_path(const std::filesystem::path& path);
-
-/// Whether a body of this format travels as bytes rather than as text. `Unknown` does: a body of unknown kind
-/// need not be valid UTF-8.
-bool is_binary_format(tarn::Format format);
-} // namespace tarn_internal

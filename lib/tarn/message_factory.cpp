@@ -14,7 +14,6 @@
 namespace tarn {
 namespace {
 using namespace tarn_internal;
-using Headers = std::shared_ptr<slate::Dictionary>;
 
 void add_key_value(google::protobuf::RepeatedPtrField<KeyValue>* list, const std::string& key,
                    const std::string& value)

@@ -9,6 +9,7 @@
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/pid_finder.h"
 #include "tarn/proto/message.pb.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Dictionary;
@@ -36,45 +37,46 @@ public:
 
     // Programs are linked against the order of these functions: add new ones at the end.
 
-    virtual std::shared_ptr<Message> make_head(std::string_view recipient,
-                                               const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                               const slate::Duration& ttl = default_timeout()) const = 0;
-    virtual std::shared_ptr<Message> make_get(std::string_view recipient,
-                                              const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                              const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_head(
+        std::string_view recipient, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_get(
+        std::string_view recipient, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
     /// The overloads that take `body` by rvalue move it into the message instead of copying it.
-    virtual std::shared_ptr<Message> make_put(std::string_view recipient, const std::string& body,
-                                              const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                              const slate::Duration& ttl = default_timeout()) const = 0;
-    virtual std::shared_ptr<Message> make_put(std::string_view recipient, std::string&& body,
-                                              const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                              const slate::Duration& ttl = default_timeout()) const = 0;
-    virtual std::shared_ptr<Message> make_post(std::string_view recipient, const std::string& body,
-                                               const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                               const slate::Duration& ttl = default_timeout()) const = 0;
-    virtual std::shared_ptr<Message> make_post(std::string_view recipient, std::string&& body,
-                                               const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                               const slate::Duration& ttl = default_timeout()) const = 0;
-    virtual std::shared_ptr<Message> make_del(std::string_view recipient,
-                                              const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                              const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_put(
+        std::string_view recipient, const std::string& body, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_put(
+        std::string_view recipient, std::string&& body, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_post(
+        std::string_view recipient, const std::string& body, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_post(
+        std::string_view recipient, std::string&& body, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_del(
+        std::string_view recipient, const Headers& headers = nullptr,
+        const slate::Duration& ttl = default_timeout()) const = 0;
 
     /// A message from the bytes of a frame; null if they don't parse. Logs nothing.
-    virtual std::shared_ptr<Message> make_message(const void* data, unsigned long size) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_message(const void* data,
+                                                                unsigned long size) const = 0;
 
     /// The reply that a server starts from: status 404 until a route says otherwise, with the request's path
     /// and format, from process `pid` to the requester. Null if `request` (not null) is no request with a
     /// head.
-    virtual std::shared_ptr<Message> make_response(const std::shared_ptr<Message>& request,
-                                                   int pid) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_response(const std::shared_ptr<Message>& request,
+                                                                 int pid) const = 0;
     /// A reply of nothing but a status.
-    virtual std::shared_ptr<Message> make_response(const Status& status) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Message> make_response(const Status& status) const = 0;
 
     /// Never null.
     virtual std::shared_ptr<tarn_internal::PidFinder> finder() const = 0;
 };
 
 /// The library's own factory. Without `finder` it speaks for this process.
-std::shared_ptr<MessageFactory> make_message_factory(
+[[nodiscard]] std::shared_ptr<MessageFactory> make_message_factory(
     const std::shared_ptr<tarn_internal::PidFinder>& finder = nullptr);
 } // namespace tarn

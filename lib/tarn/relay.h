@@ -3,6 +3,8 @@
 
 #include <memory>
 
+#include "tarn/types.h"
+
 namespace slate {
 class Uri;
 }
@@ -16,10 +18,9 @@ public:
     virtual ~Relay() = default;
 };
 
-/// A relay that takes changes in at `sub_uri` and puts them out at `pub_uri` (neither null); the usual
-/// endpoints come from relay_sub_sock and relay_pub_sock. Null, with an error in the log, without a
-/// ZmqSubsystem. Throws zmq::error_t if an endpoint can't be bound. Of an ipc path that somebody else serves
-/// libzmq doesn't tell: it takes the path over.
-std::shared_ptr<Relay> make_relay(const std::shared_ptr<const slate::Uri>& sub_uri,
-                                  const std::shared_ptr<const slate::Uri>& pub_uri);
+/// A relay that takes published changes in at `relay_in` and puts them out at `relay_out` (neither null); the
+/// usual endpoints come from relay_sub_sock and relay_pub_sock. Null, with an error in the log, without a
+/// ZmqSubsystem. Throws zmq::error_t if an endpoint can't be bound. libzmq doesn't report an ipc path that
+/// another process serves: the relay takes such a path over.
+[[nodiscard]] std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& relay_out);
 } // namespace tarn

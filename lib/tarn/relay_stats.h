@@ -13,11 +13,11 @@ namespace tarn {
 ///
 /// Add it to a server that hears the relay's output and answers where publishers ask ("relay_url"):
 ///
-///   auto relay = tarn::make_relay(sub, pub);
-///   auto server = subsystem.add_server({url}, pub);
+///   auto relay = tarn::make_relay(relay_in, relay_out);
+///   auto server = subsystem.add_server({endpoint}, relay_out);
 ///   server->add(tarn::make_relay_stats_route());
 ///
 /// It hears what is published below "/relay", as each publisher does at its start. Senders are told apart by
 /// their tag; of more than a thousand, the one that was silent longest is forgotten.
-std::shared_ptr<Route> make_relay_stats_route();
+[[nodiscard]] std::shared_ptr<Route> make_relay_stats_route();
 } // namespace tarn

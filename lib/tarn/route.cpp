@@ -166,9 +166,10 @@ bool Route::accept(Context& context) const
     if (matching == patterns.end())
         return false;
 
-    auto variables = matching->parse(path);
-    merge_hdrs_params(*variables, message);
-    context.params = std::move(variables);
+    context.variables = matching->variables_of(path);
+    auto params = matching->parse(path, context.variables);
+    merge_hdrs_params(*params, message);
+    context.params = std::move(params);
     accept_count->increment();
     return true;
 }

@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "tarn/context.h"
+#include "tarn/exception.h"
 #include "tarn/proto/access.pb.h"
+#include "tarn/proto/message.pb.h"
 #include "tarn/route_pattern.h"
 
 namespace slate {

@@ -217,25 +217,39 @@ bool RoutePattern::match(std::string_view path) const
     return pieces.at_end();
 }
 
-std::shared_ptr<slate::Dictionary> RoutePattern::parse(std::string_view path) const
+RoutePattern::Variables RoutePattern::variables_of(std::string_view path) const
 {
-    auto variables = slate::make_dictionary();
-    variables->set("pattern_", std::string_view(pattern));
-    variables->set("path_", path);
+    Variables variables;
     if (is_static())
         return variables;
 
-    const auto pieces = split_path(path);
+    auto pieces = split_path(path);
     for (std::size_t i = 0; i < segments.size(); ++i) {
         const Segment& segment = segments[i];
         if (!segment.is_variable)
             continue;
         if (i < pieces.size())
-            variables->set(segment.name, std::string_view(pieces[i]));
+            variables.emplace_back(segment.name, std::move(pieces[i]));
         else if (segment.default_value)
-            variables->set(segment.name, std::string_view(*segment.default_value));
+            variables.emplace_back(segment.name, *segment.default_value);
     }
     return variables;
+}
+
+std::shared_ptr<slate::Dictionary> RoutePattern::parse(std::string_view path) const
+{
+    return parse(path, variables_of(path));
+}
+
+std::shared_ptr<slate::Dictionary> RoutePattern::parse(std::string_view path,
+                                                       const Variables& variables) const
+{
+    auto result = slate::make_dictionary();
+    result->set("pattern_", std::string_view(pattern));
+    result->set("path_", path);
+    for (const auto& [name, value] : variables)
+        result->set(name, std::string_view(value));
+    return result;
 }
 
 std::string RoutePattern::make_path(const std::shared_ptr<slate::Dictionary>& variables) const

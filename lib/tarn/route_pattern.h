@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace slate {
@@ -62,8 +63,14 @@ public:
     /// Allocates nothing for a path that does not match.
     bool match(std::string_view path) const;
 
+    /// The variables of a path that matches, by name, in the order of the segments.
+    using Variables = std::vector<std::pair<std::string, std::string>>;
+    Variables variables_of(std::string_view path) const;
+
     /// The variables of a path that matches, and the keys "pattern_" and "path_".
     std::shared_ptr<slate::Dictionary> parse(std::string_view path) const;
+    /// The same for a caller that has the path's variables.
+    std::shared_ptr<slate::Dictionary> parse(std::string_view path, const Variables& variables) const;
 
     /// The path that these variables give. A required variable that is missing gives an empty segment, an
     /// optional one without default none.

@@ -7,6 +7,7 @@
 
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Dictionary;
@@ -35,16 +36,23 @@ inline constexpr const char* default_run_time_directory = "/run/tide";
 /// for longer than default_timeout() is cut short then. The public endpoints' socket files stay.
 class Router : public Server {};
 
-/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null, or if
-/// the directory is empty.
+/// A router at `endpoints`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null,
+/// or if the directory is empty.
 ///
-/// `settings` and `sub_uri` are for the routes of its own, as for make_server. `run_time_directory` holds a
+/// `settings` and `relay_out` are for the routes of its own, as for make_server. `run_time_directory` holds a
 /// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and
 /// the router then serves nothing. Throws zmq::error_t if the sockets that it talks to its threads by can't
 /// be made.
-std::shared_ptr<Router> make_router(
-    const std::shared_ptr<const slate::Dictionary>& settings,
-    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-    const std::shared_ptr<const slate::Uri>& sub_uri, const std::shared_ptr<MessageFactory>& factory,
+[[nodiscard]] std::shared_ptr<Router> make_router(
+    const std::shared_ptr<const slate::Dictionary>& settings, const std::vector<Endpoint>& endpoints,
+    const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory(),
     const std::filesystem::path& run_time_directory = default_run_time_directory);
+
+/// The same with routes of its own from the first moment; see make_server.
+[[nodiscard]] std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                                  const std::vector<Endpoint>& endpoints,
+                                                  const Endpoint& relay_out,
+                                                  const std::shared_ptr<MessageFactory>& factory,
+                                                  const std::filesystem::path& run_time_directory,
+                                                  const std::vector<std::shared_ptr<Route>>& routes);
 } // namespace tarn

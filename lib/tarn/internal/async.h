@@ -8,15 +8,11 @@
 
 #include "slate/lazy.h"
 #include "slate/queue.h"
+#include "tarn/work.h"
 
 namespace tarn_internal {
-/// A function as a work for a queue, such as for ResourceBase::submit_work:
-///
-///     submit_work(std::make_shared<tarn_internal::AsyncCallback>([settings] { apply(settings); }));
-///
-/// The function is copied, and runs on a thread of the queue, perhaps after whoever submitted it has gone:
-/// let it hold what it uses. What it throws ends up in `future`; an empty one gives std::bad_function_call
-/// there.
+/// A function as a task for the work queue; see tarn::make_work. Its result is Success, and what the function
+/// throws ends up in `future`.
 ///
 /// Threads: may be made on any.
 class AsyncCallback : public slate::DeferredWork {

@@ -44,37 +44,52 @@ private:
 };
 
 /// `methods` as for Route.
-std::shared_ptr<Route> make_bool_route(const std::string& name, const std::string& methods,
-                                       const RoutePattern& pattern, const ValueGetter<bool>& getter,
-                                       const ValueSetter<bool>& setter = {}, const ValueDeleter& deleter = {},
-                                       Access access = Access::Public);
-std::shared_ptr<Route> make_int32_route(const std::string& name, const std::string& methods,
-                                        const RoutePattern& pattern, const ValueGetter<int>& getter,
-                                        const ValueSetter<int>& setter = {}, const ValueDeleter& deleter = {},
-                                        Access access = Access::Public);
-std::shared_ptr<Route> make_int64_route(const std::string& name, const std::string& methods,
-                                        const RoutePattern& pattern, const ValueGetter<long>& getter,
-                                        const ValueSetter<long>& setter = {},
-                                        const ValueDeleter& deleter = {}, Access access = Access::Public);
-std::shared_ptr<Route> make_uint32_route(const std::string& name, const std::string& methods,
-                                         const RoutePattern& pattern, const ValueGetter<unsigned int>& getter,
-                                         const ValueSetter<unsigned int>& setter = {},
-                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
-std::shared_ptr<Route> make_uint64_route(const std::string& name, const std::string& methods,
-                                         const RoutePattern& pattern,
-                                         const ValueGetter<unsigned long>& getter,
-                                         const ValueSetter<unsigned long>& setter = {},
-                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
-std::shared_ptr<Route> make_float_route(const std::string& name, const std::string& methods,
-                                        const RoutePattern& pattern, const ValueGetter<float>& getter,
-                                        const ValueSetter<float>& setter = {},
-                                        const ValueDeleter& deleter = {}, Access access = Access::Public);
-std::shared_ptr<Route> make_double_route(const std::string& name, const std::string& methods,
-                                         const RoutePattern& pattern, const ValueGetter<double>& getter,
-                                         const ValueSetter<double>& setter = {},
-                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
-std::shared_ptr<Route> make_string_route(const std::string& name, const std::string& methods,
-                                         const RoutePattern& pattern, const ValueGetter<std::string>& getter,
-                                         const ValueSetter<std::string>& setter = {},
-                                         const ValueDeleter& deleter = {}, Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_bool_route(const std::string& name, const std::string& methods,
+                                                     const RoutePattern& pattern,
+                                                     const ValueGetter<bool>& getter,
+                                                     const ValueSetter<bool>& setter = {},
+                                                     const ValueDeleter& deleter = {},
+                                                     Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_int32_route(const std::string& name, const std::string& methods,
+                                                      const RoutePattern& pattern,
+                                                      const ValueGetter<int>& getter,
+                                                      const ValueSetter<int>& setter = {},
+                                                      const ValueDeleter& deleter = {},
+                                                      Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_int64_route(const std::string& name, const std::string& methods,
+                                                      const RoutePattern& pattern,
+                                                      const ValueGetter<long>& getter,
+                                                      const ValueSetter<long>& setter = {},
+                                                      const ValueDeleter& deleter = {},
+                                                      Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_uint32_route(const std::string& name, const std::string& methods,
+                                                       const RoutePattern& pattern,
+                                                       const ValueGetter<unsigned int>& getter,
+                                                       const ValueSetter<unsigned int>& setter = {},
+                                                       const ValueDeleter& deleter = {},
+                                                       Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_uint64_route(const std::string& name, const std::string& methods,
+                                                       const RoutePattern& pattern,
+                                                       const ValueGetter<unsigned long>& getter,
+                                                       const ValueSetter<unsigned long>& setter = {},
+                                                       const ValueDeleter& deleter = {},
+                                                       Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_float_route(const std::string& name, const std::string& methods,
+                                                      const RoutePattern& pattern,
+                                                      const ValueGetter<float>& getter,
+                                                      const ValueSetter<float>& setter = {},
+                                                      const ValueDeleter& deleter = {},
+                                                      Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_double_route(const std::string& name, const std::string& methods,
+                                                       const RoutePattern& pattern,
+                                                       const ValueGetter<double>& getter,
+                                                       const ValueSetter<double>& setter = {},
+                                                       const ValueDeleter& deleter = {},
+                                                       Access access = Access::Public);
+[[nodiscard]] std::shared_ptr<Route> make_string_route(const std::string& name, const std::string& methods,
+                                                       const RoutePattern& pattern,
+                                                       const ValueGetter<std::string>& getter,
+                                                       const ValueSetter<std::string>& setter = {},
+                                                       const ValueDeleter& deleter = {},
+                                                       Access access = Access::Public);
 } // namespace tarn

@@ -14,6 +14,7 @@
 #include "slate/dictionary.h"
 #include "slate/queue.h"
 #include "slate/uri.h"
+#include "tarn/internal/async.h"
 #include "tarn/tarn.h"
 
 namespace {

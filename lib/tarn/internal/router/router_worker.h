@@ -12,6 +12,7 @@
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Provider;
@@ -31,11 +32,14 @@ class RouterWorker {
 public:
     /// Where to send a request, and the path that it carries there; see RouterImpl::resolve. What it throws
     /// is the answer: the status of a MessageException, or 500.
-    using Resolve = std::function<std::pair<std::shared_ptr<const slate::Uri>, std::string>(const Request&)>;
+    using Resolve = std::function<std::pair<Endpoint, std::string>(const Request&)>;
 
-    /// Throws zmq::error_t if there are no sockets to be had.
+    /// Whether the library is still at work in this process: without it no request is passed on.
+    using HasRuntime = std::function<bool()>;
+
+    /// Throws zmq::error_t if its sockets can't be made.
     RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
-                 std::shared_ptr<MessageFactory> factory, Resolve resolve);
+                 std::shared_ptr<MessageFactory> factory, Resolve resolve, HasRuntime has_runtime);
 
     /// Connects to where requests come from and to where the word to end does. False, with an error in the
     /// log, if it can't.
@@ -54,7 +58,7 @@ private:
     void take_request();
     Answer answer_or_fail(const zmq::message_t& payload, bool verbose) const;
     Answer pass_on(Request& request, const std::string& path, bool verbose) const;
-    Answer fail(Status status, const std::string& text, const std::string& path) const;
+    Answer make_failure(Status status, const std::string& text, const std::string& path) const;
     void send(RoutedMessage& request, const Answer& answer, bool verbose);
     zmq::message_t to_frame(const Answer& answer) const;
     slate::Duration shorten_ttl(Request& request) const;
@@ -63,6 +67,7 @@ private:
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<MessageFactory> factory_;
     const Resolve resolve_;
+    const HasRuntime has_runtime_;
     zmq::socket_t requests_;
     mutable zmq::socket_t control_; // which a request that waits looks at too
 };

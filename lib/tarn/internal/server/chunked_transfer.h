@@ -9,21 +9,10 @@
 
 namespace slate {
 class Counter;
-}
+class Dictionary;
+} // namespace slate
 
 namespace tarn_internal {
-/// The headers of a body that travels in pieces; lib/tarn/client.cpp is the other side.
-namespace chunk_header {
-/// The id of a transfer: makes a put or post a chunk.
-inline constexpr const char* transfer = "X-Tarn-Chunked-Transfer";
-/// The chunk's position, from 0.
-inline constexpr const char* number = "X-Tarn-Chunk-Number";
-/// Opens a transfer without the help of a number 0.
-inline constexpr const char* begin = "X-Tarn-Transfer-Begin";
-/// Tells a route that it may answer in pieces.
-inline constexpr const char* supported = "X-Tarn-Supports-Chunked-Transfer";
-} // namespace chunk_header
-
 /// Where the file of a large upload lies.
 enum class TransferFile { InTemporaryFolder, BesideTemporaryFolder };
 
@@ -36,8 +25,8 @@ enum class TransferFile { InTemporaryFolder, BesideTemporaryFolder };
 class ChunkedTransfers {
 public:
     /// `settings` are read for "session_ttl".
-    ChunkedTransfers(std::shared_ptr<const slate::Dictionary> settings,
-                     std::shared_ptr<slate::Provider> provider, std::shared_ptr<slate::Counter> err);
+    ChunkedTransfers(const slate::Dictionary& settings, std::shared_ptr<slate::Provider> provider,
+                     std::shared_ptr<slate::Counter> err);
 
     /// Takes a put or post that the route accepts, and calls `handler` now, or later with the whole body, or,
     /// for a route that wants them, with each chunk. Throws MessageException for chunks that don't fit, and
@@ -58,7 +47,7 @@ private:
     void complete(Context& context, Sessions::Entry& entry);
     slate::Duration expiry() const;
 
-    const std::shared_ptr<const slate::Dictionary> settings_;
+    const slate::Duration session_ttl_; // how long a transfer may pause
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<slate::Counter> err_;
     Sessions sessions_;

@@ -10,8 +10,8 @@
 
 namespace tarn_internal {
 namespace {
-[[noreturn]] void fail(const std::shared_ptr<slate::Provider>& provider, slate::SourceLine line,
-                       Status status, std::string_view text)
+[[noreturn]] void throw_failure(const std::shared_ptr<slate::Provider>& provider, slate::SourceLine line,
+                                Status status, std::string_view text)
 {
     throw MessageException(status, slate::trace_error(provider, line, text));
 }
@@ -84,12 +84,12 @@ void RemoteCalls::handle_method_call(Context& context)
 void RemoteCalls::run(Message& message)
 {
     if (!message.call().has_select())
-        fail(provider_, SLATE_HERE, Status::BadRequest, "missing method selection");
+        throw_failure(provider_, SLATE_HERE, Status::BadRequest, "missing method selection");
 
     std::unique_lock lock(mutex_);
     const auto function = remote_calls_.find(message.call().select().method_number());
     if (!function)
-        fail(provider_, SLATE_HERE, Status::NotFound, "method not found");
+        throw_failure(provider_, SLATE_HERE, Status::NotFound, "method not found");
     if (policy_ == Lock::ReleasedBeforeCall)
         lock.unlock();
 

@@ -7,40 +7,36 @@
 
 #include "slate/log.h"
 #include "slate/strings.h"
+#include "tarn/exception.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
+#include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
 namespace {
-/// A text that is no UTF-8 would make the whole reply unreadable to its client, so it travels as bytes;
-/// readers accept both.
-void move_bytes_out_of_text(Message& message)
-{
-    if (!message.has_response() || !message.response().body().has_txt() ||
-        slate::is_utf8(message.response().body().txt()))
-        return;
-    Body* body = message.mutable_response()->mutable_body();
-    std::string bytes = std::move(*body->mutable_txt());
-    body->set_bin(std::move(bytes));
-}
-
 bool is_request(const Message& message)
 {
     return !message.has_response() && message.type_case() != Message::TYPE_NOT_SET;
 }
+
+/// For handlers that write nothing.
+void preset_reply(Context& context)
+{
+    context.reply.set_format_status(Format::Empty, Status::NoContent);
+}
 } // namespace
 
-RequestHandler::RequestHandler(std::shared_ptr<const slate::Dictionary> settings,
+RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& settings,
                                std::shared_ptr<MessageFactory> factory,
                                std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
-                               RouteTable& routes, RemoteCalls& calls)
+                               RouteList& routes, RemoteCalls& calls)
     : factory_(std::move(factory)),
       provider_(std::move(provider)),
       counters_(counters),
       routes_(routes),
       calls_(calls),
       pid_(factory_->finder()->my_pid()),
-      transfers_(std::move(settings), provider_, counters_.err)
+      transfers_(*settings, provider_, counters_.err)
 {
 }
 
@@ -112,16 +108,16 @@ void RequestHandler::invoke_route(Context& context)
         routes_.invoke(context, [&](const std::shared_ptr<Route>& route) { dispatch(context, *route); });
     }
     catch (const MessageException& error) {
-        fail(context, error.status, error.what());
+        set_failure(context, error.status, error.what());
     }
     catch (const std::exception& error) {
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", error.what());
-        fail(context, Status::InternalServerError, error.what());
+        set_failure(context, Status::InternalServerError, error.what());
     }
     catch (...) {
         // An application may throw anything; that must not end the process.
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", "unknown exception");
-        fail(context, Status::InternalServerError, "unknown exception");
+        set_failure(context, Status::InternalServerError, "unknown exception");
     }
 }
 
@@ -129,15 +125,18 @@ void RequestHandler::dispatch(Context& context, Route& route)
 {
     switch (context.request.message->type_case()) {
     case Message::kGet:
-        check(route.accepts_get, context, route, "GET");
+        require_verb(route.accepts_get, route, "GET");
+        preset_reply(context);
         route.get(context);
         break;
     case Message::kHead:
-        check(route.accepts_head, context, route, "HEAD");
+        require_verb(route.accepts_head, route, "HEAD");
+        preset_reply(context);
         route.head(context);
         break;
     case Message::kDel:
-        check(route.accepts_del, context, route, "DEL");
+        require_verb(route.accepts_del, route, "DEL");
+        preset_reply(context);
         route.del(context);
         break;
     case Message::kPut:
@@ -154,30 +153,30 @@ void RequestHandler::dispatch(Context& context, Route& route)
 
 void RequestHandler::handle_put(Context& context, Route& route)
 {
-    check(route.accepts_put, context, route, "PUT");
+    require_verb(route.accepts_put, route, "PUT");
+    preset_reply(context);
     transfers_.handle_write(context, route, TransferFile::InTemporaryFolder, [&] { route.put(context); });
 }
 
 void RequestHandler::handle_post(Context& context, Route& route)
 {
-    check(route.accepts_post, context, route, "POST");
+    require_verb(route.accepts_post, route, "POST");
+    preset_reply(context);
     // Intended: the file of a post lies beside the system's folder for temporary files, and not in it.
     transfers_.handle_write(context, route, TransferFile::BesideTemporaryFolder,
                             [&] { route.post(context); });
 }
 
-/// Refuses a verb that the route doesn't take; otherwise presets the reply, for handlers that write nothing.
-void RequestHandler::check(bool accepted, Context& context, const Route& route, std::string_view verb)
+void RequestHandler::require_verb(bool accepted, const Route& route, std::string_view verb) const
 {
     if (!accepted)
         throw MessageException(
             Status::MethodNotAllowed,
             slate::trace_error(provider_, SLATE_HERE, "route [", route.name, "] doesn't support ", verb));
-    context.reply.set_format_status(Format::Empty, Status::NoContent);
 }
 
-/// Everything else that is in the reply already stays.
-void RequestHandler::fail(Context& context, Status status, const std::string& text)
+/// What the reply holds besides its status stays.
+void RequestHandler::set_failure(Context& context, Status status, const std::string& text) const
 {
     if (!context.reply.message)
         context.reply.message = factory_->make_response(status);
@@ -191,7 +190,6 @@ void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
     if (!context.reply.message) // a handler may have taken it away
         context.reply.message = factory_->make_response(Status::InternalServerError);
 
-    move_bytes_out_of_text(*context.reply.message);
     if (!send_msg(socket, context.reply.message, provider_)) {
         slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
         counters_.err->increment();

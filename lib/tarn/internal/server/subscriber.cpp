@@ -24,7 +24,7 @@ void unsubscribe(zmq::socket_t& socket, const std::string& topic)
 } // namespace
 
 Subscriber::Subscriber(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-                       const ServerCounters& counters, RouteTable& routes)
+                       const ServerCounters& counters, RouteList& routes)
     : factory_(std::move(factory)),
       provider_(std::move(provider)),
       counters_(counters),

@@ -5,7 +5,7 @@
 #include <set>
 #include <string>
 
-#include "tarn/internal/route_table.h"
+#include "tarn/internal/route_list.h"
 #include "tarn/internal/server/server_counters.h"
 #include "tarn/message_factory.h"
 
@@ -25,7 +25,7 @@ class Subscriber {
 public:
     /// `routes` and `counters` must outlive the subscriber.
     Subscriber(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-               const ServerCounters& counters, RouteTable& routes);
+               const ServerCounters& counters, RouteList& routes);
 
     /// Connects the socket and subscribes to what the routes need. False, with an error in the log, if it
     /// can't.
@@ -47,7 +47,7 @@ private:
     const std::shared_ptr<MessageFactory> factory_;
     const std::shared_ptr<slate::Provider> provider_;
     const ServerCounters& counters_;
-    RouteTable& routes_;
+    RouteList& routes_;
     const int pid_;
     /// The topics that are set on the socket; the empty one stands for everything.
     std::set<std::string> subscribed_topics_;

@@ -15,7 +15,7 @@
 #include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
-bool are_endpoints(const std::vector<std::shared_ptr<const slate::Uri>>& uris, std::string_view function)
+bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function)
 {
     if (std::find(uris.begin(), uris.end(), nullptr) == uris.end())
         return true;
@@ -43,8 +43,8 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
     }
 }
 
-bool bind_endpoints(zmq::socket_t& socket, const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                    std::string_view kind, const std::shared_ptr<slate::Provider>& provider)
+bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
+                    const std::shared_ptr<slate::Provider>& provider)
 {
     for (const auto& uri : uris) {
         try {

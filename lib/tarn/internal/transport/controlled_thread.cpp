@@ -65,8 +65,7 @@ bool ReadyFlag::wait(const slate::Duration& time) const
     return changed_.wait_for(lock, std::chrono::nanoseconds(time.to_nanoseconds()), [&] { return set_; });
 }
 
-ControlledThread::ControlledThread(const std::shared_ptr<zmq::context_t>& context,
-                                   std::shared_ptr<const slate::Uri> endpoint)
+ControlledThread::ControlledThread(const std::shared_ptr<zmq::context_t>& context, Endpoint endpoint)
     : endpoint_(std::move(endpoint)),
       socket_(std::make_unique<zmq::socket_t>(*context, zmq::socket_type::pub))
 {

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "slate/duration.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Provider;
@@ -55,8 +56,7 @@ private:
 class ControlledThread {
 public:
     /// Binds the channel at an inproc endpoint; throws zmq::error_t.
-    ControlledThread(const std::shared_ptr<zmq::context_t>& context,
-                     std::shared_ptr<const slate::Uri> endpoint);
+    ControlledThread(const std::shared_ptr<zmq::context_t>& context, Endpoint endpoint);
     /// Stops the thread.
     ~ControlledThread();
 
@@ -72,7 +72,7 @@ public:
     const slate::Uri& endpoint() const { return *endpoint_; }
 
 private:
-    std::shared_ptr<const slate::Uri> endpoint_;
+    Endpoint endpoint_;
     std::mutex mutex_; // guards socket_
     std::unique_ptr<zmq::socket_t> socket_;
     std::thread thread_;

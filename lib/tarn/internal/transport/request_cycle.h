@@ -9,6 +9,7 @@
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Uri;
@@ -31,11 +32,11 @@ int next_client_instance();
 /// Threads: any; one exchange at a time, the others wait.
 class RequestCycle {
 public:
-    /// `name` and `instance` name the provider. `secret` keeps the bodies of requests out of the log,
-    /// whatever their path. Throws zmq::error_t, logged, if the socket can't be made.
-    RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
-                 std::shared_ptr<const slate::Uri> uri, unsigned int retries,
-                 std::shared_ptr<MessageFactory> factory, bool secret = false);
+    /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
+    /// requests out of the log, whatever their path. Throws zmq::error_t, logged, if the socket can't be
+    /// made.
+    RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
+                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
     ~RequestCycle();
 
     /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
@@ -46,22 +47,23 @@ public:
     std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout,
                                       zmq::socket_t* stop = nullptr);
 
-    /// A reply of nothing but a status.
-    std::shared_ptr<Reply> make_reply(Status status) const;
+    /// A reply that no server gave: nothing but a status, and why.
+    std::shared_ptr<Reply> make_reply(Status status, LocalCause cause) const;
 
-    const std::shared_ptr<const slate::Uri>& uri() const { return uri_; }
+    const Endpoint& uri() const { return uri_; }
+    const MessageFactory& factory() const { return *factory_; }
 
 private:
     std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout,
                                     zmq::socket_t* stop);
     std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
                                           const slate::Duration& timeout, zmq::socket_t* stop) const;
-    std::shared_ptr<Reply> fail_to_send(const Message& message);
+    std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause);
     std::string describe(const Message& message) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;
-    const std::shared_ptr<const slate::Uri> uri_;
+    const Endpoint uri_;
     const unsigned int retries_;
     const std::shared_ptr<MessageFactory> factory_;
     const bool secret_;

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string_view>
 
+#include "tarn/types.h"
+
 namespace slate {
 class Uri;
 }
@@ -17,11 +19,11 @@ namespace tarn {
 inline constexpr std::string_view socket_group = "corvane";
 
 /// Lets owner and group read and write (rwxrwxr-x).
-bool try_modify_socket_permissions(const std::shared_ptr<const slate::Uri>& uri);
+[[nodiscard]] bool try_modify_socket_permissions(const Endpoint& uri);
 
 /// Hands the file to a group by name. False without a word if the group database can't be read.
-bool try_modify_socket_group(const std::shared_ptr<const slate::Uri>& uri, const std::string_view& group);
+[[nodiscard]] bool try_modify_socket_group(const Endpoint& uri, const std::string_view& group);
 
 /// Removes the file. True also if there was none.
-bool try_cleanup_socket_file(const std::shared_ptr<const slate::Uri>& uri);
+[[nodiscard]] bool try_cleanup_socket_file(const Endpoint& uri);
 } // namespace tarn
