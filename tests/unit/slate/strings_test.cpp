@@ -313,7 +313,8 @@ void expect_refused(std::string_view text)
 template <class T>
 class WholeNumber : public testing::Test {
 };
-using WholeNumbers = testing::Types<int, long, long long, unsigned int, unsigned long, unsigned long long>;
+using WholeNumbers = testing::Types<signed char, short, int, long, long long, unsigned char, unsigned short,
+                                    unsigned int, unsigned long, unsigned long long>;
 TYPED_TEST_SUITE(WholeNumber, WholeNumbers);
 
 TYPED_TEST(WholeNumber, IsReadFromItsText)
@@ -373,6 +374,7 @@ TEST(TryParse, ReadsFloatingPoint)
     expect_parsed("-.5", -0.5);
     expect_parsed("5.", 5.0);
     expect_parsed("0.1", 0.1f);
+    expect_parsed("0.1", 0.1L);
     expect_parsed("inf", std::numeric_limits<double>::infinity());
     expect_parsed("-inf", -std::numeric_limits<float>::infinity());
     double value = 0;
@@ -383,9 +385,21 @@ TEST(TryParse, ReadsFloatingPoint)
          {"", " ", ".", "e5", "1e", "1e+", " 1", "1 ", "1,5", "1.5.5", "0x1p3", "1f", "abc", "+-1"}) {
         expect_refused<double>(text);
         expect_refused<float>(text);
+        expect_refused<long double>(text);
     }
     expect_refused<double>("1e999");
     expect_refused<float>("1e39");
+}
+
+TEST(TryParse, TakesOneByteForACharacter)
+{
+    expect_parsed("x", 'x');
+    expect_parsed("7", '7');
+    expect_parsed(" ", ' ');
+    expect_parsed(std::string_view("\0", 1), '\0');
+    for (const auto* text : {"", "xy", "77", "\xc3\xa4"})
+        expect_refused<char>(text);
+    EXPECT_EQ(slate::to_string('x'), "x");
 }
 
 TEST(TryParse, TakesAnyTextForAString)
