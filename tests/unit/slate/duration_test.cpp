@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "comma_locale.h"
+
 namespace slate {
 void PrintTo(const Duration& duration, std::ostream* out)
 {
@@ -579,6 +581,18 @@ TEST(Duration, PrintsNoMoreThanTheRoundedValueOnceRead)
         ASSERT_EQ(read(text).to_string(digits), text);
         ASSERT_EQ(read(text).to_string(), text);
     }
+}
+
+TEST(Duration, DoesntDependOnTheLocaleOfTheProcess)
+{
+    const CommaLocale locale;
+    if (!locale.is_set())
+        GTEST_SKIP() << "localedef makes no locale here";
+
+    EXPECT_EQ(Milliseconds(1'234'500).to_string(), "1234.5s");
+    EXPECT_EQ(Duration::parse("1234.5s"), Milliseconds(1'234'500));
+    EXPECT_EQ(Duration::parse("1234,5s"), std::nullopt);
+    EXPECT_EQ(Duration::parse("1.234,5s"), std::nullopt);
 }
 
 TEST(StopWatch, ShowsNothingUntilItIsStarted)
