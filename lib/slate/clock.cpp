@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/clock.h"
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <limits>
@@ -51,7 +52,6 @@ Duration clock_ticks_to_duration(unsigned long ticks, unsigned long frequency)
 
     constexpr auto most = std::numeric_limits<std::int64_t>::max();
     const Wide nanoseconds = static_cast<Wide>(ticks) * nanoseconds_per_second / frequency;
-    return Duration(
-        std::chrono::nanoseconds(nanoseconds > Wide{most} ? most : static_cast<std::int64_t>(nanoseconds)));
+    return std::chrono::nanoseconds(nanoseconds > Wide{most} ? most : static_cast<std::int64_t>(nanoseconds));
 }
 } // namespace slate

@@ -3,8 +3,9 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
-#include <optional>
+#include <cmath>
+#include <cstddef>
+#include <numeric>
 
 #include "slate/strings.h"
 
@@ -49,7 +50,25 @@ std::int64_t saturate(Wide nanoseconds)
 
 Duration make_saturated(Wide nanoseconds)
 {
-    return Duration(std::chrono::nanoseconds(saturate(nanoseconds)));
+    return std::chrono::nanoseconds(saturate(nanoseconds));
+}
+
+/// The nearest whole number; halves go away from zero.
+Wide divide_rounded(Wide dividend, Wide divisor)
+{
+    const Wide half = divisor / 2;
+    return (dividend < 0 ? dividend - half : dividend + half) / divisor;
+}
+
+/// The nanoseconds in so many ticks of numerator / denominator seconds each, saturated.
+std::int64_t ticks_to_nanoseconds(Wide ticks, std::intmax_t numerator, std::intmax_t denominator)
+{
+    // Whole seconds apart from the rest, since all of it in nanoseconds may need more than 128 bits.
+    constexpr Wide beyond_range = Wide{most} / second.nanoseconds + 1;
+    const Wide product = ticks * numerator;
+    const Wide seconds = std::clamp(product / denominator, -beyond_range, beyond_range);
+    const Wide rest = divide_rounded(product % denominator * second.nanoseconds, denominator);
+    return saturate(seconds * second.nanoseconds + rest);
 }
 
 Unit unit_for(Wide magnitude)
@@ -130,7 +149,7 @@ std::optional<Wide> fraction_from(std::string_view digits, const Unit& unit)
 }
 
 /// The nanoseconds that a text such as "-3.5s" stands for.
-std::optional<Wide> parse(std::string_view text)
+std::optional<Wide> nanoseconds_from(std::string_view text)
 {
     const bool negative = starts_with(text, "-");
     if (negative || starts_with(text, "+"))
@@ -203,17 +222,57 @@ std::string Duration::to_string(unsigned char digits) const
     return text;
 }
 
-Duration Duration::from(std::string_view text, const Duration& dflt)
+std::optional<Duration> Duration::parse(std::string_view text)
 {
     if (text == infinity_text)
         return positive_infinity();
     if (text == uninitialized_text)
-        return {};
+        return Duration();
 
-    const auto nanoseconds = parse(text);
+    const auto nanoseconds = nanoseconds_from(text);
     if (!nanoseconds || *nanoseconds != saturate(*nanoseconds))
-        return dflt;
+        return std::nullopt;
     return make_saturated(*nanoseconds);
+}
+
+Duration Duration::from(std::string_view text, const Duration& dflt)
+{
+    return parse(text).value_or(dflt);
+}
+
+Duration Duration::from_ticks(std::int64_t count, std::intmax_t numerator, std::intmax_t denominator)
+{
+    Duration result;
+    result.state_ = State::Finite;
+    result.nanoseconds_ = ticks_to_nanoseconds(count, numerator, denominator);
+    return result;
+}
+
+Duration Duration::from_ticks(std::uint64_t count, std::intmax_t numerator, std::intmax_t denominator)
+{
+    return make_saturated(ticks_to_nanoseconds(count, numerator, denominator));
+}
+
+Duration Duration::from_ticks(long double count, std::intmax_t numerator, std::intmax_t denominator)
+{
+    if (std::isnan(count))
+        return {};
+    if (std::isinf(count) && count > 0)
+        return positive_infinity();
+
+    // Reduced first, as a power of ten that stays whole is exact where its inverse would not be.
+    const std::intmax_t common = std::gcd(denominator, std::intmax_t{second.nanoseconds});
+    const auto factor =
+        static_cast<long double>(numerator) * static_cast<long double>(second.nanoseconds / common);
+    const long double nanoseconds =
+        std::round(count * factor / static_cast<long double>(denominator / common));
+
+    constexpr auto end = -static_cast<long double>(least); // one above the range, and exact in any format
+    if (nanoseconds >= end)
+        return make_saturated(most);
+    if (nanoseconds < -end)
+        return make_saturated(least);
+    return make_saturated(static_cast<std::int64_t>(nanoseconds));
 }
 
 Duration& Duration::operator+=(const Duration& other)

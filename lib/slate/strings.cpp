@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
+#include <system_error>
 #include <type_traits>
 
 namespace slate {
@@ -239,6 +241,12 @@ bool try_parse(std::string_view text, T* value)
         value->assign(text);
         return true;
     }
+    else if constexpr (std::is_same_v<T, char>) {
+        if (text.size() != 1)
+            return false;
+        *value = text.front();
+        return true;
+    }
     else {
         return try_parse_number(text, value);
     }
@@ -262,6 +270,11 @@ template std::string to_string(const long double&);
 template std::string to_string(const std::string&);
 
 template bool try_parse(std::string_view, bool*);
+template bool try_parse(std::string_view, char*);
+template bool try_parse(std::string_view, signed char*);
+template bool try_parse(std::string_view, unsigned char*);
+template bool try_parse(std::string_view, short*);
+template bool try_parse(std::string_view, unsigned short*);
 template bool try_parse(std::string_view, int*);
 template bool try_parse(std::string_view, unsigned int*);
 template bool try_parse(std::string_view, long*);
@@ -270,5 +283,6 @@ template bool try_parse(std::string_view, long long*);
 template bool try_parse(std::string_view, unsigned long long*);
 template bool try_parse(std::string_view, float*);
 template bool try_parse(std::string_view, double*);
+template bool try_parse(std::string_view, long double*);
 template bool try_parse(std::string_view, std::string*);
 } // namespace slate

@@ -64,14 +64,15 @@ std::string join(const Range& items, std::string_view separator)
     return join(items, separator, [](const auto& item) -> std::string_view { return item; });
 }
 
-/// The text of a value: decimal without grouping, six significant digits for floating point, "true" or
-/// "false", a string as it is. The locale plays no part.
+/// The text of a value: numbers in decimal without grouping, floating-point ones with six significant digits,
+/// flags as "true" or "false", a `char` and a string as they are. The locale plays no part. For `bool`, all
+/// standard integer and floating-point types, `char` and std::string.
 template <class T>
 std::string to_string(const T& value);
 
-/// Reads the whole text as a value: no blanks, no sign for unsigned types, nothing out of range. `bool` reads
-/// "true", "false", "1" and "0"; a string takes any text. On failure the result is false and `*value` is
-/// untouched.
+/// Reads the whole text as a value, of the same types: no blanks, no sign for unsigned types, nothing out of
+/// range. `bool` reads "true", "false", "1" and "0", `char` reads one byte, and a string takes any text. The
+/// locale plays no part. Returns false on failure, and then leaves `*value` untouched.
 template <class T>
 bool try_parse(std::string_view text, T* value);
 

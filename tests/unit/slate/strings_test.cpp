@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/strings.h"
 
-#include <clocale>
 #include <cmath>
+#include <cstddef>
+#include <cstdio>
 #include <limits>
 #include <list>
 #include <locale>
 #include <map>
+#include <ostream>
 #include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "comma_locale.h"
 
 namespace {
 using Pieces = std::vector<std::string>;
@@ -313,7 +321,8 @@ void expect_refused(std::string_view text)
 template <class T>
 class WholeNumber : public testing::Test {
 };
-using WholeNumbers = testing::Types<int, long, long long, unsigned int, unsigned long, unsigned long long>;
+using WholeNumbers = testing::Types<signed char, short, int, long, long long, unsigned char, unsigned short,
+                                    unsigned int, unsigned long, unsigned long long>;
 TYPED_TEST_SUITE(WholeNumber, WholeNumbers);
 
 TYPED_TEST(WholeNumber, IsReadFromItsText)
@@ -373,6 +382,7 @@ TEST(TryParse, ReadsFloatingPoint)
     expect_parsed("-.5", -0.5);
     expect_parsed("5.", 5.0);
     expect_parsed("0.1", 0.1f);
+    expect_parsed("0.1", 0.1L);
     expect_parsed("inf", std::numeric_limits<double>::infinity());
     expect_parsed("-inf", -std::numeric_limits<float>::infinity());
     double value = 0;
@@ -383,9 +393,21 @@ TEST(TryParse, ReadsFloatingPoint)
          {"", " ", ".", "e5", "1e", "1e+", " 1", "1 ", "1,5", "1.5.5", "0x1p3", "1f", "abc", "+-1"}) {
         expect_refused<double>(text);
         expect_refused<float>(text);
+        expect_refused<long double>(text);
     }
     expect_refused<double>("1e999");
     expect_refused<float>("1e39");
+}
+
+TEST(TryParse, TakesOneByteForACharacter)
+{
+    expect_parsed("x", 'x');
+    expect_parsed("7", '7');
+    expect_parsed(" ", ' ');
+    expect_parsed(std::string_view("\0", 1), '\0');
+    for (const auto* text : {"", "xy", "77", "\xc3\xa4"})
+        expect_refused<char>(text);
+    EXPECT_EQ(slate::to_string('x'), "x");
 }
 
 TEST(TryParse, TakesAnyTextForAString)
@@ -401,7 +423,7 @@ struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(Strings, DontDependOnTheLocale)
+TEST(Strings, DontDependOnTheLocaleOfStreams)
 {
     const auto before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
 
@@ -415,5 +437,31 @@ TEST(Strings, DontDependOnTheLocale)
     EXPECT_EQ(real, "1234.5");
     EXPECT_TRUE(parsed);
     EXPECT_EQ(value, 0.5);
+}
+
+TEST(Strings, DontDependOnTheLocaleOfTheProcess)
+{
+    const CommaLocale locale;
+    if (!locale.is_set())
+        GTEST_SKIP() << "localedef makes no locale here";
+    char printed[8];
+    std::snprintf(printed, sizeof(printed), "%g", 0.5);
+    ASSERT_STREQ(printed, "0,5"); // what would fail below without care
+
+    expect_parsed("1234.5", 1234.5);
+    expect_parsed("-1e-3", -0.001);
+    expect_parsed("0.5", 0.5f);
+    expect_parsed("0.5", 0.5L);
+    expect_parsed("1234567", 1234567);
+    expect_refused<double>("0,5");
+    expect_refused<float>("0,5");
+    expect_refused<long double>("0,5");
+    expect_refused<double>("1.234,5");
+    expect_refused<int>("1.234");
+
+    EXPECT_EQ(slate::to_string(1234.5), "1234.5");
+    EXPECT_EQ(slate::to_string(0.5f), "0.5");
+    EXPECT_EQ(slate::to_string(0.5L), "0.5");
+    EXPECT_EQ(slate::to_string(1234567), "1234567");
 }
 } // namespace
