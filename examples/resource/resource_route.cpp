@@ -29,7 +29,7 @@ std::string body_of(const tarn::Request& request)
     return request.data();
 }
 
-/// Whether the requester says that it has the data of this tag.
+/// Whether the client says that it holds the data with this tag already.
 bool is_held(const tarn::Request& request, const std::string& etag)
 {
     const auto held =
@@ -46,7 +46,7 @@ void reply_with(tarn::Reply& reply, tarn::Content content)
 void reply_not_modified(tarn::Reply& reply)
 {
     reply.set_format_status(Format::Empty, Status::NotModified);
-    reply.mutable_body()->set_txt(""); // a client that asks for the data finds some
+    reply.mutable_body()->set_txt(""); // so that Reply::data() doesn't throw at the client
 }
 } // namespace
 
@@ -64,7 +64,7 @@ bool ResourceRoute::supports_chunked_transfer() const
 void ResourceRoute::head(tarn::Context& context) const
 {
     Route::head(context);
-    if (context.reply.status() == Status::NotModified) // nothing was measured
+    if (context.reply.status() == Status::NotModified) // its body is empty, unlike the resource
         context.reply.clr_header("Content-Length");
 }
 
