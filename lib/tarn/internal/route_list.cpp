@@ -99,7 +99,7 @@ bool RouteList::add(const std::shared_ptr<Route>& route)
 
 void RouteList::del(const std::string& name)
 {
-    Entry deleted; // outlives the lock, as it may be the last one to hold the route
+    Entry deleted; // outlives the lock, as it may be the last owner of the route
 
     const std::lock_guard lock(lock_);
     const auto found = std::find_if(routes_.begin(), routes_.end(),
@@ -129,7 +129,7 @@ std::vector<std::shared_ptr<const Route>> RouteList::routes() const
     return result;
 }
 
-/// Gives the index the list as it is now, and calls `then`, with no handler of the index running meanwhile.
+/// Gives the index the current list and calls `then`, while no handler of the index can run.
 void RouteList::update_index(const std::function<void()>& then)
 {
     const auto index = std::find_if(routes_.begin(), routes_.end(),

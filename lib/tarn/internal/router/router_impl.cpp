@@ -22,14 +22,14 @@ namespace tarn_internal {
 namespace {
 std::atomic<int> instance{0};
 
-/// As it stands in endpoints: from the root, and without a slash at its end.
+/// The form that endpoints have: absolute, and without a trailing slash.
 std::filesystem::path normalise(const std::filesystem::path& directory)
 {
     auto result = std::filesystem::absolute(directory).lexically_normal();
     return result.has_filename() ? result : result.parent_path();
 }
 
-/// Whether somebody serves at an inproc endpoint.
+/// Whether an inproc endpoint is bound.
 bool is_served(zmq::context_t& context, const slate::Uri& uri)
 {
     try {
@@ -152,7 +152,7 @@ std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const R
     const bool own = std::any_of(router->uris_.begin(), router->uris_.end(),
                                  [&](const auto& uri) { return uri->to_string() == endpoint; });
     auto uri = own ? router->server_uri_ : slate::make_uri(endpoint);
-    if (!uri) // a name that no endpoint can have
+    if (!uri) // the name can't be part of an endpoint
         return {router->server_uri_, path};
     return {uri, "/" + slate::join(segments, "/")};
 }
@@ -160,16 +160,16 @@ std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const R
 std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request)
 {
     auto found = resolve(this, request);
-    // A request to an inproc endpoint that nobody serves would cost one of the context's sockets for good.
+    // A request to an inproc endpoint that isn't bound would use up one of the context's sockets for good.
     if (found.first == server_uri_ && !serves_itself_)
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
 }
 
-/// Only the directory is looked at, not the socket in it.
+/// Looks only at the directory, not at the socket in it.
 bool RouterImpl::is_service(const std::string& name) const
 {
-    // No path may lead out of the run-time directory.
+    // No path may escape from the run-time directory.
     return name != "." && name != ".." && std::filesystem::exists(run_time_directory_ / name);
 }
 } // namespace tarn_internal

@@ -16,7 +16,7 @@
 
 namespace tarn_internal {
 namespace {
-/// Sending would block for as long as there is no peer at all.
+/// Whether the socket has a peer to send to within that time; sending would block without one.
 bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
 {
     zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLOUT, 0};
@@ -24,7 +24,7 @@ bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
     return (item.revents & ZMQ_POLLOUT) != 0;
 }
 
-/// Whether something came within that time, which `stop` may cut short.
+/// Whether a reply arrived within that time, which `stop` may cut short.
 bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::socket_t* stop)
 {
     const slate::StopWatch watch(true);
@@ -79,7 +79,7 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
         err_->increment();
-        // Of unknown state: a socket that sent and did not receive would refuse every further request.
+        // Its state is unknown: a socket that has sent and not received would refuse every further request.
         socket_.reset();
         return make_reply(Status::RequestTimeout, LocalCause::SocketFailed);
     }
@@ -91,7 +91,7 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     if (!socket_)
         socket_ = create_socket();
     if (!is_writable(*socket_, timeout)) {
-        // Nobody is there to send to, as after an inproc server has gone; only a new socket will find the
+        // The socket has no peer, as after the end of an inproc server; only a new socket can connect to the
         // next one.
         socket_.reset();
         return fail_to_send(message, LocalCause::NoSuchEndpoint);
@@ -104,7 +104,7 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     tx_->increment();
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
-    // happen twice. A POST is not even waited for again.
+    // happen twice. A POST gets a single wait.
     const unsigned int allowance = message.has_post() ? 0 : retries_;
     for (unsigned int attempt = 0;; ++attempt) {
         if (auto reply = wait_for_reply(*socket_, message, timeout, stop)) {
@@ -129,7 +129,7 @@ std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalC
     return make_reply(Status::RequestTimeout, cause);
 }
 
-/// One wait on one socket. Null if nothing came.
+/// One wait on one socket. Null if no reply arrived.
 std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const Message& message,
                                                     const slate::Duration& timeout, zmq::socket_t* stop) const
 {

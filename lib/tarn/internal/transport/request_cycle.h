@@ -23,11 +23,11 @@ namespace tarn_internal {
 /// The running number of the next "zmq.client".
 int next_client_instance();
 
-/// The exchange of one request for one reply over one ZMQ_REQ socket, which every client is built on.
+/// The exchange of one request for one reply over one ZMQ_REQ socket; the base of every client.
 ///
-/// The request is sent exactly once. Each wait that ends without a reply costs the socket, as a ZMQ_REQ
-/// socket that has sent and not received refuses to send again; further waits, on the new one, only decide
-/// how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
+/// The request is sent exactly once. Each wait that ends without a reply replaces the socket, because a
+/// ZMQ_REQ socket that has sent and not received refuses to send again; further waits, on the new one, only
+/// decide how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
 ///
 /// Threads: any; one exchange at a time, the others wait.
 class RequestCycle {
@@ -39,7 +39,7 @@ public:
                  unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
     ~RequestCycle();
 
-    /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
+    /// Never null: failures give a reply of status 408. A frame that doesn't parse gives a reply without a
     /// message.
     ///
     /// `stop`, if given, is a socket of the calling thread that becomes readable when that thread is to end.
@@ -47,7 +47,7 @@ public:
     std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout,
                                       zmq::socket_t* stop = nullptr);
 
-    /// A reply that no server gave: nothing but a status, and why.
+    /// A reply that no server sent: a status, and the cause.
     std::shared_ptr<Reply> make_reply(Status status, LocalCause cause) const;
 
     const Endpoint& uri() const { return uri_; }

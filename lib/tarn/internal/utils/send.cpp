@@ -40,7 +40,7 @@ std::optional<zmq::message_t> to_frame(const Message& message)
         return to_frame(with_text_as_bytes(message));
 
     zmq::message_t frame(message.ByteSizeLong());
-    // Protobuf counts in int; it would print what the size alone tells.
+    // Protobuf counts in int, and would print an error about a larger size.
     if (frame.size() > INT_MAX || !message.SerializeToArray(frame.data(), static_cast<int>(frame.size())))
         return std::nullopt;
     return frame;
