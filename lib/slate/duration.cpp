@@ -293,7 +293,7 @@ Duration& Duration::operator-=(const Duration& other)
         (is_positive_infinity() && other.is_positive_infinity()))
         *this = Duration();
     else if (other.is_positive_infinity())
-        nanoseconds_ = least; // there is no negative infinity to go to
+        nanoseconds_ = least; // there is no negative infinity
     else if (!is_positive_infinity())
         nanoseconds_ = saturate(Wide{nanoseconds_} - other.nanoseconds_);
     return *this;

@@ -27,9 +27,10 @@ concept TickCountBeyond = TickCount<T> &&
 /// The range is about 292 years each way, in steps of one nanosecond. A result beyond the range stays at its
 /// end (it saturates) and is still finite.
 ///
-/// Infinity is greater than every other duration, and adding to it or subtracting from it leaves it infinite;
-/// only infinity less infinity is not initialized. A duration that is not initialized is less than every
-/// other, and like NaN it makes every sum and difference in which it takes part not initialized.
+/// Infinity is greater than every other duration. Adding to it or subtracting from it leaves it infinite, but
+/// infinity less infinity is not initialized. There is no negative infinity: a finite duration less infinity
+/// is the lowest finite one. A duration that is not initialized is less than every other, and like NaN it
+/// makes every sum and difference in which it takes part not initialized.
 ///
 /// Threads: a plain value. Several threads may read one, but none may do so while another changes it.
 class Duration {
@@ -39,8 +40,8 @@ public:
 
     /// Converts a duration of the standard library, so that a caller can pass `std::chrono::seconds(4)`
     /// wherever a Duration is expected. It is rounded to the nearest nanosecond, halves away from zero, and
-    /// saturates. For floating-point durations, infinity becomes positive infinity, negative infinity (which
-    /// has no state of its own) becomes the lowest finite duration, and NaN becomes not initialized.
+    /// saturates. For floating-point durations, infinity becomes positive infinity, negative infinity becomes
+    /// the lowest finite duration, and NaN becomes not initialized.
     template <TickCount Count, class Period>
     Duration(const std::chrono::duration<Count, Period>& value)
         : Duration(from_ticks(static_cast<Ticks<Count>>(value.count()), Period::num, Period::den))
@@ -86,7 +87,7 @@ public:
     }
 
 private:
-    // In ascending order. nanoseconds_ is 0 in all states but Finite.
+    // In ascending order. nanoseconds_ is 0 in every state but Finite.
     enum class State : unsigned char { NotInitialized, Finite, PositiveInfinity };
 
     /// The widest number type of the same kind, so that nothing is lost on the way to from_ticks().

@@ -35,7 +35,7 @@ constexpr mode_t new_file_mode = 0666; // less the process's umask
 constexpr mode_t private_mode = 0600;
 constexpr mode_t permission_bits = 07777;
 
-// The kernel follows as many.
+// The kernel follows no more in one path.
 constexpr int max_symbolic_links = 40;
 
 // The limit of the common filesystems for a name, and of the kernel for any.

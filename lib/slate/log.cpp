@@ -81,8 +81,8 @@ void append_hex(std::string& out, unsigned char byte)
     out += digits[byte & 0xf];
 }
 
-/// Appends text, which may be anybody's, such that it stays within its line and can't control a terminal.
-/// Some terminals also obey the control characters U+0080 to U+009F, which have two bytes in UTF-8.
+/// Appends text from any source such that it stays within its line and can't control a terminal. Some
+/// terminals also obey the control characters U+0080 to U+009F, which have two bytes in UTF-8.
 void append_escaped(std::string& out, std::string_view text)
 {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };

@@ -142,8 +142,8 @@ void run_tasks(State& state)
         lock.unlock();
         const auto outcome = run(state, *task);
         lock.lock();
-        --state
-              .busy; // before the promise: a caller that has waited for it may rely on this thread being free
+        // Before the promise, since a caller that has waited for it may rely on this thread being free.
+        --state.busy;
         lock.unlock();
         fulfil(*task, outcome);
         task.reset(); // may destroy the task, and with it the queue
