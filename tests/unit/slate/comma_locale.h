@@ -10,8 +10,8 @@
 
 #include "support/scratch_folder.h"
 
-/// Gives the process, C and C++ alike, a locale that writes 1234.5 as "1.234,5", for as long as the object
-/// lives. The locale is compiled on the spot, since few devices have one installed.
+/// While it exists, the process has a locale, for C and C++ alike, that writes 1234.5 as "1.234,5". It is
+/// compiled on the spot, since few systems have one installed.
 class CommaLocale {
 public:
     CommaLocale()
@@ -21,7 +21,8 @@ public:
                                                     "<U0000>..<U007F> /x00\nEND CHARMAP\n";
         std::ofstream(folder.path() / "source") << "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \".\"\n"
                                                    "grouping 3;3\nEND LC_NUMERIC\n";
-        // Its status tells of warnings too; whether it worked shows when the locale is loaded.
+        // The status doesn't matter, as it reports mere warnings too: loading the locale shows whether it
+        // exists.
         (void)!std::system(("cd '" + folder.path().string() +
                             "' && localedef --force -f ./charmap -i ./source ./comma >log 2>&1")
                                .c_str());
@@ -31,7 +32,7 @@ public:
             before_ = std::locale::global(std::locale("comma"));
         }
         catch (const std::runtime_error&) {
-            // is_set() tells.
+            // The caller finds out by is_set().
         }
         unsetenv("LOCPATH");
     }
@@ -39,7 +40,7 @@ public:
     CommaLocale(const CommaLocale&) = delete;
     CommaLocale& operator=(const CommaLocale&) = delete;
 
-    /// False if the system can't compile locales.
+    /// False if this system can't compile locales.
     bool is_set() const { return std::string_view(std::localeconv()->decimal_point) == ","; }
 
 private:
