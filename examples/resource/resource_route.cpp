@@ -24,8 +24,8 @@ std::string content_type_of(const tarn::Request& request)
 
 std::string body_of(const tarn::Request& request)
 {
-    const tarn::Body* body = tarn_internal::find_body(*request.message);
-    if (!body || !(body->has_txt() || body->has_bin()))
+    const tarn::Body& body = request.message->put().body();
+    if (!body.has_txt() && !body.has_bin())
         throw MessageException(Status::BadRequest, "no body");
     return request.data();
 }
