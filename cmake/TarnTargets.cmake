@@ -36,12 +36,16 @@ function(tarn_instrument target)
   endif()
 endfunction()
 
-# A shared library of this project: its own soname, an alias, and its headers for installation.
+# A shared library of this project: its own soname, an alias, and its exports from TARGET.map beside its CMakeLists.txt.
 function(tarn_shared_library target)
   add_library(${target} SHARED)
   add_library(${target}::${target} ALIAS ${target})
   tarn_compile_options(${target})
-  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
+  set(map ${CMAKE_CURRENT_SOURCE_DIR}/${target}.map)
+  # The library calls its own functions, whatever an application calls its own. Data stays shared with applications,
+  # as their code may copy it: inline code of generated headers refers to it.
+  target_link_options(${target} PRIVATE LINKER:--version-script=${map} LINKER:-Bsymbolic-functions)
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0 LINK_DEPENDS ${map})
 endfunction()
 
 # A program on the public headers, built with what any application gets.

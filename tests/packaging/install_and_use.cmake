@@ -1,20 +1,6 @@
-# cmake -DWAY=find_package|pkg_config -DBUILD=... -DCXX=... -DCONSUMER=... -DGENERATOR=... [-DSANITIZE=...] -P install_and_use.cmake
+# cmake -DWAY=find_package|pkg_config -DBUILD=... -DCXX=... -DSOURCE=... -DGENERATOR=... [-DSANITIZE=...] -P install_and_use.cmake
+include(${CMAKE_CURRENT_LIST_DIR}/install.cmake)
 
-function(run)
-  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
-  if(NOT result EQUAL 0)
-    string(JOIN " " line ${ARGV})
-    message(FATAL_ERROR "failed (${result}): ${line}\n${output}")
-  endif()
-  set(output "${output}" PARENT_SCOPE)
-endfunction()
-
-execute_process(COMMAND mktemp -d OUTPUT_VARIABLE work OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-set(prefix ${work}/prefix)
-run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
-
-file(GLOB_RECURSE libdir ${prefix}/libtarn.so.0)
-get_filename_component(libdir ${libdir} DIRECTORY)
 foreach(library slate tarn)
   run(objdump -p ${libdir}/lib${library}.so)
   if(NOT output MATCHES "SONAME +lib${library}\\.so\\.0\n")
@@ -22,28 +8,14 @@ foreach(library slate tarn)
   endif()
 endforeach()
 
-# Messages of applications may import ours, and their generated code then refers to these.
-run(nm -D --defined-only ${libdir}/libtarn.so)
-foreach(name access format identity message routing stats status)
-  if(NOT output MATCHES " [BDR] descriptor_table_${name}_2eproto\n")
-    message(FATAL_ERROR "libtarn.so doesn't export descriptor_table_${name}_2eproto:\n${output}")
-  endif()
-endforeach()
-
-set(flags "")
-if(SANITIZE)
-  set(flags -fsanitize=${SANITIZE})
-endif()
 if(WAY STREQUAL "find_package")
-  run(${CMAKE_COMMAND} -G ${GENERATOR} -S ${CONSUMER} -B ${work}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
-      "-DCMAKE_CXX_FLAGS=${flags}")
-  run(${CMAKE_COMMAND} --build ${work}/build)
+  build_project(${SOURCE})
   run(${work}/build/consumer ${work}/consumer.sock)
 else()
   set(ENV{PKG_CONFIG_PATH} ${libdir}/pkgconfig)
   run(pkg-config --cflags --libs tarn)
   separate_arguments(package UNIX_COMMAND "${output}")
-  run(${CXX} -std=c++20 ${flags} ${CONSUMER}/consumer.cpp -o ${work}/consumer ${package} -Wl,-rpath,${libdir})
+  run(${CXX} -std=c++20 ${flags} ${SOURCE}/consumer.cpp -o ${work}/consumer ${package} -Wl,-rpath,${libdir})
   run(${work}/consumer ${work}/consumer.sock)
 endif()
 if(NOT output STREQUAL "installed and at work\n")
