@@ -29,7 +29,7 @@ public:
     {
         bind(xsub_, *sub_uri_);
         bind(xpub_, *pub_uri_);
-        thread_.start([this] { listen(); });
+        thread_.start("tarn-relay", [this] { listen(); });
     }
 
     ~RelayImpl() override

@@ -61,7 +61,7 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
       factory_(factory),
       serves_itself_(is_served(*context_, *server_uri_))
 {
-    thread_.start([this] { thread_entry(); });
+    thread_.start("tarn-router", [this] { thread_entry(); });
 }
 
 RouterImpl::~RouterImpl()
@@ -110,7 +110,7 @@ void RouterImpl::thread_entry()
         {
             Workers workers;
             workers.start(
-                workers_, [&] { worker_entry(this, workers); }, provider_);
+                workers_, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
             (void)workers.wait_for_all();
             run_proxy(front, back, control, "router", provider_);
         }

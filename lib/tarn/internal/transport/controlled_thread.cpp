@@ -12,6 +12,7 @@
 #include "slate/uri.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
+#include "tarn/internal/utils/thread_name.h"
 
 namespace tarn_internal {
 namespace {
@@ -77,12 +78,13 @@ ControlledThread::~ControlledThread()
     stop();
 }
 
-void ControlledThread::start(std::function<void()> body)
+void ControlledThread::start(const std::string& name, std::function<void()> body)
 {
     const SignalsBlocked blocked;
     std::promise<void> ended;
     ended_ = ended.get_future();
-    thread_ = std::thread([body = std::move(body), ended = std::move(ended)]() mutable {
+    thread_ = std::thread([name, body = std::move(body), ended = std::move(ended)]() mutable {
+        name_thread(name);
         body();
         ended.set_value();
     });

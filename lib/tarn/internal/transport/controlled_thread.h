@@ -60,8 +60,9 @@ public:
     /// Stops the thread.
     ~ControlledThread();
 
-    /// Starts the thread, with signals blocked: they go to the application's own threads.
-    void start(std::function<void()> body);
+    /// Starts the thread under a name of 15 bytes at most. Its signals are blocked: they go to the
+    /// application's own threads.
+    void start(const std::string& name, std::function<void()> body);
 
     /// False if the command could not be sent. One that was sent may still be lost.
     bool send(const std::string& text);

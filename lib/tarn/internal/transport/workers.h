@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -20,8 +21,9 @@ class Workers {
 public:
     ~Workers();
 
-    /// Starts `count` threads, or fewer, with an error in the log, if the system refuses more.
-    void start(std::size_t count, const std::function<void()>& body,
+    /// Starts `count` threads, named `name` and their number, or fewer, with an error in the log, if the
+    /// system refuses more.
+    void start(std::size_t count, const std::string& name, const std::function<void()>& body,
                const std::shared_ptr<slate::Provider>& provider);
 
     /// Each worker reports once whether it has connected.
