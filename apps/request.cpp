@@ -7,8 +7,8 @@
 //   tarn_request -H accept:application/json ipc:///run/tide/router.sock get /status/memory
 //   tarn_request ipc:///run/tide/router.sock put /files/drop/photo.jpg - <photo.jpg
 //
-// VERB is get, head, put, post or delete. A BODY of "-" is read from the standard input, and travels in
-// chunks. The reply's body goes to the standard output, and to the error output what was not good about it.
+// VERB is get, head, put, post or delete. A BODY of "-" is read from standard input and sent in chunks. The
+// body of a good reply goes to standard output; the status and text of a bad one go to standard error.
 // Exit status: 0 for a good reply, 1 for any other, 2 for a request that can't be made.
 
 #include <exception>
@@ -31,19 +31,23 @@ struct Arguments {
     slate::Duration timeout = tarn::default_timeout();
 };
 
+constexpr const char* usage = "usage: tarn_request [-t SECONDS] [-H KEY:VALUE]... ENDPOINT VERB PATH [BODY]";
+
 void read_option(int option, Arguments& arguments)
 {
+    if (option == '?') // getopt has printed what is wrong with it
+        throw std::invalid_argument(usage);
     if (option == 't') {
         long seconds = 0;
         if (!slate::try_parse(std::string_view(optarg), &seconds) || seconds < 0)
-            throw std::invalid_argument("no number of seconds: " + std::string(optarg));
+            throw std::invalid_argument("not a number of seconds: " + std::string(optarg));
         arguments.timeout = slate::Seconds(seconds);
         return;
     }
-    const std::string header = option == 'H' ? optarg : "";
+    const std::string header = optarg;
     const std::size_t colon = header.find(':');
     if (colon == std::string::npos)
-        throw std::invalid_argument("no header of the form KEY:VALUE: " + header);
+        throw std::invalid_argument("not a header of the form KEY:VALUE: " + header);
     arguments.headers->set(header.substr(0, colon), std::string_view(header).substr(colon + 1));
 }
 
@@ -53,19 +57,19 @@ Arguments read(int argc, char** argv)
     for (int option = getopt(argc, argv, "+t:H:"); option != -1; option = getopt(argc, argv, "+t:H:"))
         read_option(option, arguments);
     if (argc - optind < 3 || argc - optind > 4)
-        throw std::invalid_argument(
-            "usage: tarn_request [-t SECONDS] [-H KEY:VALUE]... ENDPOINT VERB PATH [BODY]");
+        throw std::invalid_argument(usage);
 
     arguments.endpoint = slate::make_uri(argv[optind]);
     if (!arguments.endpoint)
-        throw std::invalid_argument("no endpoint: " + std::string(argv[optind]));
+        throw std::invalid_argument("not an endpoint: " + std::string(argv[optind]));
     arguments.verb = argv[optind + 1];
     arguments.path = argv[optind + 2];
     arguments.body = argc - optind == 4 ? argv[optind + 3] : "";
     return arguments;
 }
 
-/// A body goes out piece by piece as it comes, for get; null for any other verb's name.
+/// Makes the request. For get, the reply's body is printed as it arrives, chunk by chunk. Throws
+/// std::invalid_argument for an unknown verb.
 std::shared_ptr<tarn::Reply> exchange(tarn::Client& client, const Arguments& arguments)
 {
     const auto& [endpoint, verb, path, body, headers, timeout] = arguments;
@@ -82,7 +86,7 @@ std::shared_ptr<tarn::Reply> exchange(tarn::Client& client, const Arguments& arg
                           : client.post(path, body, headers, timeout);
     if (verb == "delete")
         return client.del(path, headers, timeout);
-    throw std::invalid_argument("no verb: " + verb);
+    throw std::invalid_argument("not a verb: " + verb);
 }
 
 void show(const tarn::Reply& reply, const std::string& verb)
@@ -100,14 +104,14 @@ void show(const tarn::Reply& reply, const std::string& verb)
     }
     if (verb != "get" && reply.message->response().has_body())
         std::cout << reply.data();
-    if (isatty(STDOUT_FILENO)) // for people, the prompt on a line of its own
+    if (isatty(STDOUT_FILENO)) // so that the prompt starts on a line of its own
         std::cout << "\n";
 }
 } // namespace
 
 int main(int argc, char** argv)
 {
-    slate::set_log_sinks({}); // the reply says what went wrong
+    slate::set_log_sinks({}); // the reply tells what went wrong
     try {
         const Arguments arguments = read(argc, argv);
         tarn::ZmqSubsystem subsystem;

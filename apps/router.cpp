@@ -3,9 +3,9 @@
 //
 //   tarn_router DIRECTORY ENDPOINT...
 //
-// DIRECTORY is the run-time directory, such as /run/tide, which holds a directory with the socket "zmq.sock"
-// for each service. Requests are taken at each ENDPOINT, such as ipc:///run/tide/router.sock. Runs until
-// SIGINT or SIGTERM.
+// DIRECTORY is the run-time directory, such as /run/tide. It holds a directory for each service, with the
+// service's socket "zmq.sock" in it. The router takes requests at each ENDPOINT, such as
+// ipc:///run/tide/router.sock. Runs until SIGINT or SIGTERM.
 
 #include <exception>
 #include <filesystem>
@@ -26,8 +26,8 @@ void run(const TerminationSignal& termination, const std::filesystem::path& dire
     tarn::ZmqSubsystem subsystem;
     const auto router = subsystem.add_router(endpoints, directory);
     for (const auto& endpoint : endpoints) {
-        // Another process may hold the endpoint, or have taken over its path. "." names no service, so it is
-        // the router itself that answers, if only that there is no such route.
+        // Another process may hold the endpoint, or have taken over its path. "." never names a service, so
+        // the router itself answers "/.", with status 404.
         const auto reply = tarn::make_client(endpoint, 0)->get("/.");
         if (!reply->message || reply->head().from().pid() != getpid())
             throw std::runtime_error("cannot answer at " + endpoint->to_string());
@@ -48,7 +48,7 @@ int main(int argc, char** argv)
     for (int i = 2; i < argc; ++i) {
         endpoints.push_back(slate::make_uri(argv[i]));
         if (!endpoints.back()) {
-            std::cerr << "tarn_router: no endpoint: " << argv[i] << "\n";
+            std::cerr << "tarn_router: not an endpoint: " << argv[i] << "\n";
             return 2;
         }
     }

@@ -3,8 +3,8 @@
 
 #include <csignal>
 
-/// Lets a program run until it is told to end. Make it first of all: the signals must be blocked before any
-/// thread exists, so that they wait for wait().
+/// Lets a program run until SIGINT or SIGTERM. Create it first in main: both signals must be blocked before
+/// any thread exists, so that they stay pending until wait().
 class TerminationSignal {
 public:
     TerminationSignal()

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints published changes as they come:
+// Prints published changes as they arrive:
 //
-//   tarn_watch PUB [PATH]
+//   tarn_watch RELAY_OUT [PATH]
 //
-// PUB is where a relay puts them out; without PATH all of them, otherwise those below it. Runs until SIGINT
-// or SIGTERM.
+// RELAY_OUT is the endpoint where the relay serves its subscribers. With PATH, the program prints only the
+// changes below that path. Runs until SIGINT or SIGTERM.
 
 #include <algorithm>
 #include <exception>
@@ -15,7 +15,7 @@
 #include "wait_for_signal.h"
 
 namespace {
-/// Whether a terminal can show it; a body doesn't have to say whether it is text.
+/// Whether a terminal can show the body. A body need not declare whether it is text.
 bool is_printable(const std::string& body)
 {
     return slate::is_utf8(body) &&
@@ -43,18 +43,19 @@ public:
 
 int main(int argc, char** argv)
 {
-    const auto pub = slate::make_uri(argc >= 2 ? argv[1] : "");
-    if (!pub || argc > 3) {
-        std::cerr << "usage: tarn_watch PUB [PATH]\n";
+    const auto relay_out = slate::make_uri(argc >= 2 ? argv[1] : "");
+    if (!relay_out || argc > 3) {
+        std::cerr << "usage: tarn_watch RELAY_OUT [PATH]\n";
         return 2;
     }
     const TerminationSignal termination;
     try {
         tarn::ZmqSubsystem subsystem;
-        // The empty pattern matches every path. "/*" would be refused, as a pattern begins with a literal.
+        // The empty pattern matches every path. The pattern "/*" is not allowed: the first segment must be a
+        // literal.
         const std::string paths = argc == 3 ? std::string(argv[2]) + "/*" : "";
-        subsystem.add_subscriber(pub)->add(std::make_shared<WatchRoute>(paths));
-        std::cout << "watching " << pub->to_string() << std::endl;
+        subsystem.add_subscriber(relay_out)->add(std::make_shared<WatchRoute>(paths));
+        std::cout << "watching " << relay_out->to_string() << std::endl;
         termination.wait();
     }
     catch (const std::exception& error) {

@@ -9,7 +9,7 @@
 
 #include <tarn/tarn.h>
 
-/// The body of a reply, or nothing.
+/// The body of a reply, or an empty text.
 inline std::string text_of(const std::shared_ptr<tarn::Reply>& reply)
 {
     const bool has_body = reply->message && reply->message->response().has_body();
@@ -22,10 +22,10 @@ inline bool is_number_from(const std::string& text, double least)
     return slate::try_parse(text, &value) && value >= least;
 }
 
-/// Prints what a client asks and gets, and remembers whether all of it was right.
+/// Prints each request of a client with its reply, and remembers whether every reply was right.
 class Report {
 public:
-    /// One exchange, with each line of the answer's body or else its status message.
+    /// Prints one exchange, with the lines of the reply's body or, without a body, its status message.
     void show(const std::string& request, const std::shared_ptr<tarn::Reply>& reply, tarn::Status expected,
               bool right = true)
     {
@@ -41,8 +41,8 @@ public:
     void check(const std::string& what, const std::string& outcome, bool right)
     {
         all_right_ = all_right_ && right;
-        std::cout << "  " << std::left << std::setw(38) << what << (right ? "ok     " : "WRONG  ") << outcome
-                  << std::endl;
+        std::cout << "  " << std::left << std::setw(38) << what + " " << (right ? "ok     " : "WRONG  ")
+                  << outcome << std::endl;
     }
 
     void note(const std::string& line) { std::cout << "      " << line << std::endl; }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Publishes this machine's load, over and over, through a relay (see apps/relay.cpp):
+// Publishes this machine's load ten times a second through a relay (see apps/relay.cpp):
 //
-//   changes_publisher URL SUB SECONDS
+//   changes_publisher ENDPOINT RELAY_IN SECONDS
+//
+// The relay answers for its statistics at ENDPOINT, and takes changes in at RELAY_IN.
 
 #include <fstream>
 #include <iostream>
@@ -13,12 +15,12 @@ int main(int argc, char** argv)
 {
     long seconds = 0;
     if (argc != 4 || !slate::try_parse(argv[3], &seconds)) {
-        std::cerr << "usage: changes_publisher URL SUB SECONDS\n";
+        std::cerr << "usage: changes_publisher ENDPOINT RELAY_IN SECONDS\n";
         return 2;
     }
     tarn::ZmqSubsystem subsystem;
     try {
-        // Returns once the relay has shown that it hears this publisher.
+        // Returns once the relay has received a message from this publisher.
         const auto publisher = tarn::make_publisher(slate::make_uri(argv[2]), tarn::default_timeout(), 0,
                                                     slate::make_uri(argv[1]));
         std::cout << "publishing through " << publisher->url()->to_string() << std::endl;

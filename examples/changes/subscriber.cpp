@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints the changes that others publish, as they come, and ends after so many:
+// Prints published changes as they arrive, and ends after COUNT of them:
 //
-//   changes_subscriber PUB COUNT
+//   changes_subscriber RELAY_OUT COUNT
 //
-// What was published before it subscribed is lost: it sees a change from when it is there.
+// It receives only what is published after its subscription has reached the relay at RELAY_OUT.
 
 #include <condition_variable>
 #include <iostream>
@@ -12,7 +12,7 @@
 #include <tarn/tarn.h>
 
 namespace {
-/// Hears everything that is published below "/machine". A published change has no reply to write.
+/// Receives everything that is published below "/machine". A published change has no reply.
 class MachineRoute : public tarn::Route {
 public:
     MachineRoute() : Route("machine", "", "/machine/:what", tarn::Access::Public) {}
@@ -35,7 +35,7 @@ private:
         changed_.notify_all();
     }
 
-    std::mutex mutex_; // guards heard_: the handlers run on the library's thread
+    std::mutex mutex_; // guards heard_: handlers run on a thread of the library
     std::condition_variable changed_;
     long heard_ = 0;
 };
@@ -45,7 +45,7 @@ int main(int argc, char** argv)
 {
     long count = 0;
     if (argc != 3 || !slate::try_parse(argv[2], &count)) {
-        std::cerr << "usage: changes_subscriber PUB COUNT\n";
+        std::cerr << "usage: changes_subscriber RELAY_OUT COUNT\n";
         return 2;
     }
     tarn::ZmqSubsystem subsystem;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reaches all services of a device through its router, and says whether each answer is right:
+// Asks all services of a device through its router, and prints whether each reply is right:
 //
-//   device_client ROUTER PUB walk     asks everybody, changes a setting, follows the change, uploads a file
-//   device_client ROUTER PUB gone     finds the settings service gone
-//   device_client ROUTER PUB back     finds it back, and the settings as they were left
+//   device_client ROUTER RELAY_OUT walk   asks every service, changes a setting and uploads a file
+//   device_client ROUTER RELAY_OUT gone   expects the settings service to be down
+//   device_client ROUTER RELAY_OUT back   expects it to be up again, with its settings as they were
 
 #include <condition_variable>
 #include <iostream>
@@ -19,7 +19,7 @@
 namespace {
 constexpr const char* new_location = "greenhouse";
 
-/// Hears every change of a setting.
+/// Receives every change of a setting.
 class SettingsRoute : public tarn::Route {
 public:
     SettingsRoute() : Route("settings", "", "/settings/:name", tarn::Access::Public) {}
@@ -38,7 +38,7 @@ public:
     }
 
 private:
-    std::mutex mutex_; // guards heard_: the handlers run on the library's thread
+    std::mutex mutex_; // guards heard_: handlers run on a thread of the library
     std::condition_variable changed_;
     std::set<std::string> heard_;
 };
@@ -50,7 +50,7 @@ std::shared_ptr<slate::Dictionary> accept(const std::string& formats)
     return headers;
 }
 
-void ask_everybody(tarn::Client& client, Report& report)
+void ask_every_service(tarn::Client& client, Report& report)
 {
     std::cout << "\nThe first segment of a path names the service\n";
     auto reply = client.get("/status/uptime");
@@ -66,12 +66,13 @@ void ask_everybody(tarn::Client& client, Report& report)
     report.show("GET /relay/stats?format=json", reply, tarn::Status::Ok,
                 slate::contains(text_of(reply), "totalPackets"));
 
-    std::cout << "\nWhat names none is for the router itself\n";
+    std::cout << "\nThe router itself answers any other path\n";
     report.show("GET /nobody/home", client.get("/nobody/home"), tarn::Status::NotFound);
     report.show("GET /", client.get("/"), tarn::Status::NotFound);
 }
 
-/// A subscriber hears a change from when it is there, so the setting is written until it is heard.
+/// A subscriber receives nothing until its subscription has reached the relay, so this writes the setting
+/// until the change arrives.
 bool is_heard(tarn::Client& client, SettingsRoute& route, const std::string& interval)
 {
     for (int attempt = 0; attempt < 100; ++attempt) {
@@ -83,12 +84,12 @@ bool is_heard(tarn::Client& client, SettingsRoute& route, const std::string& int
     return false;
 }
 
-void change_a_setting(tarn::ZmqSubsystem& subsystem, const std::shared_ptr<const slate::Uri>& pub,
+void change_a_setting(tarn::ZmqSubsystem& subsystem, const std::shared_ptr<const slate::Uri>& relay_out,
                       tarn::Client& client, Report& report)
 {
-    std::cout << "\nA setting is changed, and whoever subscribed hears of it\n";
+    std::cout << "\nA setting changes, and every subscriber hears of it\n";
     const auto route = std::make_shared<SettingsRoute>();
-    subsystem.add_subscriber(pub)->add(route);
+    subsystem.add_subscriber(relay_out)->add(route);
     report.check("PUT /settings/interval \"30\"", "heard by a subscriber", is_heard(client, *route, "30"));
 
     report.show("PUT /settings/location \"greenhouse\"", client.put("/settings/location", new_location),
@@ -105,10 +106,10 @@ void upload(tarn::Client& client, Report& report)
 {
     std::cout << "\nA body of any size travels in chunks of 1 MiB\n";
     std::string data(std::size_t{16} << 20, '\0');
-    unsigned int state = 1; // any bytes will do, as long as they differ
+    unsigned int state = 1; // any pattern of differing bytes will do
     for (char& byte : data)
         byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-    // A body that ends exactly at a chunk's end is answered with status 409, though it arrives.
+    // A body of whole chunks arrives too, but its reply is status 409.
     data.push_back('.');
 
     std::istringstream stream(data);
@@ -118,7 +119,7 @@ void upload(tarn::Client& client, Report& report)
                     std::to_string(data.size()) + " bytes, MD5 " + slate::md5_hash_string(data));
 }
 
-void find_it_gone(tarn::Client& client, Report& report)
+void expect_it_gone(tarn::Client& client, Report& report)
 {
     report.show("GET /settings/location", client.get("/settings/location", nullptr, slate::Seconds(1)),
                 tarn::Status::RequestTimeout);
@@ -126,7 +127,7 @@ void find_it_gone(tarn::Client& client, Report& report)
     report.show("GET /status/uptime", reply, tarn::Status::Ok, is_number_from(text_of(reply), 1));
 }
 
-void find_it_back(tarn::Client& client, Report& report)
+void expect_it_back(tarn::Client& client, Report& report)
 {
     auto reply = client.get("/settings/location");
     report.show("GET /settings/location", reply, tarn::Status::Ok, text_of(reply) == new_location);
@@ -139,24 +140,24 @@ void find_it_back(tarn::Client& client, Report& report)
 int main(int argc, char** argv)
 {
     const auto router = slate::make_uri(argc == 4 ? argv[1] : "");
-    const auto pub = slate::make_uri(argc == 4 ? argv[2] : "");
+    const auto relay_out = slate::make_uri(argc == 4 ? argv[2] : "");
     const std::string part = argc == 4 ? argv[3] : "";
-    if (!router || !pub || (part != "walk" && part != "gone" && part != "back")) {
-        std::cerr << "usage: device_client ROUTER PUB walk|gone|back\n";
+    if (!router || !relay_out || (part != "walk" && part != "gone" && part != "back")) {
+        std::cerr << "usage: device_client ROUTER RELAY_OUT walk|gone|back\n";
         return 2;
     }
-    slate::set_log_sinks({}); // what goes wrong is shown by the report
+    slate::set_log_sinks({}); // the report shows what goes wrong
     tarn::ZmqSubsystem subsystem;
     const auto client = tarn::make_client(router, /*retries=*/0);
     Report report;
     if (part == "walk") {
-        ask_everybody(*client, report);
-        change_a_setting(subsystem, pub, *client, report);
+        ask_every_service(*client, report);
+        change_a_setting(subsystem, relay_out, *client, report);
         upload(*client, report);
     }
     if (part == "gone")
-        find_it_gone(*client, report);
+        expect_it_gone(*client, report);
     if (part == "back")
-        find_it_back(*client, report);
+        expect_it_back(*client, report);
     return report.all_right() ? 0 : 1;
 }

@@ -1,8 +1,8 @@
 #!/bin/sh
-# run.sh BUILD [--serve]: brings a small device up from the programs of a build, with a run-time directory of its own: a
-# router, a relay, three services and a subscriber, each a process. Then a client reaches all of them through the router,
-# and finds one service gone and back. Exit status 0 only if every answer was right. With --serve the device stays up, for
-# a person to play with.
+# run.sh BUILD [--serve]: starts a small device from the programs of a build, in a run-time directory of its own: a
+# router, a relay, three services and a subscriber, each a process. A client then asks all services through the router,
+# also while one of them is down and after it is back. Exit status 0 only if every answer was right. With --serve the
+# device stays up for you to try it.
 set -eu
 build=$1
 serve=${2:-}
@@ -12,8 +12,8 @@ examples=$build/examples
 device=$(mktemp -d)
 run=$device/run
 router=ipc://$run/router.sock
-sub=ipc://$run/relay/sub.sock
-pub=ipc://$run/relay/pub.sock
+relay_in=ipc://$run/relay/in.sock
+relay_out=ipc://$run/relay/out.sock
 mkdir -p "$run/status" "$run/settings" "$run/files" "$run/relay" "$device/kept"
 
 processes=""
@@ -28,8 +28,8 @@ trap finish EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# start NAME COMMAND...: starts a process and waits until it says that it is there. What it logs goes to a file, and
-# so does what it prints after that.
+# start NAME COMMAND...: starts a process and waits for its first line of output, which reports that it is ready. Its
+# log, and what it prints after that line, go to files.
 start() {
     name=$1
     shift
@@ -46,11 +46,11 @@ start() {
 }
 
 start_settings() {
-    start settings "$examples/device/device_settings_service" "$run/settings/zmq.sock" "$device/kept" "$router" "$sub"
+    start settings "$examples/device/device_settings_service" "$run/settings/zmq.sock" "$device/kept" "$router" "$relay_in"
     settings=$started
 }
 
-# check COMMAND...: runs a client; if it fails, shows what the other processes have logged.
+# check COMMAND...: runs a client; if it fails, shows the logs of the other processes.
 check() {
     "$@" && return 0
     echo "FAILED: $*"
@@ -60,29 +60,30 @@ check() {
 
 echo "A device of six processes, in $run"
 start router "$apps/tarn_router" "$run" "$router"
-start relay "$apps/tarn_relay" "ipc://$run/relay/zmq.sock" "$sub" "$pub"
+start relay "$apps/tarn_relay" "ipc://$run/relay/zmq.sock" "$relay_in" "$relay_out"
 start status "$examples/machine_status/machine_status_service" "$run/status/zmq.sock"
 start_settings
 start files "$examples/upload/upload_service" "$run/files/zmq.sock"
-start watch "$apps/tarn_watch" "$pub" /settings
+start watch "$apps/tarn_watch" "$relay_out" /settings
 watch=$started
-# A subscriber hears a change from when it is there: a setting is written until it is heard.
+# A subscriber receives nothing until its subscription has reached the relay, so this writes a setting until the change
+# arrives.
 until grep -q interval "$device/watch.out"; do
     check "$apps/tarn_request" "$router" put /settings/interval 60
 done
 
-check "$examples/device/device_client" "$router" "$pub" walk
+check "$examples/device/device_client" "$router" "$relay_out" walk
 
 echo
-echo "The settings service goes, and comes back; nobody tells the router"
+echo "The settings service stops and starts again; nobody tells the router"
 kill "$settings"
 wait "$settings" || true
-check "$examples/device/device_client" "$router" "$pub" gone
+check "$examples/device/device_client" "$router" "$relay_out" gone
 start_settings
-check "$examples/device/device_client" "$router" "$pub" back
+check "$examples/device/device_client" "$router" "$relay_out" back
 
 echo
-echo "What the subscriber has printed meanwhile"
+echo "The subscriber has printed meanwhile"
 until grep -q "delete /settings/location" "$device/watch.out"; do
     kill -0 "$watch"
 done
@@ -95,7 +96,7 @@ echo "Every answer was right."
 
 cat <<EOF
 
-The device stays up until you press Ctrl-C. Play with it in another terminal:
+The device stays up until you press Ctrl-C. Try it in another terminal:
 
   export PATH="$(cd "$apps" && pwd):\$PATH" ROUTER=$router
   tarn_request \$ROUTER get '/status/index?format=text'
@@ -104,6 +105,6 @@ The device stays up until you press Ctrl-C. Play with it in another terminal:
   tarn_request \$ROUTER put /settings/location attic
   tarn_request \$ROUTER put /files/drop/it - <README.md
   tarn_request \$ROUTER get '/relay/stats?format=text'
-  tarn_watch $pub          (prints every change of a setting)
+  tarn_watch $relay_out          (prints every change of a setting)
 EOF
 wait "$watch" || true

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Keeps a device's settings, each in a file of its own, and publishes every change:
 //
-//   device_settings_service SOCKET FOLDER ROUTER SUB
+//   device_settings_service SOCKET FOLDER ROUTER RELAY_IN
 //
-// A setting is there again after a restart, and after a power cut: its file holds the old value or the new
-// one, never half of either.
+// A setting survives a restart and a power cut: its file always holds the old value or the new one, complete.
 
 #include <exception>
 #include <filesystem>
@@ -15,7 +14,7 @@
 #include "../../apps/wait_for_signal.h"
 
 namespace {
-/// Handlers of one server run one at a time here, so a setting needs no lock.
+/// Needs no lock: the server has one thread, so its handlers run one at a time.
 class Setting {
 public:
     Setting(const std::filesystem::path& folder, const std::string& name, std::string standard,
@@ -62,7 +61,7 @@ std::shared_ptr<tarn::Route> make_location_route(const std::shared_ptr<Setting>&
         [setting](tarn::Context&) { setting->reset(); }, tarn::Access::Public);
 }
 
-/// What is no number is refused before it gets here; a file may hold anything.
+/// The route refuses a body that is not a number; the file, however, may hold anything.
 std::shared_ptr<tarn::Route> make_interval_route(const std::shared_ptr<Setting>& setting)
 {
     return tarn::make_uint32_route(
@@ -81,14 +80,14 @@ std::shared_ptr<tarn::Route> make_interval_route(const std::shared_ptr<Setting>&
 int main(int argc, char** argv)
 {
     if (argc != 5) {
-        std::cerr << "usage: device_settings_service SOCKET FOLDER ROUTER SUB\n";
+        std::cerr << "usage: device_settings_service SOCKET FOLDER ROUTER RELAY_IN\n";
         return 2;
     }
     const TerminationSignal termination;
 
     try {
         tarn::ZmqSubsystem subsystem;
-        // Asks for the relay's statistics by way of the router, and returns once the relay hears it.
+        // Asks for the relay's statistics through the router, and returns once the relay hears it.
         const auto publisher = tarn::make_publisher(slate::make_uri(argv[4]), tarn::default_timeout(), 0,
                                                     slate::make_uri(argv[3]));
         const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walks through what the service answers, and says whether each answer is right:
+// Asks the service for everything it serves, and prints whether each reply is right:
 //
 //   machine_status_client /tmp/status.sock
 
@@ -27,7 +27,7 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::string socket = argv[1];
-    // What the library logs is part of the story: here, that an answer didn't come.
+    // Prints the library's log among the replies: here it reports that a reply didn't come.
     slate::set_log_sinks({slate::make_callback_sink([](const slate::LogRecord& record) {
         std::cout << "      log: " << record.text.substr(0, 80) << (record.text.size() > 80 ? " ..." : "")
                   << "\n";
@@ -42,7 +42,7 @@ int main(int argc, char** argv)
 
     std::cout << "\nValues, as text and as JSON\n";
     std::shared_ptr<tarn::Reply> reply = client->get("/uptime");
-    // Six significant digits are shown, so what was read before may be a little above.
+    // The service sends six significant digits, so its value may be slightly below the one read before.
     report.show("GET /uptime", reply, tarn::Status::Ok,
                 is_number_from(text_of(reply), uptime_before * 0.9999));
     reply = client->get("/memory");
@@ -58,7 +58,7 @@ int main(int argc, char** argv)
     report.show("GET /load/15", reply, tarn::Status::Ok, is_number_from(text_of(reply), 0));
     report.show("GET /load/7", client->get("/load/7"), tarn::Status::NotFound);
 
-    std::cout << "\nA setting is written, read, measured and taken back\n";
+    std::cout << "\nA setting is written, read, measured and reset\n";
     report.show("PUT /settings/location \"greenhouse\"", client->put("/settings/location", "greenhouse"),
                 tarn::Status::NoContent);
     reply = client->get("/settings/location");
@@ -71,12 +71,12 @@ int main(int argc, char** argv)
     reply = client->get("/settings/location");
     report.show("GET /settings/location", reply, tarn::Status::Ok, text_of(reply) == "workshop");
 
-    std::cout << "\nWhat there is to ask for\n";
+    std::cout << "\nThe list of all routes\n";
     reply = client->get("/index?format=text");
     report.show("GET /index?format=text", reply, tarn::Status::Ok,
                 slate::contains(text_of(reply), "HEAD,GET,PUT,DEL   \"/settings/location\""));
 
-    std::cout << "\nWhat can't be had\n";
+    std::cout << "\nRequests that fail\n";
     report.show("GET /nowhere", client->get("/nowhere"), tarn::Status::NotFound);
     reply = client->put("/uptime", "0");
     report.show("PUT /uptime \"0\"", reply, tarn::Status::MethodNotAllowed,

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Serves the state of the machine it runs on, and one setting, at an ipc socket:
+// Serves the state of this machine, and one setting, at an ipc socket:
 //
 //   machine_status_service /tmp/status.sock
 
@@ -28,10 +28,10 @@ double load(tarn::Context& request)
         if (minutes == name)
             return read_number("/proc/loadavg", position);
     }
-    throw tarn::MessageException(tarn::Status::NotFound, "no load is kept over " + minutes + " minutes");
+    throw tarn::MessageException(tarn::Status::NotFound, "no load average over " + minutes + " minutes");
 }
 
-/// A route of one's own: memory in kibibytes, as text or JSON, whichever is asked for.
+/// A custom route: memory in kibibytes, as text or as JSON, whichever the request asks for.
 class MemoryRoute : public tarn::Route {
 public:
     MemoryRoute() : Route("memory", "get", "/memory", tarn::Access::Public) {}
@@ -64,8 +64,8 @@ int main(int argc, char** argv)
     }
     const TerminationSignal termination;
 
-    // Handlers of one server run one at a time here, so the setting needs no lock. It outlives the server,
-    // which ends with the subsystem.
+    // The setting needs no lock: the server has one thread, so its handlers run one at a time. It is declared
+    // before the subsystem, whose server uses it to the end.
     const std::string standard = "workshop";
     std::string location = standard;
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes network settings, reads them in each format, asks again for what it holds, and takes them back:
+// Writes network settings, reads them in each format, asks again for data that it already holds, and erases
+// them:
 //
 //   resource_client /tmp/network.sock
 

@@ -26,7 +26,8 @@ std::string to_json(const Network& network)
 
 MessageException unsupported(Format format)
 {
-    return {Status::UnsupportedMediaType, "no network settings as " + tarn::to_mime_type(format)};
+    return {Status::UnsupportedMediaType,
+            "unsupported format for network settings: " + tarn::to_mime_type(format)};
 }
 
 Network parse(const std::string& data, Format format)
@@ -35,7 +36,7 @@ Network parse(const std::string& data, Format format)
         throw unsupported(format);
     Network network;
     if (!(format == Format::Json ? from_json(data, &network) : network.ParseFromString(data)))
-        throw MessageException(Status::BadRequest, "no network settings");
+        throw MessageException(Status::BadRequest, "not network settings");
     if (network.hostname().empty())
         throw MessageException(Status::BadRequest, "network settings without a hostname");
     return network;
@@ -114,16 +115,16 @@ Network NetworkSettings::current() const
         throw MessageException(Status::NotFound, "no network settings");
     Network network;
     if (!from_json(*json, &network))
-        throw tarn::Exception(slate::trace_error(provider(), SLATE_HERE, name(), ": the file holds none"));
+        throw tarn::Exception(slate::trace_error(provider(), SLATE_HERE, name(), ": the file is corrupt"));
     return network;
 }
 
-/// Applying takes its time, and must not hold up the route. The work holds all that it uses, since this
-/// object may be gone when it runs, and keeps its failures to itself: the reply to the writer doesn't wait
-/// for them.
+/// Applying takes time and must not hold up the route. The task holds everything that it uses, since this
+/// object may be gone when it runs. It handles its own failures: the reply to the writer doesn't wait for
+/// them.
 void NetworkSettings::apply_later(const Network& network)
 {
-    const auto work = std::make_shared<tarn_internal::AsyncCallback>([=, apply = apply_, log = provider()] {
+    const auto task = tarn::make_work([=, apply = apply_, log = provider()] {
         try {
             apply(network);
         }
@@ -132,7 +133,7 @@ void NetworkSettings::apply_later(const Network& network)
         }
     });
     try {
-        if (!submit_work(work))
+        if (!submit_work(task))
             throw MessageException(Status::ServiceUnavailable, "saved, but not applied: shutting down");
     }
     catch (const tarn::OverloadedException& error) {

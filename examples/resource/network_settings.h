@@ -13,20 +13,21 @@
 #include "network_settings.pb.h"
 
 namespace example {
-/// A device's network settings: a small document in a file, that is read as JSON, as text for people or as
-/// protobuf, and written as JSON or protobuf.
+/// A device's network settings: a small document in a file. Clients read it as JSON, as text for people or as
+/// protobuf, and write it as JSON or protobuf.
 ///
-/// What is written is saved first and applied later, so it may stay saved and unapplied: the work queue was
-/// full, which the writer is told, or the process ended. The next start applies it.
+/// A write saves the settings at once and applies them later. Settings can therefore be saved and not
+/// applied: if the work queue was full, which the reply tells, or if the process ended. The next start
+/// applies them.
 ///
-/// There is one document, so parameters and policies make no difference. Status 404 while there is none, 400
-/// for what can't be settings, 415 for other formats.
+/// There is one document, so parameters and policies have no effect. Status 404 if nothing has been written,
+/// 400 for a body that holds no settings, 415 for any other format.
 class NetworkSettings : public tarn::ResourceBase {
 public:
-    /// `apply` brings settings into force after each write, on the work queue, one call at a time.
+    /// `apply` puts settings into effect after each write. It runs on the work queue, one call at a time.
     NetworkSettings(const std::filesystem::path& file, std::function<void(const Network&)> apply);
 
-    /// Applies what the file holds, if anything, for the start of a service. A failure is logged.
+    /// Applies the settings in the file, if there is one, at the start of a service. Logs failures.
     void apply_stored();
 
     std::vector<tarn::Format> formats() const override;

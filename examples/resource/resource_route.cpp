@@ -24,13 +24,12 @@ std::string content_type_of(const tarn::Request& request)
 
 std::string body_of(const tarn::Request& request)
 {
-    const tarn::Body& body = request.message->put().body();
-    if (!body.has_txt() && !body.has_bin())
+    if (!request.has_body())
         throw MessageException(Status::BadRequest, "no body");
     return request.data();
 }
 
-/// Whether the requester says that it has the data of this tag.
+/// Whether the client says that it holds the data with this tag already.
 bool is_held(const tarn::Request& request, const std::string& etag)
 {
     const auto held =
@@ -41,16 +40,13 @@ bool is_held(const tarn::Request& request, const std::string& etag)
 
 void reply_with(tarn::Reply& reply, tarn::Content content)
 {
-    const Format format = tarn_internal::to_format(content.mime_type);
-    reply.set_format_status(format, Status::Ok);
-    tarn::Body* body = reply.mutable_body();
-    (tarn_internal::is_binary_format(format) ? body->mutable_bin() : body->mutable_txt())->swap(content.data);
+    reply.set_reply_data(tarn::to_format(content.mime_type), std::move(content.data));
 }
 
 void reply_not_modified(tarn::Reply& reply)
 {
     reply.set_format_status(Format::Empty, Status::NotModified);
-    reply.mutable_body()->set_txt(""); // a client that asks for the data finds some
+    reply.mutable_body()->set_txt(""); // so that Reply::data() doesn't throw at the client
 }
 } // namespace
 
@@ -68,7 +64,7 @@ bool ResourceRoute::supports_chunked_transfer() const
 void ResourceRoute::head(tarn::Context& context) const
 {
     Route::head(context);
-    if (context.reply.status() == Status::NotModified) // nothing was measured
+    if (context.reply.status() == Status::NotModified) // its body is empty, unlike the resource
         context.reply.clr_header("Content-Length");
 }
 

@@ -7,20 +7,19 @@
 #include <tarn/tarn.h>
 
 namespace example {
-/// Brings requests to a resource, whatever it holds.
+/// Serves any resource by GET, HEAD, PUT and DELETE.
 ///
-/// GET and HEAD answer in the format that the query ("?format=json") or else the header "Accept" asks for, or
-/// in the resource's best one, with the entity tag, if it isn't empty, as header "ETag". If the header
-/// "If-None-Match" is "*" or has that tag among those that it lists, separated by ",", the requester holds
-/// the data already: status 304, and an empty body. They are refused with status 405 if the resource is
-/// write-only.
+/// GET and HEAD answer in the format that the query asks for ("?format=json"), or else the header "Accept",
+/// or else in the resource's first format. The header "ETag" carries the entity tag unless that is empty. If
+/// the header "If-None-Match" is "*" or lists that tag (separated by ","), the client holds the data already:
+/// the reply has status 304 and an empty body. A write-only resource answers status 405.
 ///
-/// PUT replaces the resource by a body whose format the header "Content-Type" tells, or else the query. That
-/// is the whole body, unless the resource takes a large one chunk by chunk. DELETE erases it. Both are
-/// refused with status 405 if the resource is read-only.
+/// PUT replaces the resource with the body, in the format given by the header "Content-Type" or else by the
+/// query. The route gets the whole body, unless the resource takes a large one chunk by chunk. DELETE erases
+/// the resource. A read-only resource answers both with status 405.
 class ResourceRoute : public tarn::Route {
 public:
-    /// Named after the resource (not null).
+    /// The route is named after the resource, which must not be null.
     ResourceRoute(const std::string& path, std::shared_ptr<tarn::Resource> resource);
 
     bool supports_chunked_transfer() const override;

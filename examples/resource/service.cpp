@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Serves a device's network settings, and keeps them in a file beside the socket:
+// Serves a device's network settings and keeps them in a file next to the socket:
 //
 //   resource_service /tmp/network.sock
 
@@ -18,7 +18,7 @@ int main(int argc, char** argv)
     const TerminationSignal termination;
 
     const std::filesystem::path socket = argv[1];
-    auto file = std::filesystem::absolute(socket); // a store wants a folder in its path
+    auto file = std::filesystem::absolute(socket); // a store needs a path with a folder
     file.replace_extension(".json");
 
     tarn::ZmqSubsystem subsystem;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sends an image of so many MiB, gets it back, and compares:
+// Uploads an image of that many MiB, downloads it again, and compares:
 //
-//   streaming_client /tmp/pieces.sock 64
+//   streaming_client /tmp/streaming.sock 64
 
 #include <iostream>
 #include <sstream>
@@ -16,7 +16,7 @@ int main(int argc, char** argv)
         return 2;
     }
     std::string image(static_cast<std::size_t>(mebibytes) << 20, '\0');
-    unsigned int state = 1; // any bytes will do, as long as they differ
+    unsigned int state = 1; // any pattern of differing bytes will do
     for (char& byte : image)
         byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
 

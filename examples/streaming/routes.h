@@ -12,10 +12,10 @@
 
 namespace example {
 inline constexpr const char* transfer_header = "X-Tarn-Chunked-Transfer";
-inline constexpr const char* wants_pieces_header = "X-Tarn-Supports-Chunked-Transfer";
+inline constexpr const char* supports_chunks_header = "X-Tarn-Supports-Chunked-Transfer";
 
-/// Takes an image by PUT, chunk by chunk into a file, which takes the place of the old one when it is whole.
-/// One upload at a time: one that begins ends another that is on its way, with status 409.
+/// Takes an image by PUT and writes each chunk to a file, which replaces the old image once it is complete.
+/// There is one upload at a time: a new one ends the one in progress, which then gets status 409.
 class UploadRoute : public tarn::Route {
 public:
     explicit UploadRoute(const std::filesystem::path& image)
@@ -29,7 +29,8 @@ public:
 
     void put(tarn::Context& context) override
     {
-        const std::string id = context.request.header(transfer_header, ""); // empty: all in one request
+        // Empty if the whole image comes in one request.
+        const std::string id = context.request.header(transfer_header, "");
         const std::uint32_t number = context.request.chunk_number().value_or(0);
         const std::string& chunk = context.request.data();
         if (number == 0) {
@@ -43,8 +44,8 @@ public:
         if (!out_.write(chunk.data(), static_cast<std::streamsize>(chunk.size())).flush())
             throw tarn::MessageException(tarn::Status::InsufficientStorage, "cannot write");
 
-        // A stream of whole chunks ends with two empty ones, so what is done at the end must bear being done
-        // twice. A product would check the image here.
+        // The library's client ends a stream of whole chunks with two empty ones, so this must be harmless
+        // when done twice. A product would check the image here.
         if (id.empty() || chunk.empty())
             std::filesystem::copy_file(part_, image_, std::filesystem::copy_options::overwrite_existing);
     }
@@ -57,8 +58,8 @@ private:
     std::uint32_t next_ = 0;
 };
 
-/// Answers GET with the image: in pieces for those who take pieces, otherwise in one. Keeps four downloads;
-/// with a fifth, some other one ends with status 409.
+/// Answers GET with the image: in chunks if the client supports them, otherwise in one reply. Keeps four
+/// downloads; a fifth ends one of the others, which then gets status 409.
 class DownloadRoute : public tarn::Route {
 public:
     explicit DownloadRoute(std::filesystem::path image)
@@ -69,7 +70,7 @@ public:
 
     void get(tarn::Context& context) const override
     {
-        if (!context.request.has_header(wants_pieces_header)) {
+        if (!context.request.has_header(supports_chunks_header)) {
             context.reply.set_reply_file(image_);
             return;
         }
@@ -79,15 +80,15 @@ public:
         if (download == downloads_.end())
             throw tarn::MessageException(tarn::Status::Conflict, "begin again");
 
-        std::string piece(piece_bytes, '\0');
-        download->second.read(piece.data(), static_cast<std::streamsize>(piece.size()));
-        piece.resize(static_cast<std::size_t>(download->second.gcount()));
-        if (piece.empty()) // the end
+        std::string chunk(chunk_bytes, '\0');
+        download->second.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+        chunk.resize(static_cast<std::size_t>(download->second.gcount()));
+        if (chunk.empty()) // the end
             downloads_.erase(download);
         else
             context.reply.set_header(transfer_header, id);
         context.reply.set_format_status(tarn::Format::Bin, tarn::Status::Ok);
-        context.reply.mutable_body()->set_bin(std::move(piece));
+        context.reply.mutable_body()->set_bin(std::move(chunk));
     }
 
 private:
@@ -96,7 +97,7 @@ private:
         std::ifstream stream(image_, std::ios::binary);
         if (!stream)
             throw tarn::MessageException(tarn::Status::NotFound, "no image");
-        if (downloads_.size() == max_downloads) // some clients never come back
+        if (downloads_.size() == max_downloads) // some clients never finish
             downloads_.erase(downloads_.begin());
         const std::string id = slate::make_uuid().to_string();
         downloads_[id] = std::move(stream);
@@ -104,7 +105,7 @@ private:
     }
 
     static constexpr std::size_t max_downloads = 4;
-    static constexpr std::size_t piece_bytes = 1048576;
+    static constexpr std::size_t chunk_bytes = 1048576;
 
     const std::filesystem::path image_;
     // Handlers of one route run one at a time, so this needs no lock.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Takes an image of any size, and gives it back, piece by piece:
+// Takes an image of any size, and serves it, chunk by chunk in both directions:
 //
-//   streaming_service /tmp/pieces.sock
+//   streaming_service /tmp/streaming.sock
 
 #include <iostream>
 

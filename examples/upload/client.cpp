@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Uploads so many MiB and a byte from a stream, in chunks, and checks the checksum that comes back:
+// Uploads that many MiB and one byte from a stream, in chunks, and compares the checksum in the reply:
 //
 //   upload_client /tmp/upload.sock 64
 
@@ -16,11 +16,10 @@ int main(int argc, char** argv)
         return 2;
     }
     std::string data(static_cast<std::size_t>(mebibytes) << 20, '\0');
-    unsigned int state = 1; // any bytes will do, as long as they differ
+    unsigned int state = 1; // any pattern of differing bytes will do
     for (char& byte : data)
         byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-    data.push_back('.'); // a body that ends exactly at a chunk's end is answered with status 409, though it
-                         // arrives
+    data.push_back('.'); // a body of whole chunks arrives too, but its reply is status 409
     const std::string expected = std::to_string(data.size()) + " bytes, MD5 " + slate::md5_hash_string(data);
 
     tarn::ZmqSubsystem subsystem;

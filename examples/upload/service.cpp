@@ -3,8 +3,8 @@
 //
 //   upload_service /tmp/upload.sock
 //
-// It has four threads, so that a long upload doesn't hold up other routes. The route sees each upload as one
-// call with the whole body; the chunks are put together by the library.
+// The server has four workers, so that a handler at work doesn't hold up other routes. The library puts the
+// chunks of an upload together, and the route gets one call with the whole body.
 
 #include <iostream>
 

@@ -67,4 +67,13 @@ std::shared_ptr<Dictionary> make_dictionary()
 {
     return std::make_shared<DictionaryImpl>();
 }
+
+std::shared_ptr<Dictionary> make_dictionary(
+    std::initializer_list<std::pair<std::string_view, std::string_view>> entries)
+{
+    auto dictionary = make_dictionary();
+    for (const auto& [key, value] : entries)
+        dictionary->set(key, value);
+    return dictionary;
+}
 } // namespace slate

@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
+#include <system_error>
 #include <type_traits>
 
 namespace slate {
 namespace {
-/// The length of the UTF-8 sequence that a text begins with, by the table of well-formed sequences of the
-/// Unicode standard; 0 if it begins with none.
+/// The length of the UTF-8 sequence at the beginning of a text that isn't empty, by the Unicode standard's
+/// table of well-formed sequences; 0 if the text begins with something else.
 std::size_t utf8_sequence(std::string_view text)
 {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -83,7 +85,7 @@ std::string number_to_string(T value)
 template <class T>
 bool try_parse_number(std::string_view text, T* value)
 {
-    // from_chars reads a minus, but no plus.
+    // from_chars reads a minus sign, but no plus sign.
     if (std::is_signed_v<T> && starts_with(text, "+") && !starts_with(text, "+-"))
         text.remove_prefix(1);
 
@@ -239,6 +241,12 @@ bool try_parse(std::string_view text, T* value)
         value->assign(text);
         return true;
     }
+    else if constexpr (std::is_same_v<T, char>) {
+        if (text.size() != 1)
+            return false;
+        *value = text.front();
+        return true;
+    }
     else {
         return try_parse_number(text, value);
     }
@@ -262,6 +270,11 @@ template std::string to_string(const long double&);
 template std::string to_string(const std::string&);
 
 template bool try_parse(std::string_view, bool*);
+template bool try_parse(std::string_view, char*);
+template bool try_parse(std::string_view, signed char*);
+template bool try_parse(std::string_view, unsigned char*);
+template bool try_parse(std::string_view, short*);
+template bool try_parse(std::string_view, unsigned short*);
 template bool try_parse(std::string_view, int*);
 template bool try_parse(std::string_view, unsigned int*);
 template bool try_parse(std::string_view, long*);
@@ -270,5 +283,6 @@ template bool try_parse(std::string_view, long long*);
 template bool try_parse(std::string_view, unsigned long long*);
 template bool try_parse(std::string_view, float*);
 template bool try_parse(std::string_view, double*);
+template bool try_parse(std::string_view, long double*);
 template bool try_parse(std::string_view, std::string*);
 } // namespace slate

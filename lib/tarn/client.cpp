@@ -8,20 +8,20 @@
 
 #include "slate/file.h"
 #include "slate/log.h"
+#include "slate/strings.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
-#include "tarn/internal/server/chunked_transfer.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/request_cycle.h"
+#include "tarn/transfer/chunk_headers.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 namespace {
-namespace chunk_header = tarn_internal::chunk_header;
-using Headers = std::shared_ptr<slate::Dictionary>;
 
 constexpr std::size_t max_chunk_bytes = 1048576;
 
-/// The next piece of a stream, as much as it gives and max_chunk_bytes at most.
+/// The next chunk of a stream: max_chunk_bytes, or less at its end.
 std::string read_chunk(std::istream& stream)
 {
     std::string chunk(max_chunk_bytes, '\0');
@@ -76,34 +76,26 @@ std::shared_ptr<Reply> upload(std::istream& body, slate::Dictionary& headers, Se
     }
 }
 
-/// Whether a reply has a body; what has none counts as empty.
-bool has_body(const Reply& reply)
-{
-    const Body* body = reply.message ? tarn_internal::find_body(*reply.message) : nullptr;
-    return body && (body->has_bin() || body->has_txt());
-}
-
 class ClientImpl : public Client {
 public:
-    ClientImpl(const std::shared_ptr<zmq::context_t>& context, const std::shared_ptr<const slate::Uri>& uri,
-               unsigned int retries, const std::shared_ptr<MessageFactory>& factory)
-        : factory_(factory),
-          cycle_("zmq.client", tarn_internal::next_client_instance(), context, uri, retries, factory)
+    ClientImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& endpoint, unsigned int retries,
+               const std::shared_ptr<MessageFactory>& factory)
+        : cycle_("zmq.client", tarn_internal::next_client_instance(), context, endpoint, retries, factory)
     {
     }
 
-    std::shared_ptr<const slate::Uri> url() const override { return cycle_.uri(); }
+    Endpoint url() const override { return cycle_.uri(); }
 
     std::shared_ptr<Reply> head(std::string_view path, const Headers& headers,
                                 const slate::Duration& timeout) const override
     {
-        return read_reply(factory_->make_head(path, headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_head(path, headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> get(std::string_view path, const Headers& headers,
                                const slate::Duration& timeout) const override
     {
-        return read_reply(factory_->make_get(path, headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_get(path, headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> get(std::string_view path, std::ostream& out, const Headers& headers,
@@ -113,7 +105,7 @@ public:
             return get(path, out, slate::make_dictionary(), timeout);
         headers->set(chunk_header::supported, "true");
         auto reply = get(path, headers, timeout);
-        if (reply->bad() || !has_body(*reply))
+        if (reply->bad() || !reply->has_body())
             return reply;
         out << reply->data();
 
@@ -123,7 +115,7 @@ public:
         headers->set(chunk_header::transfer, std::string_view(transfer));
         for (;;) {
             reply = get(path, headers, timeout);
-            if (reply->bad() || !has_body(*reply) || reply->data().empty())
+            if (reply->bad() || !reply->has_body() || reply->data().empty())
                 return reply;
             out << reply->data();
         }
@@ -132,13 +124,13 @@ public:
     std::shared_ptr<Reply> put(std::string_view path, const std::string& body, const Headers& headers,
                                const slate::Duration& timeout) override
     {
-        return read_reply(factory_->make_put(path, body, headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_put(path, body, headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> put(std::string_view path, std::string&& body, const Headers& headers,
                                const slate::Duration& timeout) override
     {
-        return read_reply(factory_->make_put(path, std::move(body), headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_put(path, std::move(body), headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> put(std::string_view path, std::istream& body, const Headers& headers,
@@ -154,13 +146,13 @@ public:
     std::shared_ptr<Reply> post(std::string_view path, const std::string& body, const Headers& headers,
                                 const slate::Duration& timeout) override
     {
-        return read_reply(factory_->make_post(path, body, headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_post(path, body, headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> post(std::string_view path, std::string&& body, const Headers& headers,
                                 const slate::Duration& timeout) override
     {
-        return read_reply(factory_->make_post(path, std::move(body), headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_post(path, std::move(body), headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> post(std::string_view path, std::istream& body, const Headers& headers,
@@ -176,7 +168,7 @@ public:
     std::shared_ptr<Reply> del(std::string_view path, const Headers& headers,
                                const slate::Duration& timeout) override
     {
-        return read_reply(factory_->make_del(path, headers, timeout), timeout);
+        return read_reply(cycle_.factory().make_del(path, headers, timeout), timeout);
     }
 
     std::shared_ptr<Reply> send(const Request& request, const slate::Duration& timeout) override
@@ -189,60 +181,63 @@ private:
                                       const slate::Duration& timeout) const
     {
         if (!message)
-            return cycle_.make_reply(Status::BadRequest);
+            return cycle_.make_reply(Status::BadRequest, LocalCause::InvalidRequest);
         return cycle_.read_reply(*message, timeout);
     }
 
-    /// What became of an upload; a stream that failed is the caller's mistake.
+    /// The upload's reply; status 400 if the caller's stream failed.
     std::shared_ptr<Reply> or_bad_request(std::shared_ptr<Reply> reply) const
     {
         if (reply)
             return reply;
         slate::log_error(SLATE_HERE, "upload abandoned, the stream can't be read");
-        return cycle_.make_reply(Status::BadRequest);
+        return cycle_.make_reply(Status::BadRequest, LocalCause::InvalidRequest);
     }
 
-    const std::shared_ptr<MessageFactory> factory_;
     mutable tarn_internal::RequestCycle cycle_; // locks itself
 };
-
-/// The runtime object, or null with an error in the log.
-const ZmqSubsystem* find_subsystem()
-{
-    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
-    if (!subsystem)
-        slate::log_error(SLATE_HERE, "cannot make_client, tarn not / no longer initialized");
-    return subsystem;
-}
 } // namespace
 
-std::shared_ptr<Client> make_client(const std::shared_ptr<const slate::Uri>& uri, unsigned int retries,
+std::shared_ptr<Client> make_client(const Endpoint& endpoint, unsigned int retries,
                                     const std::shared_ptr<MessageFactory>& factory)
 {
-    const ZmqSubsystem* subsystem = find_subsystem();
-    if (!subsystem)
+    const auto runtime = tarn_internal::find_runtime("make_client");
+    if (!runtime)
         return nullptr;
-    if (!uri) {
+    if (!endpoint) {
         slate::log_error(SLATE_HERE, "cannot make_client, no endpoint given");
         return nullptr;
     }
-    return std::make_shared<ClientImpl>(subsystem->ctx(), uri, retries, factory);
+    return std::make_shared<ClientImpl>(runtime->context, endpoint, retries, factory);
+}
+
+std::shared_ptr<Client> make_client(unsigned int retries, const std::shared_ptr<MessageFactory>& factory)
+{
+    const auto runtime = tarn_internal::find_runtime("make_client");
+    return runtime ? make_client(relay_zmq_sock(runtime->settings), retries, factory) : nullptr;
 }
 
 std::shared_ptr<Client> make_client(const std::filesystem::path& path, unsigned int retries,
                                     const std::shared_ptr<MessageFactory>& factory)
 {
-    const auto uri = slate::make_uri("ipc://" + path.string());
-    if (!uri) {
+    const auto endpoint = slate::make_uri("ipc://" + path.string());
+    if (!endpoint) {
         slate::log_error(SLATE_HERE, "failed to create ipc client ( ", path.string(), " ): invalid uri");
         return nullptr;
     }
-    return make_client(uri, retries, factory);
+    return make_client(endpoint, retries, factory);
 }
 
-std::shared_ptr<Client> make_client(unsigned int retries, const std::shared_ptr<MessageFactory>& factory)
+std::shared_ptr<Client> make_client_at(std::string_view endpoint_or_path, unsigned int retries,
+                                       const std::shared_ptr<MessageFactory>& factory)
 {
-    const ZmqSubsystem* subsystem = find_subsystem();
-    return subsystem ? make_client(relay_zmq_sock(subsystem->settings()), retries, factory) : nullptr;
+    if (!slate::contains(endpoint_or_path, "://"))
+        return make_client(std::filesystem::path(endpoint_or_path), retries, factory);
+    const auto endpoint = slate::make_uri(std::string(endpoint_or_path));
+    if (!endpoint) {
+        slate::log_error(SLATE_HERE, "failed to create client ( ", endpoint_or_path, " ): invalid uri");
+        return nullptr;
+    }
+    return make_client(endpoint, retries, factory);
 }
 } // namespace tarn

@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <concepts>
 #include <filesystem>
 #include <iosfwd>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "slate/dictionary.h"
 #include "slate/duration.h"
 #include "tarn/internal/defaults.h"
-#include "tarn/message_factory.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
-
-namespace slate {
-class Uri;
-}
+#include "tarn/types.h"
 
 namespace tarn {
+class MessageFactory;
+
 /// Asks one server for its resources, by path. Each call hands back exactly one Reply, never null.
 ///
 /// A path looks like "/status/cpu", and may go on with addressed processes and parameters:
@@ -28,10 +28,11 @@ namespace tarn {
 /// + 1) x timeout, a POST for one timeout. The request is sent once, whatever the number of retries. A signal
 /// that interrupts a wait counts as a wait without an answer.
 ///
-/// Errors: a failed exchange is returned, not thrown: a reply of status 408 (no answer in time, or the socket
-/// failed) or 400 (nothing to send), or a reply without a message, if what came is none. Ask Reply::good()
-/// before using the body. A recipient that can't be taken apart is a bug of the caller, and throws as
-/// MessageFactory says.
+/// Errors: a failed exchange is returned, not thrown. The client then makes the reply itself: status 408 (no
+/// answer in time, or the socket failed) or 400 (nothing to send); Reply::is_local() and Reply::local_cause()
+/// tell such a reply from a server's. A frame that doesn't parse gives a reply without a message. Ask
+/// Reply::good() before using the body, or use Reply::text_or(). A recipient that can't be taken apart is a
+/// bug of the caller, and throws as MessageFactory says.
 ///
 /// Threads: may be shared. Requests go one at a time, so a slow one holds up the others; threads that must
 /// not wait for each other need a client each.
@@ -44,78 +45,95 @@ public:
     // Programs are linked against the order of these functions: add new ones at the end.
 
     /// The endpoint this client was made for, such as "ipc:///run/tide/status/zmq.sock".
-    virtual std::shared_ptr<const slate::Uri> url() const = 0;
+    [[nodiscard]] virtual Endpoint url() const = 0;
 
-    virtual std::shared_ptr<Reply> head(std::string_view path,
-                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                        const slate::Duration& timeout = default_timeout()) const = 0;
-    virtual std::shared_ptr<Reply> get(std::string_view path,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                       const slate::Duration& timeout = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> head(
+        std::string_view path, const Headers& headers = nullptr,
+        const slate::Duration& timeout = default_timeout()) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> get(
+        std::string_view path, const Headers& headers = nullptr,
+        const slate::Duration& timeout = default_timeout()) const = 0;
 
-    /// Fetches `path` and appends its body, of any size, to `out`, piece by piece as the route gives it.
+    /// Fetches `path` and appends its body, of any size, to `out`, chunk by chunk as the route gives it. See
+    /// download() in "tarn/transfer/download.h" for progress and for a stream that fails.
     ///
     /// Two "X-Tarn-..." headers are left in `headers`, so use a new dictionary for each download, and keep it
-    /// from other threads meanwhile. `timeout` is for one piece, not for the whole body.
+    /// from other threads meanwhile. `timeout` is for one chunk, not for the whole body.
     ///
-    /// Returns the reply that ended it; if that is bad, `out` keeps the pieces that came before. The state of
+    /// Returns the reply that ended it; if that is bad, `out` keeps the chunks that came before. The state of
     /// `out` is never examined.
-    virtual std::shared_ptr<Reply> get(
-        std::string_view path, std::ostream& out,
-        const std::shared_ptr<slate::Dictionary>& headers = slate::make_dictionary(),
+    [[nodiscard]] virtual std::shared_ptr<Reply> get(
+        std::string_view path, std::ostream& out, const Headers& headers = nullptr,
         const slate::Duration& timeout = default_timeout()) const = 0;
 
     /// The overloads that take `body` by rvalue move it into the request instead of copying it. Those that
     /// take a stream send its rest, of any size, in chunks of 1 MiB, each a request with its own wait for
-    /// `timeout`, and at last an empty one; the route sees one request with the whole body.
+    /// `timeout`, and then an empty chunk; the route sees one request with the whole body. Prefer upload() in
+    /// "tarn/transfer/upload.h", which reports every size right.
     ///
     /// They return the reply to the last chunk, or to the first one that failed, after which nothing more is
     /// sent. If the stream ends exactly at a chunk's end, or is empty, that is status 409, "transfer
     /// interrupted try again", although the body has been delivered. A stream that fails before its end
-    /// abandons the upload: status 400, and the route sees nothing. `headers` is changed meanwhile, so keep
-    /// it from other threads. With an "X-Tarn-Chunked-Transfer" of the caller's own in it, the rest of the
-    /// stream goes as one request.
-    virtual std::shared_ptr<Reply> put(std::string_view path, const std::string& body,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                       const slate::Duration& timeout = default_timeout()) = 0;
-    virtual std::shared_ptr<Reply> put(std::string_view path, std::string&& body,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                       const slate::Duration& timeout = default_timeout()) = 0;
-    virtual std::shared_ptr<Reply> put(
-        std::string_view path, std::istream& body,
-        const std::shared_ptr<slate::Dictionary>& headers = slate::make_dictionary(),
-        const slate::Duration& timeout = default_timeout()) = 0;
-    virtual std::shared_ptr<Reply> post(std::string_view path, const std::string& body,
-                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                        const slate::Duration& timeout = default_timeout()) = 0;
-    virtual std::shared_ptr<Reply> post(std::string_view path, std::string&& body,
-                                        const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                        const slate::Duration& timeout = default_timeout()) = 0;
-    virtual std::shared_ptr<Reply> post(
-        std::string_view path, std::istream& body,
-        const std::shared_ptr<slate::Dictionary>& headers = slate::make_dictionary(),
-        const slate::Duration& timeout = default_timeout()) = 0;
-    virtual std::shared_ptr<Reply> del(std::string_view path,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr,
-                                       const slate::Duration& timeout = default_timeout()) = 0;
+    /// abandons the upload: status 400, and the route sees nothing. The call changes `headers` meanwhile, so
+    /// keep it from other threads. With an "X-Tarn-Chunked-Transfer" of the caller's own in it, the rest of
+    /// the stream goes as one request.
+    [[nodiscard]] virtual std::shared_ptr<Reply> put(std::string_view path, const std::string& body,
+                                                     const Headers& headers = nullptr,
+                                                     const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> put(std::string_view path, std::string&& body,
+                                                     const Headers& headers = nullptr,
+                                                     const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> put(std::string_view path, std::istream& body,
+                                                     const Headers& headers = nullptr,
+                                                     const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> post(std::string_view path, const std::string& body,
+                                                      const Headers& headers = nullptr,
+                                                      const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> post(std::string_view path, std::string&& body,
+                                                      const Headers& headers = nullptr,
+                                                      const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> post(std::string_view path, std::istream& body,
+                                                      const Headers& headers = nullptr,
+                                                      const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> del(std::string_view path, const Headers& headers = nullptr,
+                                                     const slate::Duration& timeout = default_timeout()) = 0;
 
     /// Sends the message that the request holds, as it is.
-    virtual std::shared_ptr<Reply> send(const Request& request,
-                                        const slate::Duration& timeout = default_timeout()) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> send(const Request& request,
+                                                      const slate::Duration& timeout = default_timeout()) = 0;
 };
 
-/// A client of the server at `uri`, or at an ipc socket's path, or at the setting "relay_url". A server that
-/// isn't running is no error here.
+/// A client of the server at an endpoint, or at the setting "relay_url". A server that isn't running is no
+/// error here.
 ///
-/// `retries` is how many further waits follow the first one. Null, with an error in the log, without a
-/// ZmqSubsystem or for no valid endpoint. Throws zmq::error_t if the socket can't be made, and Exception if
-/// the setting is missing.
-std::shared_ptr<Client> make_client(const std::shared_ptr<const slate::Uri>& uri,
-                                    unsigned int retries = default_retries(),
-                                    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
-std::shared_ptr<Client> make_client(const std::filesystem::path& path,
-                                    unsigned int retries = default_retries(),
-                                    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
-std::shared_ptr<Client> make_client(unsigned int retries = default_retries(),
-                                    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
+/// `retries` is how many further waits follow the first one. Without `factory` the client makes one. Null,
+/// with an error in the log, without a ZmqSubsystem or for an endpoint that is not valid. Throws zmq::error_t
+/// if the socket can't be made, and Exception if the setting is missing.
+[[nodiscard]] std::shared_ptr<Client> make_client(const Endpoint& endpoint,
+                                                  unsigned int retries = default_retries(),
+                                                  const std::shared_ptr<MessageFactory>& factory = nullptr);
+[[nodiscard]] std::shared_ptr<Client> make_client(unsigned int retries = default_retries(),
+                                                  const std::shared_ptr<MessageFactory>& factory = nullptr);
+/// At the ipc socket of that path.
+[[nodiscard]] std::shared_ptr<Client> make_client(const std::filesystem::path& path,
+                                                  unsigned int retries = default_retries(),
+                                                  const std::shared_ptr<MessageFactory>& factory = nullptr);
+
+/// At an endpoint where the text contains "://", else at the ipc socket of that path.
+[[nodiscard]] std::shared_ptr<Client> make_client_at(std::string_view endpoint_or_path, unsigned int retries,
+                                                     const std::shared_ptr<MessageFactory>& factory);
+
+/// The same for a literal, a `const char*` or a string; a template, so that no other call is ambiguous.
+template <class Text>
+requires std::convertible_to<const Text&, std::string_view> &&(!std::is_null_pointer_v<Text>)
+    [[nodiscard]] std::shared_ptr<Client> make_client(
+        const Text& endpoint_or_path, unsigned int retries = default_retries(),
+        const std::shared_ptr<MessageFactory>& factory = nullptr)
+{
+    if constexpr (std::is_pointer_v<Text>) {
+        if (!endpoint_or_path)
+            return make_client_at({}, retries, factory);
+    }
+    return make_client_at(endpoint_or_path, retries, factory);
+}
 } // namespace tarn

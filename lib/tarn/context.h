@@ -2,8 +2,14 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "slate/dictionary.h"
+#include "slate/strings.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
 
@@ -13,9 +19,36 @@ struct Context {
     Request request;
     /// Status 204 with no body until the handler fills it. Has no message when a published change is handled.
     Reply reply;
-    /// Path variables, headers and query parameters by name; null until a route has accepted the request.
+    /// Path variables, headers and query parameters by name; null until a route has accepted the request. A
+    /// header hides a path variable of its name here: ask variable() for what the path says.
     std::shared_ptr<slate::Dictionary> params;
     /// The process id of the server.
     int pid = 0;
+    /// The variables of the path alone, by name, in the order of the pattern; variable() finds one.
+    std::vector<std::pair<std::string, std::string>> variables;
+
+    /// A variable that the route's pattern caught in the path (or its default), as it stands there,
+    /// undecoded; `dflt` if the path has none of that name. No header and no parameter of that name plays a
+    /// part.
+    std::string variable(std::string_view name, std::string_view dflt = {}) const;
+
+    /// The same as a value, read by slate::try_parse: `context.variable<int>("id")`. Throws MessageException,
+    /// status 400, for a text that isn't such a value, and for a missing variable without `dflt`.
+    template <class T>
+    T variable(std::string_view name) const
+    {
+        const std::string* text = find_variable(name);
+        T value{};
+        if (!text || !slate::try_parse<T>(*text, &value))
+            throw_bad_variable(name, text);
+        return value;
+    }
+    template <class T>
+    requires std::is_arithmetic_v<T> T variable(std::string_view name, T dflt)
+    const { return find_variable(name) ? variable<T>(name) : dflt; }
+
+private:
+    const std::string* find_variable(std::string_view name) const;
+    [[noreturn]] static void throw_bad_variable(std::string_view name, const std::string* text);
 };
 } // namespace tarn

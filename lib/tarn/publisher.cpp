@@ -16,22 +16,23 @@
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/client.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
 #include "tarn/internal/utils/send.h"
-#include "tarn/internal/utils/thread_sanitizer.h"
+#include "tarn/message_factory.h"
+#include "tarn/proto/message.pb.h"
 #include "tarn/proto/stats.pb.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 namespace {
-using Headers = std::shared_ptr<slate::Dictionary>;
-using Endpoint = std::shared_ptr<const slate::Uri>;
 
 constexpr int linger_milliseconds = 250;
 
-/// 0, and then ms/1024 to ms/2, each twice the one before: eleven in all.
+/// 0, then ms/1024 to ms/2, each twice the one before: eleven delays.
 std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
 {
     std::vector<std::uint32_t> delays;
@@ -41,7 +42,7 @@ std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
     return delays;
 }
 
-/// Why a message can't be published, or empty.
+/// The reason why a message can't be published; empty if it can.
 std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
 {
     if (!message)
@@ -62,23 +63,22 @@ std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
 
 class PublisherImpl : public Publisher {
 public:
-    /// Binds if there is no `client_uri`, else connects and proves the connection.
-    PublisherImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& uri,
-                  const slate::Duration& timeout, unsigned int retries, const Endpoint& client_uri,
+    /// Binds without `stats_endpoint`, else connects and proves the connection.
+    PublisherImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& endpoint,
+                  const slate::Duration& timeout, unsigned int retries, const Endpoint& stats_endpoint,
                   const std::shared_ptr<MessageFactory>& factory)
         : context_(context),
           timeout_(timeout),
-          factory_(factory),
-          uri_(uri),
+          factory_(factory ? factory : make_message_factory()),
+          uri_(endpoint),
           uuid_(slate::make_uuid().to_string()),
           provider_("zmq.publisher", instance++),
-          err_(add_error_counter("err")),
-          tx_(provider_->add_counter("tx", slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative)),
-          connect_(provider_->add_counter("connect", slate::Rational<int>(0, 1), "",
-                                          slate::CounterPolicy::Cumulative)),
-          connect_error_(add_error_counter("connect_error")),
+          err_(tarn_internal::add_error_counter(*provider_, "err")),
+          tx_(tarn_internal::add_counter(*provider_, "tx")),
+          connect_(tarn_internal::add_counter(*provider_, "connect")),
+          connect_error_(tarn_internal::add_error_counter(*provider_, "connect_error")),
           socket_(*context_, zmq::socket_type::pub),
-          client_(client_uri ? make_client(client_uri, retries, factory) : nullptr)
+          client_(stats_endpoint ? make_client(stats_endpoint, retries, factory_) : nullptr)
     {
         if (client_)
             socket_.connect(uri_->to_string());
@@ -111,18 +111,12 @@ public:
     std::shared_ptr<Reply> send(const Request& request) override { return put(request.message); }
 
 private:
-    std::shared_ptr<slate::Counter> add_error_counter(const std::string& name)
-    {
-        return provider_->add_error_counter(name, slate::Rational<int>(0, 1), "",
-                                            slate::CounterPolicy::Cumulative);
-    }
-
     /// Checks and publishes a put or a delete.
     std::shared_ptr<Reply> put(const std::shared_ptr<Message>& message)
     {
         if (const std::string_view fault = why_unpublishable(message); !fault.empty()) {
             slate::log_error(provider_, SLATE_HERE, fault);
-            return make_reply(Status::BadRequest);
+            return make_reply(Status::BadRequest, LocalCause::InvalidRequest);
         }
         auto reply = publish(*message);
         if (reply->good())
@@ -137,18 +131,17 @@ private:
         if (!send_frames(tarn_internal::to_topic(head->path()), message)) {
             slate::log_error(provider_, SLATE_HERE, "Failed to send the message");
             err_->increment();
-            return make_reply(Status::RequestTimeout);
+            return make_reply(Status::RequestTimeout, LocalCause::SocketFailed);
         }
         if (slate::is_logging_allowed(slate::ExtremeLevel))
             slate::log_extreme(provider_, SLATE_HERE, "sent: ", to_string(message));
-        return make_reply(Status::Ok);
+        return make_reply(Status::Ok, LocalCause::None);
     }
 
-    /// False if the socket takes no more, or the message can't be serialised.
+    /// False if the socket's queue is full, or the message can't be serialised.
     bool send_frames(const std::string& topic, const Message& message)
     {
-        // Before the topic goes out: a topic whose payload can't follow would be taken for half of the next
-        // message.
+        // Serialised before the topic is sent: a topic without its payload would swallow the next message.
         auto payload = tarn_internal::to_frame(message);
         if (!payload)
             return false;
@@ -161,13 +154,7 @@ private:
 
     bool send_frame(zmq::message_t& frame, int flags)
     {
-        tarn_internal::tsan_release(frame.data());
-        if (zmq_msg_send(frame.handle(), socket_.handle(), flags) >= 0)
-            return true;
-        if (zmq_errno() != EAGAIN)
-            throw zmq::error_t();
-        slate::log_error(provider_, SLATE_HERE, "dropped message", zmq_strerror(EAGAIN));
-        return false;
+        return tarn_internal::send_frame(socket_, frame, flags, "dropped message", provider_);
     }
 
     /// Publishes probes until the relay's statistics show them. Throws if they never do.
@@ -190,7 +177,7 @@ private:
         throw std::runtime_error(slate::trace_error(provider_, SLATE_HERE, "failed to connect to the relay"));
     }
 
-    /// Whether the number that the relay shows for this publisher has moved.
+    /// Whether the relay's count for this publisher has changed since the last look.
     bool is_connected(unsigned int& seen) const
     {
         const auto reply = client_->get("/relay/stats", nullptr, timeout_);
@@ -209,9 +196,9 @@ private:
         return false;
     }
 
-    std::shared_ptr<Reply> make_reply(Status status) const
+    std::shared_ptr<Reply> make_reply(Status status, LocalCause cause) const
     {
-        return std::make_shared<Reply>(factory_->make_response(status));
+        return std::make_shared<Reply>(factory_->make_response(status), cause);
     }
 
     static std::atomic<int> instance;
@@ -234,23 +221,20 @@ private:
 std::atomic<int> PublisherImpl::instance{0};
 } // namespace
 
-std::shared_ptr<Publisher> make_publisher(const Endpoint& uri, const slate::Duration& timeout,
-                                          unsigned int retries, const Endpoint& client_uri,
+std::shared_ptr<Publisher> make_publisher(const Endpoint& endpoint, const slate::Duration& timeout,
+                                          unsigned int retries, const Endpoint& stats_endpoint,
                                           const std::shared_ptr<MessageFactory>& factory)
 {
-    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
-    if (!subsystem) {
-        slate::log_error(SLATE_HERE, "cannot make_publisher, tarn not / no longer initialized");
+    const auto runtime = tarn_internal::find_runtime("make_publisher");
+    if (!runtime)
+        return nullptr;
+    const Endpoint at = endpoint ? endpoint : relay_sub_sock(runtime->settings);
+    const Endpoint stats_at = endpoint ? stats_endpoint : relay_zmq_sock(runtime->settings);
+    // Without a statistics endpoint the publisher would bind, and so take over the relay's own endpoint.
+    if (!at || (!endpoint && !stats_at)) {
+        slate::log_error(SLATE_HERE, "cannot make_publisher, a relay setting is not an endpoint");
         return nullptr;
     }
-    const auto settings = subsystem->settings();
-    const Endpoint pub = uri ? uri : relay_sub_sock(settings);
-    const Endpoint client = uri ? client_uri : relay_zmq_sock(settings);
-    // Without an endpoint to ask it would bind, and so take the relay's own endpoint over.
-    if (!pub || (!uri && !client)) {
-        slate::log_error(SLATE_HERE, "cannot make_publisher, the relay's endpoint is none");
-        return nullptr;
-    }
-    return std::make_shared<PublisherImpl>(subsystem->ctx(), pub, timeout, retries, client, factory);
+    return std::make_shared<PublisherImpl>(runtime->context, at, timeout, retries, stats_at, factory);
 }
 } // namespace tarn

@@ -9,62 +9,59 @@
 #include "slate/dictionary.h"
 #include "slate/duration.h"
 #include "tarn/internal/defaults.h"
-#include "tarn/message_factory.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
-
-namespace slate {
-class Uri;
-}
+#include "tarn/types.h"
 
 namespace tarn {
-/// Tells whoever has subscribed that something has changed: sends PUT and DELETE messages, normally to a
-/// relay, which spreads them to every subscribed server. Nobody answers.
+class MessageFactory;
+
+/// Publishes changes: sends PUT and DELETE messages, normally to a relay, which passes them on to every
+/// subscribed server. Subscribers don't answer.
 ///
-/// The reply that each call gives is made here: status 200 says that the message was handed to the socket,
-/// and no more. Without a relay or a subscriber it is lost without an error. Status 400 is for a message that
-/// can't be published, 408 for a socket that takes no more. Throws zmq::error_t if the socket is broken, and
+/// The publisher makes each reply itself: status 200 means only that it handed the message to the socket.
+/// Without a relay or a subscriber the message is lost without an error. Status 400 reports a message that
+/// can't be published, 408 a socket whose queue is full. Throws zmq::error_t if the socket is broken, and
 /// what MessageFactory throws for a bad recipient. `headers` may be null.
 ///
-/// Threads: may be shared. Lifetime: may outlive ZmqSubsystem. What was published just before the end gets
-/// 250 ms to leave.
+/// Threads: may be shared. Lifetime: may outlive ZmqSubsystem. At its end the publisher waits 250 ms
+/// at most for its last messages to leave.
 class Publisher {
 public:
     virtual ~Publisher() = default;
 
     // Programs are linked against the order of these functions: add new ones at the end.
 
-    /// The endpoint that it publishes at.
-    virtual std::shared_ptr<const slate::Uri> url() const = 0;
+    /// The endpoint of its socket.
+    [[nodiscard]] virtual Endpoint url() const = 0;
 
-    virtual std::shared_ptr<Reply> put(const std::string_view& path, const std::string& body,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> put(const std::string_view& path, const std::string& body,
+                                                     const Headers& headers = nullptr) = 0;
     /// Reads the stream to its end; there are no chunks here.
-    virtual std::shared_ptr<Reply> put(const std::string_view& path, std::istream& body,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr) = 0;
-    virtual std::shared_ptr<Reply> del(const std::string_view& path,
-                                       const std::shared_ptr<slate::Dictionary>& headers = nullptr) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> put(const std::string_view& path, std::istream& body,
+                                                     const Headers& headers = nullptr) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> del(const std::string_view& path,
+                                                     const Headers& headers = nullptr) = 0;
     /// Publishes the message that the request holds, a put or delete; its sender's tag becomes this
     /// publisher's.
-    virtual std::shared_ptr<Reply> send(const Request& request) = 0;
+    [[nodiscard]] virtual std::shared_ptr<Reply> send(const Request& request) = 0;
 };
 
-/// A publisher to the relay of the settings ("relay_sub" and "relay_url"), or, with `uri` and `client_uri`,
-/// to the relay that takes changes in at the one and answers for its statistics at the other, or, with `uri`
-/// alone, at an endpoint of its own, which subscribers connect to.
+/// A publisher to the relay of the settings ("relay_sub" and "relay_url"), or, with `endpoint` and
+/// `stats_endpoint`, to the relay that takes published changes in at the one and answers for its statistics
+/// at the other, or, with `endpoint` alone, at an endpoint of its own, which subscribers connect to.
 ///
 /// A connection takes a while to stand, and what is sent before is lost. So, but for an endpoint of its own,
-/// the relay's statistics are asked for until they show what this publisher sends: eleven times, with growing
-/// gaps that sum up to just under `timeout`. A relay that is there is found within milliseconds. With a dead
-/// one, each of the eleven requests also blocks for (retries + 1) x timeout, so that a call with 4 s takes 4
-/// + 11 x 4 = 48 s without retries, and 4 + 11 x 12 = 136 s with two.
+/// the publisher asks for the relay's statistics until they show what it sends: eleven times, with growing
+/// gaps that add up to just under `timeout`. It finds a running relay within milliseconds. With a dead one,
+/// each of the eleven requests also blocks for (retries + 1) x timeout, so that a call with 4 s takes 4 + 11
+/// x 4 = 48 s without retries, and 4 + 11 x 12 = 136 s with two.
 ///
-/// Null, with an error in the log, without a ZmqSubsystem or if a setting is no endpoint. Throws
-/// std::runtime_error if the relay isn't found, zmq::error_t if the socket can't be made, and Exception if a
-/// setting is missing.
-std::shared_ptr<Publisher> make_publisher(
-    const std::shared_ptr<const slate::Uri>& uri = nullptr,
-    const slate::Duration& timeout = default_timeout(), unsigned int retries = 0,
-    const std::shared_ptr<const slate::Uri>& client_uri = nullptr,
-    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
+/// Without `factory` the publisher makes one. Null, with an error in the log, without a ZmqSubsystem or if a
+/// setting is not an endpoint. Throws std::runtime_error if the relay isn't found, zmq::error_t if the socket
+/// can't be made, and Exception if a setting is missing.
+[[nodiscard]] std::shared_ptr<Publisher> make_publisher(
+    const Endpoint& endpoint = nullptr, const slate::Duration& timeout = default_timeout(),
+    unsigned int retries = 0, const Endpoint& stats_endpoint = nullptr,
+    const std::shared_ptr<MessageFactory>& factory = nullptr);
 } // namespace tarn

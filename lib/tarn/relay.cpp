@@ -6,24 +6,23 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/controlled_thread.h"
 #include "tarn/internal/transport/proxy.h"
 #include "tarn/internal/utils/socket_ops.h"
-#include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 namespace {
 using namespace tarn_internal;
-using Endpoint = std::shared_ptr<const slate::Uri>;
 
 class RelayImpl : public Relay {
 public:
-    RelayImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& sub_uri,
-              const Endpoint& pub_uri)
+    RelayImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& relay_in,
+              const Endpoint& relay_out)
         : context_(context),
-          sub_uri_(sub_uri),
-          pub_uri_(pub_uri),
+          sub_uri_(relay_in),
+          pub_uri_(relay_out),
           xsub_(*context_, zmq::socket_type::xsub),
           xpub_(*context_, zmq::socket_type::xpub),
           thread_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
@@ -57,22 +56,20 @@ private:
     }
 
     const std::shared_ptr<zmq::context_t> context_;
-    const Endpoint sub_uri_;
-    const Endpoint pub_uri_;
-    // Made and bound by the owner, and used by the thread alone once that has started.
+    const Endpoint sub_uri_; // of the relay's own ZMQ_XSUB socket, so where publishers connect
+    const Endpoint pub_uri_; // of its ZMQ_XPUB socket, where subscribers connect
+    // The owner makes and binds them; once the thread has started, only the thread uses them.
     zmq::socket_t xsub_;
     zmq::socket_t xpub_;
     ControlledThread thread_; // last, as it uses all of the above
 };
 } // namespace
 
-std::shared_ptr<Relay> make_relay(const Endpoint& sub_uri, const Endpoint& pub_uri)
+std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& relay_out)
 {
-    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
-    if (!subsystem) {
-        slate::log_error(SLATE_HERE, "cannot make_relay, tarn not / no longer initialized");
+    const auto runtime = find_runtime("make_relay");
+    if (!runtime)
         return nullptr;
-    }
-    return std::make_shared<RelayImpl>(subsystem->ctx(), sub_uri, pub_uri);
+    return std::make_shared<RelayImpl>(runtime->context, relay_in, relay_out);
 }
 } // namespace tarn

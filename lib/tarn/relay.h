@@ -3,23 +3,24 @@
 
 #include <memory>
 
+#include "tarn/types.h"
+
 namespace slate {
 class Uri;
 }
 
 namespace tarn {
 /// The meeting point of publish and subscribe: publishers connect to one of its endpoints and subscribers to
-/// the other, so that neither needs to know the other. It runs from the moment that it is made; destroying it
-/// stops it and removes its socket files. It neither reads nor changes what passes through.
+/// the other, so that neither needs to know the other. It runs from its construction; destroying it stops it
+/// and removes its socket files. It neither reads nor changes the messages.
 class Relay {
 public:
     virtual ~Relay() = default;
 };
 
-/// A relay that takes changes in at `sub_uri` and puts them out at `pub_uri` (neither null); the usual
-/// endpoints come from relay_sub_sock and relay_pub_sock. Null, with an error in the log, without a
-/// ZmqSubsystem. Throws zmq::error_t if an endpoint can't be bound. Of an ipc path that somebody else serves
-/// libzmq doesn't tell: it takes the path over.
-std::shared_ptr<Relay> make_relay(const std::shared_ptr<const slate::Uri>& sub_uri,
-                                  const std::shared_ptr<const slate::Uri>& pub_uri);
+/// A relay that takes published changes in at `relay_in` and puts them out at `relay_out` (neither null); the
+/// usual endpoints come from relay_sub_sock and relay_pub_sock. Null, with an error in the log, without a
+/// ZmqSubsystem. Throws zmq::error_t if an endpoint can't be bound. libzmq doesn't report an ipc path that
+/// another process serves: the relay takes such a path over.
+[[nodiscard]] std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& relay_out);
 } // namespace tarn

@@ -11,7 +11,7 @@
 
 namespace tarn {
 namespace {
-// Senders come and go with new tags for ever, so something has to give.
+// Every publisher has a new tag, so the list needs a limit.
 constexpr std::size_t max_senders = 1000;
 constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
 
@@ -21,7 +21,7 @@ public:
 
     void get(Context& context) const override
     {
-        // A router has taken the first segment away, if the relay's process is its service "relay".
+        // A router removes the first segment if the relay's process is its service "relay".
         const std::string path = context.request.path();
         if (path != "/relay/stats" && path != "/stats")
             throw MessageException(Status::NotFound, "");
@@ -53,7 +53,7 @@ private:
 
     void hear(const Head& head)
     {
-        if (head.path() != "/stats") // somebody else's
+        if (head.path() != "/stats") // another service's change
             count(head.from());
     }
 
@@ -70,7 +70,7 @@ private:
         else {
             senders_.splice(senders_.begin(), senders_, found->second);
         }
-        // The number is looked at for movement only, and it wraps rather than overflows.
+        // Publishers only look whether the number changes; it wraps around instead of overflowing.
         found->second->packets =
             static_cast<std::int32_t>(static_cast<std::uint32_t>(found->second->packets) + 1);
         found->second->last_seen = now();
@@ -100,7 +100,7 @@ private:
 
     const std::shared_ptr<slate::Clock> clock_ = slate::make_clock_factory()->make_clock();
     mutable std::mutex mutex_;  // guards the two below: a route may be added to several servers
-    std::list<Sender> senders_; // the one heard last in front
+    std::list<Sender> senders_; // most recently heard first
     std::unordered_map<std::string, std::list<Sender>::iterator> by_tag_;
 };
 } // namespace

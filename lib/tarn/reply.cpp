@@ -1,7 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/reply.h"
 
+#include <utility>
+
 #include "slate/file.h"
+#include "slate/log.h"
+#include "slate/strings.h"
+#include "tarn/exception.h"
+#include "tarn/formats.h"
+#include "tarn/proto/message.pb.h"
 #include "tarn/serdes.h"
 
 namespace tarn {
@@ -21,22 +28,47 @@ bool Succeeded(const std::shared_ptr<Message>& message)
 
 void Reply::set_reply_text(const std::string& text)
 {
-    set_text(text, Format::Text);
+    set_content(Format::Text, text);
+}
+
+void Reply::set_reply_text(std::string&& text)
+{
+    set_content(Format::Text, std::move(text));
 }
 
 void Reply::set_reply_json(const std::string& json)
 {
-    set_text(json, Format::Json);
+    set_content(Format::Json, json);
+}
+
+void Reply::set_reply_json(std::string&& json)
+{
+    set_content(Format::Json, std::move(json));
 }
 
 void Reply::set_reply_xml(const std::string& xml)
 {
-    set_text(xml, Format::Xml);
+    set_content(Format::Xml, xml);
+}
+
+void Reply::set_reply_xml(std::string&& xml)
+{
+    set_content(Format::Xml, std::move(xml));
+}
+
+void Reply::set_reply_data(Format format, const std::string& bytes)
+{
+    set_content(format, bytes);
+}
+
+void Reply::set_reply_data(Format format, std::string&& bytes)
+{
+    set_content(format, std::move(bytes));
 }
 
 void Reply::set_reply_text(const google::protobuf::Message& value)
 {
-    set_text(value.DebugString(), Format::Text);
+    set_content(Format::Text, value.DebugString());
 }
 
 void Reply::set_reply_json(const google::protobuf::Message& value)
@@ -44,14 +76,19 @@ void Reply::set_reply_json(const google::protobuf::Message& value)
     set_format_status(Format::Json, Status::Ok);
     std::string json;
     to_json(value, &json, slate::ErrorLevel);
-    mutable_response()->mutable_body()->mutable_txt()->swap(json);
+    mutable_response()->mutable_body()->set_txt(std::move(json));
+}
+
+void Reply::set_reply_proto(const google::protobuf::Message& value)
+{
+    set_reply_proto(value, Format::Proto);
 }
 
 void Reply::set_reply_proto(const google::protobuf::Message& value, Format format)
 {
     set_format_status(format, Status::Ok);
-    std::string bytes = to_binary(value, slate::ErrorLevel);
-    mutable_response()->mutable_body()->mutable_bin()->swap(bytes);
+    std::string bytes = to_binary(value, slate::ErrorLevel); // may throw, and then leaves the body alone
+    mutable_response()->mutable_body()->set_bin(std::move(bytes));
 }
 
 void Reply::set_reply_file(const std::filesystem::path& path)
@@ -61,10 +98,7 @@ void Reply::set_reply_file(const std::filesystem::path& path)
         throw MessageException(Status::NotFound, path.string() + " does not exist");
 
     std::string content = slate::slurp_file<std::string>(path.string(), std::ios::binary);
-    const Format format = tarn_internal::to_format_from_path(path);
-    Body* body = mutable_response()->mutable_body();
-    (tarn_internal::is_binary_format(format) ? body->mutable_bin() : body->mutable_txt())->swap(content);
-    set_format_status(format, Status::Ok);
+    set_content(tarn_internal::to_format_from_path(path), std::move(content));
 }
 
 void Reply::set_format_status(Format format, Status status)
@@ -77,6 +111,13 @@ void Reply::set_format_status(Format format, Status status)
 void Reply::set_status(Status status)
 {
     mutable_response()->set_status(status);
+}
+
+void Reply::set_status(Status status, const std::string& text)
+{
+    Response* response = mutable_response();
+    response->set_status(status);
+    response->set_status_message(slate::to_utf8(text));
 }
 
 Status Reply::status() const
@@ -108,6 +149,11 @@ bool Reply::good() const
     return true;
 }
 
+std::string Reply::text_or(std::string dflt) const
+{
+    return good() && has_body() ? data() : std::move(dflt);
+}
+
 Response* Reply::mutable_response()
 {
     if (!message)
@@ -115,9 +161,14 @@ Response* Reply::mutable_response()
     return message->mutable_response();
 }
 
-void Reply::set_text(const std::string& text, Format format)
+template <class Content>
+void Reply::set_content(Format format, Content&& content)
 {
     set_format_status(format, Status::Ok);
-    mutable_response()->mutable_body()->set_txt(text);
+    Body* body = mutable_response()->mutable_body();
+    if (tarn_internal::is_binary_format(format))
+        body->set_bin(std::forward<Content>(content));
+    else
+        body->set_txt(std::forward<Content>(content));
 }
 } // namespace tarn

@@ -8,12 +8,38 @@
 #include "tarn/internal/envelope.h"
 
 namespace tarn {
-/// Whether a status tells success: 200 to 299.
+class Response;
+enum Status : int; // generated: "tarn/proto/status.pb.h" has the values
+
+/// Whether a status is one of 200 to 299.
 bool Succeeded(Status status);
-/// The same of a response, or of the result of a call; false for every other message and for null.
+/// Whether a message is a reply, or a call with a result, of such a status.
 bool Succeeded(const std::shared_ptr<Message>& message);
 
-/// The reply side of an exchange. Everything of Envelope works on it.
+/// Why a client made a reply itself.
+enum class LocalCause : int {
+    /// It did not: the reply came from a server.
+    None = 0,
+    /// The request holds nothing that could be sent.
+    InvalidRequest = 1,
+    /// Nothing came within the timeout and the retries.
+    NoAnswerInTime = 2,
+    /// The caller, or the end of its process, cancelled the request.
+    Cancelled = 3,
+    /// More requests are under way than the client takes.
+    TooMany = 4,
+    /// The request is larger than a message can be.
+    TooLarge = 5,
+    /// ZeroMQ refused the socket, or to send on it.
+    SocketFailed = 6,
+    /// Nobody serves the endpoint.
+    NoSuchEndpoint = 7,
+    /// The caller may not connect to the endpoint.
+    NotAllowed = 8,
+};
+
+/// The reply side of an exchange: a handler fills one, a client gets one. All operations of Envelope are
+/// available.
 ///
 /// The setters make the message a response if it is anything else, and throw Exception without a message, as
 /// the reply to a published change has none.
@@ -21,24 +47,36 @@ class Reply : public tarn_internal::Envelope {
 public:
     Reply() = default;
     explicit Reply(const std::shared_ptr<Message>& shared) : Envelope(shared) {}
+    /// A reply that a client makes itself.
+    Reply(const std::shared_ptr<Message>& shared, LocalCause cause) : Envelope(shared), cause_(cause) {}
 
     /// Status 200 and a body. The JSON and XML forms don't check their text.
     void set_reply_text(const std::string& text);
+    void set_reply_text(std::string&& text);
     void set_reply_json(const std::string& json);
+    void set_reply_json(std::string&& json);
     void set_reply_xml(const std::string& xml);
+    void set_reply_xml(std::string&& xml);
 
-    /// Status 200 and a protobuf message as text for people, as JSON or in binary. Throws SerdesException.
+    /// Status 200 and a body of any format.
+    void set_reply_data(Format format, const std::string& bytes);
+    void set_reply_data(Format format, std::string&& bytes);
+
+    /// Status 200 and a protobuf message as text for people, as JSON or in binary (format `Proto`, unless
+    /// told otherwise). Throws SerdesException.
     void set_reply_text(const google::protobuf::Message& value);
     void set_reply_json(const google::protobuf::Message& value);
-    void set_reply_proto(const google::protobuf::Message& value, Format format = Format::Proto);
+    void set_reply_proto(const google::protobuf::Message& value);
+    void set_reply_proto(const google::protobuf::Message& value, Format format);
 
     /// Status 200 and a file's contents, in the format that its name tells. Throws MessageException, status
     /// 404, if there is no such file, and std::filesystem::filesystem_error if it can't be read.
     void set_reply_file(const std::filesystem::path& path);
 
-    /// The body stays as it is.
+    /// The body stays as it is. `text` becomes the status message; what is not UTF-8 in it is replaced.
     void set_format_status(Format format, Status status);
     void set_status(Status status);
+    void set_status(Status status, const std::string& text);
 
     /// Of a response, or of the result of a call; `UnknownStatus` and empty otherwise.
     Status status() const;
@@ -49,8 +87,19 @@ public:
     bool good() const;
     bool bad() const { return !good(); }
 
+    /// The body of a good reply; `dflt` if the reply is bad or has no body.
+    std::string text_or(std::string dflt) const;
+
+    /// Whether the client made this reply itself, as no server answered, and why. No peer can forge either:
+    /// neither is part of a message.
+    bool is_local() const { return cause_ != LocalCause::None; }
+    LocalCause local_cause() const { return cause_; }
+
 private:
     Response* mutable_response();
-    void set_text(const std::string& text, Format format);
+    template <class Content>
+    void set_content(Format format, Content&& content);
+
+    LocalCause cause_ = LocalCause::None;
 };
 } // namespace tarn

@@ -2,6 +2,10 @@
 #include "tarn/request.h"
 
 #include "slate/strings.h"
+#include "tarn/exception.h"
+#include "tarn/formats.h"
+#include "tarn/proto/message.pb.h"
+#include "tarn/transfer/chunk_headers.h"
 
 namespace tarn {
 std::string Request::meta(const std::string& key) const
@@ -29,12 +33,10 @@ void Request::set_meta(const std::string& key, const std::string& value)
 
 std::optional<std::uint32_t> Request::chunk_number() const
 {
-    static const std::string key = "X-Tarn-Chunk-Number";
-
-    if (!has_header(key))
+    if (!has_header(chunk_header::number))
         return std::nullopt;
     unsigned int number = 0;
-    if (!slate::try_parse(header(key, ""), &number))
+    if (!slate::try_parse(header(chunk_header::number, ""), &number))
         throw MessageException(Status::BadRequest, "invalid chunk number");
     return number;
 }

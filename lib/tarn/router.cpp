@@ -3,29 +3,33 @@
 
 #include "slate/log.h"
 #include "tarn/internal/router/router_impl.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/bind_endpoints.h"
-#include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
-                                    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                                    const std::shared_ptr<const slate::Uri>& sub_uri,
+                                    const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                                     const std::shared_ptr<MessageFactory>& factory,
                                     const std::filesystem::path& run_time_directory)
 {
-    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
-    if (!subsystem) {
-        slate::log_error(SLATE_HERE, "cannot make_router, tarn not / no longer initialized");
-        return nullptr;
-    }
-    if (!tarn_internal::are_endpoints(uris, "make_router"))
+    return make_router(settings, endpoints, relay_out, factory, run_time_directory, {});
+}
+
+std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                    const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+                                    const std::shared_ptr<MessageFactory>& factory,
+                                    const std::filesystem::path& run_time_directory,
+                                    const std::vector<std::shared_ptr<Route>>& routes)
+{
+    const auto runtime = tarn_internal::find_runtime("make_router");
+    if (!runtime || !tarn_internal::are_endpoints(endpoints, "make_router"))
         return nullptr;
     if (run_time_directory.empty()) {
         slate::log_error(SLATE_HERE, "cannot make_router, no run-time directory given");
         return nullptr;
     }
-    return std::make_shared<tarn_internal::RouterImpl>(subsystem->ctx(), settings, uris, sub_uri,
+    return std::make_shared<tarn_internal::RouterImpl>(runtime->context, settings, endpoints, relay_out,
                                                        factory ? factory : make_message_factory(),
-                                                       run_time_directory);
+                                                       run_time_directory, routes);
 }
 } // namespace tarn

@@ -7,6 +7,7 @@
 
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Dictionary;
@@ -14,37 +15,43 @@ class Uri;
 } // namespace slate
 
 namespace tarn {
-/// Where a router looks for services, unless it is told otherwise.
+/// The default directory in which a router looks for services.
 inline constexpr const char* default_run_time_directory = "/run/tide";
 
 /// One endpoint for all services of a device. The first segment of a request's path names the service, and
 /// the router passes the request on to that service's own socket, without that segment, and the reply back:
 /// "/clock/time/zone" goes to the service at "/run/tide/clock/zmq.sock" as "/time/zone", and "/clock/2/time"
-/// to the one at "/run/tide/clock/2/zmq.sock" as "/time". The file system is asked anew for every request, so
-/// services come and go without the router being told.
+/// to the one at "/run/tide/clock/2/zmq.sock" as "/time". The router looks at the file system for every
+/// request, so services can come and go at any time.
 ///
-/// What names no service, as there is no such directory, is answered by the routes that are added to the
-/// router itself; like those of a server with one thread. Remote calls can be added, but nobody reaches them:
-/// a message without a path is answered with status 501.
+/// If there is no such directory, the router's own routes answer, as on a server with one thread. Remote
+/// calls can be added, but no request reaches them: the router answers a message without a path with status
+/// 501.
 ///
-/// Three requests are under way at a time, each for as long as its "ttl", less 500 ms, allows; further ones
-/// wait behind them, also if their own service is quick. See docs/servers.md for what a service that is gone
-/// costs.
+/// Three requests can be under way at a time, each for its "ttl" less 500 ms at most; further ones wait
+/// behind them, even if their own service is quick. docs/servers.md tells what a dead service costs.
 ///
-/// Destroying it stops it, after the requests that are under way, which are still answered. One that may wait
-/// for longer than default_timeout() is cut short then. The public endpoints' socket files stay.
+/// Destroying it stops it after it has answered the requests that are under way; a wait of more than
+/// default_timeout() is cut short. The public endpoints' socket files stay.
 class Router : public Server {};
 
-/// A router at `uris`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null, or if
-/// the directory is empty.
+/// A router at `endpoints`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null,
+/// or if the directory is empty.
 ///
-/// `settings` and `sub_uri` are for the routes of its own, as for make_server. `run_time_directory` holds a
+/// `settings` and `relay_out` are for the routes of its own, as for make_server. `run_time_directory` holds a
 /// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and
 /// the router then serves nothing. Throws zmq::error_t if the sockets that it talks to its threads by can't
 /// be made.
-std::shared_ptr<Router> make_router(
-    const std::shared_ptr<const slate::Dictionary>& settings,
-    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-    const std::shared_ptr<const slate::Uri>& sub_uri, const std::shared_ptr<MessageFactory>& factory,
+[[nodiscard]] std::shared_ptr<Router> make_router(
+    const std::shared_ptr<const slate::Dictionary>& settings, const std::vector<Endpoint>& endpoints,
+    const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory(),
     const std::filesystem::path& run_time_directory = default_run_time_directory);
+
+/// The same with routes of its own from the first moment; see make_server.
+[[nodiscard]] std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                                  const std::vector<Endpoint>& endpoints,
+                                                  const Endpoint& relay_out,
+                                                  const std::shared_ptr<MessageFactory>& factory,
+                                                  const std::filesystem::path& run_time_directory,
+                                                  const std::vector<std::shared_ptr<Route>>& routes);
 } // namespace tarn

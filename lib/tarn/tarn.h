@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// The whole library in one include.
-///
-/// Namespace tarn is the interface. What stands in tarn_internal is installed for those who build on the
-/// parts (a server, a test kit) and may change with any release.
+/// The whole interface in one include. Those who build on the parts that it is made of (a server of their
+/// own, a test kit) include "tarn/internal/internal.h" as well.
 
 #include "slate/slate.h"
 
@@ -12,24 +10,10 @@
 #include "tarn/context.h"
 #include "tarn/exception.h"
 #include "tarn/formats.h"
-#include "tarn/internal/async.h"
-#include "tarn/internal/defaults.h"
-#include "tarn/internal/envelope.h"
-#include "tarn/internal/lookup_table.h"
-#include "tarn/internal/multi_threaded_server.h"
-#include "tarn/internal/pid_finder.h"
-#include "tarn/internal/route_list.h"
-#include "tarn/internal/router/router_impl.h"
-#include "tarn/internal/session.h"
-#include "tarn/internal/single_threaded_server.h"
-#include "tarn/internal/transport/controlled_thread.h"
-#include "tarn/internal/utils/parse.h"
-#include "tarn/internal/utils/parse_recipient.h"
-#include "tarn/internal/utils/receive.h"
-#include "tarn/internal/utils/send.h"
-#include "tarn/internal/utils/socket_ops.h"
+#include "tarn/message.h"
 #include "tarn/message_factory.h"
 #include "tarn/policies.h"
+#include "tarn/proto/message.pb.h"
 #include "tarn/proto/routing.pb.h"
 #include "tarn/proto/stats.pb.h"
 #include "tarn/publisher.h"
@@ -49,4 +33,10 @@
 #include "tarn/storage/cached_file_store.h"
 #include "tarn/storage/file_store.h"
 #include "tarn/storage/memory_store.h"
+#include "tarn/transfer/chunk_headers.h"
+#include "tarn/transfer/download.h"
+#include "tarn/transfer/transfer_result.h"
+#include "tarn/transfer/upload.h"
+#include "tarn/types.h"
+#include "tarn/work.h"
 #include "tarn/zmq_subsystem.h"

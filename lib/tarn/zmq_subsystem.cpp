@@ -18,15 +18,13 @@ namespace {
 constexpr int io_threads = 1;
 constexpr int max_sockets = 1023; // libzmq's own default
 
-using Endpoint = std::shared_ptr<const slate::Uri>;
-
 Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
 {
     if (!settings.has(key))
         throw Exception(slate::trace_error(SLATE_HERE, "settings missing ", key));
     auto uri = slate::make_uri(settings.get(key, ""));
     if (!uri)
-        slate::log_error(SLATE_HERE, "setting is no endpoint: ", key, " = ", settings.get(key, ""));
+        slate::log_error(SLATE_HERE, "setting is not an endpoint: ", key, " = ", settings.get(key, ""));
     return uri;
 }
 
@@ -106,35 +104,53 @@ std::vector<std::shared_ptr<Server>> ZmqSubsystem::servers() const
     return servers_;
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_server(const Endpoint& url)
+std::shared_ptr<Server> ZmqSubsystem::add_server(const Endpoint& endpoint)
 {
-    return add_server(std::vector{url});
+    return add_server(std::vector{endpoint});
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& uris)
+std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& endpoints)
 {
-    return add_server(uris, relay_pub_if_set());
+    return add_server(endpoints, relay_pub_if_set());
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& uris, const Endpoint& pub)
+std::shared_ptr<Server> ZmqSubsystem::add_server(const std::vector<Endpoint>& endpoints,
+                                                 const Endpoint& relay_out)
 {
-    return keep(make_server(settings_, uris, pub, make_message_factory()));
+    return keep(make_server(settings_, endpoints, relay_out, make_message_factory()));
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const Endpoint& url)
+std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const Endpoint& endpoint)
 {
-    return add_server(workers, std::vector{url});
+    return add_server(workers, std::vector{endpoint});
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const std::vector<Endpoint>& uris)
+std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers,
+                                                 const std::vector<Endpoint>& endpoints)
 {
-    return add_server(workers, uris, relay_pub_if_set());
+    return add_server(workers, endpoints, relay_pub_if_set());
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers, const std::vector<Endpoint>& uris,
-                                                 const Endpoint& pub)
+std::shared_ptr<Server> ZmqSubsystem::add_server(unsigned long workers,
+                                                 const std::vector<Endpoint>& endpoints,
+                                                 const Endpoint& relay_out)
 {
-    return keep(make_server(workers, settings_, uris, pub, make_message_factory()));
+    return keep(make_server(workers, settings_, endpoints, relay_out, make_message_factory()));
+}
+
+std::shared_ptr<Server> ZmqSubsystem::serve(const Endpoint& endpoint,
+                                            const std::vector<std::shared_ptr<Route>>& routes,
+                                            unsigned long workers)
+{
+    return serve(std::vector{endpoint}, routes, workers);
+}
+
+std::shared_ptr<Server> ZmqSubsystem::serve(const std::vector<Endpoint>& endpoints,
+                                            const std::vector<std::shared_ptr<Route>>& routes,
+                                            unsigned long workers)
+{
+    return keep(
+        make_server(workers, settings_, endpoints, relay_pub_if_set(), make_message_factory(), routes));
 }
 
 std::shared_ptr<Server> ZmqSubsystem::add_subscriber()
@@ -142,21 +158,31 @@ std::shared_ptr<Server> ZmqSubsystem::add_subscriber()
     return add_subscriber(relay_pub_sock(settings_));
 }
 
-std::shared_ptr<Server> ZmqSubsystem::add_subscriber(const Endpoint& url)
+std::shared_ptr<Server> ZmqSubsystem::add_subscriber(const Endpoint& relay_out)
 {
-    return keep(make_subscriber(settings_, url, make_message_factory()));
+    return keep(make_subscriber(settings_, relay_out, make_message_factory()));
 }
 
-std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& uris,
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
                                                  const std::filesystem::path& run_time_directory)
 {
-    return add_router(uris, relay_pub_if_set(), run_time_directory);
+    return add_router(endpoints, relay_pub_if_set(), run_time_directory);
 }
 
-std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& uris, const Endpoint& pub,
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
+                                                 const Endpoint& relay_out,
                                                  const std::filesystem::path& run_time_directory)
 {
-    auto router = make_router(settings_, uris, pub, make_message_factory(), run_time_directory);
+    return add_router(endpoints, relay_out, run_time_directory, {});
+}
+
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
+                                                 const Endpoint& relay_out,
+                                                 const std::filesystem::path& run_time_directory,
+                                                 const std::vector<std::shared_ptr<Route>>& routes)
+{
+    auto router =
+        make_router(settings_, endpoints, relay_out, make_message_factory(), run_time_directory, routes);
     keep(router);
     return router;
 }

@@ -12,10 +12,10 @@
 #include "slate/lazy.h"
 #include "tarn/internal/defaults.h"
 #include "tarn/router.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Queue;
-class Uri;
 } // namespace slate
 
 namespace zmq {
@@ -25,21 +25,21 @@ class context_t;
 namespace tarn {
 class Server;
 
-/// The library, up and running in this process. An application makes one at start and destroys it at the end;
-/// every make_ function finds it through self() and refuses to work without it.
+/// The runtime of the library in this process. An application creates one at start and destroys it at the
+/// end; every make_ function finds it through self() and gives null without it.
 ///
-/// It holds the ZeroMQ context, the settings, a work queue that is made at first use, and the servers that
+/// It owns the ZeroMQ context, the settings, a work queue that is created at first use, and the servers that
 /// were made through it. Destroying it stops those servers, and then waits until every socket is closed;
-/// clients and publishers that the application still holds keep the context alive and go on working.
+/// clients and publishers that the application still owns keep the context alive and go on working.
 ///
-/// Threads: make it, destroy it and add servers on one thread; ctx(), settings(), queue() and servers() may
-/// be called on any thread in between.
+/// Threads: construct it, destroy it and add servers on one thread; any thread may call ctx(), settings(),
+/// queue() and servers() in between.
 class ZmqSubsystem {
 public:
     /// `settings` may hold "relay_url", "relay_pub", "relay_sub" and "session_ttl"; they are read and never
     /// written. `queue_setup`, if given, is called with the work queue when that is made. A second object
-    /// gets a context of its own, but self() stays with the first. Throws zmq::error_t if there is no context
-    /// to be had.
+    /// gets a context of its own, but self() stays with the first. Throws zmq::error_t if the context can't
+    /// be created.
     explicit ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings = slate::make_dictionary(),
                           const std::function<void(slate::Queue&)>& queue_setup = {});
 
@@ -61,37 +61,43 @@ public:
     std::vector<std::shared_ptr<Server>> servers() const;
 
     /// A server at one or more endpoints, kept alive here as well. See make_server for what can go wrong.
-    /// Without `pub`, it hears the changes of the relay at the setting "relay_pub", if there is one.
-    std::shared_ptr<Server> add_server(const std::shared_ptr<const slate::Uri>& url);
-    std::shared_ptr<Server> add_server(const std::vector<std::shared_ptr<const slate::Uri>>& uris);
-    std::shared_ptr<Server> add_server(const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                                       const std::shared_ptr<const slate::Uri>& pub);
+    /// Without `relay_out`, it hears the changes of the relay at the setting "relay_pub", if there is one.
+    std::shared_ptr<Server> add_server(const Endpoint& endpoint);
+    std::shared_ptr<Server> add_server(const std::vector<Endpoint>& endpoints);
+    std::shared_ptr<Server> add_server(const std::vector<Endpoint>& endpoints, const Endpoint& relay_out);
 
     /// The same with `workers` threads.
-    std::shared_ptr<Server> add_server(unsigned long workers, const std::shared_ptr<const slate::Uri>& url);
-    std::shared_ptr<Server> add_server(unsigned long workers,
-                                       const std::vector<std::shared_ptr<const slate::Uri>>& uris);
-    std::shared_ptr<Server> add_server(unsigned long workers,
-                                       const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                                       const std::shared_ptr<const slate::Uri>& pub);
+    std::shared_ptr<Server> add_server(unsigned long workers, const Endpoint& endpoint);
+    std::shared_ptr<Server> add_server(unsigned long workers, const std::vector<Endpoint>& endpoints);
+    std::shared_ptr<Server> add_server(unsigned long workers, const std::vector<Endpoint>& endpoints,
+                                       const Endpoint& relay_out);
 
-    /// A server without endpoints, which only hears published changes. Without `url`, those of the relay at
-    /// the setting "relay_pub"; throws Exception if there is none.
+    /// The same with its routes from the first moment: no request meets status 404 while the service starts.
+    std::shared_ptr<Server> serve(const Endpoint& endpoint, const std::vector<std::shared_ptr<Route>>& routes,
+                                  unsigned long workers = 1);
+    std::shared_ptr<Server> serve(const std::vector<Endpoint>& endpoints,
+                                  const std::vector<std::shared_ptr<Route>>& routes,
+                                  unsigned long workers = 1);
+
+    /// A server without endpoints, which only hears published changes. Without `relay_out`, those of the
+    /// relay at the setting "relay_pub"; throws Exception if there is none.
     std::shared_ptr<Server> add_subscriber();
-    std::shared_ptr<Server> add_subscriber(const std::shared_ptr<const slate::Uri>& url);
+    std::shared_ptr<Server> add_subscriber(const Endpoint& relay_out);
 
-    /// A router at `uris`, kept alive here as well; see make_router. Without `pub`, its own routes hear the
-    /// changes of the relay at the setting "relay_pub", if there is one.
+    /// A router at `endpoints`, kept alive here as well; see make_router. Without `relay_out`, its own routes
+    /// hear the changes of the relay at the setting "relay_pub", if there is one.
     std::shared_ptr<Router> add_router(
-        const std::vector<std::shared_ptr<const slate::Uri>>& uris,
+        const std::vector<Endpoint>& endpoints,
         const std::filesystem::path& run_time_directory = default_run_time_directory);
     std::shared_ptr<Router> add_router(
-        const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-        const std::shared_ptr<const slate::Uri>& pub,
+        const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
         const std::filesystem::path& run_time_directory = default_run_time_directory);
+    std::shared_ptr<Router> add_router(const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+                                       const std::filesystem::path& run_time_directory,
+                                       const std::vector<std::shared_ptr<Route>>& routes);
 
 private:
-    std::shared_ptr<const slate::Uri> relay_pub_if_set() const;
+    Endpoint relay_pub_if_set() const;
     std::shared_ptr<Server> keep(std::shared_ptr<Server> server);
 
     std::shared_ptr<zmq::context_t> ctx_;
@@ -103,8 +109,10 @@ private:
 };
 
 /// The endpoints named by the settings "relay_url", "relay_pub" and "relay_sub". Throws Exception if the key
-/// is missing; null if its value is no URI.
-std::shared_ptr<const slate::Uri> relay_zmq_sock(const std::shared_ptr<slate::Dictionary>& settings);
-std::shared_ptr<const slate::Uri> relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings);
-std::shared_ptr<const slate::Uri> relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings);
+/// is missing; null, with an error in the log, if its value is not an endpoint. relay_sub_sock is where
+/// publishers connect, the relay's input, and relay_pub_sock where subscribers do, its output: the names are
+/// those of the relay's own sockets.
+Endpoint relay_zmq_sock(const std::shared_ptr<slate::Dictionary>& settings);
+Endpoint relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings);
+Endpoint relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings);
 } // namespace tarn

@@ -55,11 +55,13 @@ expect 0 "1 bytes, MD5 *" "" "$upload" put /drop/x "x"
 
 expect 2 "" "*usage: *" "$status" get
 expect 2 "" "*usage: *" "$status" put /x y z
-expect 2 "" "*no endpoint: nonsense" nonsense get /
-expect 2 "" "*no verb: fetch" "$status" fetch /
-expect 2 "" "*no number of seconds: soon" -t soon "$status" get /
-expect 2 "" "*no number of seconds: -1" -t -1 "$status" get /
-expect 2 "" "*no header of the form KEY:VALUE: accept" -H accept "$status" get /
+expect 2 "" "*not an endpoint: nonsense" nonsense get /
+expect 2 "" "*not a verb: fetch" "$status" fetch /
+expect 2 "" "*not a number of seconds: soon" -t soon "$status" get /
+expect 2 "" "*not a number of seconds: -1" -t -1 "$status" get /
+expect 2 "" "*not a header of the form KEY:VALUE: accept" -H accept "$status" get /
+expect 2 "" "*tarn_request: usage: *" -x "$status" get /
+expect 2 "" "*tarn_request: usage: *" -H
 
 head -c 3000000 /dev/urandom >"$work/body"
 reply=$("$request" "$upload" put /drop/x - <"$work/body")

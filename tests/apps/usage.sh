@@ -35,12 +35,12 @@ serve() {
 }
 
 refuse 2 "usage: tarn_router *" "$router" "$work"
-refuse 2 "tarn_router: no endpoint: nonsense" "$router" "$work" nonsense
+refuse 2 "tarn_router: not an endpoint: nonsense" "$router" "$work" nonsense
 refuse 1 "*tarn_router: cannot answer at ipc://$work/missing/x.sock" "$router" "$work" "ipc://$work/missing/x.sock"
 serve "routing to the services below $work" "$router" "$work" "ipc://$work/a.sock" "ipc://$work/b.sock"
 
 refuse 2 "usage: tarn_relay *" "$relay" "ipc://$work/a.sock"
-refuse 2 "tarn_relay: no endpoint: nonsense" "$relay" "ipc://$work/a.sock" nonsense "ipc://$work/c.sock"
+refuse 2 "tarn_relay: not an endpoint: nonsense" "$relay" "ipc://$work/a.sock" nonsense "ipc://$work/c.sock"
 refuse 1 "*tarn_relay: *" "$relay" "ipc://$work/a.sock" "ipc://$work/missing/b.sock" "ipc://$work/c.sock"
 serve "relaying from ipc://$work/b.sock to ipc://$work/c.sock" \
     "$relay" "ipc://$work/a.sock" "ipc://$work/b.sock" "ipc://$work/c.sock"

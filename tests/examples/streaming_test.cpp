@@ -78,7 +78,7 @@ TEST_F(TheStreamingExample, EndsATransferThatAnotherOneHasReplaced)
     EXPECT_FALSE(std::filesystem::exists(file));
 }
 
-TEST_F(TheStreamingExample, GivesAFileInPieces)
+TEST_F(TheStreamingExample, GivesAFileInChunks)
 {
     for (const std::size_t size : {std::size_t(0), std::size_t(5), mebibyte, 3 * mebibyte + 1}) {
         const std::string text(size, '\xe4'); // no UTF-8

@@ -143,7 +143,7 @@ TEST_F(AProxy, WaitsForItsWorkersAlsoForThoseThatGiveUp)
 
 TEST_F(AProxy, HasNoUseForARoutersWorkerThatCannotConnect)
 {
-    RouterWorker worker(runtime->ctx(), nullptr, factory(), {});
+    RouterWorker worker(runtime->ctx(), nullptr, factory(), {}, {});
     EXPECT_FALSE(worker.connect(*slate::make_uri("nonsense://x"), thread.endpoint()));
     EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>{"Protocol not supported"});
 }

@@ -487,9 +487,9 @@ TEST_F(APublisher, IsNotMadeIfTheSettingsNameNoEndpoint)
     settings->set("relay_sub", "nonsense");
     settings->set("relay_url", std::string_view(stats_uri->to_string()));
     EXPECT_EQ(make_publisher(), nullptr);
-    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is no endpoint: relay_url = nonsense"));
-    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is no endpoint: relay_sub = nonsense"));
-    EXPECT_EQ(logs.count(slate::ErrorLevel, "cannot make_publisher, the relay's endpoint is none"), 2u);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is not an endpoint: relay_url = nonsense"));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is not an endpoint: relay_sub = nonsense"));
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "cannot make_publisher, a relay setting is not an endpoint"), 2u);
 }
 
 TEST_F(APublisher, GoesOnWithoutAnErrorWhenItsRelayHasGone)

@@ -21,6 +21,7 @@
 #include "support/forwarding_factory.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
+#include "tarn/internal/router/router_impl.h"
 
 namespace {
 using namespace std::chrono_literals;
@@ -524,7 +525,7 @@ TEST_F(ARouter, HearsNoChangesFromARelayWhoseSettingIsNoEndpoint)
     const auto made = runtime->add_router({uri}, run_time_directory);
     ASSERT_NE(made, nullptr);
     EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
-    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is no endpoint: relay_pub = nonsense"));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is not an endpoint: relay_pub = nonsense"));
 }
 
 TEST_F(ARouter, HearsNoChangesWithoutARelay)

@@ -3,6 +3,7 @@
 #include <set>
 
 #include "support/server_kinds.h"
+#include "tarn/internal/utils/parse.h"
 
 namespace {
 using namespace std::chrono_literals;

@@ -210,7 +210,7 @@ class TheDocument(InteropTest):
 
         topic, message = self.hear_change(subscriber)
         with open(DOCUMENT, encoding="utf-8") as document:
-            self.assertIn(f'"{topic.decode()}",\n`{topic.hex(" ")}`', document.read())
+            self.assertIn(f'"{topic.decode()}", `{topic.hex(" ")}`', " ".join(document.read().split()))
         self.assertRegex(getattr(message.put.head, "from").tag, "^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$")
         documented = Message.FromString(self.documented("change"))
         getattr(message.put.head, "from").tag = getattr(documented.put.head, "from").tag
@@ -346,7 +346,7 @@ class Transfers(InteropTest):
         self.service = self.start_service(workers=4)
 
     def test_up_and_down_keep_every_byte(self):
-        # Beyond what a service keeps in memory, and not a whole number of chunks or pieces.
+        # Beyond what a service keeps in memory, and not a whole number of chunks in either direction.
         data = random.Random(1).randbytes(11 * CHUNK_BYTES + 4711)
 
         for verb, status in (("put", 200), ("post", 201)):
@@ -354,12 +354,12 @@ class Transfers(InteropTest):
             reply = self.service.upload(verb, "/file", payload)
             self.assert_reply(reply, status, "", Format.Text, summary_of(payload))
 
-            pieces, last = self.service.download("/file")
-            self.assertEqual(b"".join(pieces), payload)
-            self.assertGreater(len(pieces), 1)
+            chunks, last = self.service.download("/file")
+            self.assertEqual(b"".join(chunks), payload)
+            self.assertGreater(len(chunks), 1)
             self.assertEqual((last.status, last.body), (200, b""))
 
-    def test_down_are_whole_for_who_cannot_take_pieces(self):
+    def test_down_are_whole_for_a_client_that_cannot_take_chunks(self):
         self.service.put("/file", bytes(2_000_000))
         self.assertEqual(self.service.get("/file").body, bytes(2_000_000))
 
@@ -465,16 +465,16 @@ class APythonService(InteropTest):
         self.assertEqual(b"".join(bodies), data)
         self.assertEqual((len(transfers), numbers), (1, ["0", "1", "2", "3"]))
 
-    def test_may_answer_a_download_in_pieces(self):
-        pieces = [b"one ", b"two ", b"three"]
+    def test_may_answer_a_download_in_chunks(self):
+        chunks = [b"one ", b"two ", b"three"]
         client = self.ask("download", "/thing")
-        for number, piece in enumerate(pieces + [b""]):
+        for number, chunk in enumerate(chunks + [b""]):
             request = self.next_request()
             head = head_of(request)
             self.assertEqual(header_of(head, "X-Tarn-Supports-Chunked-Transfer"), "true")
             self.assertEqual(header_of(head, "X-Tarn-Chunked-Transfer"), "its id" if number else None)
-            self.answer(request, 200, "", Format.Bin, piece, headers=[("X-Tarn-Chunked-Transfer", "its id")])
-        self.assertEqual(client.line(), f"200|Bin||{md5_of(b''.join(pieces))}")
+            self.answer(request, 200, "", Format.Bin, chunk, headers=[("X-Tarn-Chunked-Transfer", "its id")])
+        self.assertEqual(client.line(), f"200|Bin||{md5_of(b''.join(chunks))}")
 
 
 class Changes(InteropTest):

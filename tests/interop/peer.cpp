@@ -63,7 +63,7 @@ private:
     static void echo(tarn::Context& context) { context.reply.set_reply_json(*context.request.message); }
 };
 
-/// Keeps one body; gives it in pieces to who can take them.
+/// Keeps one body, and serves it in chunks to a client that can take them.
 class FileRoute : public tarn::Route {
 public:
     FileRoute() : Route("file", "get,put,post", "/file", tarn::Access::Public) {}
@@ -86,7 +86,7 @@ public:
         const auto position = positions_.find(transfer);
         if (position == positions_.end())
             throw tarn::MessageException(tarn::Status::Gone, "no such download");
-        answer(context, content_.substr(position->second, piece_bytes));
+        answer(context, content_.substr(position->second, chunk_bytes));
         context.reply.set_header("X-Tarn-Chunked-Transfer", transfer);
         position->second += context.reply.data().size();
         if (context.reply.data().empty())
@@ -94,7 +94,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t piece_bytes = 700'000;
+    static constexpr std::size_t chunk_bytes = 700'000;
 
     void store(tarn::Context& context, tarn::Status status)
     {
@@ -104,10 +104,10 @@ private:
         context.reply.set_status(status);
     }
 
-    static void answer(tarn::Context& context, const std::string& piece)
+    static void answer(tarn::Context& context, const std::string& chunk)
     {
         context.reply.set_format_status(tarn::Format::Bin, tarn::Status::Ok);
-        context.reply.message->mutable_response()->mutable_body()->set_bin(piece);
+        context.reply.message->mutable_response()->mutable_body()->set_bin(chunk);
     }
 
     std::string content_;

@@ -167,17 +167,17 @@ class Client:
         return reply
 
     def download(self, recipient, headers=()):
-        """All pieces, and the reply that ended the download."""
+        """All chunks, and the reply that ended the download."""
         headers = [*headers, ("X-Tarn-Supports-Chunked-Transfer", "true")]
         reply = self.get(recipient, headers)
         transfer = reply.header("X-Tarn-Chunked-Transfer")
         if not transfer:
             return [reply.body], reply
-        pieces = []
+        chunks = []
         while 200 <= reply.status < 300 and reply.body:
-            pieces.append(reply.body)
+            chunks.append(reply.body)
             reply = self.get(recipient, [*headers, ("X-Tarn-Chunked-Transfer", transfer)])
-        return pieces, reply
+        return chunks, reply
 
 
 def chunk_headers(transfer, number):

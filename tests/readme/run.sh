@@ -1,7 +1,14 @@
 #!/bin/sh
-# run.sh SERVICE CLIENT EXPECTED: starts the service, and asks it until the client prints what is expected, as the
-# routes come a moment after the socket.
+# run.sh SERVICE CLIENT EXPECTED: runs the client while nobody serves, which it must survive, with exit status 1. Then
+# starts the service, and runs the client until it prints what is expected, as the routes come a moment after the socket.
 set -eu
+status=0
+"$2" || status=$?
+if [ "$status" -ne 1 ]; then
+    echo "FAILED: without a service, the client's exit status is $status"
+    exit 1
+fi
+
 "$1" &
 service=$!
 trap 'kill $service 2>/dev/null || true' EXIT

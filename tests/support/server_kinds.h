@@ -5,6 +5,8 @@
 
 #include "support/peers.h"
 #include "support/runtime_test.h"
+#include "tarn/internal/multi_threaded_server.h"
+#include "tarn/internal/single_threaded_server.h"
 
 namespace tarn_test {
 /// How many workers a server has: one, for the kind with a single thread, or several.

@@ -32,3 +32,8 @@ std::shared_ptr<slate::Lazy<slate::Queue>> resolve_queue()
     return subsystem->queue();
 }
 } // namespace tarn_internal
+
+std::shared_ptr<slate::DeferredWork> tarn::make_work(const std::function<void()>& function)
+{
+    return std::make_shared<tarn_internal::AsyncCallback>(function);
+}

@@ -2,43 +2,35 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <typeinfo>
 
-#include "tarn/exception.h"
-#include "tarn/formats.h"
-#include "tarn/proto/message.pb.h"
+#include "tarn/internal/utils/message_text.h"
+#include "tarn/message.h"
+#include "tarn/types.h"
+
+namespace google::protobuf {
+class Message;
+}
 
 namespace tarn {
-/// Log text of a bare message: never a whole large body, and no body at all for a sensitive path.
-std::string to_string(const Message& message);
-std::ostream& operator<<(std::ostream& stream, const Message& message);
+// Generated: "tarn/proto/format.pb.h" has the values, "tarn/proto/message.pb.h" the classes of messages.
+enum Format : int;
 } // namespace tarn
 
 namespace tarn_internal {
-using namespace tarn;
-
-/// The head of a request or a response; null if the message has none, or it is not set.
-const Head* find_head(const Message& message);
-/// The same, made if it is not set; null for a `call` or a message with no `type`.
+/// The head of a request or a response, made if it is not set; null for a `call` or a message with no `type`.
 Head* find_or_make_head(Message& message);
 /// The body of a put, post or response; null if it is not set.
-const Body* find_body(const Message& message);
-
-/// Whether bodies sent to or from this path stay out of logs: it contains "credential" or "password".
-bool hidden_payload(const std::string& path);
-
-/// The log text of a message that is a secret, or may be one by its path: without its body then. A router
-/// takes the service's name off the path, "credentials" for instance, so the path alone doesn't always tell.
-std::string describe(const Message& message, bool secret);
+Body* find_mutable_body(Message& message);
 
 /// A view over a Message that doesn't care which verb it holds. Copies share the message.
 ///
-/// Without a message it is not initialized: what can't answer then throws Exception, as each operation says.
-/// The references given point into the message and live as long as it, unless it is changed.
+/// Without a message it is not initialized: an operation that can't answer then throws Exception, as each one
+/// says. The references given point into the message and live as long as it, unless it is changed.
 ///
 /// Threads: belongs to the thread that handles the message.
 class Envelope {
@@ -53,10 +45,13 @@ public:
     const Head& head() const;
     Head* mutable_head();
 
-    /// A reply always has a place for a body, so an unset one reads as the default and is made when it is to
-    /// be changed; a put or post has one only if its sender gave it. Throws for everything else.
+    /// A reply always has a place for a body, so an unset one reads as the default one and is made when it is
+    /// to be changed; a put or post has one only if its sender gave it. Throws for everything else.
     const Body& body() const;
     Body* mutable_body();
+
+    /// Whether data() has something to return: a body that holds bytes or a text, even an empty one.
+    bool has_body() const;
 
     /// Unknown with no message. Throws for a `call`.
     Format format() const;
@@ -84,7 +79,7 @@ public:
     /// A new parameter is stored percent-encoded, while a value that replaces an old one is stored as it is.
     void set_param(const std::string& key, const std::string& value);
 
-    /// Whether a body of unknown format may be JSON or XML, at a glance.
+    /// Whether a body of unknown format may be JSON or XML, by its first and last bytes.
     bool maybe_json() const;
     bool maybe_xml() const;
 
@@ -100,8 +95,7 @@ public:
     T into() const
     {
         T result;
-        if (!parse_body(&result))
-            throw_parse_failed(typeid(T).name());
+        parse_into(&result, typeid(T).name());
         return result;
     }
 
@@ -109,20 +103,16 @@ public:
     template <class T>
     std::shared_ptr<T> as() const
     {
-        try {
-            return std::make_shared<T>(into<T>());
-        }
-        catch (const Exception& error) {
-            slate::log_error(SLATE_HERE, "envelope.as<T> not possible: ", error.what());
-            return nullptr;
-        }
+        auto result = std::make_shared<T>();
+        return try_parse_into(result.get(), typeid(T).name()) ? result : nullptr;
     }
 
     std::shared_ptr<Message> message;
 
 private:
+    void parse_into(google::protobuf::Message* result, std::string_view type_name) const;
+    bool try_parse_into(google::protobuf::Message* result, std::string_view type_name) const;
     bool parse_body(google::protobuf::Message* result) const;
-    [[noreturn]] void throw_parse_failed(std::string_view type_name) const;
 };
 
 std::ostream& operator<<(std::ostream& stream, const Envelope& envelope);

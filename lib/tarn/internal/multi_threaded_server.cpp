@@ -5,20 +5,18 @@
 
 #include <zmq.hpp>
 
-#include "slate/dictionary.h"
 #include "slate/log.h"
 #include "slate/uri.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/proxy.h"
 #include "tarn/internal/transport/thread_mark.h"
 #include "tarn/internal/transport/workers.h"
-#include "tarn/internal/utils/socket_ops.h"
-#include "tarn/zmq_subsystem.h"
 
 namespace tarn_internal {
 namespace {
-std::shared_ptr<const slate::Uri> inproc(const std::string& kind, const slate::Uuid& uuid)
+Endpoint inproc(const std::string& kind, const slate::Uuid& uuid)
 {
     return slate::make_uri("inproc://" + kind + "/" + uuid.to_string());
 }
@@ -26,25 +24,18 @@ std::shared_ptr<const slate::Uri> inproc(const std::string& kind, const slate::U
 
 MultiThreadedServer::MultiThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
                                          std::shared_ptr<const slate::Dictionary> settings,
-                                         std::vector<std::shared_ptr<const slate::Uri>> uris,
-                                         std::shared_ptr<MessageFactory> factory,
-                                         std::shared_ptr<const slate::Uri> pubsub_uri, unsigned long workers)
-    : context_(std::move(context)),
+                                         std::vector<Endpoint> uris,
+                                         const std::shared_ptr<MessageFactory>& factory, Endpoint pubsub_uri,
+                                         unsigned long workers,
+                                         const std::vector<std::shared_ptr<Route>>& routes)
+    : ServerBase(id, std::move(context), std::move(settings), std::move(uris), factory, std::move(pubsub_uri),
+                 RemoteCalls::Lock::ReleasedBeforeCall),
       worker_count_(workers),
       uuid_(slate::make_uuid()),
-      settings_(settings ? std::move(settings) : slate::make_dictionary()),
-      uris_(std::move(uris)),
-      pubsub_uri_(std::move(pubsub_uri)),
       dealer_uri_(inproc("dealer", uuid_)),
-      provider_("zmq.server", id),
-      counters_(*provider_, !uris_.empty()),
-      routes_(
-          uris_, settings_, provider_, [this] { notify_subscriber(); }, [this] { notify_subscriber(); }),
-      remote_calls_(RemoteCalls::Lock::ReleasedBeforeCall, provider_),
-      requests_(settings_, factory, provider_, counters_, routes_, remote_calls_),
-      subscriber_(factory, provider_, counters_, routes_),
       router_(context_, inproc("reqrep", uuid_))
 {
+    add_first(routes);
     start();
 }
 
@@ -53,44 +44,12 @@ MultiThreadedServer::~MultiThreadedServer()
     stop();
 }
 
-void MultiThreadedServer::suppress_add_remote_call_warning()
-{
-    remote_calls_.suppress_warning();
-}
-
-bool MultiThreadedServer::add(const std::shared_ptr<Route>& route)
-{
-    return routes_.add(route);
-}
-
-void MultiThreadedServer::add(unsigned int number, const std::function<void(Message&)>& function)
-{
-    remote_calls_.add(number, function);
-}
-
-void MultiThreadedServer::del(const std::string& name)
-{
-    routes_.del(name);
-}
-
-void MultiThreadedServer::del(unsigned int number)
-{
-    remote_calls_.del(number);
-}
-
-void MultiThreadedServer::clear()
-{
-    routes_.clear();
-    remote_calls_.clear();
-}
-
 void MultiThreadedServer::stop()
 {
     router_.stop();
     if (pubsub_)
         pubsub_->stop();
-    for (const auto& uri : uris_)
-        (void)tarn::try_cleanup_socket_file(uri);
+    remove_socket_files();
     pubsub_listening_.reset();
     router_listening_.reset();
 }
@@ -113,7 +72,6 @@ void MultiThreadedServer::start()
         slate::log_error(provider_, SLATE_HERE, "worker thread failed to start in expected timeframe");
 }
 
-/// Called with the lock of the routes held, which keeps the channel to one thread at a time.
 void MultiThreadedServer::notify_subscriber()
 {
     if (!pubsub_)
@@ -193,7 +151,7 @@ void MultiThreadedServer::listen_pubsub()
             zmq::pollitem_t items[] = {{wake_up.handle(), 0, ZMQ_POLLIN, 0},
                                        {pubsub.handle(), 0, ZMQ_POLLIN, 0}};
             zmq::poll(items, 2, std::chrono::milliseconds(-1));
-            if ((items[0].revents & ZMQ_POLLIN) && !handle_wake_up(wake_up, pubsub))
+            if ((items[0].revents & ZMQ_POLLIN) && !handle_wake_up(wake_up, pubsub, pubsub_listening_))
                 return false;
             if (items[1].revents & ZMQ_POLLIN)
                 subscriber_.handle_publish_subscribe(pubsub);
@@ -203,39 +161,23 @@ void MultiThreadedServer::listen_pubsub()
     slate::log_debug(provider_, SLATE_HERE, "pub/sub thread exit");
 }
 
-bool MultiThreadedServer::handle_wake_up(zmq::socket_t& wake_up, zmq::socket_t& pubsub)
-{
-    switch (receive_command(wake_up, provider_)) {
-    case Command::UpdateSubscriptions:
-        subscriber_.handle_subscription_change(pubsub);
-        return true;
-    case Command::WorkerListening:
-        pubsub_listening_.set();
-        return true;
-    case Command::Terminate:
-        break;
-    }
-    return false;
-}
-
 std::shared_ptr<Server> make_multi_threaded_server(int id, unsigned long workers,
                                                    const std::shared_ptr<const slate::Dictionary>& settings,
-                                                   const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                                                   const std::shared_ptr<const slate::Uri>& pubsub_uri,
-                                                   const std::shared_ptr<MessageFactory>& factory)
+                                                   const std::vector<Endpoint>& endpoints,
+                                                   const Endpoint& relay_out,
+                                                   const std::shared_ptr<MessageFactory>& factory,
+                                                   const std::vector<std::shared_ptr<Route>>& routes)
 {
-    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
-    if (!subsystem) {
-        slate::log_error(SLATE_HERE, "cannot make_server, tarn not / no longer initialized");
+    const auto runtime = find_runtime("make_server");
+    if (!runtime)
         return nullptr;
-    }
     if (workers < 2) {
         slate::log_error(SLATE_HERE, "cannot make_server, invalid number of workers specified");
         return nullptr;
     }
-    if (!are_endpoints(uris, "make_server"))
+    if (!are_endpoints(endpoints, "make_server"))
         return nullptr;
-    return make_with_threads<MultiThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri,
-                                                  workers);
+    return make_with_threads<MultiThreadedServer>(id, runtime->context, settings, endpoints, factory,
+                                                  relay_out, workers, routes);
 }
 } // namespace tarn_internal

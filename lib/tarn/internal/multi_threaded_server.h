@@ -1,46 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "slate/uuid.h"
-#include "tarn/internal/route_list.h"
-#include "tarn/internal/server/remote_calls.h"
-#include "tarn/internal/server/request_handler.h"
-#include "tarn/internal/server/server_counters.h"
-#include "tarn/internal/server/subscriber.h"
-#include "tarn/internal/transport/controlled_thread.h"
-#include "tarn/internal/utils/owned_provider.h"
-#include "tarn/server.h"
+#include "tarn/internal/server/server_base.h"
 
 namespace tarn_internal {
 class Workers;
 
-/// A server with many threads: a router thread hands requests to workers, in turn, busy or not, and a thread
-/// of its own hears published changes. Handlers of different routes run side by side, those of one route one
-/// at a time.
+/// A server with many threads: a router thread passes requests to workers, in turn, busy or not, and a
+/// separate thread receives published changes. Handlers of different routes run side by side, those of one
+/// route one at a time.
 ///
-/// A slow route holds one worker; further requests for it wait on its mutex, each holding a worker of its
-/// own, and requests for other routes that are handed to such a worker wait behind it.
-class MultiThreadedServer : public Server {
+/// A slow route occupies one worker; further requests for it wait on its mutex, each occupying another
+/// worker, and requests for other routes that are passed to such a worker wait behind it.
+class MultiThreadedServer : public ServerBase {
 public:
     /// As SingleThreadedServer, with at least two `workers`.
     MultiThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
-                        std::shared_ptr<const slate::Dictionary> settings,
-                        std::vector<std::shared_ptr<const slate::Uri>> uris,
-                        std::shared_ptr<MessageFactory> factory, std::shared_ptr<const slate::Uri> pubsub_uri,
-                        unsigned long workers);
+                        std::shared_ptr<const slate::Dictionary> settings, std::vector<Endpoint> uris,
+                        const std::shared_ptr<MessageFactory>& factory, Endpoint pubsub_uri,
+                        unsigned long workers, const std::vector<std::shared_ptr<Route>>& routes = {});
     ~MultiThreadedServer() override;
-
-    void suppress_add_remote_call_warning() override;
-    bool add(const std::shared_ptr<Route>& route) override;
-    void add(unsigned int number, const std::function<void(Message&)>& function) override;
-    void del(const std::string& name) override;
-    void del(unsigned int number) override;
-    void clear() override;
 
     /// Ends all threads, after the requests in hand, and removes the socket files. A reply that a worker
     /// gives after this has begun may be lost. A stopped server doesn't serve again; stopping it twice is
@@ -49,40 +32,29 @@ public:
 
 private:
     void start();
-    void notify_subscriber();
+    void notify_subscriber() override;
 
     void listen_router();
     void worker_entry(Workers& workers);
     void serve(zmq::socket_t& wake_up, zmq::socket_t& requests);
     void listen_pubsub();
-    bool handle_wake_up(zmq::socket_t& wake_up, zmq::socket_t& pubsub);
 
-    const std::shared_ptr<zmq::context_t> context_;
     const unsigned long worker_count_;
     const slate::Uuid uuid_; // names all inproc endpoints of this server
-    const std::shared_ptr<const slate::Dictionary> settings_;
-    const std::vector<std::shared_ptr<const slate::Uri>> uris_;
-    const std::shared_ptr<const slate::Uri> pubsub_uri_;
-    const std::shared_ptr<const slate::Uri> dealer_uri_;
-    const OwnedProvider provider_;
-    const ServerCounters counters_;
+    const Endpoint dealer_uri_;
     ReadyFlag router_listening_;
     ReadyFlag pubsub_listening_;
-    RouteList routes_;
-    RemoteCalls remote_calls_;
-    RequestHandler requests_;
-    Subscriber subscriber_;
     // Last, as they use all of the above. The router's channel also reaches the proxy, so only "TERMINATE"
     // goes there.
     std::unique_ptr<ControlledThread> pubsub_; // null without a relay to hear
     ControlledThread router_;
 };
 
-/// As make_server, with a number of the caller's own for the server's provider "zmq.server". Null, with an
+/// As make_server; `id` is the instance of the server's provider "zmq.server". Null, with an
 /// error in the log, for less than two workers.
-std::shared_ptr<Server> make_multi_threaded_server(
+[[nodiscard]] std::shared_ptr<Server> make_multi_threaded_server(
     int id, unsigned long workers, const std::shared_ptr<const slate::Dictionary>& settings,
-    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-    const std::shared_ptr<const slate::Uri>& pubsub_uri,
-    const std::shared_ptr<MessageFactory>& factory = make_message_factory());
+    const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+    const std::shared_ptr<MessageFactory>& factory = make_message_factory(),
+    const std::vector<std::shared_ptr<Route>>& routes = {});
 } // namespace tarn_internal

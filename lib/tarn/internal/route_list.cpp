@@ -7,10 +7,23 @@
 
 #include "slate/log.h"
 #include "slate/provider.h"
+#include "tarn/internal/utils/parse.h"
+#include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
-RouteList::RouteList(const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                     std::shared_ptr<const slate::Dictionary> settings,
+namespace {
+/// Calls put() or del() for a published change; nothing for any other message. The route's verbs play no
+/// part.
+void apply_change(Route& route, Context& context)
+{
+    if (context.request.message->has_put())
+        route.put(context);
+    else if (context.request.message->has_del())
+        route.del(context);
+}
+} // namespace
+
+RouteList::RouteList(const std::vector<Endpoint>& uris, std::shared_ptr<const slate::Dictionary> settings,
                      std::shared_ptr<slate::Provider> provider, const std::function<void()>& on_add,
                      const std::function<void()>& on_del)
     : uris_(uris),
@@ -57,8 +70,10 @@ std::set<std::string> RouteList::topics() const
 {
     std::set<std::string> topics;
     const std::shared_lock lock(lock_);
-    for (const Entry& entry : routes_)
-        add_topics(*entry->route, topics);
+    for (const Entry& entry : routes_) {
+        for (const RoutePattern& pattern : entry->route->patterns)
+            topics.insert(to_topic(pattern.pattern));
+    }
     return topics;
 }
 
@@ -84,7 +99,7 @@ bool RouteList::add(const std::shared_ptr<Route>& route)
 
 void RouteList::del(const std::string& name)
 {
-    Entry deleted; // outlives the lock, as it may be the last one to hold the route
+    Entry deleted; // outlives the lock, as it may be the last owner of the route
 
     const std::lock_guard lock(lock_);
     const auto found = std::find_if(routes_.begin(), routes_.end(),
@@ -114,7 +129,7 @@ std::vector<std::shared_ptr<const Route>> RouteList::routes() const
     return result;
 }
 
-/// Gives the index the list as it is now, and calls `then`, with no handler of the index running meanwhile.
+/// Gives the index the current list and calls `then`, while no handler of the index can run.
 void RouteList::update_index(const std::function<void()>& then)
 {
     const auto index = std::find_if(routes_.begin(), routes_.end(),

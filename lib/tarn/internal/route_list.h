@@ -7,40 +7,45 @@
 #include <set>
 #include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tarn/internal/route_table.h"
+#include "tarn/route.h"
 #include "tarn/routes/index_route.h"
-
-namespace slate {
-class Uri;
-}
+#include "tarn/types.h"
 
 namespace tarn_internal {
-/// The routes of a server with many threads: lookups run side by side, and so do the handlers of different
-/// routes, while the handlers of one route run one at a time.
+/// The routes of one server, in order of adding and with the index first, unique by name. Lookups run side by
+/// side, and so do the handlers of different routes, while the handlers of one route run one at a time.
 ///
 /// Locks: `lock` over the list, then a route's mutex. While a handler runs, only its route's mutex is held,
-/// so it may add, delete and clear routes, its own included. What is locked while the list changes is the
-/// index route's own entry, wherever it stands, as the index reads what changes; it changes no routes itself.
-class RouteList : public RouteTable {
+/// so it may add, delete and clear routes, its own included. A change of the list also locks the index
+/// route's entry, wherever it stands, because the index reads the list.
+class RouteList {
 public:
+    using Handler = std::function<void(const std::shared_ptr<Route>&)>;
+
     /// `on_add` and `on_del` are called at the end of add and del, with the locks held; they must not call
     /// back.
-    RouteList(const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-              std::shared_ptr<const slate::Dictionary> settings, std::shared_ptr<slate::Provider> provider,
-              const std::function<void()>& on_add, const std::function<void()>& on_del);
+    RouteList(const std::vector<Endpoint>& uris, std::shared_ptr<const slate::Dictionary> settings,
+              std::shared_ptr<slate::Provider> provider, const std::function<void()>& on_add,
+              const std::function<void()>& on_del);
 
-    /// An empty `handler` throws std::bad_function_call, if a route accepts.
-    void invoke(Context& context, const Handler& handler) override;
-    /// All handlers see the parameters of the last route that accepted.
-    bool invoke(Context& context) override;
-    std::set<std::string> topics() const override;
+    /// Calls `handler` with the first route that accepts the request, if one does. An empty `handler` then
+    /// throws std::bad_function_call.
+    void invoke(Context& context, const Handler& handler);
 
-    /// False, with an error in the log, for a name that is taken and for null.
+    /// Hands a published change to put() or del() of every route that accepts it, in order. False if none
+    /// does. All handlers see the parameters of the last route that accepted.
+    bool invoke(Context& context);
+
+    /// The topics of all patterns: what a server has to subscribe to.
+    std::set<std::string> topics() const;
+
+    /// False, with an error in the log, for a name that is in use and for null.
     bool add(const std::shared_ptr<Route>& route);
     void del(const std::string& name);
-    /// Calls neither `on_add` nor `on_del`.
+    /// Calls neither `on_add` nor `on_del`: subscriptions stay as they were until the next add or del.
     void clear();
 
     /// Takes no lock: must not run beside add, del or clear.
@@ -59,7 +64,7 @@ private:
     void update_index(const std::function<void()>& then);
 
     mutable std::shared_mutex lock_; // guards routes_
-    const std::vector<std::shared_ptr<const slate::Uri>> uris_;
+    const std::vector<Endpoint> uris_;
     const std::shared_ptr<const slate::Dictionary> settings_;
     const std::shared_ptr<slate::Provider> provider_;
     const std::function<void()> on_add_;

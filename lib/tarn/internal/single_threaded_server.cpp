@@ -6,15 +6,13 @@
 
 #include <zmq.hpp>
 
-#include "slate/dictionary.h"
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/thread_mark.h"
-#include "tarn/internal/utils/socket_ops.h"
-#include "tarn/zmq_subsystem.h"
 
 namespace tarn_internal {
 struct SingleThreadedServer::Sockets {
@@ -42,61 +40,23 @@ struct SingleThreadedServer::Sockets {
 
 SingleThreadedServer::SingleThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
                                            std::shared_ptr<const slate::Dictionary> settings,
-                                           std::vector<std::shared_ptr<const slate::Uri>> uris,
-                                           std::shared_ptr<MessageFactory> factory,
-                                           std::shared_ptr<const slate::Uri> pubsub_uri)
-    : context_(std::move(context)),
-      uris_(std::move(uris)),
-      pubsub_uri_(std::move(pubsub_uri)),
-      settings_(settings ? std::move(settings) : slate::make_dictionary()),
-      provider_("zmq.server", id),
-      counters_(*provider_, !uris_.empty()),
-      routes_(settings_, provider_, [this] { notify_listener(); }),
-      remote_calls_(RemoteCalls::Lock::HeldDuringCall, provider_),
-      requests_(settings_, factory, provider_, counters_, routes_, remote_calls_),
-      subscriber_(factory, provider_, counters_, routes_),
+                                           std::vector<Endpoint> uris,
+                                           const std::shared_ptr<MessageFactory>& factory,
+                                           Endpoint pubsub_uri,
+                                           const std::vector<std::shared_ptr<Route>>& routes)
+    : ServerBase(id, std::move(context), std::move(settings), std::move(uris), factory, std::move(pubsub_uri),
+                 RemoteCalls::Lock::HeldDuringCall),
       listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
 {
+    add_first(routes);
     start();
 }
 
 SingleThreadedServer::~SingleThreadedServer()
 {
     listener_.stop();
-    for (const auto& uri : uris_)
-        (void)tarn::try_cleanup_socket_file(uri);
+    remove_socket_files();
     listening_.reset();
-}
-
-void SingleThreadedServer::suppress_add_remote_call_warning()
-{
-    remote_calls_.suppress_warning();
-}
-
-bool SingleThreadedServer::add(const std::shared_ptr<Route>& route)
-{
-    return routes_.add(route);
-}
-
-void SingleThreadedServer::add(unsigned int number, const std::function<void(Message&)>& function)
-{
-    remote_calls_.add(number, function);
-}
-
-void SingleThreadedServer::del(const std::string& name)
-{
-    routes_.del(name);
-}
-
-void SingleThreadedServer::del(unsigned int number)
-{
-    remote_calls_.del(number);
-}
-
-void SingleThreadedServer::clear()
-{
-    remote_calls_.clear();
-    routes_.clear();
 }
 
 void SingleThreadedServer::start()
@@ -108,8 +68,7 @@ void SingleThreadedServer::start()
         slate::log_warn(provider_, SLATE_HERE, "worker thread failed to start in expected timeframe");
 }
 
-/// Called with the lock of the routes held, which keeps the channel to one thread at a time.
-void SingleThreadedServer::notify_listener()
+void SingleThreadedServer::notify_subscriber()
 {
     slate::log_debug(provider_, SLATE_HERE, "try to reload subscriptions");
     (void)listener_.send(update_subscriptions);
@@ -153,7 +112,7 @@ void SingleThreadedServer::serve(Sockets& sockets)
 bool SingleThreadedServer::serve_once(Sockets& sockets)
 {
     sockets.poll();
-    if (sockets.is_readable(sockets.wake_up) && !handle_wake_up(sockets))
+    if (sockets.is_readable(sockets.wake_up) && !handle_wake_up(sockets.wake_up, sockets.pubsub, listening_))
         return false;
 
     const slate::StopWatch watch(true);
@@ -165,34 +124,17 @@ bool SingleThreadedServer::serve_once(Sockets& sockets)
     return true;
 }
 
-/// False at the end.
-bool SingleThreadedServer::handle_wake_up(Sockets& sockets)
+std::shared_ptr<Server> make_single_threaded_server(int id,
+                                                    const std::shared_ptr<const slate::Dictionary>& settings,
+                                                    const std::vector<Endpoint>& endpoints,
+                                                    const Endpoint& relay_out,
+                                                    const std::shared_ptr<MessageFactory>& factory,
+                                                    const std::vector<std::shared_ptr<Route>>& routes)
 {
-    switch (receive_command(sockets.wake_up, provider_)) {
-    case Command::UpdateSubscriptions:
-        subscriber_.handle_subscription_change(sockets.pubsub);
-        return true;
-    case Command::WorkerListening:
-        listening_.set();
-        return true;
-    case Command::Terminate:
-        break;
-    }
-    return false;
-}
-
-std::shared_ptr<Server> make_single_threaded_server(
-    int id, const std::shared_ptr<const slate::Dictionary>& settings,
-    const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-    const std::shared_ptr<const slate::Uri>& pubsub_uri, const std::shared_ptr<MessageFactory>& factory)
-{
-    const ZmqSubsystem* subsystem = ZmqSubsystem::self();
-    if (!subsystem) {
-        slate::log_error(SLATE_HERE, "cannot make_server, tarn not / no longer initialized");
+    const auto runtime = find_runtime("make_server");
+    if (!runtime || !are_endpoints(endpoints, "make_server"))
         return nullptr;
-    }
-    if (!are_endpoints(uris, "make_server"))
-        return nullptr;
-    return make_with_threads<SingleThreadedServer>(id, subsystem->ctx(), settings, uris, factory, pubsub_uri);
+    return make_with_threads<SingleThreadedServer>(id, runtime->context, settings, endpoints, factory,
+                                                   relay_out, routes);
 }
 } // namespace tarn_internal

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include <slate/slate.h>
+#include <tarn/internal/internal.h>
 #include <tarn/tarn.h>
 
 int main(int, char** argv)

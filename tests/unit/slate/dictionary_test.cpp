@@ -2,8 +2,15 @@
 #include "slate/dictionary.h"
 
 #include <atomic>
+#include <cstdint>
 #include <limits>
+#include <memory>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -91,7 +98,7 @@ TEST(Dictionary, StoresTheDecimalTextOfANumber)
     EXPECT_EQ(dictionary->get("float", ""), "1e+06");
 }
 
-TEST(Dictionary, TakesALiteralForTextAndAFlagForAFlag)
+TEST(Dictionary, TreatsALiteralAsTextAndAFlagAsAFlag)
 {
     const auto dictionary = slate::make_dictionary();
 
@@ -119,7 +126,105 @@ TEST(Dictionary, ReadsAFlag)
     }
 }
 
-TEST(Dictionary, ForgetsAKeyThatIsRemovedAndIgnoresAnUnknownOne)
+/// What get() returns for a default of type `T`.
+template <class T>
+using Got = decltype(std::declval<const slate::Dictionary&>().get("key", std::declval<T>()));
+
+static_assert(std::is_same_v<Got<bool>, bool>);
+static_assert(std::is_same_v<Got<const bool&>, bool>);
+static_assert(std::is_same_v<Got<const char (&)[2]>, std::string>);
+static_assert(std::is_same_v<Got<const char*>, std::string>);
+static_assert(std::is_same_v<Got<char*>, std::string>);
+static_assert(std::is_same_v<Got<std::string>, std::string>);
+static_assert(std::is_same_v<Got<const std::string&>, std::string>);
+static_assert(std::is_same_v<Got<std::string_view>, std::string>);
+static_assert(std::is_same_v<Got<int>, int>);
+static_assert(std::is_same_v<Got<const int&>, int>);
+static_assert(std::is_same_v<Got<std::uint8_t>, std::uint8_t>);
+static_assert(std::is_same_v<Got<long double>, long double>);
+static_assert(std::is_same_v<decltype(std::declval<slate::Dictionary&>().get("key", 0)), int>);
+
+TEST(Dictionary, ReadsANumberOfTheDefaultsType)
+{
+    const auto dictionary =
+        slate::make_dictionary({{"port", "5555"}, {"negative", "-7"}, {"ratio", "0.25"}, {"byte", "200"}});
+
+    EXPECT_EQ(dictionary->get("port", 1), 5555);
+    EXPECT_EQ(dictionary->get("port", std::uint16_t{1}), 5555);
+    EXPECT_EQ(dictionary->get("port", 1L), 5555L);
+    EXPECT_EQ(dictionary->get("port", 1ull), 5555ull);
+    EXPECT_EQ(dictionary->get("port", 1.5), 5555.0);
+    EXPECT_EQ(dictionary->get("negative", 0), -7);
+    EXPECT_EQ(dictionary->get("ratio", 1.0), 0.25);
+    EXPECT_EQ(dictionary->get("ratio", 1.0f), 0.25f);
+    EXPECT_EQ(dictionary->get("byte", std::uint8_t{0}), 200);
+}
+
+TEST(Dictionary, GivesTheDefaultIfTheValueIsNoSuchNumber)
+{
+    const auto dictionary = slate::make_dictionary({{"empty", ""},
+                                                    {"text", "five"},
+                                                    {"flag", "true"},
+                                                    {"blank", " 5"},
+                                                    {"fraction", "1.5"},
+                                                    {"large", "65536"}});
+
+    for (const auto* key : {"missing", "empty", "text", "flag", "blank", "fraction"}) {
+        EXPECT_EQ(dictionary->get(key, 5555), 5555) << key;
+        EXPECT_EQ(dictionary->get(key, 5555u), 5555u) << key;
+        EXPECT_EQ(dictionary->get(key, 'x'), 'x') << key;
+    }
+    EXPECT_EQ(dictionary->get("missing", 0.5), 0.5);
+    EXPECT_EQ(dictionary->get("text", 0.5), 0.5);
+    EXPECT_EQ(dictionary->get("large", std::uint16_t{80}), 80);
+    EXPECT_EQ(dictionary->get("large", 80), 65536);
+}
+
+template <class T>
+class DictionaryNumber : public testing::Test {
+};
+using Numbers =
+    testing::Types<char, signed char, unsigned char, short, unsigned short, int, unsigned int, long,
+                   unsigned long, long long, unsigned long long, float, double, long double>;
+TYPED_TEST_SUITE(DictionaryNumber, Numbers);
+
+TYPED_TEST(DictionaryNumber, IsReadAsItWasSet)
+{
+    const auto dictionary = slate::make_dictionary();
+    const TypeParam value = 42;
+    const TypeParam other = 43;
+
+    dictionary->set("key", value);
+
+    EXPECT_EQ(dictionary->get("key", other), value);
+    EXPECT_EQ(dictionary->get("missing", other), other);
+}
+
+TEST(Dictionary, IsMadeWithEntries)
+{
+    const std::string key = "key";
+    const std::string_view value = "value";
+
+    const auto dictionary =
+        slate::make_dictionary({{"accept", "application/json"}, {"x", "1"}, {key, value}});
+
+    EXPECT_EQ(dictionary->keys(), (Keys{"accept", "key", "x"}));
+    EXPECT_EQ(dictionary->get("accept", ""), "application/json");
+    EXPECT_EQ(dictionary->get("x", ""), "1");
+    EXPECT_EQ(dictionary->get("key", ""), "value");
+    EXPECT_EQ(slate::make_dictionary({{"a", "1"}})->get("a", ""), "1");
+    EXPECT_TRUE(slate::make_dictionary({})->keys().empty());
+}
+
+TEST(Dictionary, KeepsTheLaterOfTwoEqualKeys)
+{
+    const auto dictionary = slate::make_dictionary({{"a", "1"}, {"b", "2"}, {"a", "3"}});
+
+    EXPECT_EQ(dictionary->keys(), (Keys{"a", "b"}));
+    EXPECT_EQ(dictionary->get("a", ""), "3");
+}
+
+TEST(Dictionary, RemovesAKeyAndIgnoresAnUnknownOne)
 {
     const auto dictionary = slate::make_dictionary();
     dictionary->set("a", "1");

@@ -2,12 +2,21 @@
 #include "slate/duration.h"
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
+#include <optional>
 #include <ostream>
 #include <random>
+#include <ratio>
+#include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "comma_locale.h"
 
 namespace slate {
 void PrintTo(const Duration& duration, std::ostream* out)
@@ -37,7 +46,7 @@ const Duration infinity = Duration::positive_infinity();
 const Duration longest = nanoseconds(most);
 const Duration shortest = nanoseconds(least);
 
-/// Parses with a default that no row of the tables below has.
+/// Reads a text, with a default that is in none of the tables below.
 Duration read(std::string_view text)
 {
     return Duration::from(text, Nanoseconds(-987654321));
@@ -45,7 +54,8 @@ Duration read(std::string_view text)
 
 bool is_refused(std::string_view text)
 {
-    return read(text) == Nanoseconds(-987654321) && Duration::from(text, infinity) == infinity;
+    return !Duration::parse(text) && read(text) == Nanoseconds(-987654321) &&
+           Duration::from(text, infinity) == infinity;
 }
 
 TEST(Duration, IsNotInitializedAtFirst)
@@ -76,10 +86,9 @@ TEST(Duration, IsMadeFromWholeUnits)
     EXPECT_EQ(Milliseconds(-5).to_nanoseconds(), -5'000'000);
     EXPECT_EQ(Seconds(5).to_nanoseconds(), 5'000'000'000);
     EXPECT_EQ(Minutes(5).to_nanoseconds(), 300'000'000'000);
-    EXPECT_EQ(Duration(std::chrono::seconds(2)), Seconds(2));
 }
 
-TEST(Duration, SaturatesInTheMaking)
+TEST(Duration, SaturatesWhenItIsMade)
 {
     constexpr auto longest_count = std::numeric_limits<long>::max();
     constexpr auto least_count = std::numeric_limits<long>::min();
@@ -94,6 +103,202 @@ TEST(Duration, SaturatesInTheMaking)
     EXPECT_EQ(Minutes(std::numeric_limits<int>::min()), shortest);
 }
 
+TEST(Duration, IsMadeFromFractionsOfUnits)
+{
+    EXPECT_EQ(Seconds(0.5), Milliseconds(500));
+    EXPECT_EQ(Seconds(-0.25f), Milliseconds(-250));
+    EXPECT_EQ(Seconds(1e-3L), Milliseconds(1));
+    EXPECT_EQ(Seconds(0.1), Milliseconds(100)); // though no binary fraction is 0.1
+    EXPECT_EQ(Milliseconds(2.5), Microseconds(2500));
+    EXPECT_EQ(Microseconds(0.125), Nanoseconds(125));
+    EXPECT_EQ(Minutes(1.5), Seconds(90));
+    EXPECT_EQ(Minutes(0.1f), Nanoseconds(6'000'000'089)); // the float is slightly more than 0.1
+}
+
+TEST(Duration, RoundsFractionsToTheNearestNanosecond)
+{
+    EXPECT_EQ(Nanoseconds(0.49), Nanoseconds(0));
+    EXPECT_EQ(Nanoseconds(0.5), Nanoseconds(1));
+    EXPECT_EQ(Nanoseconds(2.5), Nanoseconds(3));
+    EXPECT_EQ(Nanoseconds(-0.49), Nanoseconds(0));
+    EXPECT_EQ(Nanoseconds(-0.5), Nanoseconds(-1));
+    EXPECT_EQ(Nanoseconds(-2.5), Nanoseconds(-3));
+    EXPECT_EQ(Microseconds(0.0625), Nanoseconds(63)); // 62.5 ns
+    EXPECT_EQ(Seconds(1e-10), Nanoseconds(0));
+}
+
+TEST(Duration, SaturatesWhenItIsMadeFromFractions)
+{
+    for (const auto& made :
+         {Nanoseconds(9223372036854775808.0), Nanoseconds(1e300), Microseconds(1e16), Milliseconds(1e300),
+          Seconds(std::numeric_limits<float>::max()), Seconds(std::numeric_limits<double>::max()),
+          Minutes(std::numeric_limits<long double>::max())})
+        EXPECT_EQ(made, longest);
+    for (const auto& made : {Nanoseconds(-9223372036854775808.0), Nanoseconds(-1e300), Microseconds(-1e16),
+                             Seconds(std::numeric_limits<double>::lowest()),
+                             Minutes(std::numeric_limits<long double>::lowest())})
+        EXPECT_EQ(made, shortest);
+    EXPECT_EQ(Nanoseconds(9223372036854774784.0),
+              nanoseconds(9223372036854774784)); // the last double in range
+}
+
+template <class T>
+class FloatingPointCount : public testing::Test {
+};
+using FloatingPoints = testing::Types<float, double, long double>;
+TYPED_TEST_SUITE(FloatingPointCount, FloatingPoints);
+
+TYPED_TEST(FloatingPointCount, BecomesAnInfiniteOrUninitializedDurationIfItIsNotFinite)
+{
+    constexpr auto infinite = std::numeric_limits<TypeParam>::infinity();
+    constexpr auto nan = std::numeric_limits<TypeParam>::quiet_NaN();
+
+    EXPECT_EQ(Seconds(infinite), infinity);
+    EXPECT_EQ(Nanoseconds(infinite), infinity);
+    EXPECT_EQ(Seconds(-infinite), shortest); // there is no negative infinity
+    EXPECT_EQ(Seconds(nan), uninitialized);
+    EXPECT_EQ(Seconds(-nan), uninitialized);
+    EXPECT_EQ(Duration(std::chrono::duration<TypeParam, std::ratio<3600>>(infinite)), infinity);
+    EXPECT_EQ(Duration(std::chrono::duration<TypeParam, std::pico>(nan)), uninitialized);
+}
+
+TEST(Duration, IsMadeFromIntegersOfAnyType)
+{
+    constexpr auto beyond_int = std::int64_t{1} << 32;
+
+    EXPECT_EQ(Minutes(beyond_int + 5), longest);
+    EXPECT_EQ(Minutes(-beyond_int - 5), shortest);
+    EXPECT_EQ(Minutes(90L), Seconds(5400));
+    EXPECT_EQ(Minutes(3'000'000'000u), longest);
+    EXPECT_EQ(Minutes(90u), Seconds(5400));
+    EXPECT_EQ(Seconds(std::numeric_limits<unsigned long long>::max()), longest);
+    EXPECT_EQ(Nanoseconds(std::numeric_limits<unsigned long>::max()), longest);
+    EXPECT_EQ(Milliseconds(5ull), Milliseconds(5));
+}
+
+// Integers that fit still go to the functions without a template, and nothing but numbers is a count.
+static_assert(!slate::TickCountBeyond<bool, long>);
+static_assert(!slate::TickCountBeyond<short, int>);
+static_assert(!slate::TickCountBeyond<int, int>);
+static_assert(slate::TickCountBeyond<unsigned int, int>);
+static_assert(!slate::TickCountBeyond<long, long>);
+static_assert(!slate::TickCountBeyond<unsigned int, std::int64_t>);
+static_assert(slate::TickCountBeyond<std::uint64_t, long>);
+static_assert(slate::TickCountBeyond<float, long>);
+static_assert(!slate::TickCountBeyond<std::chrono::seconds, long>);
+
+TEST(Duration, IsMadeFromDurationsOfTheStandardLibrary)
+{
+    using namespace std::chrono_literals;
+
+    EXPECT_EQ(Duration(5ns), Nanoseconds(5));
+    EXPECT_EQ(Duration(-5us), Microseconds(-5));
+    EXPECT_EQ(Duration(5ms), Milliseconds(5));
+    EXPECT_EQ(Duration(5s), Seconds(5));
+    EXPECT_EQ(Duration(5min), Minutes(5));
+    EXPECT_EQ(Duration(5h), Minutes(300));
+    EXPECT_EQ(Duration(std::chrono::days(-2)), Minutes(-2 * 24 * 60));
+    EXPECT_EQ(Duration(1.5min), Seconds(90));
+    EXPECT_EQ(Duration(std::chrono::duration<float>(0.5f)), Milliseconds(500));
+    EXPECT_EQ(Duration(std::chrono::duration<std::int8_t, std::deci>(-7)), Milliseconds(-700));
+    EXPECT_EQ(Duration(std::chrono::duration<unsigned char, std::ratio<7, 2>>(200)), Seconds(700));
+}
+
+TEST(Duration, RoundsFinerTicksToTheNearestNanosecond)
+{
+    using Picoseconds = std::chrono::duration<std::int64_t, std::pico>;
+    using Thirds = std::chrono::duration<int, std::ratio<1, 3>>;
+    using Attoseconds = std::chrono::duration<std::uint64_t, std::atto>;
+
+    EXPECT_EQ(Duration(Picoseconds(1499)), Nanoseconds(1));
+    EXPECT_EQ(Duration(Picoseconds(1500)), Nanoseconds(2));
+    EXPECT_EQ(Duration(Picoseconds(-1499)), Nanoseconds(-1));
+    EXPECT_EQ(Duration(Picoseconds(-1500)), Nanoseconds(-2));
+    EXPECT_EQ(Duration(Thirds(1)), Nanoseconds(333'333'333));
+    EXPECT_EQ(Duration(Thirds(2)), Nanoseconds(666'666'667));
+    EXPECT_EQ(Duration(Thirds(-5)), Nanoseconds(-1'666'666'667));
+    EXPECT_EQ(Duration(Attoseconds(std::numeric_limits<std::uint64_t>::max())), Nanoseconds(18'446'744'074));
+    EXPECT_EQ(Duration(std::chrono::duration<double, std::pico>(1500)), Nanoseconds(2));
+    EXPECT_EQ(Duration(std::chrono::duration<double, std::ratio<1, 3>>(2)), Nanoseconds(666'666'667));
+}
+
+TEST(Duration, SaturatesWithDurationsOfTheStandardLibrary)
+{
+    using Exaseconds = std::chrono::duration<std::int64_t, std::exa>;
+    using Odd = std::chrono::duration<std::uint64_t, std::ratio<INTMAX_MAX, INTMAX_MAX - 1>>;
+    using FractionsOfExaseconds = std::chrono::duration<double, std::exa>;
+    constexpr auto whole_seconds = most / 1'000'000'000;
+
+    EXPECT_EQ(Duration(std::chrono::nanoseconds::max()), longest);
+    EXPECT_EQ(Duration(std::chrono::nanoseconds::min()), shortest);
+    EXPECT_EQ(Duration(std::chrono::hours::max()), longest);
+    EXPECT_EQ(Duration(std::chrono::hours::min()), shortest);
+    EXPECT_EQ(Duration(Exaseconds(most)), longest);
+    EXPECT_EQ(Duration(Exaseconds(least)), shortest);
+    EXPECT_EQ(Duration(Exaseconds(0)), Seconds(0));
+    // In nanoseconds these would overflow even 128 bits, and change their sign.
+    EXPECT_EQ(Duration(Exaseconds(200'000'000'000)), longest);
+    EXPECT_EQ(Duration(Exaseconds(-200'000'000'000)), shortest);
+    EXPECT_EQ(Duration(Odd(std::numeric_limits<std::uint64_t>::max())), longest);
+    EXPECT_EQ(Duration(Odd(1)), Seconds(1));
+    EXPECT_EQ(Duration(std::chrono::duration<std::uint64_t, std::nano>(most)), longest);
+    EXPECT_EQ(Duration(std::chrono::duration<std::uint64_t, std::nano>(most - 1)), nanoseconds(most - 1));
+    EXPECT_EQ(Duration(std::chrono::duration<std::uint64_t, std::nano>(std::uint64_t{most} + 1)), longest);
+    EXPECT_EQ(Duration(std::chrono::seconds(whole_seconds)), Seconds(whole_seconds));
+    EXPECT_EQ(Duration(std::chrono::seconds(whole_seconds + 1)), longest);
+    EXPECT_EQ(Duration(std::chrono::seconds(-whole_seconds - 1)), shortest);
+    EXPECT_EQ(Duration(FractionsOfExaseconds(1e-18)), Seconds(1));
+    EXPECT_EQ(Duration(FractionsOfExaseconds(1)), longest);
+    EXPECT_EQ(Duration(FractionsOfExaseconds(-1)), shortest);
+}
+
+// Durations of the standard library convert implicitly, and nothing else does.
+static_assert(std::is_convertible_v<std::chrono::nanoseconds, Duration>);
+static_assert(std::is_convertible_v<std::chrono::hours, Duration>);
+static_assert(std::is_convertible_v<const std::chrono::duration<float>&, Duration>);
+static_assert(!std::is_constructible_v<Duration, int>);
+static_assert(!std::is_constructible_v<Duration, double>);
+static_assert(!std::is_constructible_v<Duration, std::string_view>);
+static_assert(!std::is_constructible_v<Duration, std::chrono::steady_clock::time_point>);
+static_assert(!std::is_convertible_v<Duration, std::chrono::nanoseconds>);
+static_assert(std::is_trivially_copyable_v<Duration>);
+
+/// Declared only: the result tells which overload a call takes.
+struct Overloads {
+    static Duration take(const Duration&);
+    static double take(double);
+    static std::string_view take(std::string_view);
+
+    static Duration take_seconds(const Duration&);
+    static std::chrono::seconds take_seconds(std::chrono::seconds);
+};
+
+static_assert(std::is_same_v<decltype(Overloads::take(std::chrono::milliseconds(1))), Duration>);
+static_assert(std::is_same_v<decltype(Overloads::take(1)), double>);
+static_assert(std::is_same_v<decltype(Overloads::take("1s")), std::string_view>);
+static_assert(
+    std::is_same_v<decltype(Overloads::take_seconds(std::chrono::seconds(1))), std::chrono::seconds>);
+static_assert(std::is_same_v<decltype(Overloads::take_seconds(Duration())), Duration>);
+
+TEST(Duration, MixesWithDurationsOfTheStandardLibrary)
+{
+    using namespace std::chrono_literals;
+
+    Duration timeout = 250ms;
+    timeout += 1s;
+    timeout -= 50ms;
+
+    EXPECT_EQ(timeout, Milliseconds(1200));
+    EXPECT_EQ(timeout, 1200ms);
+    EXPECT_EQ(1200ms, timeout);
+    EXPECT_LT(timeout, 2s);
+    EXPECT_LT(1s, timeout);
+    EXPECT_EQ(timeout + 1min, Milliseconds(61'200));
+    EXPECT_EQ(1min - timeout, Milliseconds(58'800));
+    EXPECT_EQ(Duration::from("no duration", 4s), Seconds(4));
+    EXPECT_EQ(Duration::from("5s", Duration()), Seconds(5));
+}
+
 TEST(Duration, CountsWholeUnitsRoundedTowardZero)
 {
     EXPECT_EQ(Microseconds(1999).to_milliseconds(), 1);
@@ -105,7 +310,7 @@ TEST(Duration, CountsWholeUnitsRoundedTowardZero)
     EXPECT_EQ(infinity.to_nanoseconds(), most);
 }
 
-TEST(Duration, OrdersUninitializedBeforeAllAndInfinityBehind)
+TEST(Duration, OrdersUninitializedFirstAndInfinityLast)
 {
     const std::vector<Duration> ascending{uninitialized,  shortest,        Nanoseconds(-1), Nanoseconds(0),
                                           Nanoseconds(1), Milliseconds(1), longest,         infinity};
@@ -183,7 +388,7 @@ const std::vector<Text> texts{
     {uninitialized, "uninitialized"},
 };
 
-TEST(Duration, PrintsTheUnitThatSuitsIt)
+TEST(Duration, PrintsItselfInTheUnitThatSuitsIt)
 {
     for (const auto& row : texts)
         EXPECT_EQ(row.value.to_string(), row.text);
@@ -199,6 +404,21 @@ TEST(Duration, ReadsBackWhatItPrints)
         const auto value = nanoseconds(static_cast<std::int64_t>(random()) >> (random() % 64));
         ASSERT_EQ(read(value.to_string()), value) << value.to_string();
     }
+}
+
+TEST(Duration, ParsesTextOrReturnsNothing)
+{
+    EXPECT_EQ(Duration::parse("250ms"), Milliseconds(250));
+    EXPECT_EQ(Duration::parse("inf"), infinity);
+    EXPECT_EQ(Duration::parse("-9223372036854775808ns"), shortest);
+    EXPECT_EQ(Duration::parse("9223372036854775808ns"), std::nullopt);
+    EXPECT_EQ(Duration::parse("1"), std::nullopt);
+    EXPECT_EQ(Duration::parse(""), std::nullopt);
+
+    const auto parsed = Duration::parse("uninitialized"); // a valid text, as to_string() writes it
+    ASSERT_TRUE(parsed.has_value());
+    EXPECT_TRUE(parsed->is_not_initialized());
+    EXPECT_TRUE(Duration::from("uninitialized", Seconds(1)).is_not_initialized());
 }
 
 TEST(Duration, ReadsEveryUnitAndSign)
@@ -231,7 +451,7 @@ TEST(Duration, ReadsEveryUnitAndSign)
         EXPECT_EQ(read(row.text), row.value) << row.text;
 }
 
-TEST(Duration, RefusesWhatIsNoDuration)
+TEST(Duration, RefusesTextThatIsNoDuration)
 {
     const std::vector<std::string> rows{
         "",
@@ -288,7 +508,7 @@ TEST(Duration, RefusesWhatIsNoDuration)
         EXPECT_TRUE(is_refused(text)) << text;
 }
 
-TEST(Duration, RefusesWhatHasNoExactValueInRange)
+TEST(Duration, RefusesTextWithoutAnExactValueInRange)
 {
     const std::vector<std::string> rows{
         "0.5ns",
@@ -339,7 +559,7 @@ TEST(Duration, RoundsToTheDecimalsAskedFor)
         {Nanoseconds(1'234), 3, "1.234us"},
         {Minutes(15), 1, "15min"},
         {Seconds(0), 1, "0s"},
-        {longest, 1, "9223372036.8s"}, // half away from zero would leave the range
+        {longest, 1, "9223372036.8s"}, // rounded up, it would exceed the range
         {longest, 2, "9223372036.85s"},
         {shortest, 1, "-9223372036.8s"},
         {infinity, 1, "inf"},
@@ -352,7 +572,7 @@ TEST(Duration, RoundsToTheDecimalsAskedFor)
     }
 }
 
-TEST(Duration, PrintsNoMoreThanTheRoundedValueOnceRead)
+TEST(Duration, PrintsTheSameAgainOnceItsRoundedTextIsRead)
 {
     std::mt19937_64 random(42);
     for (int i = 0; i < 20'000; ++i) {
@@ -364,7 +584,19 @@ TEST(Duration, PrintsNoMoreThanTheRoundedValueOnceRead)
     }
 }
 
-TEST(StopWatch, ShowsNothingUntilItIsStarted)
+TEST(Duration, DoesntDependOnTheLocaleOfTheProcess)
+{
+    const CommaLocale locale;
+    if (!locale.is_set())
+        GTEST_SKIP() << "localedef makes no locale here";
+
+    EXPECT_EQ(Milliseconds(1'234'500).to_string(), "1234.5s");
+    EXPECT_EQ(Duration::parse("1234.5s"), Milliseconds(1'234'500));
+    EXPECT_EQ(Duration::parse("1234,5s"), std::nullopt);
+    EXPECT_EQ(Duration::parse("1.234,5s"), std::nullopt);
+}
+
+TEST(StopWatch, ShowsZeroUntilItIsStarted)
 {
     slate::StopWatch watch(false);
     EXPECT_EQ(watch.elapsed(), 0);

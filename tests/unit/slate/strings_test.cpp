@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/strings.h"
 
-#include <clocale>
 #include <cmath>
+#include <cstddef>
+#include <cstdio>
 #include <limits>
 #include <list>
 #include <locale>
 #include <map>
+#include <ostream>
 #include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "comma_locale.h"
 
 namespace {
 using Pieces = std::vector<std::string>;
@@ -52,7 +60,7 @@ TEST(Strings, ChangeTheCaseOfAsciiLettersOnly)
     EXPECT_EQ(slate::to_lower(std::string_view("A\0B", 3)), std::string("a\0b", 3));
 }
 
-TEST(Strings, AreEqualButForTheCaseOfAsciiLetters)
+TEST(Strings, AreEqualExceptForTheCaseOfAsciiLetters)
 {
     EXPECT_TRUE(slate::equals_ignoring_case("X-Tarn-Key", "x-tARN-kEY"));
     EXPECT_TRUE(slate::equals_ignoring_case("", ""));
@@ -62,7 +70,7 @@ TEST(Strings, AreEqualButForTheCaseOfAsciiLetters)
     EXPECT_FALSE(slate::equals_ignoring_case("\xc3\x84", "\xc3\xa4"));
 }
 
-TEST(Strings, LoseLeadingCharacters)
+TEST(Strings, AreTrimmedOfLeadingCharacters)
 {
     EXPECT_EQ(slate::trim_left("//a/b", "/"), "a/b");
     EXPECT_EQ(slate::trim_left(" \t x ", " \t"), "x ");
@@ -71,7 +79,7 @@ TEST(Strings, LoseLeadingCharacters)
     EXPECT_EQ(slate::trim_left("", "/"), "");
 }
 
-TEST(Strings, LoseAPrefixOrSuffixOnce)
+TEST(Strings, AreTrimmedOfAPrefixOrSuffixOnce)
 {
     EXPECT_EQ(slate::trim_prefix("ababc", "ab"), "abc");
     EXPECT_EQ(slate::trim_prefix("abc", "b"), "abc");
@@ -90,19 +98,9 @@ TEST(Strings, KeepOnlyLettersAndDigits)
     EXPECT_EQ(slate::trim_alphanumeric(""), "");
 }
 
-TEST(Split, CutsAtEachDelimiter)
-{
-    EXPECT_EQ(split("a,b;c", ",;", false, false), (Pieces{"a", "b", "c"}));
-    EXPECT_EQ(split("status@1203?x=y@z", "@?", false, false), (Pieces{"status", "1203", "x=y", "z"}));
-    EXPECT_EQ(split("/a/b", "/", false, true), (Pieces{"a", "b"}));
-    EXPECT_EQ(split("/a//b/", "/", false, false), (Pieces{"", "a", "", "b", ""}));
-    EXPECT_EQ(split("abc", ",", false, false), (Pieces{"abc"}));
-    EXPECT_EQ(split("a,b", "", false, false), (Pieces{"a,b"}));
-}
-
 struct Utf8Row {
     std::string text;
-    std::string repaired; // the same for what is well-formed
+    std::string repaired; // the same if the text is well-formed
 
     friend std::ostream& operator<<(std::ostream& stream, const Utf8Row& row)
     {
@@ -113,7 +111,7 @@ struct Utf8Row {
     }
 };
 
-/// `bad` bytes, each of which is replaced, and a text that stays.
+/// A row of `bad` bytes, each of which is replaced, and of a text that stays.
 Utf8Row ill_formed(const std::string& bad, const std::string& rest = "")
 {
     std::string repaired;
@@ -129,12 +127,12 @@ Utf8Row well_formed(const std::string& text)
 
 class Utf8 : public testing::TestWithParam<Utf8Row> {};
 
-TEST_P(Utf8, IsToldFromOtherBytes)
+TEST_P(Utf8, IsDistinguishedFromOtherBytes)
 {
     EXPECT_EQ(slate::is_utf8(GetParam().text), GetParam().text == GetParam().repaired);
 }
 
-TEST_P(Utf8, IsMadeByReplacingEveryByteThatFitsNowhere)
+TEST_P(Utf8, IsRestoredByReplacingEveryOtherByte)
 {
     const std::string repaired = slate::to_utf8(GetParam().text);
 
@@ -142,13 +140,13 @@ TEST_P(Utf8, IsMadeByReplacingEveryByteThatFitsNowhere)
     EXPECT_TRUE(slate::is_utf8(repaired));
 }
 
-TEST_P(Utf8, IsFoundBetweenOtherTextToo)
+TEST_P(Utf8, IsFoundBetweenOtherText)
 {
     EXPECT_EQ(slate::to_utf8("a" + GetParam().text + "z"), "a" + GetParam().repaired + "z");
     EXPECT_EQ(slate::to_utf8("\xC3\xA4" + GetParam().text), "\xC3\xA4" + GetParam().repaired);
 }
 
-// The first and the last of each line of the standard's table of well-formed sequences.
+// The first and the last sequence in each line of the standard's table of well-formed ones.
 INSTANTIATE_TEST_SUITE_P(WellFormed, Utf8,
                          testing::Values(well_formed(""), well_formed(std::string(1, '\0')),
                                          well_formed("\x7F"), well_formed("\xC2\x80"),
@@ -189,6 +187,16 @@ INSTANTIATE_TEST_SUITE_P(Cut, Utf8,
                                          ill_formed("\xF1\x80\xE1\x80"),
                                          // The standard's own example of cut sequences.
                                          ill_formed("\xE1\x80\xE2\xF0\x91\x92\xF1\xBF", "\x41")));
+
+TEST(Split, CutsAtEachDelimiter)
+{
+    EXPECT_EQ(split("a,b;c", ",;", false, false), (Pieces{"a", "b", "c"}));
+    EXPECT_EQ(split("status@1203?x=y@z", "@?", false, false), (Pieces{"status", "1203", "x=y", "z"}));
+    EXPECT_EQ(split("/a/b", "/", false, true), (Pieces{"a", "b"}));
+    EXPECT_EQ(split("/a//b/", "/", false, false), (Pieces{"", "a", "", "b", ""}));
+    EXPECT_EQ(split("abc", ",", false, false), (Pieces{"abc"}));
+    EXPECT_EQ(split("a,b", "", false, false), (Pieces{"a,b"}));
+}
 
 TEST(Split, RemovesBlanksAroundPiecesIfAsked)
 {
@@ -247,7 +255,7 @@ TEST(Join, TakesTextFromTheAccessor)
     EXPECT_EQ(text, "a=1&b=2");
 }
 
-/// What a stream with nothing changed prints.
+/// What a stream prints by default.
 template <class T>
 std::string streamed(T value)
 {
@@ -313,7 +321,8 @@ void expect_refused(std::string_view text)
 template <class T>
 class WholeNumber : public testing::Test {
 };
-using WholeNumbers = testing::Types<int, long, long long, unsigned int, unsigned long, unsigned long long>;
+using WholeNumbers = testing::Types<signed char, short, int, long, long long, unsigned char, unsigned short,
+                                    unsigned int, unsigned long, unsigned long long>;
 TYPED_TEST_SUITE(WholeNumber, WholeNumbers);
 
 TYPED_TEST(WholeNumber, IsReadFromItsText)
@@ -336,7 +345,7 @@ TYPED_TEST(WholeNumber, IsRefusedUnlessTheWholeTextIsOne)
 TYPED_TEST(WholeNumber, IsRefusedOutOfRange)
 {
     const auto greatest = slate::to_string(std::numeric_limits<TypeParam>::max());
-    auto beyond = greatest; // ends in 5 or 7
+    auto beyond = greatest; // its last digit is 5 or 7
     ++beyond.back();
 
     expect_refused<TypeParam>(beyond);
@@ -373,6 +382,7 @@ TEST(TryParse, ReadsFloatingPoint)
     expect_parsed("-.5", -0.5);
     expect_parsed("5.", 5.0);
     expect_parsed("0.1", 0.1f);
+    expect_parsed("0.1", 0.1L);
     expect_parsed("inf", std::numeric_limits<double>::infinity());
     expect_parsed("-inf", -std::numeric_limits<float>::infinity());
     double value = 0;
@@ -383,12 +393,24 @@ TEST(TryParse, ReadsFloatingPoint)
          {"", " ", ".", "e5", "1e", "1e+", " 1", "1 ", "1,5", "1.5.5", "0x1p3", "1f", "abc", "+-1"}) {
         expect_refused<double>(text);
         expect_refused<float>(text);
+        expect_refused<long double>(text);
     }
     expect_refused<double>("1e999");
     expect_refused<float>("1e39");
 }
 
-TEST(TryParse, TakesAnyTextForAString)
+TEST(TryParse, ReadsOneByteAsACharacter)
+{
+    expect_parsed("x", 'x');
+    expect_parsed("7", '7');
+    expect_parsed(" ", ' ');
+    expect_parsed(std::string_view("\0", 1), '\0');
+    for (const auto* text : {"", "xy", "77", "\xc3\xa4"})
+        expect_refused<char>(text);
+    EXPECT_EQ(slate::to_string('x'), "x");
+}
+
+TEST(TryParse, ReadsAnyTextAsAString)
 {
     expect_parsed("", std::string());
     expect_parsed(" a b ", std::string(" a b "));
@@ -401,7 +423,7 @@ struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(Strings, DontDependOnTheLocale)
+TEST(Strings, DontDependOnTheLocaleOfStreams)
 {
     const auto before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
 
@@ -415,5 +437,31 @@ TEST(Strings, DontDependOnTheLocale)
     EXPECT_EQ(real, "1234.5");
     EXPECT_TRUE(parsed);
     EXPECT_EQ(value, 0.5);
+}
+
+TEST(Strings, DontDependOnTheLocaleOfTheProcess)
+{
+    const CommaLocale locale;
+    if (!locale.is_set())
+        GTEST_SKIP() << "localedef makes no locale here";
+    char printed[8];
+    std::snprintf(printed, sizeof(printed), "%g", 0.5);
+    ASSERT_STREQ(printed, "0,5"); // so the locale is in force
+
+    expect_parsed("1234.5", 1234.5);
+    expect_parsed("-1e-3", -0.001);
+    expect_parsed("0.5", 0.5f);
+    expect_parsed("0.5", 0.5L);
+    expect_parsed("1234567", 1234567);
+    expect_refused<double>("0,5");
+    expect_refused<float>("0,5");
+    expect_refused<long double>("0,5");
+    expect_refused<double>("1.234,5");
+    expect_refused<int>("1.234");
+
+    EXPECT_EQ(slate::to_string(1234.5), "1234.5");
+    EXPECT_EQ(slate::to_string(0.5f), "0.5");
+    EXPECT_EQ(slate::to_string(0.5L), "0.5");
+    EXPECT_EQ(slate::to_string(1234567), "1234567");
 }
 } // namespace

@@ -16,6 +16,7 @@
 #include "slate/queue.h"
 #include "slate/uri.h"
 #include "support/log_capture.h"
+#include "tarn/internal/async.h"
 #include "tarn/tarn.h"
 
 namespace {

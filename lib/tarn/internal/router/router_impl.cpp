@@ -16,19 +16,20 @@
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/proxy.h"
 #include "tarn/internal/transport/workers.h"
+#include "tarn/zmq_subsystem.h"
 
 namespace tarn_internal {
 namespace {
 std::atomic<int> instance{0};
 
-/// As it stands in endpoints: from the root, and without a slash at its end.
+/// The form that endpoints have: absolute, and without a trailing slash.
 std::filesystem::path normalise(const std::filesystem::path& directory)
 {
     auto result = std::filesystem::absolute(directory).lexically_normal();
     return result.has_filename() ? result : result.parent_path();
 }
 
-/// Whether somebody serves at an inproc endpoint.
+/// Whether an inproc endpoint is bound.
 bool is_served(zmq::context_t& context, const slate::Uri& uri)
 {
     try {
@@ -44,19 +45,19 @@ bool is_served(zmq::context_t& context, const slate::Uri& uri)
 
 RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
                        const std::shared_ptr<const slate::Dictionary>& settings,
-                       const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-                       const std::shared_ptr<const slate::Uri>& sub_uri,
+                       const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                        const std::shared_ptr<MessageFactory>& factory,
-                       const std::filesystem::path& run_time_directory)
+                       const std::filesystem::path& run_time_directory,
+                       const std::vector<std::shared_ptr<Route>>& routes)
     : context_(context),
       uuid_(slate::make_uuid().to_string()),
-      uris_(uris),
+      uris_(endpoints),
       dealer_uri_(slate::make_uri("inproc://dealer/" + uuid_)),
       server_uri_(slate::make_uri("inproc://router_server/" + uuid_)),
       run_time_directory_(normalise(run_time_directory)),
       provider_("zmq.router", instance++),
       thread_(context_, slate::make_uri("inproc://" + uuid_)),
-      server_(make_server(settings, {server_uri_}, sub_uri, factory)),
+      server_(make_server(1, settings, {server_uri_}, relay_out, factory, routes)),
       factory_(factory),
       serves_itself_(is_served(*context_, *server_uri_))
 {
@@ -121,16 +122,17 @@ void RouterImpl::thread_entry()
 
 void RouterImpl::worker_entry(RouterImpl* router, Workers& workers)
 {
-    RouterWorker worker(router->context_, router->provider_, router->factory_,
-                        [router](const Request& request) { return router->find_service(request); });
+    RouterWorker worker(
+        router->context_, router->provider_, router->factory_,
+        [router](const Request& request) { return router->find_service(request); },
+        [] { return ZmqSubsystem::self() != nullptr; });
     const bool connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
     workers.report(connected);
     if (connected)
         worker.run();
 }
 
-std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::resolve(RouterImpl* router,
-                                                                              const Request& request)
+std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const Request& request)
 {
     const std::string path = request.path();
     auto segments = slate::split<std::vector<std::string>>(path, "/", false, true);
@@ -150,24 +152,24 @@ std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::resolve(Ro
     const bool own = std::any_of(router->uris_.begin(), router->uris_.end(),
                                  [&](const auto& uri) { return uri->to_string() == endpoint; });
     auto uri = own ? router->server_uri_ : slate::make_uri(endpoint);
-    if (!uri) // a name that no endpoint can have
+    if (!uri) // the name can't be part of an endpoint
         return {router->server_uri_, path};
     return {uri, "/" + slate::join(segments, "/")};
 }
 
-std::pair<std::shared_ptr<const slate::Uri>, std::string> RouterImpl::find_service(const Request& request)
+std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request)
 {
     auto found = resolve(this, request);
-    // A request to an inproc endpoint that nobody serves would cost one of the context's sockets for good.
+    // A request to an inproc endpoint that isn't bound would use up one of the context's sockets for good.
     if (found.first == server_uri_ && !serves_itself_)
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
 }
 
-/// Only the directory is looked at, not the socket in it.
+/// Looks only at the directory, not at the socket in it.
 bool RouterImpl::is_service(const std::string& name) const
 {
-    // No path may lead out of the run-time directory.
+    // No path may escape from the run-time directory.
     return name != "." && name != ".." && std::filesystem::exists(run_time_directory_ / name);
 }
 } // namespace tarn_internal

@@ -12,24 +12,25 @@
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/request.h"
 #include "tarn/router.h"
+#include "tarn/types.h"
 
 namespace tarn_internal {
 class Workers;
 
-/// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which passes one request
-/// at a time on to the service that it is for. It keeps no table of requests: who asked is written in the
-/// frames that stand before the request.
+/// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which forwards one
+/// request at a time to its service. It keeps no table of requests: the frames in front of a request identify
+/// its sender.
 ///
-/// The router's own routes belong to a server inside it, at an inproc endpoint, to which requests are passed
-/// on like to any other.
+/// The router's own routes belong to a server inside it, at an inproc endpoint, which gets requests like any
+/// other service.
 class RouterImpl : public Router {
 public:
     RouterImpl(const std::shared_ptr<zmq::context_t>& context,
                const std::shared_ptr<const slate::Dictionary>& settings,
-               const std::vector<std::shared_ptr<const slate::Uri>>& uris,
-               const std::shared_ptr<const slate::Uri>& sub_uri,
+               const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                const std::shared_ptr<MessageFactory>& factory,
-               const std::filesystem::path& run_time_directory);
+               const std::filesystem::path& run_time_directory,
+               const std::vector<std::shared_ptr<Route>>& routes = {});
     ~RouterImpl() override;
 
     void suppress_add_remote_call_warning() override;
@@ -41,14 +42,13 @@ public:
 
     /// Where to send a request, and the path that it carries there. No endpoint for a path without segments.
     /// Throws std::filesystem::filesystem_error if the run-time directory can't be asked.
-    static std::pair<std::shared_ptr<const slate::Uri>, std::string> resolve(RouterImpl* router,
-                                                                             const Request& request);
+    static std::pair<Endpoint, std::string> resolve(RouterImpl* router, const Request& request);
 
 private:
     void thread_entry();
-    /// What resolve gives, for a worker. Throws MessageException, status 503, for what the router's own
-    /// server should answer if that has not started.
-    std::pair<std::shared_ptr<const slate::Uri>, std::string> find_service(const Request& request);
+    /// As resolve, for a worker. Throws MessageException, status 503, for a request to the router's own
+    /// server if that has not started.
+    std::pair<Endpoint, std::string> find_service(const Request& request);
     static void worker_entry(RouterImpl* router, Workers& workers);
     /// Whether there is a service of that name.
     bool is_service(const std::string& name) const;
@@ -56,9 +56,9 @@ private:
     const std::size_t workers_ = 3;
     const std::shared_ptr<zmq::context_t> context_;
     const std::string uuid_; // keeps the inproc endpoints apart from those of any other router
-    const std::vector<std::shared_ptr<const slate::Uri>> uris_;
-    const std::shared_ptr<const slate::Uri> dealer_uri_;
-    const std::shared_ptr<const slate::Uri> server_uri_;
+    const std::vector<Endpoint> uris_;
+    const Endpoint dealer_uri_;
+    const Endpoint server_uri_;
     const std::filesystem::path run_time_directory_;
     const OwnedProvider provider_;
     ControlledThread thread_;

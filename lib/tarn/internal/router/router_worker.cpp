@@ -9,16 +9,16 @@
 #include "tarn/internal/transport/request_cycle.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
-#include "tarn/zmq_subsystem.h"
+#include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
 namespace {
-/// What the way through the router is given of a request's time.
+/// The share of a request's time that the router keeps for itself.
 const slate::Duration router_share = slate::Milliseconds(500);
-/// For a request that left the router less than its share.
+/// The time for a request whose own is less than that share.
 const slate::Duration least_time = slate::Seconds(1);
 
-/// Whether it has a path to go by.
+/// Whether the message has a path.
 bool is_routable(const Message& message)
 {
     return message.type_case() != Message::TYPE_NOT_SET && !message.has_call() && !message.has_response();
@@ -27,11 +27,12 @@ bool is_routable(const Message& message)
 
 RouterWorker::RouterWorker(const std::shared_ptr<zmq::context_t>& context,
                            std::shared_ptr<slate::Provider> provider, std::shared_ptr<MessageFactory> factory,
-                           Resolve resolve)
+                           Resolve resolve, HasRuntime has_runtime)
     : context_(context),
       provider_(std::move(provider)),
       factory_(std::move(factory)),
       resolve_(std::move(resolve)),
+      has_runtime_(std::move(has_runtime)),
       requests_(*context_, zmq::socket_type::dealer),
       control_(*context_, zmq::socket_type::sub)
 {
@@ -79,12 +80,12 @@ void RouterWorker::take_request()
 
     const bool verbose = slate::is_logging_allowed(slate::VerboseLevel);
     const Answer answer = answer_or_fail(routed->payload, verbose);
-    // Who sends rubbish gets no reply, and the wait of a client that did so ends by itself.
+    // A frame that doesn't parse gets no reply; its sender times out.
     if (answer.message)
         send(*routed, answer, verbose);
 }
 
-/// Whatever goes wrong with one request ends that request only.
+/// A failure of one request ends that request only.
 RouterWorker::Answer RouterWorker::answer_or_fail(const zmq::message_t& payload, bool verbose) const
 {
     std::string path;
@@ -95,18 +96,18 @@ RouterWorker::Answer RouterWorker::answer_or_fail(const zmq::message_t& payload,
         if (!request.message)
             return {};
         if (!is_routable(*request.message))
-            return fail(Status::NotImplemented, "request type not implemented", path);
+            return make_failure(Status::NotImplemented, "request type not implemented", path);
         path = request.path();
         return pass_on(request, path, verbose);
     }
     catch (const MessageException& error) {
-        return fail(error.status, error.what(), path);
+        return make_failure(error.status, error.what(), path);
     }
     catch (const std::exception& error) {
-        return fail(Status::InternalServerError, error.what(), path);
+        return make_failure(Status::InternalServerError, error.what(), path);
     }
     catch (...) {
-        return fail(Status::InternalServerError, "unknown exception", path);
+        return make_failure(Status::InternalServerError, "unknown exception", path);
     }
 }
 
@@ -118,8 +119,8 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
         slate::log_error(provider_, SLATE_HERE, "no route found for: ", request.to_string());
         return {factory_->make_response(Status::NotFound), path};
     }
-    if (!ZmqSubsystem::self())
-        return fail(Status::ServiceUnavailable, "tarn not / no longer initialized", path);
+    if (!has_runtime_())
+        return make_failure(Status::ServiceUnavailable, "tarn not / no longer initialized", path);
 
     const bool secret = hidden_payload(path);
     request.mutable_head()->set_path(forwarded_path);
@@ -131,18 +132,20 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
                          secret);
     const auto reply = service.read_reply(*request.message, time, &control_);
     if (!reply->message)
-        return fail(Status::BadGateway, "corrupt reply from the service at " + endpoint->to_string(), path);
+        return make_failure(Status::BadGateway, "corrupt reply from the service at " + endpoint->to_string(),
+                            path);
     if (reply->status() == Status::RequestTimeout)
         slate::log_error(provider_, SLATE_HERE, "request timeout; ", path, " at the service ",
                          endpoint->to_string());
-    // The caller sees the path that it asked for. Anything but a response becomes an empty one.
+    // The caller gets the path that it asked for. Anything but a response becomes an empty one.
     reply->message->mutable_response()->mutable_head()->set_path(path);
     return {reply->message, path};
 }
 
-RouterWorker::Answer RouterWorker::fail(Status status, const std::string& text, const std::string& path) const
+RouterWorker::Answer RouterWorker::make_failure(Status status, const std::string& text,
+                                                const std::string& path) const
 {
-    // Not the request itself, which may be of any size.
+    // Logs the path instead of the request, which may have any size.
     slate::log_error(provider_, SLATE_HERE, text, "; request to \"", path, "\"");
     auto message = factory_->make_response(status);
     Response* response = message->mutable_response();
@@ -154,7 +157,7 @@ RouterWorker::Answer RouterWorker::fail(Status status, const std::string& text, 
 
 void RouterWorker::send(RoutedMessage& request, const Answer& answer, bool verbose)
 {
-    // Made before anything is sent, as a message that was begun must be ended.
+    // Serialised before anything is sent, because a multipart message that was begun must be completed.
     auto frame = to_frame(answer);
     for (zmq::message_t& part : request.way_back)
         requests_.send(part, zmq::send_flags::sndmore);
@@ -172,7 +175,8 @@ zmq::message_t RouterWorker::to_frame(const Answer& answer) const
     catch (const zmq::error_t& error) { // no memory for a large one
         slate::log_error(provider_, SLATE_HERE, error.what(), "; reply for \"", answer.path, "\"");
     }
-    const Answer failure = fail(Status::InternalServerError, "the reply can't be serialised", answer.path);
+    const Answer failure =
+        make_failure(Status::InternalServerError, "the reply can't be serialised", answer.path);
     return std::move(tarn_internal::to_frame(*failure.message).value());
 }
 

@@ -5,13 +5,18 @@
 
 #include "slate/dictionary.h"
 #include "slate/provider.h"
+#include "tarn/exception.h"
+#include "tarn/formats.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/settings.h"
+#include "tarn/proto/message.pb.h"
+#include "tarn/transfer/chunk_headers.h"
 
 namespace tarn_internal {
-ChunkedTransfers::ChunkedTransfers(std::shared_ptr<const slate::Dictionary> settings,
+ChunkedTransfers::ChunkedTransfers(const slate::Dictionary& settings,
                                    std::shared_ptr<slate::Provider> provider,
                                    std::shared_ptr<slate::Counter> err)
-    : settings_(std::move(settings)),
+    : session_ttl_(duration_setting(settings, tarn::session_ttl(), tarn::default_session_ttl())),
       provider_(std::move(provider)),
       err_(std::move(err)),
       sessions_(slate::make_clock_factory()->make_clock())
@@ -67,8 +72,8 @@ ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::st
                                                                    TransferFile place)
 {
     if (!begins) {
-        if (auto present = sessions_.find(id))
-            return present;
+        if (auto existing = sessions_.find(id))
+            return existing;
         err_->increment();
         throw MessageException(Status::Conflict,
                                slate::trace_error(SLATE_HERE, "transfer interrupted try again"));
@@ -100,12 +105,6 @@ void ChunkedTransfers::complete(Context& context, Sessions::Entry& entry)
 
 slate::Duration ChunkedTransfers::expiry() const
 {
-    slate::Duration expires = sessions_.now();
-    if (settings_->has(tarn::session_ttl()))
-        expires +=
-            slate::Duration::from(settings_->get(tarn::session_ttl(), ""), tarn::default_session_ttl());
-    else
-        expires += tarn::default_session_ttl();
-    return expires;
+    return sessions_.now() + session_ttl_;
 }
 } // namespace tarn_internal

@@ -10,8 +10,8 @@
 
 namespace tarn_internal {
 namespace {
-[[noreturn]] void fail(const std::shared_ptr<slate::Provider>& provider, slate::SourceLine line,
-                       Status status, std::string_view text)
+[[noreturn]] void throw_failure(const std::shared_ptr<slate::Provider>& provider, slate::SourceLine line,
+                                Status status, std::string_view text)
 {
     throw MessageException(status, slate::trace_error(provider, line, text));
 }
@@ -41,8 +41,7 @@ void RemoteCalls::add(unsigned int number, const std::function<void(Message&)>& 
 
 void RemoteCalls::del(unsigned int number)
 {
-    std::function<void(Message&)>
-        deleted; // outlives the lock, as what it holds may use the server when it goes
+    std::function<void(Message&)> deleted; // outlives the lock, as its destructor may use the server
     const std::lock_guard lock(mutex_);
     slate::log_debug(provider_, SLATE_HERE, "del remote call: ", std::to_string(number));
     deleted = remote_calls_.del(number);
@@ -74,7 +73,7 @@ void RemoteCalls::handle_method_call(Context& context)
         set_result(message, Status::InternalServerError, error.what());
     }
     catch (...) {
-        // A function may throw anything; that must not end the process.
+        // A function may throw any type; that must not end the process.
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", "unknown exception");
         set_result(message, Status::InternalServerError, "unknown exception");
     }
@@ -84,17 +83,17 @@ void RemoteCalls::handle_method_call(Context& context)
 void RemoteCalls::run(Message& message)
 {
     if (!message.call().has_select())
-        fail(provider_, SLATE_HERE, Status::BadRequest, "missing method selection");
+        throw_failure(provider_, SLATE_HERE, Status::BadRequest, "missing method selection");
 
     std::unique_lock lock(mutex_);
     const auto function = remote_calls_.find(message.call().select().method_number());
     if (!function)
-        fail(provider_, SLATE_HERE, Status::NotFound, "method not found");
+        throw_failure(provider_, SLATE_HERE, Status::NotFound, "method not found");
     if (policy_ == Lock::ReleasedBeforeCall)
         lock.unlock();
 
     function(message);
-    // Whatever status the function wrote is overwritten: it fails by throwing.
+    // Overwrites a status that the function wrote: it reports failure by throwing.
     set_result(message, Status::Ok, "");
 }
 } // namespace tarn_internal

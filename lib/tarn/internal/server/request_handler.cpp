@@ -7,40 +7,36 @@
 
 #include "slate/log.h"
 #include "slate/strings.h"
+#include "tarn/exception.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
+#include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
 namespace {
-/// A text that is no UTF-8 would make the whole reply unreadable to its client, so it travels as bytes;
-/// readers accept both.
-void move_bytes_out_of_text(Message& message)
-{
-    if (!message.has_response() || !message.response().body().has_txt() ||
-        slate::is_utf8(message.response().body().txt()))
-        return;
-    Body* body = message.mutable_response()->mutable_body();
-    std::string bytes = std::move(*body->mutable_txt());
-    body->set_bin(std::move(bytes));
-}
-
 bool is_request(const Message& message)
 {
     return !message.has_response() && message.type_case() != Message::TYPE_NOT_SET;
 }
+
+/// The reply of a handler that writes nothing.
+void preset_reply(Context& context)
+{
+    context.reply.set_format_status(Format::Empty, Status::NoContent);
+}
 } // namespace
 
-RequestHandler::RequestHandler(std::shared_ptr<const slate::Dictionary> settings,
+RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& settings,
                                std::shared_ptr<MessageFactory> factory,
                                std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
-                               RouteTable& routes, RemoteCalls& calls)
+                               RouteList& routes, RemoteCalls& calls)
     : factory_(std::move(factory)),
       provider_(std::move(provider)),
       counters_(counters),
       routes_(routes),
       calls_(calls),
       pid_(factory_->finder()->my_pid()),
-      transfers_(std::move(settings), provider_, counters_.err)
+      transfers_(*settings, provider_, counters_.err)
 {
 }
 
@@ -54,8 +50,7 @@ void RequestHandler::handle_request_reply(zmq::socket_t& socket)
         answer(context, debug);
     }
     catch (...) {
-        // Out of memory, for instance. The socket must not be left owing a reply: it would take no further
-        // request.
+        // For example out of memory. The socket needs a reply, or it would accept no further request.
         (void)send_msg(socket, factory_->make_response(Status::InternalServerError), provider_);
         throw;
     }
@@ -63,7 +58,7 @@ void RequestHandler::handle_request_reply(zmq::socket_t& socket)
     transfers_.clean();
 }
 
-/// The message, or null if there is none that parses.
+/// The message; null if the frame is empty or doesn't parse.
 std::shared_ptr<Message> RequestHandler::receive(zmq::socket_t& socket)
 {
     zmq::message_t frame;
@@ -101,7 +96,7 @@ void RequestHandler::answer(Context& context, bool debug)
         calls_.handle_method_call(context);
         return;
     }
-    // Stays as it is, status 404, if no route takes the request.
+    // Status 404, which stays if no route takes the request.
     context.reply.message = factory_->make_response(message, pid_);
     invoke_route(context);
 }
@@ -112,16 +107,16 @@ void RequestHandler::invoke_route(Context& context)
         routes_.invoke(context, [&](const std::shared_ptr<Route>& route) { dispatch(context, *route); });
     }
     catch (const MessageException& error) {
-        fail(context, error.status, error.what());
+        set_failure(context, error.status, error.what());
     }
     catch (const std::exception& error) {
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", error.what());
-        fail(context, Status::InternalServerError, error.what());
+        set_failure(context, Status::InternalServerError, error.what());
     }
     catch (...) {
-        // An application may throw anything; that must not end the process.
+        // A handler may throw any type; that must not end the process.
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", "unknown exception");
-        fail(context, Status::InternalServerError, "unknown exception");
+        set_failure(context, Status::InternalServerError, "unknown exception");
     }
 }
 
@@ -129,15 +124,18 @@ void RequestHandler::dispatch(Context& context, Route& route)
 {
     switch (context.request.message->type_case()) {
     case Message::kGet:
-        check(route.accepts_get, context, route, "GET");
+        require_verb(route.accepts_get, route, "GET");
+        preset_reply(context);
         route.get(context);
         break;
     case Message::kHead:
-        check(route.accepts_head, context, route, "HEAD");
+        require_verb(route.accepts_head, route, "HEAD");
+        preset_reply(context);
         route.head(context);
         break;
     case Message::kDel:
-        check(route.accepts_del, context, route, "DEL");
+        require_verb(route.accepts_del, route, "DEL");
+        preset_reply(context);
         route.del(context);
         break;
     case Message::kPut:
@@ -154,30 +152,30 @@ void RequestHandler::dispatch(Context& context, Route& route)
 
 void RequestHandler::handle_put(Context& context, Route& route)
 {
-    check(route.accepts_put, context, route, "PUT");
+    require_verb(route.accepts_put, route, "PUT");
+    preset_reply(context);
     transfers_.handle_write(context, route, TransferFile::InTemporaryFolder, [&] { route.put(context); });
 }
 
 void RequestHandler::handle_post(Context& context, Route& route)
 {
-    check(route.accepts_post, context, route, "POST");
-    // Intended: the file of a post lies beside the system's folder for temporary files, and not in it.
+    require_verb(route.accepts_post, route, "POST");
+    preset_reply(context);
+    // Intended: the file of a post lies beside the system's temporary directory, and not in it.
     transfers_.handle_write(context, route, TransferFile::BesideTemporaryFolder,
                             [&] { route.post(context); });
 }
 
-/// Refuses a verb that the route doesn't take; otherwise presets the reply, for handlers that write nothing.
-void RequestHandler::check(bool accepted, Context& context, const Route& route, std::string_view verb)
+void RequestHandler::require_verb(bool accepted, const Route& route, std::string_view verb) const
 {
     if (!accepted)
         throw MessageException(
             Status::MethodNotAllowed,
             slate::trace_error(provider_, SLATE_HERE, "route [", route.name, "] doesn't support ", verb));
-    context.reply.set_format_status(Format::Empty, Status::NoContent);
 }
 
-/// Everything else that is in the reply already stays.
-void RequestHandler::fail(Context& context, Status status, const std::string& text)
+/// Body and headers that are in the reply already stay.
+void RequestHandler::set_failure(Context& context, Status status, const std::string& text) const
 {
     if (!context.reply.message)
         context.reply.message = factory_->make_response(status);
@@ -188,14 +186,13 @@ void RequestHandler::fail(Context& context, Status status, const std::string& te
 
 void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
 {
-    if (!context.reply.message) // a handler may have taken it away
+    if (!context.reply.message) // a handler may have removed it
         context.reply.message = factory_->make_response(Status::InternalServerError);
 
-    move_bytes_out_of_text(*context.reply.message);
     if (!send_msg(socket, context.reply.message, provider_)) {
         slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
         counters_.err->increment();
-        // A reply that can't be serialised must not leave the socket owing one either.
+        // A reply that can't be serialised must not leave the socket without one.
         (void)send_msg(socket, factory_->make_response(Status::InternalServerError), provider_);
         return;
     }

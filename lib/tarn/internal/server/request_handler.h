@@ -2,8 +2,10 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <string_view>
 
-#include "tarn/internal/route_table.h"
+#include "tarn/internal/route_list.h"
 #include "tarn/internal/server/chunked_transfer.h"
 #include "tarn/internal/server/remote_calls.h"
 #include "tarn/internal/server/server_counters.h"
@@ -14,19 +16,19 @@ class socket_t;
 }
 
 namespace tarn_internal {
-/// What every server does with one request: from the frame to a route's handler and back to a reply frame.
+/// How every server handles one request: from the frame to a route's handler and back to a reply frame.
 ///
-/// Threads: one for each socket; several may handle requests at once if the route table lets them.
+/// Threads: one for each socket; several may handle requests at once.
 class RequestHandler {
 public:
     /// `routes`, `calls` and `counters` must outlive the handler; the counters need "rx" and "tx".
-    RequestHandler(std::shared_ptr<const slate::Dictionary> settings, std::shared_ptr<MessageFactory> factory,
-                   std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
-                   RouteTable& routes, RemoteCalls& calls);
+    RequestHandler(const std::shared_ptr<const slate::Dictionary>& settings,
+                   std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
+                   const ServerCounters& counters, RouteList& routes, RemoteCalls& calls);
 
-    /// Takes one request off a ZMQ_REP socket that has one, answers it, whatever it is, and then looks after
-    /// the chunked transfers: an idle server never expires any. Only zmq::error_t from sending, and what the
-    /// message factory throws, get out.
+    /// Takes one request off a ZMQ_REP socket that has one, answers it, whatever it is, and then discards
+    /// chunked transfers that have expired: an idle server never does. Passes on only zmq::error_t from
+    /// sending, and what the message factory throws.
     void handle_request_reply(zmq::socket_t& socket);
 
 private:
@@ -36,14 +38,14 @@ private:
     void dispatch(Context& context, Route& route);
     void handle_put(Context& context, Route& route);
     void handle_post(Context& context, Route& route);
-    void check(bool accepted, Context& context, const Route& route, std::string_view verb);
-    void fail(Context& context, Status status, const std::string& text);
+    void require_verb(bool accepted, const Route& route, std::string_view verb) const;
+    void set_failure(Context& context, Status status, const std::string& text) const;
     void send(zmq::socket_t& socket, Context& context, bool debug);
 
     const std::shared_ptr<MessageFactory> factory_;
     const std::shared_ptr<slate::Provider> provider_;
     const ServerCounters& counters_;
-    RouteTable& routes_;
+    RouteList& routes_;
     RemoteCalls& calls_;
     const int pid_;
     ChunkedTransfers transfers_;

@@ -15,12 +15,12 @@
 
 namespace tarn_internal {
 namespace {
-/// How long a thread may take to hear "TERMINATE" before it is said again: briefly at first, for one that has
-/// only just started, and then at leisure, for one that is busy.
+/// How long the owner waits before it sends "TERMINATE" again: briefly at first, for a thread that has just
+/// started, then longer, for one that is busy.
 constexpr std::chrono::milliseconds first_patience{1};
 constexpr std::chrono::milliseconds longest_patience{20};
 
-/// Blocks the signals that are sent to a process for this thread and those that it starts; faults stay.
+/// Blocks process-directed signals for this thread and the threads that it starts, but not faults.
 class SignalsBlocked {
 public:
     SignalsBlocked()
@@ -65,8 +65,7 @@ bool ReadyFlag::wait(const slate::Duration& time) const
     return changed_.wait_for(lock, std::chrono::nanoseconds(time.to_nanoseconds()), [&] { return set_; });
 }
 
-ControlledThread::ControlledThread(const std::shared_ptr<zmq::context_t>& context,
-                                   std::shared_ptr<const slate::Uri> endpoint)
+ControlledThread::ControlledThread(const std::shared_ptr<zmq::context_t>& context, Endpoint endpoint)
     : endpoint_(std::move(endpoint)),
       socket_(std::make_unique<zmq::socket_t>(*context, zmq::socket_type::pub))
 {

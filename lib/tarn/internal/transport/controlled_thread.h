@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "slate/duration.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Provider;
@@ -21,12 +22,12 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
-// What is said over a control channel.
+// The commands on a control channel.
 inline constexpr const char* worker_listening = "worker-listening";
 inline constexpr const char* update_subscriptions = "update-subscriptions";
 inline constexpr const char* terminate = "TERMINATE";
 
-/// What a thread makes of it. Any other text ends the thread too.
+/// The meaning of a command. Any other text ends the thread too.
 enum class Command { Terminate, UpdateSubscriptions, WorkerListening };
 
 /// Tells one thread that another is ready. Any thread.
@@ -35,7 +36,7 @@ public:
     void set();
     void reset();
     bool is_set() const;
-    /// Whether it was set, now or within that time.
+    /// Waits until it is set, for that time at most; returns whether it is.
     bool wait(const slate::Duration& time) const;
 
 private:
@@ -44,26 +45,25 @@ private:
     bool set_ = false;
 };
 
-/// A thread of the library, and the inproc channel over which its owner tells it what to do, one frame of
-/// text at a time. The owner's end is a ZMQ_PUB socket; the thread, and threads of its own, connect ZMQ_SUB
-/// sockets to it.
+/// A thread of the library, and the inproc channel over which its owner sends it commands, one frame of text
+/// each. The owner's end is a ZMQ_PUB socket; the thread, and threads that it starts, connect ZMQ_SUB sockets
+/// to it.
 ///
-/// A published text is lost while no subscription stands and when the queue is full, so "TERMINATE" is said
-/// again until the thread has ended: stopping never hangs on a lost word.
+/// A published command is lost while there is no subscription and when the queue is full, so the owner
+/// repeats "TERMINATE" until the thread has ended: stopping never hangs on a lost command.
 ///
-/// Threads: send() may be called from any; the rest is the owner's.
+/// Threads: any may call send(); only the owner calls the rest.
 class ControlledThread {
 public:
     /// Binds the channel at an inproc endpoint; throws zmq::error_t.
-    ControlledThread(const std::shared_ptr<zmq::context_t>& context,
-                     std::shared_ptr<const slate::Uri> endpoint);
+    ControlledThread(const std::shared_ptr<zmq::context_t>& context, Endpoint endpoint);
     /// Stops the thread.
     ~ControlledThread();
 
-    /// Starts the thread. Signals to the process are left to the application's own threads.
+    /// Starts the thread, with signals blocked: they go to the application's own threads.
     void start(std::function<void()> body);
 
-    /// False if the text could not be sent; that it was sent doesn't say that it was heard.
+    /// False if the command could not be sent. One that was sent may still be lost.
     bool send(const std::string& text);
 
     /// Ends the thread and waits until it has ended. Does nothing the second time.
@@ -72,7 +72,7 @@ public:
     const slate::Uri& endpoint() const { return *endpoint_; }
 
 private:
-    std::shared_ptr<const slate::Uri> endpoint_;
+    Endpoint endpoint_;
     std::mutex mutex_; // guards socket_
     std::unique_ptr<zmq::socket_t> socket_;
     std::thread thread_;
@@ -87,7 +87,7 @@ bool connect_control(zmq::socket_t& socket, const slate::Uri& endpoint,
 /// Takes one text off the thread's end of a control channel.
 Command receive_command(zmq::socket_t& socket, const std::shared_ptr<slate::Provider>& provider);
 
-/// Says "worker-listening" over and over until the thread has heard it: what a ZMQ_PUB socket sends before
-/// the subscription has arrived is lost. False if it was not heard in 25.5 s.
+/// Repeats "worker-listening" until the thread has received it: a ZMQ_PUB socket loses what it sends before
+/// the subscription has arrived. False if that takes more than 25.5 s.
 bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait);
 } // namespace tarn_internal

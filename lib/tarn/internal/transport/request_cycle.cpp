@@ -10,12 +10,13 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 
 namespace tarn_internal {
 namespace {
-/// Sending would block for as long as there is no peer at all.
+/// Whether the socket has a peer to send to within that time; sending would block without one.
 bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
 {
     zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLOUT, 0};
@@ -23,7 +24,7 @@ bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
     return (item.revents & ZMQ_POLLOUT) != 0;
 }
 
-/// Whether something came within that time, which `stop` may cut short.
+/// Whether a reply arrived within that time, which `stop` may cut short.
 bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::socket_t* stop)
 {
     const slate::StopWatch watch(true);
@@ -36,11 +37,6 @@ bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::soc
     }
     return (items[0].revents & ZMQ_POLLIN) != 0;
 }
-
-std::shared_ptr<slate::Counter> add_counter(slate::Provider& provider, const std::string& name)
-{
-    return provider.add_counter(name, slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative);
-}
 } // namespace
 
 int next_client_instance()
@@ -50,16 +46,15 @@ int next_client_instance()
 }
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
-                           std::shared_ptr<const slate::Uri> uri, unsigned int retries,
-                           std::shared_ptr<MessageFactory> factory, bool secret)
+                           Endpoint uri, unsigned int retries, std::shared_ptr<MessageFactory> factory,
+                           bool secret)
     : context_(std::move(context)),
       uri_(std::move(uri)),
       retries_(retries),
-      factory_(std::move(factory)),
+      factory_(factory ? std::move(factory) : make_message_factory()),
       secret_(secret || hidden_payload(uri_->to_string())),
       provider_(name, instance),
-      err_(provider_->add_error_counter("err", slate::Rational<int>(0, 1), "",
-                                        slate::CounterPolicy::Cumulative)),
+      err_(add_error_counter(*provider_, "err")),
       rx_(add_counter(*provider_, "rx")),
       tx_(add_counter(*provider_, "tx"))
 {
@@ -84,9 +79,9 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
         err_->increment();
-        // Of unknown state: a socket that sent and did not receive would refuse every further request.
+        // Its state is unknown: a socket that has sent and not received would refuse every further request.
         socket_.reset();
-        return make_reply(Status::RequestTimeout);
+        return make_reply(Status::RequestTimeout, LocalCause::SocketFailed);
     }
 }
 
@@ -96,17 +91,20 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     if (!socket_)
         socket_ = create_socket();
     if (!is_writable(*socket_, timeout)) {
-        // Nobody is there to send to, as after an inproc server has gone; only a new socket will find the
+        // The socket has no peer, as after the end of an inproc server; only a new socket can connect to the
         // next one.
         socket_.reset();
-        return fail_to_send(message);
+        return fail_to_send(message, LocalCause::NoSuchEndpoint);
     }
-    if (!send_msg(*socket_, message, provider_))
-        return fail_to_send(message);
+    auto frame = to_frame(message);
+    if (!frame)
+        return fail_to_send(message, LocalCause::TooLarge);
+    if (!send_frame(*socket_, *frame, provider_))
+        return fail_to_send(message, LocalCause::SocketFailed);
     tx_->increment();
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
-    // happen twice. A POST is not even waited for again.
+    // happen twice. A POST gets a single wait.
     const unsigned int allowance = message.has_post() ? 0 : retries_;
     for (unsigned int attempt = 0;; ++attempt) {
         if (auto reply = wait_for_reply(*socket_, message, timeout, stop)) {
@@ -115,7 +113,7 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
         }
         socket_ = create_socket();
         if (attempt == allowance)
-            return make_reply(Status::RequestTimeout);
+            return make_reply(Status::RequestTimeout, LocalCause::NoAnswerInTime);
     }
 }
 
@@ -124,14 +122,14 @@ std::string RequestCycle::describe(const Message& message) const
     return tarn_internal::describe(message, secret_);
 }
 
-std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message)
+std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalCause cause)
 {
     slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(message));
     err_->increment();
-    return make_reply(Status::RequestTimeout);
+    return make_reply(Status::RequestTimeout, cause);
 }
 
-/// One wait on one socket. Null if nothing came.
+/// One wait on one socket. Null if no reply arrived.
 std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const Message& message,
                                                     const slate::Duration& timeout, zmq::socket_t* stop) const
 {
@@ -161,8 +159,8 @@ std::unique_ptr<zmq::socket_t> RequestCycle::create_socket() const
     return socket;
 }
 
-std::shared_ptr<Reply> RequestCycle::make_reply(Status status) const
+std::shared_ptr<Reply> RequestCycle::make_reply(Status status, LocalCause cause) const
 {
-    return std::make_shared<Reply>(factory_->make_response(status));
+    return std::make_shared<Reply>(factory_->make_response(status), cause);
 }
 } // namespace tarn_internal

@@ -9,6 +9,7 @@
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Uri;
@@ -22,23 +23,23 @@ namespace tarn_internal {
 /// The running number of the next "zmq.client".
 int next_client_instance();
 
-/// The exchange of one request for one reply over one ZMQ_REQ socket, which every client is built on.
+/// The exchange of one request for one reply over one ZMQ_REQ socket; the base of every client.
 ///
-/// The request is sent exactly once. Each wait that ends without a reply costs the socket, as a ZMQ_REQ
-/// socket that has sent and not received refuses to send again; further waits, on the new one, only decide
-/// how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
+/// The request is sent exactly once. Each wait that ends without a reply replaces the socket, because a
+/// ZMQ_REQ socket that has sent and not received refuses to send again; further waits, on the new one, only
+/// decide how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
 ///
 /// Threads: any; one exchange at a time, the others wait.
 class RequestCycle {
 public:
-    /// `name` and `instance` name the provider. `secret` keeps the bodies of requests out of the log,
-    /// whatever their path. Throws zmq::error_t, logged, if the socket can't be made.
-    RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
-                 std::shared_ptr<const slate::Uri> uri, unsigned int retries,
-                 std::shared_ptr<MessageFactory> factory, bool secret = false);
+    /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
+    /// requests out of the log, whatever their path. Throws zmq::error_t, logged, if the socket can't be
+    /// made.
+    RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
+                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
     ~RequestCycle();
 
-    /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
+    /// Never null: failures give a reply of status 408. A frame that doesn't parse gives a reply without a
     /// message.
     ///
     /// `stop`, if given, is a socket of the calling thread that becomes readable when that thread is to end.
@@ -46,22 +47,23 @@ public:
     std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout,
                                       zmq::socket_t* stop = nullptr);
 
-    /// A reply of nothing but a status.
-    std::shared_ptr<Reply> make_reply(Status status) const;
+    /// A reply that no server sent: a status, and the cause.
+    std::shared_ptr<Reply> make_reply(Status status, LocalCause cause) const;
 
-    const std::shared_ptr<const slate::Uri>& uri() const { return uri_; }
+    const Endpoint& uri() const { return uri_; }
+    const MessageFactory& factory() const { return *factory_; }
 
 private:
     std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout,
                                     zmq::socket_t* stop);
     std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
                                           const slate::Duration& timeout, zmq::socket_t* stop) const;
-    std::shared_ptr<Reply> fail_to_send(const Message& message);
+    std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause);
     std::string describe(const Message& message) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;
-    const std::shared_ptr<const slate::Uri> uri_;
+    const Endpoint uri_;
     const unsigned int retries_;
     const std::shared_ptr<MessageFactory> factory_;
     const bool secret_;

@@ -3,33 +3,44 @@
 
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include <zmq.hpp>
 
 #include "slate/log.h"
+#include "slate/strings.h"
+#include "tarn/internal/envelope.h"
 #include "tarn/internal/utils/thread_sanitizer.h"
 #include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
 namespace {
-/// False, and `text` in the log, if the socket would block.
-bool send_or_log(zmq::socket_t& socket, zmq::message_t& frame, std::string_view text,
-                 const std::shared_ptr<slate::Provider>& provider)
+/// Whether the body is a text that isn't UTF-8, such as a chunk that begins or ends within a character. No
+/// peer could parse the message.
+bool has_invalid_text(const Message& message)
 {
-    tsan_release(frame.data());
-    if (zmq_msg_send(frame.handle(), socket.handle(), 0) >= 0)
-        return true;
-    if (zmq_errno() != EAGAIN)
-        throw zmq::error_t();
-    slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
-    return false;
+    const Body* body = find_body(message);
+    return body && body->has_txt() && !slate::is_utf8(body->txt());
+}
+
+/// The same message with its body in `bin`; readers accept both. The format stays.
+Message with_text_as_bytes(const Message& message)
+{
+    Message copy = message;
+    Body* body = find_mutable_body(copy);
+    std::string bytes = std::move(*body->mutable_txt());
+    body->set_bin(std::move(bytes));
+    return copy;
 }
 } // namespace
 
-std::optional<zmq::message_t> to_frame(const tarn::Message& message)
+std::optional<zmq::message_t> to_frame(const Message& message)
 {
+    if (has_invalid_text(message))
+        return to_frame(with_text_as_bytes(message));
+
     zmq::message_t frame(message.ByteSizeLong());
-    // Protobuf counts in int; it would print what the size alone tells.
+    // Protobuf counts in int, and would print an error about a larger size.
     if (frame.size() > INT_MAX || !message.SerializeToArray(frame.data(), static_cast<int>(frame.size())))
         return std::nullopt;
     return frame;
@@ -38,23 +49,34 @@ std::optional<zmq::message_t> to_frame(const tarn::Message& message)
 bool send_str(zmq::socket_t& socket, const std::string& text)
 {
     zmq::message_t frame(text.data(), text.size());
-    return send_or_log(socket, frame, "zmq send failed: ", nullptr);
+    return send_frame(socket, frame, 0, "zmq send failed: ", nullptr);
 }
 
 bool send_frame(zmq::socket_t& socket, zmq::message_t& frame,
                 const std::shared_ptr<slate::Provider>& provider)
 {
-    return send_or_log(socket, frame, "send failed: ", provider);
+    return send_frame(socket, frame, 0, "send failed: ", provider);
 }
 
-bool send_msg(zmq::socket_t& socket, const tarn::Message& message,
-              const std::shared_ptr<slate::Provider>& provider)
+bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::string_view text,
+                const std::shared_ptr<slate::Provider>& provider)
+{
+    tsan_release(frame.data());
+    if (zmq_msg_send(frame.handle(), socket.handle(), flags) >= 0)
+        return true;
+    if (zmq_errno() != EAGAIN)
+        throw zmq::error_t();
+    slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
+    return false;
+}
+
+bool send_msg(zmq::socket_t& socket, const Message& message, const std::shared_ptr<slate::Provider>& provider)
 {
     auto frame = to_frame(message);
     return frame && send_frame(socket, *frame, provider);
 }
 
-bool send_msg(zmq::socket_t& socket, const std::shared_ptr<const tarn::Message>& message,
+bool send_msg(zmq::socket_t& socket, const std::shared_ptr<const Message>& message,
               const std::shared_ptr<slate::Provider>& provider)
 {
     return send_msg(socket, *message, provider);

@@ -4,6 +4,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+
+#include "tarn/message.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Provider;
@@ -13,26 +17,25 @@ class message_t;
 class socket_t;
 } // namespace zmq
 
-namespace tarn {
-class Message;
-}
-
 namespace tarn_internal {
-/// A message as plain protobuf; none if it can't be serialised, as it is too large. Throws zmq::error_t if
-/// there is no memory for it.
-std::optional<zmq::message_t> to_frame(const tarn::Message& message);
+/// A message as plain protobuf; none if it is too large to be serialised. A body whose text isn't valid UTF-8
+/// travels as bytes, with its format unchanged. Throws zmq::error_t if there is no memory for the frame.
+std::optional<zmq::message_t> to_frame(const Message& message);
 
-/// Puts one frame on a socket: as it is, a text without terminator, or a message as plain protobuf. The
-/// caller keeps the socket to one thread. They count nothing.
+/// Send one frame: the given one, a text without terminator, or a message as plain protobuf. The caller must
+/// not share the socket between threads. Callers count.
 ///
-/// False if nothing was sent: the socket would block (logged, through `provider` where there is one), or the
-/// message can't be serialised. Throws zmq::error_t if the socket is broken or the context is ending.
+/// False if nothing was sent: the socket would block (logged, through `provider` if given), or the message
+/// can't be serialised. Throws zmq::error_t if the socket is broken or the context is ending.
 bool send_str(zmq::socket_t& socket, const std::string& text);
 bool send_frame(zmq::socket_t& socket, zmq::message_t& frame,
                 const std::shared_ptr<slate::Provider>& provider);
-bool send_msg(zmq::socket_t& socket, const tarn::Message& message,
+/// The same with flags of zmq_msg_send and with the caller's own text for the log line.
+bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::string_view text,
+                const std::shared_ptr<slate::Provider>& provider);
+bool send_msg(zmq::socket_t& socket, const Message& message,
               const std::shared_ptr<slate::Provider>& provider);
 /// `message` must not be null.
-bool send_msg(zmq::socket_t& socket, const std::shared_ptr<const tarn::Message>& message,
+bool send_msg(zmq::socket_t& socket, const std::shared_ptr<const Message>& message,
               const std::shared_ptr<slate::Provider>& provider);
 } // namespace tarn_internal

@@ -16,7 +16,7 @@
 namespace tarn {
 namespace {
 /// The path of the socket file, or empty.
-std::string socket_file(const std::shared_ptr<const slate::Uri>& uri)
+std::string socket_file(const Endpoint& uri)
 {
     if (!uri)
         return {};
@@ -31,7 +31,7 @@ std::string error_text(int error)
 }
 } // namespace
 
-bool try_modify_socket_permissions(const std::shared_ptr<const slate::Uri>& uri)
+bool try_modify_socket_permissions(const Endpoint& uri)
 {
     using std::filesystem::perms;
 
@@ -49,7 +49,7 @@ bool try_modify_socket_permissions(const std::shared_ptr<const slate::Uri>& uri)
     }
 }
 
-bool try_modify_socket_group(const std::shared_ptr<const slate::Uri>& uri, const std::string_view& group)
+bool try_modify_socket_group(const Endpoint& uri, const std::string_view& group)
 {
     const std::string path = socket_file(uri);
     if (path.empty())
@@ -73,7 +73,7 @@ bool try_modify_socket_group(const std::shared_ptr<const slate::Uri>& uri, const
     return true;
 }
 
-bool try_cleanup_socket_file(const std::shared_ptr<const slate::Uri>& uri)
+bool try_cleanup_socket_file(const Endpoint& uri)
 {
     const std::string path = socket_file(uri);
     if (path.empty())

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+#include "slate/duration.h"
+
+namespace slate {
+class Dictionary;
+}
+
+namespace tarn_internal {
+/// The setting `key` as a duration; `dflt` if it is absent, and, with an error in the log, if its text is not
+/// a duration.
+slate::Duration duration_setting(const slate::Dictionary& settings, const std::string& key,
+                                 const slate::Duration& dflt);
+} // namespace tarn_internal
