@@ -7,10 +7,10 @@ set(TARN_PROTO_DIR ${CMAKE_INSTALL_DATADIR}/tarn/proto)
 set(TARN_PROTO_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/tarn/proto)
 # The pkg-config files find everything from where they lie, so that an installed tree can be moved.
 file(RELATIVE_PATH include_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /${CMAKE_INSTALL_INCLUDEDIR})
+file(RELATIVE_PATH proto_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /${TARN_PROTO_DIR})
 
 foreach(package slate tarn)
-  # libtarn finds the libslate beside it, wherever the two are installed.
-  set_target_properties(${package} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  tarn_run_path(${package} "$ORIGIN")
   install(TARGETS ${package} EXPORT ${package}Targets
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
           INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}

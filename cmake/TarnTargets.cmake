@@ -48,6 +48,13 @@ function(tarn_shared_library target)
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0 LINK_DEPENDS ${map})
 endfunction()
 
+# Where an installed target finds our libraries, relative to itself, so that an installed tree can be moved.
+function(tarn_run_path target path)
+  if(TARN_INSTALL_RPATH)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH ${path})
+  endif()
+endfunction()
+
 # A program on the public headers, built with what any application gets.
 function(tarn_program name)
   add_executable(${name} ${ARGN})
