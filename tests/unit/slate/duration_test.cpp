@@ -584,7 +584,7 @@ TEST(Duration, PrintsTheSameAgainOnceItsRoundedTextIsRead)
     }
 }
 
-TEST(Duration, DoesntDependOnTheLocaleOfTheProcess)
+TEST(Duration, DoesntDependOnTheLocale)
 {
     const CommaLocale locale;
     if (!locale.is_set())

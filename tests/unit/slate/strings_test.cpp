@@ -423,7 +423,7 @@ struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(Strings, DontDependOnTheLocaleOfStreams)
+TEST(Strings, DontDependOnTheLocaleOfCpp)
 {
     const auto before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
 
@@ -439,7 +439,7 @@ TEST(Strings, DontDependOnTheLocaleOfStreams)
     EXPECT_EQ(value, 0.5);
 }
 
-TEST(Strings, DontDependOnTheLocaleOfTheProcess)
+TEST(Strings, DontDependOnTheLocaleOfC)
 {
     const CommaLocale locale;
     if (!locale.is_set())
