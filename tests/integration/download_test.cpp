@@ -209,8 +209,9 @@ TEST_F(ADownload, FailsWithoutAnAnswerAndAsksOnlyOnce)
 
 TEST_F(ADownload, FailsIfWhatComesIsNotAResponse)
 {
-    for (const Message& answer : {*message_of("call {}"), *message_of("call { result { status: Ok } }"),
-                                  *message_of(R"(put { body { txt: "body" } })"), Message()}) {
+    for (const Message& answer :
+         {*message_of("call {}"), *message_of("call { result { status: Ok } }"),
+          *message_of(R"(put { body { txt: "body" } })"), *message_of(R"(head { path: "/a" })")}) {
         for (const bool at_once : {true, false}) {
             const auto endpoint = scratch_endpoint();
             TellingPeer peer(endpoint,
