@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <type_traits>
 
 #include <pthread.h>
 
@@ -82,6 +83,20 @@ protected:
 
     std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
 
+    /// Ends a server, and waits until the clients that were made before see it.
+    void end_and_be_seen_to(std::shared_ptr<Server>& server, const Endpoint& inproc)
+    {
+        // A server's sockets close behind its back. This one is attached after the client's, so once it sees
+        // the end the client sees it too.
+        zmq::socket_t probe(*runtime->ctx(), zmq::socket_type::dealer);
+        probe.connect(inproc->to_string());
+        server.reset();
+        ASSERT_TRUE(wait_until([&] {
+            zmq::pollitem_t item = {probe.handle(), 0, ZMQ_POLLOUT, 0};
+            return zmq::poll(&item, 1, 0ms) == 0;
+        }));
+    }
+
     /// The only client's counters; instances count up over the process, and each test is alone in its own.
     std::optional<std::uint64_t> counted(const std::string& name)
     {
@@ -94,8 +109,7 @@ protected:
 };
 const slate::Duration AClient::brief = slate::Milliseconds(50);
 
-// --- Making one
-// -----------------------------------------------------------------------------------------------
+// --- Making one --------------------------------------------------------------------------------------
 
 TEST_F(AClient, IsNotMadeBeforeTheLibraryIsUpNorAfterItWentDown)
 {
@@ -193,8 +207,128 @@ TEST_F(AClient, MayOutliveTheLibrary)
     EXPECT_EQ(client->get("/a")->status(), Status::Ok);
 }
 
-// --- What it sends
-// --------------------------------------------------------------------------------------------
+// --- From a text, a path or an endpoint ---------------------------------------------------------------
+
+// Nothing that could be given before has become ambiguous.
+static_assert(std::is_same_v<decltype(make_client()), std::shared_ptr<Client>>);
+static_assert(std::is_same_v<decltype(make_client(0)), std::shared_ptr<Client>>);
+static_assert(std::is_same_v<decltype(make_client(0u)), std::shared_ptr<Client>>);
+static_assert(std::is_same_v<decltype(make_client(0L)), std::shared_ptr<Client>>);
+static_assert(std::is_same_v<decltype(make_client(nullptr)), std::shared_ptr<Client>>);
+static_assert(std::is_same_v<decltype(make_client(std::filesystem::path())), std::shared_ptr<Client>>);
+static_assert(
+    std::is_same_v<decltype(make_client(std::filesystem::directory_entry())), std::shared_ptr<Client>>);
+static_assert(std::is_same_v<decltype(make_client("/a.sock", 3u, nullptr)), std::shared_ptr<Client>>);
+
+std::string endpoint_of(const std::shared_ptr<Client>& client)
+{
+    return client ? client->url()->to_string() : "no client";
+}
+
+TEST_F(AClient, IsMadeFromATextOfAnyType)
+{
+    const char* const constant = "ipc:///run/some.sock";
+    char changeable[] = "ipc:///run/some.sock";
+    const std::string string = constant;
+    std::string another = constant;
+
+    EXPECT_EQ(endpoint_of(make_client("ipc:///run/some.sock")), constant);
+    EXPECT_EQ(endpoint_of(make_client(constant)), constant);
+    EXPECT_EQ(endpoint_of(make_client(changeable)), constant);
+    EXPECT_EQ(endpoint_of(make_client(static_cast<char*>(changeable))), constant);
+    EXPECT_EQ(endpoint_of(make_client(string)), constant);
+    EXPECT_EQ(endpoint_of(make_client(another)), constant);
+    EXPECT_EQ(endpoint_of(make_client(std::string(constant))), constant);
+    EXPECT_EQ(endpoint_of(make_client(std::string_view(constant))), constant);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(AClient, IsMadeFromATextWithASchemeAtThatEndpoint)
+{
+    for (const std::string text :
+         {"tcp://127.0.0.1:5555", "inproc://some/name", "ipc:///run/some.sock", "ipc://@abstract"})
+        EXPECT_EQ(endpoint_of(make_client(text)), text);
+}
+
+TEST_F(AClient, IsMadeFromATextWithoutASchemeAtTheSocketOfThatPath)
+{
+    EXPECT_EQ(endpoint_of(make_client("/run/some.sock")), "ipc:///run/some.sock");
+    EXPECT_EQ(endpoint_of(make_client(std::string("/run/with:colon"))), "ipc:///run/with:colon");
+    EXPECT_EQ(endpoint_of(make_client(std::string_view("/run/some.sock.bak").substr(0, 14))),
+              "ipc:///run/some.sock");
+}
+
+TEST_F(AClient, IsMadeFromATextAndTalksToTheServerThere)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok, "42")});
+
+    EXPECT_EQ(make_client(uri->to_string())->get("/a")->text_or("none"), "42");
+    EXPECT_EQ(make_client(uri->path())->get("/a")->text_or("none"), "42");
+}
+
+TEST_F(AClient, IsMadeFromATextWithRetriesAndAFactoryToo)
+{
+    const auto client = make_client("/nowhere.sock", 1, tarn::make_message_factory());
+
+    (void)client->get("/a", nullptr, brief);
+
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 2u);
+}
+
+TEST_F(AClient, IsNotMadeFromATextThatIsNotAnEndpoint)
+{
+    EXPECT_EQ(make_client("tcp://a\nb"), nullptr);
+    EXPECT_EQ(make_client("://"), nullptr);
+    EXPECT_EQ(make_client(std::string()), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              (std::vector<std::string>{"failed to create client ( tcp://a\nb ): invalid uri",
+                                        "failed to create client ( :// ): invalid uri",
+                                        "failed to create ipc client (  ): invalid uri"}));
+}
+
+TEST_F(AClient, IsNotMadeFromANullText)
+{
+    const char* const null = nullptr;
+    EXPECT_EQ(make_client(null), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>{"failed to create ipc client (  ): invalid uri"});
+}
+
+TEST_F(AClient, IsNotMadeFromATextBeforeTheLibraryIsUp)
+{
+    runtime.reset();
+    EXPECT_EQ(make_client("/run/some.sock"), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>{"cannot make_client, tarn not / no longer initialized"});
+}
+
+TEST_F(AClient, TakesAPathForAPathWhateverItLooksLike)
+{
+    EXPECT_EQ(endpoint_of(make_client(std::filesystem::path("/run/some.sock"))), "ipc:///run/some.sock");
+    EXPECT_EQ(endpoint_of(make_client(std::filesystem::directory_entry("/run/some.sock"))),
+              "ipc:///run/some.sock");
+    EXPECT_EQ(endpoint_of(make_client(std::filesystem::path("tcp://x"))), "ipc://tcp://x");
+}
+
+TEST_F(AClient, TakesANumberForItsRetries)
+{
+    settings->set("relay_url", std::string_view(uri->to_string()));
+    for (const auto& client : {make_client(0), make_client(0u), make_client(0L)}) {
+        logs.clear();
+        EXPECT_EQ(endpoint_of(client), uri->to_string());
+        (void)client->get("/a", nullptr, brief);
+        EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 1u);
+    }
+}
+
+TEST_F(AClient, TakesNullForAnEndpointThatIsMissing)
+{
+    EXPECT_EQ(make_client(nullptr), nullptr);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              std::vector<std::string>{"cannot make_client, no endpoint given"});
+}
+
+// --- What it sends -----------------------------------------------------------------------------------
 
 TEST_F(AClient, SendsOneFrameForEachVerbThatNamesItsTimeout)
 {
@@ -278,8 +412,7 @@ TEST_F(AClient, ThrowsForAProcessListThatIsNoNumbersAndStaysUsable)
     EXPECT_EQ(client->get("/a")->status(), Status::Ok);
 }
 
-// --- Waiting for the reply
-// ------------------------------------------------------------------------------------
+// --- Waiting for the reply ---------------------------------------------------------------------------
 
 TEST_F(AClient, CountsWhatItSendsAndWhatComesBack)
 {
@@ -475,8 +608,7 @@ TEST_F(AClient, GivesUpTheRemainingWaitsWhenItsSocketBreaksInOneOfThem)
     EXPECT_NE(errors[1].find(", request: get {"), std::string::npos) << errors[1];
 }
 
-// --- Threads
-// --------------------------------------------------------------------------------------------------
+// --- Threads -----------------------------------------------------------------------------------------
 
 TEST_F(AClient, SharedByManyThreadsGivesEachItsOwnReply)
 {
@@ -526,8 +658,7 @@ TEST_F(AClient, SendsRequestsOfSeveralThreadsOneAtATime)
     EXPECT_GE(second_came.get_future().get() - start, 290ms);
 }
 
-// --- Trouble on the way
-// ---------------------------------------------------------------------------------------
+// --- Trouble on the way ------------------------------------------------------------------------------
 
 TEST_F(AClient, FailsToSendWhileItsInprocServerIsGoneAndFindsTheNextOne)
 {
@@ -535,17 +666,7 @@ TEST_F(AClient, FailsToSendWhileItsInprocServerIsGoneAndFindsTheNextOne)
     auto server = make_server(settings, {inproc}, nullptr);
     const auto client = make_client(inproc, 0);
     ASSERT_EQ(client->get("/index")->status(), Status::Ok);
-    {
-        // A server's sockets close behind its back. This one is attached after the client's, so once it sees
-        // the end the client sees it too.
-        zmq::socket_t probe(*runtime->ctx(), zmq::socket_type::dealer);
-        probe.connect(inproc->to_string());
-        server.reset();
-        ASSERT_TRUE(wait_until([&] {
-            zmq::pollitem_t item = {probe.handle(), 0, ZMQ_POLLOUT, 0};
-            return zmq::poll(&item, 1, 0ms) == 0;
-        }));
-    }
+    end_and_be_seen_to(server, inproc);
 
     EXPECT_EQ(client->get("/gone", nullptr, slate::Milliseconds(200))->status(), Status::RequestTimeout);
     EXPECT_EQ(logs.count(slate::ErrorLevel, "send failed: get {"), 1u);
@@ -571,32 +692,224 @@ TEST_F(AClient, DoesNotHangOnASocketThatSpeaksAnotherLanguage)
     }
 }
 
+/// Makes a signal interrupt waits, and puts back what it did before.
+class InterruptingSignal {
+public:
+    InterruptingSignal()
+    {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        action.sa_flags = 0; // in particular not SA_RESTART
+        sigaction(SIGUSR1, &action, &before_);
+    }
+    ~InterruptingSignal() { sigaction(SIGUSR1, &before_, nullptr); }
+    InterruptingSignal(const InterruptingSignal&) = delete;
+    InterruptingSignal& operator=(const InterruptingSignal&) = delete;
+
+private:
+    struct sigaction before_ {};
+};
+
+/// What `action` gives on a thread whose wait is interrupted, as soon as `may_begin` holds.
+template <class Action, class Condition>
+auto interrupted(Action action, Condition may_begin)
+{
+    const InterruptingSignal signal;
+    std::packaged_task<decltype(action())()> task(action);
+    auto result = task.get_future();
+    std::thread caller(std::move(task));
+    EXPECT_TRUE(wait_until(may_begin));
+    do {
+        pthread_kill(caller.native_handle(), SIGUSR1); // again if it came just before the wait
+    } while (result.wait_for(100ms) != std::future_status::ready);
+    caller.join();
+    return result.get();
+}
+
 TEST_F(AClient, CountsAWaitThatASignalInterruptsAsOneWithoutAnAnswer)
 {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    action.sa_flags = 0; // in particular not SA_RESTART
-    sigaction(SIGUSR1, &action, &before);
     SilentPeer peer(uri);
     const auto client = make_client(uri, 0);
 
-    std::promise<Status> promise;
-    auto status = promise.get_future();
-    std::thread caller([&] {
-        promise.set_value(client->get("/a", nullptr, slate::Duration::positive_infinity())->status());
-    });
-    ASSERT_TRUE(wait_until([&] { return peer.requests() == 1; }));
-    do {
-        pthread_kill(caller.native_handle(), SIGUSR1); // again if it came just before the wait
-    } while (status.wait_for(100ms) != std::future_status::ready);
-    caller.join();
-    sigaction(SIGUSR1, &before, nullptr);
+    const auto reply =
+        interrupted([&] { return client->get("/a", nullptr, slate::Duration::positive_infinity()); },
+                    [&] { return peer.requests() == 1; });
 
-    EXPECT_EQ(status.get(), Status::RequestTimeout);
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    EXPECT_EQ(reply->local_cause(), LocalCause::NoAnswerInTime);
     EXPECT_EQ(logs.count(slate::ErrorLevel, "Interrupted system call; request: get {"), 1u);
     EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
     EXPECT_EQ(counted("tx"), 1u);
     EXPECT_EQ(counted("rx"), 0u);
+}
+
+// A socket of unknown state is never used again.
+
+TEST_F(AClient, ReplacesASocketThatASignalInterruptedBeforeItSent)
+{
+    // This server goes, so the client waits for somebody to send to, on a socket that will never see the next
+    // server.
+    const auto inproc = scratch_endpoint("inproc");
+    auto server = make_server(settings, {inproc}, nullptr);
+    const auto client = make_client(inproc, 0);
+    ASSERT_EQ(client->get("/index")->status(), Status::Ok);
+    end_and_be_seen_to(server, inproc);
+
+    const auto reply =
+        interrupted([&] { return client->get("/gone", nullptr, slate::Duration::positive_infinity()); },
+                    [] { return true; });
+    EXPECT_EQ(reply->status(), Status::RequestTimeout);
+    EXPECT_EQ(reply->local_cause(), LocalCause::SocketFailed);
+
+    server = make_server(settings, {inproc}, nullptr);
+    EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+}
+
+TEST_F(AClient, ReplacesASocketThatCouldNotBeReplacedAtOnce)
+{
+    // The context has room for the client's socket and one more.
+    zmq_ctx_set(runtime->ctx()->handle(), ZMQ_MAX_SOCKETS, 2);
+    const auto answers = [](const std::string& frame) {
+        return parse(frame).get().head().path() == "/lost" ? std::vector<std::string>()
+                                                           : std::vector{reply_frame(Status::Ok)};
+    };
+    ScriptedPeer peer(uri, answers);
+    const auto client = make_client(uri, 0);
+    ASSERT_EQ(client->get("/hello")->status(), Status::Ok);
+
+    auto taken = std::make_optional<zmq::socket_t>(*runtime->ctx(), zmq::socket_type::pair);
+    const auto lost = client->get("/lost", nullptr, slate::Milliseconds(100));
+    EXPECT_EQ(lost->status(), Status::RequestTimeout);
+    EXPECT_EQ(lost->local_cause(), LocalCause::SocketFailed);
+    EXPECT_EQ(counted("err"), 1u);
+    taken.reset();
+
+    // The context counts a closed socket until its own thread has done away with it.
+    std::shared_ptr<Reply> reply;
+    ASSERT_TRUE(wait_until([&] {
+        reply = client->get("/hello");
+        return reply->local_cause() != LocalCause::SocketFailed;
+    }));
+    // The old socket, which has sent and not received, would have refused this.
+    EXPECT_EQ(reply->status(), Status::Ok);
+}
+
+// --- Whose reply it is --------------------------------------------------------------------------------
+
+TEST_F(AClient, MakesTheReplyItselfIfNoAnswerComesInTime)
+{
+    SilentPeer peer(uri);
+    for (const unsigned int retries : {0u, 2u}) {
+        const auto client = make_client(uri, retries);
+        EXPECT_EQ(client->get("/a", nullptr, brief)->local_cause(), LocalCause::NoAnswerInTime);
+        EXPECT_EQ(client->put("/a", "x", nullptr, brief)->local_cause(), LocalCause::NoAnswerInTime);
+        EXPECT_EQ(client->post("/a", "x", nullptr, brief)->local_cause(), LocalCause::NoAnswerInTime);
+        EXPECT_TRUE(client->del("/a", nullptr, brief)->is_local());
+    }
+}
+
+TEST_F(AClient, MakesTheReplyItselfIfNobodyListensAtAnIpcEndpoint)
+{
+    EXPECT_EQ(make_client(uri, 0)->get("/a", nullptr, brief)->local_cause(), LocalCause::NoAnswerInTime);
+}
+
+TEST_F(AClient, MakesTheReplyItselfIfNobodyServesAnInprocEndpointAnyMore)
+{
+    const auto inproc = scratch_endpoint("inproc");
+    auto server = make_server(settings, {inproc}, nullptr);
+    const auto client = make_client(inproc, 0);
+    ASSERT_EQ(client->get("/index")->local_cause(), LocalCause::None);
+    end_and_be_seen_to(server, inproc);
+
+    EXPECT_EQ(client->get("/gone", nullptr, brief)->local_cause(), LocalCause::NoSuchEndpoint);
+}
+
+TEST_F(AClient, MakesTheReplyItselfToARequestThatHoldsNothing)
+{
+    const auto reply = make_client(uri)->send(Request());
+    EXPECT_EQ(reply->status(), Status::BadRequest);
+    EXPECT_EQ(reply->local_cause(), LocalCause::InvalidRequest);
+}
+
+TEST_F(AClient, MakesTheReplyItselfIfTheStreamToUploadCannotBeRead)
+{
+    std::istringstream broken("x");
+    broken.setstate(std::ios::badbit);
+    EXPECT_EQ(make_client(uri)->put("/a", broken)->local_cause(), LocalCause::InvalidRequest);
+    EXPECT_EQ(make_client(uri)->post("/a", broken)->local_cause(), LocalCause::InvalidRequest);
+}
+
+TEST_F(AClient, MakesTheReplyItselfIfTheContextHasEnded)
+{
+    const auto client = make_client(uri, 0);
+    runtime->ctx()->shutdown();
+    EXPECT_EQ(client->get("/a", nullptr, brief)->local_cause(), LocalCause::SocketFailed);
+}
+
+TEST_F(AClient, PassesAServersFailuresOnAsTheServersOwn)
+{
+    for (const Status status : {Status::RequestTimeout, Status::BadRequest, Status::ServiceUnavailable}) {
+        const auto endpoint = scratch_endpoint();
+        RecordingPeer peer(endpoint, {reply_frame(status)});
+
+        const auto reply = make_client(endpoint)->get("/a");
+
+        EXPECT_EQ(reply->status(), status);
+        EXPECT_FALSE(reply->is_local());
+        EXPECT_EQ(reply->local_cause(), LocalCause::None);
+    }
+}
+
+TEST_F(AClient, TakesNoPeersWordForAReplyOfItsOwn)
+{
+    // Every small field number, with every cause as its value, behind a reply that looks like the client's.
+    std::string forged = reply_frame(Status::RequestTimeout);
+    for (const char cause : {'\1', '\2', '\3', '\4', '\5', '\6', '\7', '\x08'}) {
+        for (char field = 7; field < 16; ++field)
+            forged += {static_cast<char>(field << 3), cause};
+    }
+    for (const std::string& frame : {forged, std::string("\xFF no message"), std::string()}) {
+        const auto endpoint = scratch_endpoint();
+        RecordingPeer peer(endpoint, {frame});
+
+        const auto reply = make_client(endpoint)->get("/a");
+
+        EXPECT_EQ(peer.requests(), 1);
+        EXPECT_FALSE(reply->is_local());
+        EXPECT_EQ(reply->local_cause(), LocalCause::None);
+    }
+}
+
+// --- Text that is not UTF-8 ---------------------------------------------------------------------------
+
+TEST_F(AClient, SendsTextAsTextAndWhatIsNotUtf8AsBytes)
+{
+    RecordingPeer peer(uri, {reply_frame(Status::Ok)});
+    const auto client = make_client(uri);
+    const std::string valid = "gr\xC3\xB6\xC3\x9F"
+                              "e";
+    const std::string invalid = "gr\xF6\xDF"
+                                "e";
+    Message as_it_is;
+    as_it_is.mutable_put()->mutable_head()->set_format(Format::Json);
+    as_it_is.mutable_put()->mutable_body()->set_txt(invalid);
+
+    client->put("/a?format=text", valid);
+    client->post("/a?format=text", valid);
+    client->put("/a?format=text", invalid);
+    client->post("/a?format=text", std::string(invalid));
+    client->send(Request(std::make_shared<Message>(as_it_is)));
+
+    const auto sent = peer.messages(); // which all of them parse
+    ASSERT_EQ(sent.size(), 5u);
+    EXPECT_EQ(sent[0].put().body().txt(), valid);
+    EXPECT_EQ(sent[1].post().body().txt(), valid);
+    EXPECT_EQ(sent[2].put().body().bin(), invalid);
+    EXPECT_EQ(sent[2].put().head().format(), Format::Text);
+    EXPECT_EQ(sent[3].post().body().bin(), invalid);
+    EXPECT_EQ(sent[3].post().head().format(), Format::Text);
+    EXPECT_EQ(sent[4].put().body().bin(), invalid);
+    EXPECT_EQ(sent[4].put().head().format(), Format::Json);
+    EXPECT_EQ(as_it_is.put().body().txt(), invalid); // the caller's message stays as it is
 }
 } // namespace

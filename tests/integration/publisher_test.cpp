@@ -64,8 +64,7 @@ protected:
     zmq::context_t context;
 };
 
-// --- Making one
-// -----------------------------------------------------------------------------------------------
+// --- Making one --------------------------------------------------------------------------------------
 
 TEST_F(APublisher, IsNotMadeWithoutTheLibrary)
 {
@@ -214,8 +213,7 @@ TEST_F(APublisher, ToADeadRelayWaitsForEachOfElevenAnswers)
     EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 11u);
 }
 
-// --- Publishing
-// -----------------------------------------------------------------------------------------------
+// --- Publishing --------------------------------------------------------------------------------------
 
 TEST_F(APublisher, SendsTheTopicAndTheMessageWithItsOwnTag)
 {
@@ -258,6 +256,33 @@ TEST_F(APublisher, PublishesTheRestOfAStreamInOneMessage)
     Message message;
     ASSERT_TRUE(message.ParseFromString(receive_frames(subscriber).at(1)));
     EXPECT_EQ(message.put().body().bin().size(), 3u << 20);
+}
+
+TEST_F(APublisher, PublishesTextAsTextAndWhatIsNotUtf8AsBytes)
+{
+    const auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+    const auto heard = [&] {
+        Message message;
+        EXPECT_TRUE(message.ParseFromString(receive_frames(subscriber).at(1)));
+        return message.put();
+    };
+    Message as_it_is;
+    as_it_is.mutable_put()->mutable_head()->set_path("/a");
+    as_it_is.mutable_put()->mutable_head()->set_format(Format::Json);
+    as_it_is.mutable_put()->mutable_body()->set_txt("a\xF6z");
+
+    EXPECT_TRUE(publisher->put("/a?format=text", std::string("a\xC3\xB6z"))->good());
+    EXPECT_EQ(heard().body().txt(), "a\xC3\xB6z");
+    EXPECT_TRUE(publisher->put("/a?format=text", std::string("a\xF6z"))->good());
+    const Put bytes = heard();
+    EXPECT_EQ(bytes.body().bin(), "a\xF6z");
+    EXPECT_EQ(bytes.head().format(), Format::Text);
+    EXPECT_TRUE(publisher->send(Request(std::make_shared<Message>(as_it_is)))->good());
+    const Put sent = heard();
+    EXPECT_EQ(sent.body().bin(), "a\xF6z");
+    EXPECT_EQ(sent.head().format(), Format::Json);
 }
 
 TEST_F(APublisher, AddsTheSlashThatAPathLacks)
@@ -385,8 +410,7 @@ TEST_F(APublisher, MayOutliveTheLibraryAndLetsItsLastMessagesLeave)
     EXPECT_EQ(providers("zmq.publisher"), 0u);
 }
 
-// --- The statistics that it asks for
-// --------------------------------------------------------------------------
+// --- The statistics that it asks for -----------------------------------------------------------------
 
 class RelayStatistics : public RuntimeTest {
 protected:

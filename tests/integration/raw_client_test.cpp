@@ -138,6 +138,28 @@ TEST_F(ARawClient, SendsTheMessageAsItIs)
     EXPECT_EQ(journal.entries(), (std::vector<std::string>{sent, call_frame, ""}));
 }
 
+TEST_F(ARawClient, SendsATextThatIsNotUtf8AsBytesAndLeavesItAsItWasIfThatFails)
+{
+    Journal came;
+    ScriptedPeer peer(uri, [&](const std::string& frame) {
+        came.add(frame);
+        Message failed;
+        failed.mutable_response()->set_status(Status::Gone);
+        return std::vector<std::string>{failed.SerializeAsString()};
+    });
+    Message put;
+    put.mutable_put()->mutable_head()->set_format(Format::Text);
+    put.mutable_put()->mutable_body()->set_txt("a\xF6z");
+    const auto client = make_raw_client(uri);
+
+    EXPECT_EQ(client->visit(put), Status::Gone);
+
+    EXPECT_EQ(put.put().body().txt(), "a\xF6z");
+    Message bytes = put;
+    bytes.mutable_put()->mutable_body()->set_bin("a\xF6z");
+    EXPECT_EQ(came.entries(), std::vector<std::string>{bytes.SerializeAsString()});
+}
+
 TEST_F(ARawClient, GivesOnlyTheStatusOfAFailureAndLeavesTheRequest)
 {
     const auto server = serve(uri);

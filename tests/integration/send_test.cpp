@@ -59,6 +59,24 @@ TEST_F(ASocketPair, CarriesAMessageAsPlainProtobufInOneFrame)
     EXPECT_EQ(receive_frames(b), std::vector<std::string>{"\x0A\x06\x0A\x04\x1A\x02/a"});
 }
 
+TEST_F(ASocketPair, CarriesABodyThatIsNotUtf8AsBytesAndLeavesTheMessageAlone)
+{
+    for (const auto make_body : {+[](Message& m) { return m.mutable_put()->mutable_body(); },
+                                 +[](Message& m) { return m.mutable_post()->mutable_body(); },
+                                 +[](Message& m) { return m.mutable_response()->mutable_body(); }}) {
+        Message message;
+        make_body(message)->set_txt("\xFF");
+        const Message before = message;
+        Message bytes;
+        make_body(bytes)->set_bin("\xFF");
+
+        EXPECT_TRUE(send_msg(a, message, nullptr));
+
+        EXPECT_EQ(receive_frames(b), std::vector{bytes.SerializeAsString()});
+        EXPECT_TRUE(make_body(message)->has_txt());
+    }
+}
+
 TEST_F(ASocketPair, CarriesAMessageOfNoTypeAsAnEmptyFrame)
 {
     EXPECT_TRUE(send_msg(a, Message(), nullptr));
@@ -100,6 +118,53 @@ TEST_F(ASocketPair, GivesTheFirstFrameOfAMessageAndDropsTheRest)
     ASSERT_TRUE(tarn_internal::receive_frame(b, frame));
     EXPECT_EQ(frame.to_string(), "first");
     EXPECT_FALSE(is_readable(b, std::chrono::milliseconds(0)));
+}
+
+// --- A message as a frame -----------------------------------------------------------------------------
+
+struct TextRow {
+    std::string name;
+    std::string text;
+    bool is_text; // and not bytes, on the wire
+
+    friend std::ostream& operator<<(std::ostream& stream, const TextRow& row) { return stream << row.name; }
+};
+
+class AFrame : public ::testing::TestWithParam<TextRow> {};
+
+TEST_P(AFrame, CarriesATextAsTextIfItIsUtf8AndElseAsBytes)
+{
+    Message message;
+    message.mutable_put()->mutable_head()->set_format(Format::Html);
+    message.mutable_put()->mutable_body()->set_txt(GetParam().text);
+
+    const auto frame = tarn_internal::to_frame(message);
+
+    ASSERT_TRUE(frame);
+    Message parsed;
+    ASSERT_TRUE(parsed.ParseFromArray(frame->data(), static_cast<int>(frame->size())));
+    EXPECT_EQ(parsed.put().body().has_txt(), GetParam().is_text);
+    EXPECT_EQ(parsed.put().body().has_bin(), !GetParam().is_text);
+    EXPECT_EQ(GetParam().is_text ? parsed.put().body().txt() : parsed.put().body().bin(), GetParam().text);
+    EXPECT_EQ(parsed.put().head().format(), Format::Html);
+    EXPECT_EQ(message.put().body().txt(), GetParam().text);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, AFrame,
+    ::testing::Values(TextRow{"Empty", "", true}, TextRow{"Ascii", "text", true},
+                      TextRow{"Nul", std::string("a\0z", 3), true}, TextRow{"TwoBytes", "a\xC3\xB6z", true},
+                      TextRow{"FourBytes", "\xF0\x9F\x90\x9F", true}, TextRow{"Latin1", "a\xF6z", false},
+                      TextRow{"CutAtTheEnd", "a\xC3", false}, TextRow{"CutAtTheBeginning", "\xB6z", false},
+                      TextRow{"Overlong", "\xC0\xAF", false}, TextRow{"Surrogate", "\xED\xA0\x80", false},
+                      TextRow{"BeyondUnicode", "\xF4\x90\x80\x80", false}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(AFrameOfBytes, IsWhatTheMessageSerialisesTo)
+{
+    Message message;
+    message.mutable_put()->mutable_body()->set_bin("\xFF");
+    EXPECT_EQ(tarn_internal::to_frame(message)->to_string(), message.SerializeAsString());
 }
 
 TEST(APollTime, IsNeverNegativeUnlessItIsForEver)

@@ -393,7 +393,27 @@ TEST_P(AServer, LogsRequestsAndRepliesOnlyForDebugging)
     EXPECT_TRUE(wait_until([&] { return logs.count(slate::DebugLevel, "tx: response { head {") == 1; }));
 }
 
-TEST_P(AServer, CarriesABodyOfManyMegabytesInOnePiece)
+TEST_P(AServer, RepliesWithTextAsTextAndWithWhatIsNotUtf8AsBytes)
+{
+    const auto server = make({uri});
+    const auto route = make_test_route("a", "get", "/a/:text");
+    route->on_get = [](Context& context) {
+        context.reply.set_reply_text(context.variable("text") == "valid" ? "a\xC3\xB6z" : "a\xF6z");
+    };
+    server->add(route);
+
+    const Response valid = exchange(get_message("/a/valid")).response();
+    EXPECT_EQ(valid.status(), Status::Ok);
+    EXPECT_EQ(valid.body().txt(), "a\xC3\xB6z");
+
+    const Response invalid = exchange(get_message("/a/invalid")).response();
+    EXPECT_EQ(invalid.status(), Status::Ok);
+    EXPECT_EQ(invalid.head().format(), Format::Text);
+    EXPECT_EQ(invalid.body().bin(), "a\xF6z");
+    EXPECT_EQ(make_client(uri)->get("/a/invalid")->text_or("none"), "a\xF6z");
+}
+
+TEST_P(AServer, CarriesABodyOfManyMegabytesInOneReply)
 {
     const auto server = make({uri});
     const auto route = make_test_route("echo", "put", "/echo");

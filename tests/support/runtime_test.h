@@ -19,8 +19,8 @@ namespace tarn_test {
 /// A library that is up and running, with its log captured and a folder of its own.
 class RuntimeTest : public ::testing::Test {
 protected:
-    /// An endpoint that nobody else has: "ipc" and "inproc" by name, "tcp" by a free port of the system's
-    /// choice.
+    /// An endpoint that nobody else has: "ipc" is a socket in the test's folder, and "inproc" a name in its
+    /// context.
     std::shared_ptr<const slate::Uri> scratch_endpoint(const std::string& scheme = "ipc")
     {
         const std::string name = std::to_string(next_++);

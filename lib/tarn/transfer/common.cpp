@@ -24,6 +24,13 @@ Headers copy_without_transfer(const Headers& headers)
     return copy;
 }
 
+std::shared_ptr<Reply> only_response(std::shared_ptr<Reply> reply)
+{
+    if (reply->good() && !reply->message->has_response())
+        return std::make_shared<Reply>();
+    return reply;
+}
+
 std::shared_ptr<Reply> make_local_reply(Status status, LocalCause cause, const std::string& text)
 {
     auto reply = std::make_shared<Reply>(std::make_shared<Message>(), cause);

@@ -8,13 +8,14 @@
 #include "slate/log.h"
 #include "tarn/client.h"
 #include "tarn/exception.h"
-#include "tarn/proto/message.pb.h"
+#include "tarn/proto/status.pb.h"
 #include "tarn/transfer/chunk_headers.h"
 #include "tarn/transfer/common.h"
 
 namespace tarn {
 using tarn_internal::copy_without_transfer;
 using tarn_internal::make_local_reply;
+using tarn_internal::only_response;
 
 class Download::Impl {
 public:
@@ -38,9 +39,7 @@ public:
                                  "the download was cancelled"));
             return std::nullopt;
         }
-        reply_ = client_->get(path_, headers_, options_.chunk_timeout);
-        if (reply_->good() && !reply_->message->has_response())
-            reply_ = std::make_shared<Reply>(); // what came is not a reply
+        reply_ = only_response(client_->get(path_, headers_, options_.chunk_timeout));
         const bool first = !headers_->has(chunk_header::transfer);
         const std::string transfer = reply_->bad() ? "" : reply_->header(chunk_header::transfer, "");
         if (first && !transfer.empty())

@@ -19,6 +19,7 @@
 namespace tarn {
 using tarn_internal::copy_without_transfer;
 using tarn_internal::make_local_reply;
+using tarn_internal::only_response;
 
 class Upload::Impl {
 public:
@@ -92,9 +93,9 @@ private:
     std::shared_ptr<Reply> exchange(std::string&& bytes, const slate::Duration& timeout)
     {
         headers_->set(chunk_header::number, next_chunk_++);
-        return options_.verb == UploadOptions::Verb::Put
-                   ? client_->put(path_, std::move(bytes), headers_, timeout)
-                   : client_->post(path_, std::move(bytes), headers_, timeout);
+        return only_response(options_.verb == UploadOptions::Verb::Put
+                                 ? client_->put(path_, std::move(bytes), headers_, timeout)
+                                 : client_->post(path_, std::move(bytes), headers_, timeout));
     }
 
     /// A chunk beyond a gap is refused and ends the transfer at once, file included. It isn't empty, so that

@@ -8,6 +8,8 @@
 #include <ostream>
 #include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
@@ -413,6 +415,161 @@ TEST(Reply, IsNotFoundAndBadUntilASetterHasRun)
 
     EXPECT_EQ(reply.status(), Status::Ok);
     EXPECT_TRUE(reply.good());
+}
+
+// ---- bodies ---------------------------------------------------------------------------------------------
+
+struct BodyRow {
+    std::string message;
+    bool has_body;
+    std::string text; // what is read where "dflt" stands for a body
+
+    friend std::ostream& operator<<(std::ostream& stream, const BodyRow& row)
+    {
+        return stream << '"' << row.message << '"';
+    }
+};
+
+class ReplyBody : public testing::TestWithParam<BodyRow> {
+protected:
+    const Reply reply_ = GetParam().message == "nothing" ? Reply() : reply_of(GetParam().message);
+};
+
+TEST_P(ReplyBody, IsThereOrNot)
+{
+    EXPECT_EQ(reply_.has_body(), GetParam().has_body);
+}
+
+TEST_P(ReplyBody, IsReadOrReplacedByTheDefault)
+{
+    const tarn_test::LogCapture log;
+    EXPECT_EQ(reply_.text_or("dflt"), GetParam().text);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, ReplyBody,
+    testing::Values(BodyRow{"nothing", false, "dflt"}, BodyRow{"", false, "dflt"},
+                    BodyRow{"response {}", false, "dflt"}, BodyRow{"response { status: Ok }", false, "dflt"},
+                    BodyRow{"response { status: NoContent }", false, "dflt"},
+                    BodyRow{"response { status: Ok body {} }", false, "dflt"},
+                    BodyRow{R"(response { status: Ok body { txt: "" } })", true, ""},
+                    BodyRow{R"(response { status: Ok body { bin: "" } })", true, ""},
+                    BodyRow{R"(response { status: Ok body { txt: "text" } })", true, "text"},
+                    BodyRow{R"(response { status: Created body { bin: "\001bytes" } })", true, "\001bytes"},
+                    BodyRow{R"(response { status: NotFound body { txt: "why" } })", true, "dflt"},
+                    BodyRow{R"(response { body { txt: "of no status" } })", true, "dflt"},
+                    BodyRow{"call { result { status: Ok } }", false, "dflt"},
+                    BodyRow{R"(put { body { txt: "text" } })", true, "text"},
+                    BodyRow{"put {}", false, "dflt"}, BodyRow{"get {}", false, "dflt"}));
+
+TEST(Reply, TakesDataAsBytesOrTextByItsFormat)
+{
+    struct Row {
+        Format format;
+        bool is_text;
+    };
+    for (const auto& [format, is_text] : {Row{Format::Json, true}, Row{Format::Html, true},
+                                          Row{Format::Png, false}, Row{Format::Unknown, false}}) {
+        for (const bool moves : {false, true}) {
+            Reply reply = reply_of("response {}");
+            std::string data = "data";
+            if (moves)
+                reply.set_reply_data(format, std::move(data));
+            else
+                reply.set_reply_data(format, data);
+
+            const tarn::Response& response = reply.message->response();
+            EXPECT_EQ(response.head().format(), format);
+            EXPECT_EQ(response.status(), Status::Ok);
+            EXPECT_EQ(response.body().has_txt(), is_text) << format;
+            EXPECT_EQ(response.body().has_bin(), !is_text) << format;
+            EXPECT_EQ(reply.data(), "data");
+        }
+    }
+}
+
+TEST(Reply, MovesATextThatItMayKeep)
+{
+    const std::vector<std::function<void(Reply&, std::string &&)>> setters = {
+        [](Reply& reply, std::string&& text) { reply.set_reply_text(std::move(text)); },
+        [](Reply& reply, std::string&& text) { reply.set_reply_json(std::move(text)); },
+        [](Reply& reply, std::string&& text) { reply.set_reply_xml(std::move(text)); },
+        [](Reply& reply, std::string&& text) { reply.set_reply_data(Format::Html, std::move(text)); },
+        [](Reply& reply, std::string&& text) { reply.set_reply_data(Format::Png, std::move(text)); },
+    };
+    for (const auto& set : setters) {
+        Reply reply = reply_of("response {}");
+        std::string text(1000, 'x');
+        const char* const memory = text.data();
+
+        set(reply, std::move(text));
+
+        EXPECT_EQ(reply.data().data(), memory);
+        EXPECT_EQ(reply.data(), std::string(1000, 'x'));
+    }
+}
+
+TEST(Reply, CopiesATextThatItMayNotKeep)
+{
+    const std::string text(1000, 'x');
+    Reply reply = reply_of("response {}");
+
+    reply.set_reply_data(Format::Html, text);
+
+    EXPECT_EQ(text, std::string(1000, 'x'));
+    EXPECT_NE(reply.data().data(), text.data());
+}
+
+TEST(Reply, ReplacesWhatIsNotUtf8InItsStatusMessage)
+{
+    Reply reply = reply_of("response {}");
+
+    reply.set_status(Status::Gone, "a\xFFz");
+
+    EXPECT_EQ(reply.status(), Status::Gone);
+    EXPECT_EQ(reply.status_message(), "a\xEF\xBF\xBDz"); // U+FFFD
+    tarn::Message parsed;
+    EXPECT_TRUE(parsed.ParseFromString(reply.message->SerializeAsString()));
+}
+
+TEST(Reply, LeavesItsStatusMessageAloneIfItIsUtf8)
+{
+    Reply reply = reply_of("response {}");
+    reply.set_status(Status::Gone, "gr\xC3\xB6\xC3\x9F"
+                                   "e");
+    EXPECT_EQ(reply.status_message(), "gr\xC3\xB6\xC3\x9F"
+                                      "e");
+}
+
+// ---- whose reply it is ----------------------------------------------------------------------------------
+
+TEST(Reply, IsAServersUnlessToldOtherwise)
+{
+    for (const Reply& reply : {Reply(), reply_of("response { status: RequestTimeout }"),
+                               reply_of("response { status: BadRequest }"), reply_of("get {}")}) {
+        EXPECT_FALSE(reply.is_local());
+        EXPECT_EQ(reply.local_cause(), tarn::LocalCause::None);
+    }
+}
+
+TEST(Reply, ThatAClientMadeKeepsItsCauseInCopies)
+{
+    const Reply reply(message_of("response { status: RequestTimeout }"), tarn::LocalCause::NoAnswerInTime);
+    const Reply copy = reply;
+    Reply assigned;
+    assigned = copy;
+
+    for (const Reply& each : {reply, copy, assigned}) {
+        EXPECT_TRUE(each.is_local());
+        EXPECT_EQ(each.local_cause(), tarn::LocalCause::NoAnswerInTime);
+    }
+}
+
+TEST(Reply, ThatAClientMadeIsSentWithoutItsCause)
+{
+    const Reply local(message_of("response { status: RequestTimeout }"), tarn::LocalCause::NoAnswerInTime);
+    EXPECT_TRUE(equal(*local.message, *message_of("response { status: RequestTimeout }")));
 }
 
 TEST(Succeeded, HoldsFrom200To299)

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <limits>
 
-#include "chunked/environment.h"
+#include "support/environment.h"
 #include "slate/file.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"

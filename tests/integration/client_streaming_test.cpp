@@ -8,6 +8,7 @@
 #include "support/forwarding_factory.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
+#include "support/telling_peer.h"
 #include "unit/tarn/messages.h"
 
 namespace {
@@ -19,72 +20,6 @@ constexpr std::size_t mebibyte = 1 << 20;
 const std::string transfer = "X-Tarn-Chunked-Transfer";
 const std::string number = "X-Tarn-Chunk-Number";
 const std::string supported = "X-Tarn-Supports-Chunked-Transfer";
-
-Message answer_of(Status status)
-{
-    Message message;
-    message.mutable_response()->set_status(status);
-    return message;
-}
-
-/// A reply with a piece of a download, and the id of the transfer unless that is empty.
-Message piece(const std::string& data, const std::string& id = "")
-{
-    Message message = answer_of(Status::Ok);
-    message.mutable_response()->mutable_body()->set_bin(data);
-    if (!id.empty()) {
-        KeyValue* header = message.mutable_response()->mutable_head()->add_headers();
-        header->set_key(transfer);
-        header->set_value(id);
-    }
-    return message;
-}
-
-/// Remembers the requests and answers the n-th one with the n-th of its answers, and all further ones with
-/// the last. An empty answer is none at all.
-class TellingPeer {
-public:
-    TellingPeer(const std::shared_ptr<const slate::Uri>& uri, std::vector<std::string> answers)
-        : answers_(std::move(answers)),
-          peer_(uri, [this](const std::string& frame) { return answer(frame); })
-    {
-    }
-    TellingPeer(const std::shared_ptr<const slate::Uri>& uri, const std::vector<Message>& answers)
-        : TellingPeer(uri, frames_of(answers))
-    {
-    }
-
-    std::vector<Request> requests() const
-    {
-        const std::lock_guard lock(mutex_);
-        return requests_;
-    }
-    std::size_t count() const { return requests().size(); }
-
-private:
-    static std::vector<std::string> frames_of(const std::vector<Message>& messages)
-    {
-        std::vector<std::string> frames;
-        for (const Message& message : messages)
-            frames.push_back(message.SerializeAsString());
-        return frames;
-    }
-
-    std::vector<std::string> answer(const std::string& frame)
-    {
-        auto message = std::make_shared<Message>();
-        EXPECT_TRUE(message->ParseFromString(frame));
-        const std::lock_guard lock(mutex_);
-        const std::string& chosen = answers_.at(std::min(requests_.size(), answers_.size() - 1));
-        requests_.emplace_back(message);
-        return chosen.empty() ? std::vector<std::string>() : std::vector{chosen};
-    }
-
-    const std::vector<std::string> answers_;
-    mutable std::mutex mutex_; // guards requests_
-    std::vector<Request> requests_;
-    ScriptedPeer peer_;
-};
 
 class AStreamingClient : public RuntimeTest {
 protected:
@@ -509,7 +444,7 @@ protected:
     int_type underflow() override
     {
         client_.get("/between");
-        if (pieces_++ == 2)
+        if (chunks_++ == 2)
             return traits_type::eof();
         setg(text_.data(), text_.data(), text_.data() + text_.size());
         return traits_type::to_int_type(text_.front());
@@ -517,7 +452,7 @@ protected:
 
 private:
     Client& client_;
-    int pieces_ = 0;
+    int chunks_ = 0;
     std::string text_ = std::string(mebibyte, 'x');
 };
 
@@ -545,9 +480,9 @@ protected:
     std::ostringstream out;
 };
 
-TEST_F(AStreamDownload, OfABodyInOnePieceIsOneRequest)
+TEST_F(AStreamDownload, OfABodyInOneReplyIsOneRequest)
 {
-    TellingPeer peer(uri, std::vector{piece("whole body")});
+    TellingPeer peer(uri, std::vector{chunk_reply("whole body")});
 
     const auto reply = download();
 
@@ -561,10 +496,10 @@ TEST_F(AStreamDownload, OfABodyInOnePieceIsOneRequest)
     EXPECT_EQ(pairs_of(*headers), (Pairs{{"X-Own", "1"}, {supported, "true"}}));
 }
 
-TEST_F(AStreamDownload, AppendsEachPieceUntilAnEmptyOne)
+TEST_F(AStreamDownload, AppendsEachChunkUntilAnEmptyOne)
 {
-    TellingPeer peer(uri,
-                     {piece("one,", "id-7"), piece(std::string("t\0wo,", 5)), piece("three"), piece("")});
+    TellingPeer peer(uri, {chunk_reply("one,", "id-7"), chunk_reply(std::string("t\0wo,", 5)),
+                           chunk_reply("three"), chunk_reply("")});
 
     const auto reply = download();
 
@@ -576,7 +511,7 @@ TEST_F(AStreamDownload, AppendsEachPieceUntilAnEmptyOne)
 
 TEST_F(AStreamDownload, NamesTheTransferInEachRequestButTheFirst)
 {
-    TellingPeer peer(uri, {piece("one", "id-7"), piece("two", "another"), piece("")});
+    TellingPeer peer(uri, {chunk_reply("one", "id-7"), chunk_reply("two", "another"), chunk_reply("")});
 
     make_client(uri)->get("/a?format=json", out, headers, slate::Seconds(7));
 
@@ -598,7 +533,7 @@ TEST_F(AStreamDownload, NamesTheTransferInEachRequestButTheFirst)
 
 TEST_F(AStreamDownload, NeedsNoHeaders)
 {
-    TellingPeer peer(uri, {piece("one", "id-7"), piece("two"), piece("")});
+    TellingPeer peer(uri, {chunk_reply("one", "id-7"), chunk_reply("two"), chunk_reply("")});
 
     const auto reply = make_client(uri, 0)->get("/a", out, nullptr, slate::Seconds(20));
 
@@ -610,7 +545,7 @@ TEST_F(AStreamDownload, NeedsNoHeaders)
 
 TEST_F(AStreamDownload, LeavesItsHeadersInTheDictionary)
 {
-    TellingPeer peer(uri, {piece("one", "id-7"), piece("")});
+    TellingPeer peer(uri, {chunk_reply("one", "id-7"), chunk_reply("")});
 
     download();
 
@@ -619,7 +554,7 @@ TEST_F(AStreamDownload, LeavesItsHeadersInTheDictionary)
 
 TEST_F(AStreamDownload, CarriesAnOldTransferIntoItsFirstRequestIfTheDictionaryIsUsedAgain)
 {
-    TellingPeer peer(uri, {piece("one", "id-7"), piece(""), piece("other")});
+    TellingPeer peer(uri, {chunk_reply("one", "id-7"), chunk_reply(""), chunk_reply("other")});
 
     download();
     download();
@@ -632,7 +567,7 @@ TEST_F(AStreamDownload, WritesTextAndBytesAlike)
 {
     Message text = answer_of(Status::Ok);
     text.mutable_response()->mutable_body()->set_txt("text");
-    TellingPeer peer(uri, {piece("bytes,", "id"), text, piece("")});
+    TellingPeer peer(uri, {chunk_reply("bytes,", "id"), text, chunk_reply("")});
 
     download();
 
@@ -641,7 +576,7 @@ TEST_F(AStreamDownload, WritesTextAndBytesAlike)
 
 TEST_F(AStreamDownload, WritesNothingOfABadReply)
 {
-    Message bad = piece("what went wrong", "id");
+    Message bad = chunk_reply("what went wrong", "id");
     bad.mutable_response()->set_status(Status::NotFound);
     TellingPeer peer(uri, std::vector{bad});
 
@@ -654,11 +589,11 @@ TEST_F(AStreamDownload, WritesNothingOfABadReply)
     EXPECT_TRUE(headers->has(supported));
 }
 
-TEST_F(AStreamDownload, KeepsThePiecesBeforeABadReplyAndEndsWithIt)
+TEST_F(AStreamDownload, KeepsTheChunksBeforeABadReplyAndEndsWithIt)
 {
-    Message bad = piece("what went wrong");
+    Message bad = chunk_reply("what went wrong");
     bad.mutable_response()->set_status(Status::Gone);
-    TellingPeer peer(uri, {piece("one,", "id"), piece("two"), bad});
+    TellingPeer peer(uri, {chunk_reply("one,", "id"), chunk_reply("two"), bad});
 
     const auto reply = download();
 
@@ -670,7 +605,7 @@ TEST_F(AStreamDownload, KeepsThePiecesBeforeABadReplyAndEndsWithIt)
 
 TEST_F(AStreamDownload, EndsWithAGoodReplyThatHasNoBody)
 {
-    TellingPeer peer(uri, {piece("one", "id"), answer_of(Status::NoContent)});
+    TellingPeer peer(uri, {chunk_reply("one", "id"), answer_of(Status::NoContent)});
 
     const auto reply = download();
 
@@ -684,7 +619,7 @@ TEST_F(AStreamDownload, EndsWithAGoodReplyWhoseBodyHasNoContent)
 {
     Message hollow = answer_of(Status::Ok);
     hollow.mutable_response()->mutable_body();
-    TellingPeer peer(uri, {piece("one", "id"), hollow});
+    TellingPeer peer(uri, {chunk_reply("one", "id"), hollow});
 
     EXPECT_EQ(download()->status(), Status::Ok);
 
@@ -704,7 +639,7 @@ TEST_F(AStreamDownload, EndsAtOnceIfTheFirstReplyIsGoodAndHasNoBody)
 
 TEST_F(AStreamDownload, OfAnEmptyBodyIsEmpty)
 {
-    TellingPeer peer(uri, std::vector{piece("")});
+    TellingPeer peer(uri, std::vector{chunk_reply("")});
 
     EXPECT_EQ(download()->status(), Status::Ok);
 
@@ -714,8 +649,8 @@ TEST_F(AStreamDownload, OfAnEmptyBodyIsEmpty)
 
 TEST_F(AStreamDownload, EndsWithAReplyThatIsNoMessage)
 {
-    TellingPeer peer(uri,
-                     std::vector<std::string>{piece("one", "id").SerializeAsString(), "\xFF no message"});
+    TellingPeer peer(
+        uri, std::vector<std::string>{chunk_reply("one", "id").SerializeAsString(), "\xFF no message"});
 
     const auto reply = download();
 
@@ -724,9 +659,9 @@ TEST_F(AStreamDownload, EndsWithAReplyThatIsNoMessage)
     EXPECT_EQ(out.str(), "one");
 }
 
-TEST_F(AStreamDownload, EndsWithATimeoutOfOnePiece)
+TEST_F(AStreamDownload, EndsWithATimeoutOfOneChunk)
 {
-    TellingPeer peer(uri, std::vector<std::string>{piece("one", "id").SerializeAsString(), ""});
+    TellingPeer peer(uri, std::vector<std::string>{chunk_reply("one", "id").SerializeAsString(), ""});
 
     const auto reply = make_client(uri, 1)->get("/a", out, headers, slate::Milliseconds(1500));
 
@@ -738,7 +673,7 @@ TEST_F(AStreamDownload, EndsWithATimeoutOfOnePiece)
 
 TEST_F(AStreamDownload, GoesOnIfItsStreamFails)
 {
-    TellingPeer peer(uri, {piece("one", "id"), piece("two"), piece("")});
+    TellingPeer peer(uri, {chunk_reply("one", "id"), chunk_reply("two"), chunk_reply("")});
     out.setstate(std::ios::badbit);
 
     EXPECT_EQ(download()->status(), Status::Ok);
@@ -749,7 +684,7 @@ TEST_F(AStreamDownload, GoesOnIfItsStreamFails)
 
 TEST_F(AStreamDownload, AppendsToWhatTheStreamHolds)
 {
-    TellingPeer peer(uri, std::vector{piece("body")});
+    TellingPeer peer(uri, std::vector{chunk_reply("body")});
     out << "before,";
 
     download();
@@ -759,7 +694,7 @@ TEST_F(AStreamDownload, AppendsToWhatTheStreamHolds)
 
 TEST_F(AStreamDownload, NeedsNothingButAPathAndAStream)
 {
-    TellingPeer peer(uri, {piece("one,", "id"), piece("two"), piece("")});
+    TellingPeer peer(uri, {chunk_reply("one,", "id"), chunk_reply("two"), chunk_reply("")});
     const auto client = make_client(uri);
 
     EXPECT_EQ(client->get("/a", out)->status(), Status::Ok);
@@ -770,11 +705,11 @@ TEST_F(AStreamDownload, NeedsNothingButAPathAndAStream)
     EXPECT_FALSE(peer.requests().at(3).has_header(transfer));
 }
 
-TEST_F(AStreamDownload, OfManyMebibytesInPiecesArrivesWhole)
+TEST_F(AStreamDownload, OfManyMebibytesInChunksArrivesWhole)
 {
     const std::string first(3 * mebibyte, 'a');
     const std::string second(4 * mebibyte, 'b');
-    TellingPeer peer(uri, {piece(first, "id"), piece(second), piece("")});
+    TellingPeer peer(uri, {chunk_reply(first, "id"), chunk_reply(second), chunk_reply("")});
 
     make_client(uri)->get("/a", out, headers, slate::Seconds(30));
 

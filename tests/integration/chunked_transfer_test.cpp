@@ -15,7 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "chunked/environment.h"
+#include "support/environment.h"
 #include "support/peers.h"
 #include "support/server_kinds.h"
 
@@ -234,7 +234,7 @@ protected:
 };
 INSTANTIATE_SERVER_KINDS(AChunkedUpload);
 
-// --- Bodies in one piece ------------------------------------------------------------------------------
+// --- Bodies in one request ----------------------------------------------------------------------------
 
 TEST_P(AChunkedUpload, IsNotBegunByAWriteWithoutATransferId)
 {

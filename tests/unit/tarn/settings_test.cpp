@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/settings.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "slate/dictionary.h"
+#include "support/log_capture.h"
+
+namespace {
+using tarn_internal::duration_setting;
+
+const slate::Duration dflt = slate::Minutes(15);
+
+slate::Duration read(const std::string& text)
+{
+    const auto settings = slate::make_dictionary();
+    settings->set("session_ttl", std::string_view(text));
+    return duration_setting(*settings, "session_ttl", dflt);
+}
+
+TEST(ADurationSetting, IsReadWithItsUnit)
+{
+    const tarn_test::LogCapture log;
+    EXPECT_EQ(read("90s"), slate::Seconds(90));
+    EXPECT_EQ(read("0s"), slate::Seconds(0));
+    EXPECT_EQ(read("-1s"), slate::Seconds(-1));
+    EXPECT_EQ(read("250ms"), slate::Milliseconds(250));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(ADurationSetting, HasADefaultThatAppliesSilentlyIfItIsAbsent)
+{
+    const tarn_test::LogCapture log;
+    EXPECT_EQ(duration_setting(*slate::make_dictionary(), "session_ttl", dflt), dflt);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(ADurationSetting, HasADefaultThatAppliesWithAnErrorInTheLogIfItIsNotADuration)
+{
+    for (const std::string text : {"a while", "s", "-"}) {
+        const tarn_test::LogCapture log;
+        EXPECT_EQ(read(text), dflt) << text;
+        EXPECT_EQ(log.texts(slate::ErrorLevel),
+                  std::vector<std::string>{"setting is not a duration: session_ttl = " + text});
+    }
+}
+} // namespace
