@@ -4,8 +4,8 @@
 #include <fstream>
 #include <limits>
 
-#include "support/environment.h"
 #include "slate/file.h"
+#include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
 #include "unit/tarn/thrown.h"
