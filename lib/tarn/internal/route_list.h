@@ -61,8 +61,20 @@ private:
     // Shared, so that an entry outlives its removal while its handler runs.
     using Entry = std::shared_ptr<LockableRoute>;
 
+    /// For a change of the list: keeps out lookups, and further ones from beginning.
+    struct ChangeLock {
+        explicit ChangeLock(const RouteList& list) : gate(list.gate_), lock(list.lock_) {}
+
+        const std::lock_guard<std::mutex> gate;
+        const std::lock_guard<std::shared_mutex> lock;
+    };
+    /// For a lookup.
+    std::shared_lock<std::shared_mutex> lock_for_lookup() const;
     void update_index(const std::function<void()>& then);
 
+    // Changes hold the gate while they wait for the lock, and lookups pass it: the lock alone prefers
+    // lookups, and a change would wait for as long as any of them overlap.
+    mutable std::mutex gate_;
     mutable std::shared_mutex lock_; // guards routes_
     const std::vector<Endpoint> uris_;
     const std::shared_ptr<const slate::Dictionary> settings_;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -64,6 +65,7 @@ private:
     ControlledThread thread_;
     const std::shared_ptr<Server> server_;
     const std::shared_ptr<MessageFactory> factory_;
-    const bool serves_itself_;
+    /// Whether the server inside has started; without a value it is presumed so.
+    const std::optional<bool> serves_itself_;
 };
 } // namespace tarn_internal

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/utils/send.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <utility>
@@ -62,12 +63,15 @@ bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::st
                 const std::shared_ptr<slate::Provider>& provider)
 {
     tsan_release(frame.data());
-    if (zmq_msg_send(frame.handle(), socket.handle(), flags) >= 0)
-        return true;
-    if (zmq_errno() != EAGAIN)
-        throw zmq::error_t();
-    slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
-    return false;
+    while (zmq_msg_send(frame.handle(), socket.handle(), flags) < 0) {
+        if (zmq_errno() == EINTR) // a signal; nothing was sent
+            continue;
+        if (zmq_errno() != EAGAIN)
+            throw zmq::error_t();
+        slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
+        return false;
+    }
+    return true;
 }
 
 bool send_msg(zmq::socket_t& socket, const Message& message, const std::shared_ptr<slate::Provider>& provider)
