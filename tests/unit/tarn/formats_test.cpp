@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "unit/slate/comma_locale.h"
 
 namespace {
 using tarn::Format;
@@ -431,6 +432,19 @@ INSTANTIATE_TEST_SUITE_P(WithTheLookOfFactors, AcceptValue,
                                          HeaderRow{"text/plain,text/csv,aqua", {Format::Csv}},
                                          HeaderRow{"text/plain,text/csv,=", {Format::Csv}},
                                          HeaderRow{"text/plain,text/csv;", {Format::Csv}}));
+
+TEST(AcceptValue, IsReadAlikeWhateverTheLocale)
+{
+    const CommaLocale locale;
+    if (!locale.is_set())
+        GTEST_SKIP() << "the system can't compile locales";
+    Formats formats;
+
+    // With a decimal comma, all factors would be 0, and only the last format would be kept.
+    tarn::parse_accept("text/csv;q=0.5,json;q=0.9,text/plain;q=0.1", formats);
+
+    EXPECT_EQ(formats, (Formats{Format::Json, Format::Csv, Format::Text}));
+}
 
 TEST(AcceptValue, IsAppended)
 {
