@@ -14,7 +14,7 @@ namespace tarn {
 namespace {
 // Every publisher has a new tag, so the list needs a limit.
 constexpr std::size_t max_senders = 1000;
-// A publisher asks only at its start.
+// A publisher asks for the statistics only when it starts, so the entry of a silent one is useless.
 const slate::Duration max_silence = slate::Minutes(15);
 constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
 
@@ -44,8 +44,8 @@ public:
     }
 
     /// A published message.
-    void put(Context& context) override { hear(context.request.head()); }
-    void del(Context& context) override { hear(context.request.head()); }
+    void put(Context& context) override { note_sender(context.request.head()); }
+    void del(Context& context) override { note_sender(context.request.head()); }
 
 private:
     struct Sender {
@@ -55,9 +55,10 @@ private:
         slate::Duration last_seen;
     };
 
-    void hear(const Head& head)
+    void note_sender(const Head& head)
     {
-        if (head.path() != "/stats") // another service's change
+        // A change published below "/stats" is not a probe: that pattern is for requests through a router.
+        if (head.path() != "/stats")
             count(head.from());
     }
 

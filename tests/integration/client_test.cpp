@@ -773,7 +773,7 @@ TEST_F(AClient, WaitsForItsTurnNoLongerThanForAnAnswer)
     const auto second = client->get("/second", nullptr, slate::Milliseconds(50));
 
     EXPECT_EQ(second->status(), Status::RequestTimeout);
-    EXPECT_EQ(second->local_cause(), LocalCause::NoAnswerInTime);
+    EXPECT_EQ(second->local_cause(), LocalCause::TooMany);
     EXPECT_EQ(
         logs.count(slate::ErrorLevel, "request timeout; other requests are under way, nothing sent: get {"),
         1u);

@@ -30,8 +30,8 @@ std::filesystem::path normalise(const std::filesystem::path& directory)
     return result.has_filename() ? result : result.parent_path();
 }
 
-/// Whether an inproc endpoint is bound; none if that can't be told now, for want of a descriptor for
-/// instance.
+/// Whether an inproc endpoint is bound; no value if that can't be found out, for example without a free file
+/// descriptor.
 std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri)
 {
     try {
@@ -112,7 +112,7 @@ void RouterImpl::thread_entry()
         {
             Workers workers;
             workers.start(
-                workers_, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
+                worker_count, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
             (void)workers.wait_for_all();
             run_proxy(front, back, control, "router", provider_);
         }
@@ -124,14 +124,23 @@ void RouterImpl::thread_entry()
 
 void RouterImpl::worker_entry(RouterImpl* router, Workers& workers)
 {
-    RouterWorker worker(
-        router->context_, router->provider_, router->factory_,
-        [router](const Request& request) { return router->find_service(request); },
-        [] { return ZmqSubsystem::self() != nullptr; });
-    const bool connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
-    workers.report(connected);
-    if (connected)
-        worker.run();
+    bool connected = false;
+    try {
+        RouterWorker worker(
+            router->context_, router->provider_, router->factory_,
+            [router](const Request& request) { return router->find_service(request); },
+            [] { return ZmqSubsystem::self() != nullptr; });
+        connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
+        if (connected) {
+            workers.report(true);
+            worker.run();
+        }
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(router->provider_, SLATE_HERE, "cannot make a worker's sockets: ", error.what());
+    }
+    if (!connected)
+        workers.report(false);
 }
 
 std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const Request& request)
@@ -163,7 +172,7 @@ std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request
 {
     auto found = resolve(this, request);
     // A request to an inproc endpoint that isn't bound would use up one of the context's sockets for good.
-    if (found.first == server_uri_ && serves_itself_ == false)
+    if (found.first == server_uri_ && !serves_itself_.value_or(true))
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
 }

@@ -7,6 +7,8 @@
 #include "slate/log.h"
 #include "slate/provider.h"
 #include "slate/strings.h"
+#include "tarn/exception.h"
+#include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
 namespace {

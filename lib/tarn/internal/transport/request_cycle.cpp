@@ -46,32 +46,32 @@ std::chrono::nanoseconds to_chrono(const slate::Duration& time)
 }
 } // namespace
 
-/// The time that a call has: so many waits of `timeout` each, less what it spent until its turn came.
+/// How long a call may still wait: `retries` + 1 waits of `timeout` each, less the time until its turn.
 class RequestCycle::Patience {
 public:
     Patience(const slate::Duration& timeout, unsigned int retries) : timeout_(timeout), waits_(retries + 1ULL)
     {
     }
 
-    /// For the next wait.
+    /// How long the next wait may last.
     slate::Duration next_wait() const
     {
-        return std::max(timeout_ - debt_, slate::Duration(slate::Seconds(0)));
+        return std::max(timeout_ - spent_, slate::Duration(slate::Seconds(0)));
     }
 
     /// The next wait is over. False if it was the last one.
     bool use_wait()
     {
-        debt_ = slate::Seconds(0);
+        spent_ = slate::Seconds(0);
         return --waits_ > 0;
     }
 
-    /// Spends time on waits: whole ones first. False once none is left.
+    /// Takes time off the waits that are left. False if nothing is left.
     bool spend(const slate::Duration& time)
     {
-        debt_ += time;
-        while (waits_ > 0 && debt_ >= timeout_) {
-            debt_ -= timeout_;
+        spent_ += time;
+        while (waits_ > 0 && spent_ >= timeout_) {
+            spent_ -= timeout_;
             --waits_;
         }
         return waits_ > 0;
@@ -80,7 +80,7 @@ public:
 private:
     const slate::Duration timeout_;
     unsigned long long waits_;
-    slate::Duration debt_ = slate::Seconds(0); // of the next wait
+    slate::Duration spent_ = slate::Seconds(0); // of the next wait
 };
 
 /// The right to use the socket, which one call has at a time.
@@ -92,8 +92,11 @@ public:
         while (cycle_.busy_) {
             const slate::StopWatch watch(true);
             cycle_.idle_.wait_for(lock, to_chrono(patience.next_wait()));
-            if (!patience.spend(slate::Microseconds(watch.elapsed())))
+            if (!patience.spend(slate::Microseconds(watch.elapsed()))) {
+                if (!cycle_.busy_) // the notification may have been meant for this call
+                    cycle_.idle_.notify_one();
                 return;
+            }
         }
         taken_ = cycle_.busy_ = true;
     }
@@ -154,7 +157,7 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     if (!turn.taken()) {
         slate::log_error(provider_, SLATE_HERE,
                          "request timeout; other requests are under way, nothing sent: ", describe(message));
-        return make_reply(Status::RequestTimeout, LocalCause::NoAnswerInTime);
+        return make_reply(Status::RequestTimeout, LocalCause::TooMany);
     }
     try {
         return exchange(message, patience, stop);
