@@ -118,10 +118,10 @@ TEST_P(AService, MayHaveNoRoutesYet)
 class PrimedRoute : public TestRoute {
 public:
     using TestRoute::TestRoute;
-    void prime(const std::shared_ptr<const slate::Dictionary>& settings) override
+    void prime(const std::shared_ptr<const slate::Dictionary>& server_settings) override
     {
         on_prime();
-        TestRoute::prime(settings);
+        TestRoute::prime(server_settings);
     }
 
     std::function<void()> on_prime;

@@ -56,6 +56,9 @@ std::string name_of(Verb verb)
 /// Notes the id of the transfer that each request belongs to.
 class NotingFactory : public ForwardingFactory {
 public:
+    using ForwardingFactory::make_post;
+    using ForwardingFactory::make_put;
+
     MessagePtr make_put(std::string_view path, std::string&& body, const Headers& headers,
                         const slate::Duration& ttl) const override
     {
@@ -476,7 +479,7 @@ TEST_P(AnAbandonedUpload, IsForgottenByTheServerIfItsStreamFails)
 
 class AnUploadOnTheWire : public RuntimeTest {
 protected:
-    /// Number and size of each chunk; a request that is a get is none.
+    /// Number and size of each chunk, whatever gets came before.
     using Chunks = std::vector<std::pair<std::string, std::size_t>>;
     static Chunks chunks(const TellingPeer& peer)
     {
