@@ -68,24 +68,35 @@ Arguments read(int argc, char** argv)
     return arguments;
 }
 
+/// Standard input as the body, in chunks. The service may take longer for the last one, which runs its
+/// handler.
+std::shared_ptr<tarn::Reply> upload_input(const std::shared_ptr<tarn::Client>& client,
+                                          const Arguments& arguments)
+{
+    tarn::UploadOptions options;
+    options.verb = arguments.verb == "put" ? tarn::UploadOptions::Verb::Put : tarn::UploadOptions::Verb::Post;
+    options.chunk_timeout = arguments.timeout;
+    options.last_timeout = std::max(arguments.timeout, options.last_timeout);
+    return tarn::upload(client, arguments.path, std::cin, arguments.headers, options).reply;
+}
+
 /// Makes the request. For get, the reply's body is printed as it arrives, chunk by chunk. Throws
 /// std::invalid_argument for an unknown verb.
-std::shared_ptr<tarn::Reply> exchange(tarn::Client& client, const Arguments& arguments)
+std::shared_ptr<tarn::Reply> exchange(const std::shared_ptr<tarn::Client>& client, const Arguments& arguments)
 {
     const auto& [endpoint, verb, path, body, headers, timeout] = arguments;
-    const bool from_input = body == "-";
+    if ((verb == "put" || verb == "post") && body == "-")
+        return upload_input(client, arguments);
     if (verb == "get")
-        return client.get(path, std::cout, headers, timeout);
+        return tarn::download(client, path, std::cout, headers, {.chunk_timeout = timeout}).reply;
     if (verb == "head")
-        return client.head(path, headers, timeout);
+        return client->head(path, headers, timeout);
     if (verb == "put")
-        return from_input ? client.put(path, std::cin, headers, timeout)
-                          : client.put(path, body, headers, timeout);
+        return client->put(path, body, headers, timeout);
     if (verb == "post")
-        return from_input ? client.post(path, std::cin, headers, timeout)
-                          : client.post(path, body, headers, timeout);
+        return client->post(path, body, headers, timeout);
     if (verb == "delete")
-        return client.del(path, headers, timeout);
+        return client->del(path, headers, timeout);
     throw std::invalid_argument("not a verb: " + verb);
 }
 
@@ -116,7 +127,7 @@ int main(int argc, char** argv)
         const Arguments arguments = read(argc, argv);
         tarn::ZmqSubsystem subsystem;
         const auto client = tarn::make_client(arguments.endpoint, 0);
-        const auto reply = exchange(*client, arguments);
+        const auto reply = exchange(client, arguments);
         show(*reply, arguments.verb);
         std::cout.flush();
         return reply->good() && std::cout ? 0 : 1;

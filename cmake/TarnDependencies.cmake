@@ -3,7 +3,6 @@
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(ZeroMQ REQUIRED IMPORTED_TARGET libzmq>=4.3.4)
-find_path(CPPZMQ_INCLUDE_DIR zmq.hpp REQUIRED)
 
 # Newer releases bring a package of their own, with the libraries that they need; 3.21 in Debian has none.
 find_package(Protobuf CONFIG QUIET)
@@ -12,6 +11,7 @@ if(NOT TARGET protobuf::libprotobuf)
 endif()
 
 if(NOT TARN_PUBLIC_DEPENDENCIES_ONLY)
+  find_path(CPPZMQ_INCLUDE_DIR zmq.hpp REQUIRED)
   find_package(spdlog REQUIRED)
   pkg_check_modules(Uuid REQUIRED IMPORTED_TARGET uuid)
   pkg_check_modules(Md REQUIRED IMPORTED_TARGET libmd)

@@ -12,8 +12,8 @@ function(tarn_compile_options target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
                                            -Woverloaded-virtual -Wcast-align -Wformat=2)
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-    # GCC 12 sees overlapping copies in every string concatenation (its bug 105651).
-    target_compile_options(${target} PRIVATE -Wno-restrict)
+    # GCC 12 sees overlapping copies in every string concatenation (its bug 105651), and endless ones.
+    target_compile_options(${target} PRIVATE -Wno-restrict -Wno-stringop-overflow)
   endif()
 endfunction()
 
@@ -36,12 +36,23 @@ function(tarn_instrument target)
   endif()
 endfunction()
 
-# A shared library of this project: its own soname, an alias, and its headers for installation.
+# A shared library of this project: its own soname, an alias, and its exports from TARGET.map beside its CMakeLists.txt.
 function(tarn_shared_library target)
   add_library(${target} SHARED)
   add_library(${target}::${target} ALIAS ${target})
   tarn_compile_options(${target})
-  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
+  set(map ${CMAKE_CURRENT_SOURCE_DIR}/${target}.map)
+  # The library calls its own functions, whatever an application calls its own. Data stays shared with applications,
+  # as their code may copy it: inline code of generated headers refers to it.
+  target_link_options(${target} PRIVATE LINKER:--version-script=${map} LINKER:-Bsymbolic-functions)
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0 LINK_DEPENDS ${map})
+endfunction()
+
+# Where an installed target finds our libraries, relative to itself, so that an installed tree can be moved.
+function(tarn_run_path target path)
+  if(TARN_INSTALL_RPATH)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH ${path})
+  endif()
 endfunction()
 
 # A program on the public headers, built with what any application gets.

@@ -23,12 +23,12 @@ int main(int argc, char** argv)
     tarn::ZmqSubsystem subsystem;
     const auto client = tarn::make_client(std::filesystem::path(argv[1]), 0);
     std::istringstream in(image); // a file, in a real client
-    const auto sent = client->put("/image", in);
+    const auto sent = tarn::upload(client, "/image", in);
     std::ostringstream out;
-    const auto received = client->get("/download", out);
-    const bool right = sent->good() && received->good() && out.str() == image;
-    std::cout << "sent: " << tarn::Status_Name(sent->status())
-              << ", received: " << tarn::Status_Name(received->status()) << ", " << out.str().size()
+    const auto received = tarn::download(client, "/download", out);
+    const bool right = sent.good() && received.good() && out.str() == image;
+    std::cout << "sent: " << tarn::Status_Name(sent.reply->status())
+              << ", received: " << tarn::Status_Name(received.reply->status()) << ", " << out.str().size()
               << (right ? " bytes: right" : " bytes: WRONG") << std::endl;
     return right ? 0 : 1;
 }

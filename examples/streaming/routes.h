@@ -11,9 +11,6 @@
 #include <tarn/tarn.h>
 
 namespace example {
-inline constexpr const char* transfer_header = "X-Tarn-Chunked-Transfer";
-inline constexpr const char* supports_chunks_header = "X-Tarn-Supports-Chunked-Transfer";
-
 /// Takes an image by PUT and writes each chunk to a file, which replaces the old image once it is complete.
 /// There is one upload at a time: a new one ends the one in progress, which then gets status 409.
 class UploadRoute : public tarn::Route {
@@ -30,7 +27,7 @@ public:
     void put(tarn::Context& context) override
     {
         // Empty if the whole image comes in one request.
-        const std::string id = context.request.header(transfer_header, "");
+        const std::string id = context.request.header(tarn::chunk_header::transfer, "");
         const std::uint32_t number = context.request.chunk_number().value_or(0);
         const std::string& chunk = context.request.data();
         if (number == 0) {
@@ -44,8 +41,8 @@ public:
         if (!out_.write(chunk.data(), static_cast<std::streamsize>(chunk.size())).flush())
             throw tarn::MessageException(tarn::Status::InsufficientStorage, "cannot write");
 
-        // The library's client ends a stream of whole chunks with two empty ones, so this must be harmless
-        // when done twice. A product would check the image here.
+        // Client::put with a stream ends a body of whole chunks with two empty ones, so this must be harmless
+        // when done twice; tarn::upload sends one. A product would check the image here.
         if (id.empty() || chunk.empty())
             std::filesystem::copy_file(part_, image_, std::filesystem::copy_options::overwrite_existing);
     }
@@ -70,11 +67,11 @@ public:
 
     void get(tarn::Context& context) const override
     {
-        if (!context.request.has_header(supports_chunks_header)) {
+        if (!context.request.has_header(tarn::chunk_header::supported)) {
             context.reply.set_reply_file(image_);
             return;
         }
-        const std::string asked = context.request.header(transfer_header, "");
+        const std::string asked = context.request.header(tarn::chunk_header::transfer, "");
         const std::string id = asked.empty() ? begin() : asked;
         const auto download = downloads_.find(id);
         if (download == downloads_.end())
@@ -86,9 +83,8 @@ public:
         if (chunk.empty()) // the end
             downloads_.erase(download);
         else
-            context.reply.set_header(transfer_header, id);
-        context.reply.set_format_status(tarn::Format::Bin, tarn::Status::Ok);
-        context.reply.mutable_body()->set_bin(std::move(chunk));
+            context.reply.set_header(tarn::chunk_header::transfer, id);
+        context.reply.set_reply_data(tarn::Format::Bin, std::move(chunk));
     }
 
 private:

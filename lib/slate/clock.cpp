@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ctime>
 #include <limits>
+#include <memory>
 
 namespace slate {
 namespace {
@@ -16,11 +17,11 @@ constexpr unsigned long nanoseconds_per_second = 1'000'000'000;
 constexpr unsigned long ticks_per_second =
     std::numeric_limits<unsigned long>::digits >= 64 ? nanoseconds_per_second : 1'000;
 
-/// Ticks since the device started, the time in which it slept included.
+/// Ticks since the device started, including the time that it has spent asleep.
 unsigned long ticks_since_boot()
 {
     timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now); // can't fail for a clock that exists
+    clock_gettime(CLOCK_BOOTTIME, &now); // can't fail, as the kernel always has this clock
     return static_cast<unsigned long>(now.tv_sec) * ticks_per_second +
            static_cast<unsigned long>(now.tv_nsec) / (nanoseconds_per_second / ticks_per_second);
 }

@@ -55,7 +55,7 @@ public:
         return dflt;
     }
 
-    // Every other arithmetic type by its own text, so that none is cut to a long.
+    /// Stores the text of a number of any other type, or of a flag, as slate::to_string writes it.
     template <Arithmetic T>
     void set(std::string_view key, T value)
     {

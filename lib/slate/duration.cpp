@@ -11,7 +11,7 @@
 
 namespace slate {
 namespace {
-// Wide enough for every product below: a range check at the end replaces checks on the way.
+// Wide enough for every product below, so that a single check of the range at the end is enough.
 __extension__ typedef __int128 Wide;
 
 constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
@@ -35,7 +35,7 @@ constexpr std::array units{day, hour, minute, second, millisecond, microsecond, 
 constexpr std::string_view infinity_text = "inf";
 constexpr std::string_view uninitialized_text = "uninitialized";
 
-// No fraction of a day with more decimals (its trailing zeros not counted) is a whole number of nanoseconds.
+// A fraction of a day with more decimals, not counting trailing zeros, is no whole number of nanoseconds.
 constexpr int max_decimals = 16;
 
 bool is_digit(char c)
@@ -60,10 +60,10 @@ Wide divide_rounded(Wide dividend, Wide divisor)
     return (dividend < 0 ? dividend - half : dividend + half) / divisor;
 }
 
-/// The nanoseconds in so many ticks of numerator / denominator seconds each, saturated.
+/// The nanoseconds in `ticks` ticks of numerator / denominator seconds each, saturated.
 std::int64_t ticks_to_nanoseconds(Wide ticks, std::intmax_t numerator, std::intmax_t denominator)
 {
-    // Whole seconds apart from the rest, since all of it in nanoseconds may need more than 128 bits.
+    // Whole seconds and the rest apart, as their sum in nanoseconds may need more than 128 bits.
     constexpr Wide beyond_range = Wide{most} / second.nanoseconds + 1;
     const Wide product = ticks * numerator;
     const Wide seconds = std::clamp(product / denominator, -beyond_range, beyond_range);
@@ -86,7 +86,8 @@ Unit unit_for(Wide magnitude)
     return nanosecond;
 }
 
-/// To `digits` decimals of its unit, half away from zero; toward zero if that would leave the range.
+/// Rounds to `digits` decimals of the value's unit: halves away from zero, or toward zero if `limit` is
+/// exceeded.
 Wide round_magnitude(Wide magnitude, Wide limit, unsigned int digits)
 {
     Wide quantum = unit_for(magnitude).nanoseconds;
@@ -99,7 +100,7 @@ Wide round_magnitude(Wide magnitude, Wide limit, unsigned int digits)
     return rounded <= limit ? rounded : rounded - quantum;
 }
 
-/// Decimals of `rest` out of `whole`, a power of ten, without trailing zeros.
+/// The decimals of the fraction rest / whole, without trailing zeros. `rest` is less than `whole`.
 std::string decimals(std::int64_t rest, std::int64_t whole)
 {
     std::string result;
@@ -110,7 +111,7 @@ std::string decimals(std::int64_t rest, std::int64_t whole)
     return result;
 }
 
-/// Reads digits at the beginning of `text` and takes them off.
+/// Removes the digits at the beginning of `text` and returns them.
 std::string_view take_digits(std::string_view& text)
 {
     const auto end = std::find_if_not(text.begin(), text.end(), is_digit);
@@ -119,7 +120,7 @@ std::string_view take_digits(std::string_view& text)
     return digits;
 }
 
-/// The number that digits stand for, as far as it can lie in the range of a duration.
+/// The number that the digits stand for, unless it is too large for any duration.
 std::optional<Wide> number_from(std::string_view digits)
 {
     Wide number = 0;
@@ -131,7 +132,7 @@ std::optional<Wide> number_from(std::string_view digits)
     return number;
 }
 
-/// The nanoseconds in a decimal fraction of a unit, if it is a whole number of them.
+/// The nanoseconds in a decimal fraction of a unit, if that is a whole number of them.
 std::optional<Wide> fraction_from(std::string_view digits, const Unit& unit)
 {
     while (!digits.empty() && digits.back() == '0')
@@ -260,14 +261,14 @@ Duration Duration::from_ticks(long double count, std::intmax_t numerator, std::i
     if (std::isinf(count) && count > 0)
         return positive_infinity();
 
-    // Reduced first, as a power of ten that stays whole is exact where its inverse would not be.
+    // Powers of ten are reduced first: 1000 is exact as a floating-point number, but 1 / 1000 isn't.
     const std::intmax_t common = std::gcd(denominator, std::intmax_t{second.nanoseconds});
     const auto factor =
         static_cast<long double>(numerator) * static_cast<long double>(second.nanoseconds / common);
     const long double nanoseconds =
         std::round(count * factor / static_cast<long double>(denominator / common));
 
-    constexpr auto end = -static_cast<long double>(least); // one above the range, and exact in any format
+    constexpr auto end = -static_cast<long double>(least); // one beyond the range, and exact in any format
     if (nanoseconds >= end)
         return make_saturated(most);
     if (nanoseconds < -end)
@@ -292,7 +293,7 @@ Duration& Duration::operator-=(const Duration& other)
         (is_positive_infinity() && other.is_positive_infinity()))
         *this = Duration();
     else if (other.is_positive_infinity())
-        nanoseconds_ = least; // there is no negative infinity to go to
+        nanoseconds_ = least; // there is no negative infinity
     else if (!is_positive_infinity())
         nanoseconds_ = saturate(Wide{nanoseconds_} - other.nanoseconds_);
     return *this;

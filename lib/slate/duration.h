@@ -13,7 +13,7 @@
 #include <type_traits>
 
 namespace slate {
-/// A number type of which a Duration can be made: floating-point, or an integer of at most 64 bits.
+/// A type of numbers from which a Duration can be made: floating-point, or integers of at most 64 bits.
 template <class T>
 concept TickCount = std::floating_point<T> ||(std::integral<T> && sizeof(T) <= sizeof(std::int64_t));
 
@@ -27,9 +27,10 @@ concept TickCountBeyond = TickCount<T> &&
 /// The range is about 292 years each way, in steps of one nanosecond. A result beyond the range stays at its
 /// end (it saturates) and is still finite.
 ///
-/// Infinity is greater than every other duration, and adding to it or subtracting from it leaves it infinite;
-/// only infinity less infinity is not initialized. A duration that is not initialized is less than every
-/// other, and like NaN it makes every sum and difference in which it takes part not initialized.
+/// Infinity is greater than every other duration. Adding to it or subtracting from it leaves it infinite, but
+/// infinity less infinity is not initialized. There is no negative infinity: a finite duration less infinity
+/// is the lowest finite one. A duration that is not initialized is less than every other, and like NaN it
+/// makes every sum and difference in which it takes part not initialized.
 ///
 /// Threads: a plain value. Several threads may read one, but none may do so while another changes it.
 class Duration {
@@ -37,11 +38,10 @@ public:
     /// Not initialized.
     Duration() = default;
 
-    /// From a duration of the standard library: wherever a Duration is expected, `std::chrono::seconds(4)`
-    /// will do. What is finer than a nanosecond is rounded to the nearest one, halves away from zero, and
-    /// what lies outside the range saturates. Of floating-point durations, infinity becomes positive
-    /// infinity, negative infinity (which has no state of its own) the least duration, and NaN is not
-    /// initialized.
+    /// Converts a duration of the standard library, so that a caller can pass `std::chrono::seconds(4)`
+    /// wherever a Duration is expected. It is rounded to the nearest nanosecond, halves away from zero, and
+    /// saturates. For floating-point durations, infinity becomes positive infinity, negative infinity becomes
+    /// the lowest finite duration, and NaN becomes not initialized.
     template <TickCount Count, class Period>
     Duration(const std::chrono::duration<Count, Period>& value)
         : Duration(from_ticks(static_cast<Ticks<Count>>(value.count()), Period::num, Period::den))
@@ -87,7 +87,7 @@ public:
     }
 
 private:
-    // In ascending order. nanoseconds_ is 0 in all states but Finite.
+    // In ascending order. nanoseconds_ is 0 in every state but Finite.
     enum class State : unsigned char { NotInitialized, Finite, PositiveInfinity };
 
     /// The widest number type of the same kind, so that nothing is lost on the way to from_ticks().
@@ -105,15 +105,15 @@ private:
     std::int64_t nanoseconds_ = 0;
 };
 
-/// Durations from a count of units. What lies outside the range saturates.
+/// A duration of `count` units, saturated.
 Duration Nanoseconds(long count);
 Duration Microseconds(long count);
 Duration Milliseconds(long count);
 Duration Seconds(long count);
 Duration Minutes(int count);
 
-/// The same for counts that would be cut on their way into the functions above: `Seconds(0.5)`, or whole
-/// numbers of a larger type. Rounded as durations of the standard library are.
+/// The same for a count that the functions above can't take without cutting it: a fraction, as in
+/// `Seconds(0.5)`, or an integer of a larger type. Converted as a duration of the standard library is.
 template <TickCountBeyond<long> Count>
 Duration Nanoseconds(Count count)
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/encoding.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace slate {

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <optional>
@@ -13,30 +14,31 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 // How powersafe_write replaces a file:
-// 1. The temporary file is made beside the target and locked. If there is one already, its lock tells whether
-//    somebody is at work on it: once we get that lock and the file is still there, its writer has died.
-// 2. The writer fills it, and it is synced to the disk with its final mode.
-// 3. It is renamed over the target, and the directory, in which the rename stands, is synced.
+// 1. A temporary file is made in the target's directory and locked. If there is one already, its lock tells
+//    whether it is in use: if the file is still there once we have the lock, its writer has died.
+// 2. The caller's function fills the file, which then gets its final mode and is synced to the disk.
+// 3. The file is renamed over the target, and the directory, which holds the names, is synced.
 //
-// A temporary file is only ever unlinked or renamed by who holds its lock, or who may not open it and so
-// can't lock it. Such writers of one file, and those on a filesystem without locks, can't be kept apart; one
-// that finds its temporary file taken away then gives up.
+// Only the holder of its lock unlinks or renames a temporary file, or a process that may not open the file
+// and so can't lock it. Such writers of one file, and writers on a filesystem without locks, can't be kept
+// apart; a writer that finds its temporary file taken away gives up.
 
 namespace slate {
 namespace {
 namespace fs = std::filesystem;
 
-constexpr mode_t new_file_mode = 0666; // less the process's mask
+constexpr mode_t new_file_mode = 0666; // less the process's umask
 constexpr mode_t private_mode = 0600;
 constexpr mode_t permission_bits = 07777;
 
-// As many as the kernel follows.
+// The kernel follows no more in one path.
 constexpr int max_symbolic_links = 40;
 
-// What the common filesystems take for a name, and the kernel for any.
+// The limit of the common filesystems for a name, and of the kernel for any.
 constexpr std::size_t max_name_bytes = 255;
 
 constexpr std::size_t read_chunk_bytes = 16 * 1024;
@@ -55,7 +57,7 @@ auto retry_interrupted(Call call)
     return result;
 }
 
-/// A file descriptor that is closed in the end, its lock given up.
+/// Owns a file descriptor. Its destructor gives up the lock on the file and closes the descriptor.
 class Descriptor {
 public:
     explicit Descriptor(int number = -1) : number_(number) {}
@@ -65,7 +67,7 @@ public:
     {
         if (number_ < 0)
             return;
-        // A child that was forked meanwhile has the descriptor too, and would keep the lock.
+        // A child forked meanwhile has the descriptor too, and would keep the lock if we only closed ours.
         (void)flock(number_, LOCK_UN);
         (void)close(number_);
     }
@@ -90,7 +92,7 @@ std::optional<struct stat> status_of(const fs::path& path)
     return status;
 }
 
-/// Whether the open file is still the one that has this name.
+/// Whether the open file is still the one at this path.
 bool is_at(const Descriptor& file, const fs::path& path)
 {
     struct stat opened {};
@@ -99,7 +101,7 @@ bool is_at(const Descriptor& file, const fs::path& path)
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-/// The file at the end of a chain of symbolic links, which need not exist.
+/// The path at the end of a chain of symbolic links. The file there need not exist.
 fs::path follow_links(const fs::path& path)
 {
     fs::path target = path;
@@ -115,8 +117,8 @@ fs::path follow_links(const fs::path& path)
     fail("can't follow the link", path, ELOOP);
 }
 
-/// The reason why a stream went bad, as far as the last system call tells: anything may have been called
-/// since.
+/// The reason why a stream went bad. Other calls may have changed errno since, so only values that fit a
+/// failed write are believed.
 int write_error(int last_error)
 {
     switch (last_error) {
@@ -131,7 +133,7 @@ int write_error(int last_error)
     }
 }
 
-/// FNV-1a, which gives the same number in every process and for all time.
+/// FNV-1a, which gives the same number in every process and in every release.
 std::uint64_t hash(std::string_view text)
 {
     std::uint64_t value = 0xcbf29ce484222325;
@@ -140,8 +142,8 @@ std::uint64_t hash(std::string_view text)
     return value;
 }
 
-/// The name of the temporary file: always the same for a target, so that one left behind is found again. A
-/// long name is cut, and told from others of the same beginning by its hash.
+/// The name of the temporary file: always the same for a target, so that the next writer finds a file that
+/// was left behind. A long name is cut, and the hash tells it from other names with the same beginning.
 std::string temporary_name(const std::string& name)
 {
     const std::string whole = "." + name + ".tmp";
@@ -150,13 +152,13 @@ std::string temporary_name(const std::string& name)
 
     const std::string end = "." + std::to_string(hash(name)) + ".tmp";
     std::size_t kept = max_name_bytes - 1 - end.size();
-    // Not within a character: some filesystems take only names that are UTF-8.
+    // The cut is not within a character, since some filesystems accept only names in UTF-8.
     while (kept > 0 && (static_cast<unsigned char>(name[kept]) & 0xC0) == 0x80)
         --kept;
     return "." + name.substr(0, kept) + end;
 }
 
-/// Whether this filesystem has no locks, or none to give. Network filesystems may lack them.
+/// Whether this error of flock means that there are no locks here, as on some network filesystems.
 bool is_without_locks(int error)
 {
     return error == ENOLCK || error == EOPNOTSUPP || error == ENOSYS;
@@ -169,7 +171,7 @@ public:
         const auto old = status_of(target_);
         if (old && S_ISDIR(old->st_mode))
             fail("can't write file", path_, EISDIR);
-        // Renaming would replace a device or a pipe by a file.
+        // Renaming would replace a device or a pipe with a regular file.
         if (old && !S_ISREG(old->st_mode))
             fail("can't write file", path_, EINVAL);
         if (!target_.has_filename())
@@ -180,7 +182,7 @@ public:
 
     void write(const std::function<void(std::ofstream&)>& writer)
     {
-        // Opened before anything happens: once the file is renamed it is late for a refusal.
+        // Opened before anything else: after the rename it would be too late to refuse the write.
         const Descriptor directory = open_file(folder_, O_RDONLY | O_DIRECTORY);
         if (!directory.is_open())
             fail("can't open the folder of", path_, errno);
@@ -191,7 +193,7 @@ public:
             keep_mode(file);
             sync(file);
             if (!is_at(file, temporary_))
-                fail("somebody took the file beside", path_, EBUSY);
+                fail("another writer took the file beside", path_, EBUSY);
             if (rename(temporary_.c_str(), target_.c_str()) != 0)
                 fail("can't replace file", path_, errno);
         }
@@ -202,14 +204,14 @@ public:
         sync(directory);
     }
 
-    /// Waits for whoever writes to the temporary file, and unlinks it if its writer is dead.
+    /// Waits until nobody writes to the temporary file, and unlinks it if its writer has died.
     void remove_leftover() const
     {
         const Descriptor leftover = open_leftover();
         const int error = leftover.is_open() ? 0 : errno;
         if (error == ENOENT)
             return;
-        // EACCES: whoever may change the folder may still unlink it, and would else never write again.
+        // EACCES: we may still be allowed to unlink the file, and otherwise could never write again.
         if (error != 0 && error != EACCES)
             fail("can't take over the file beside", path_, error);
 
@@ -227,7 +229,7 @@ private:
     Descriptor make_temporary() const
     {
         while (true) {
-            // What replaces a file must not show to more people than that file, not even for a moment.
+            // No more users than may read the old file may read the new one, not even for a moment.
             const mode_t mode = status_of(target_) ? private_mode : new_file_mode;
             Descriptor made = open_file(temporary_, O_RDWR | O_CREAT | O_EXCL, mode);
             if (made.is_open()) {
@@ -238,7 +240,7 @@ private:
                     remove(made);
                     throw;
                 }
-                // Before the lock was ours, the file may have been taken for one left behind.
+                // Before we had the lock, another writer may have taken the file for one left behind.
                 if (is_at(made, temporary_))
                     return made;
             }
@@ -256,11 +258,11 @@ private:
         Descriptor leftover = open_file(temporary_, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
         if (leftover.is_open() || errno != EACCES)
             return leftover;
-        // It may have got the mode of a file that is read-only. Locks on a local disk do without writing.
+        // It may have got the mode of a read-only file. On a local disk, reading is enough for a lock.
         return open_file(temporary_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     }
 
-    /// Unlinks our temporary file after a failure, which is the one to tell.
+    /// Unlinks our temporary file after a failure. Only that first failure is reported.
     void remove(const Descriptor& file) const
     {
         if (is_at(file, temporary_))
@@ -281,14 +283,14 @@ private:
             fail("can't open the file beside", path_, errno);
         writer(stream);
 
-        stream.exceptions(std::ios::goodbit); // a failure is told by us, with path and reason
+        stream.exceptions(std::ios::goodbit); // the failure is ours to report, with path and reason
         if (stream.is_open())
             stream.close();
         if (!stream)
             fail("can't write file", path_, write_error(errno));
     }
 
-    /// Gives the new file the mode of the old one, and its owner and group as far as that is allowed.
+    /// Gives the new file the mode of the old one, and its owner and group as far as the process may.
     void keep_mode(const Descriptor& file) const
     {
         const auto old = status_of(target_);
@@ -296,7 +298,7 @@ private:
             return;
         // The owner first, since a change of owner clears some bits of the mode.
         if (fchown(file.get(), old->st_uid, old->st_gid) != 0) {
-            // Only root may give files away, but their group, by which others share them, can often be kept.
+            // Only root may give files away. The group, by which users share a file, can often be kept.
             constexpr auto same_owner = static_cast<uid_t>(-1);
             [[maybe_unused]] const int ignored = fchown(file.get(), same_owner, old->st_gid);
         }
@@ -306,13 +308,13 @@ private:
 
     void sync(const Descriptor& file) const
     {
-        // EINVAL: some filesystems have no such thing for directories.
+        // EINVAL: some filesystems can't sync directories.
         if (retry_interrupted([&] { return fsync(file.get()); }) != 0 && errno != EINVAL)
             fail("can't sync file", path_, errno);
     }
 
-    const fs::path path_; // as the caller wrote it, for error texts
-    const fs::path target_;
+    const fs::path path_;   // as the caller gave it, for error texts
+    const fs::path target_; // the same with all links followed
     fs::path folder_;
     fs::path temporary_;
 };
@@ -363,7 +365,7 @@ void remove_powersafe_leftover(const fs::path& path)
         PowersafeFile(path).remove_leftover();
     }
     catch (const fs::filesystem_error&) {
-        // What isn't ours to take away stays.
+        // A file that this process may not remove stays.
     }
 }
 } // namespace slate

@@ -4,40 +4,48 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <ios>
 #include <istream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace slate {
-/// Bytes from text and back.
+/// The bytes of a text.
 std::vector<unsigned char> slurp_bytes(std::string_view text);
+
+/// The text that consists of these bytes.
 std::string slurp(const std::vector<unsigned char>& bytes);
 
 /// The rest of a stream.
 std::string slurp(std::istream& stream);
 
-/// A file's contents. Throws std::filesystem::filesystem_error, with path and reason, if it can't be read; a
-/// directory can't.
+/// The contents of a file, byte by byte whatever `mode` says. Throws std::filesystem::filesystem_error, with
+/// path and reason, if `path` can't be opened or read, or is a directory.
 template <class T>
 T slurp_file(const std::string& path, std::ios_base::openmode mode);
 template <>
 std::string slurp_file<std::string>(const std::string& path, std::ios_base::openmode mode);
 
-/// Replaces a file such that a power cut at any moment leaves the old content or the new, whole.
+/// Replaces a file such that a power cut at any moment leaves either the old contents or the new, complete.
 ///
-/// `writer` fills a new file beside the target (hidden, and always of the same name, so that one left behind
-/// by a crash is taken over by the next write). It is then synced, given the mode of the file that it
-/// replaces, and renamed over it, and the directory is synced. A symbolic link is followed. Writes of one
-/// file by several threads or processes wait for each other, unless the filesystem has no locks, or they may
-/// not open each other's new files.
+/// `writer` is called once, on this thread, and fills a new file in the same directory. That file gets the
+/// mode of the old file (and its owner and group, as far as the process may set them), is synced to the disk,
+/// and is renamed to `path`; finally the directory is synced. A symbolic link is followed. The new file is
+/// hidden and always has the same name, so that the next write takes over what a crash has left behind.
 ///
-/// Throws std::filesystem::filesystem_error, with path and reason, if anything fails, or whatever `writer`
-/// throws. The old file is then untouched and the new one gone; but a directory that can't be synced, which
-/// comes last, is told with the new file in place.
+/// Threads and processes that write one file at the same time wait for each other. They can't do so on a
+/// filesystem without locks, or if one of them may not open the new file of another, and may then spoil each
+/// other's contents; a writer that finds its new file taken away fails.
+///
+/// Throws std::filesystem::filesystem_error, with path and reason, if a step fails, and passes on what
+/// `writer` throws. The old file is then untouched, and the new one is removed. There is one exception: if
+/// only the directory can't be synced, which comes last, the file has its new contents already, but may lose
+/// them in a power cut.
 void powersafe_write(const std::filesystem::path& path, const std::function<void(std::ofstream&)>& writer);
 
-/// Takes away what a powersafe_write of that file left beside it when its process was killed, as far as this
-/// process may. Waits for one that is under way. The file itself stays.
+/// Removes the unfinished new file of a powersafe_write to `path` whose process was killed, if there is one
+/// and this process may remove it. Waits for a powersafe_write that is under way. The file at `path` itself
+/// stays. Errors are ignored.
 void remove_powersafe_leftover(const std::filesystem::path& path);
 } // namespace slate

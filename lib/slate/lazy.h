@@ -4,16 +4,21 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace slate {
-/// A value that is made when it is first asked for. Any thread.
+/// A value that is made when it is first needed.
+///
+/// Threads: any thread may call get(). Threads that call it while the value is being made wait for it.
 template <class T>
 class Lazy {
 public:
+    /// `maker` makes the value. It must not call get() of the same object.
     explicit Lazy(std::function<std::shared_ptr<T>()> maker) : maker_(std::move(maker)) {}
 
-    /// The value, made now if there is none yet. Whatever the maker throws passes out, and the next call
-    /// tries again; an empty maker throws std::bad_function_call.
+    /// The value, which is made first if there is none yet. An exception thrown by the maker passes through,
+    /// and the next call tries again, as it does after a null value. An empty maker throws
+    /// std::bad_function_call.
     std::shared_ptr<T> get()
     {
         const std::lock_guard lock(mutex_);

@@ -3,10 +3,14 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <mutex>
+#include <new>
 #include <utility>
 
+#include <spdlog/common.h>
 #include <spdlog/details/log_msg.h>
+#include <spdlog/sinks/sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <syslog.h>
@@ -17,7 +21,7 @@ namespace slate {
 namespace {
 constexpr std::array<std::string_view, 6> level_names{"extreme", "debug", "verbose", "info", "warn", "error"};
 
-// "%n" is the place of a logger's name. It carries our own name of the level, which the sink then colours.
+// "%n" stands for the name of a logger. We pass our own name of the level there, and the sink colours it.
 constexpr const char* stderr_pattern = "%Y-%m-%d %H:%M:%S.%e %^%n%$ %v";
 
 using SinkList = std::vector<std::shared_ptr<LogSink>>;
@@ -27,7 +31,7 @@ struct State {
     std::shared_ptr<const SinkList> sinks = std::make_shared<SinkList>(SinkList{make_stderr_sink()});
 };
 
-/// Never destroyed: objects of static lifetime, in whatever order they die, may still log.
+/// Never destroyed, since objects of static lifetime may still log in their destructors, in whatever order.
 State& state()
 {
     static State* const instance = new State;
@@ -36,7 +40,7 @@ State& state()
 
 std::atomic<int> lowest_level{InfoLevel};
 
-/// Whether this thread is in a sink, whose own lines go nowhere.
+/// Whether this thread is in a sink, whose own lines are dropped.
 thread_local bool in_sink = false;
 
 class SinkScope {
@@ -59,7 +63,7 @@ void write_to(LogSink& sink, const LogRecord& record)
         sink.write(record);
     }
     catch (...) {
-        // There is nobody to tell: this is the place where everybody tells their trouble. Other sinks go on.
+        // A failure to log can't be logged. The other sinks still get the line.
     }
 }
 
@@ -77,8 +81,8 @@ void append_hex(std::string& out, unsigned char byte)
     out += digits[byte & 0xf];
 }
 
-/// Appends text such that it stays within its line, whoever wrote it, and can't command a terminal, which may
-/// also obey the control characters U+0080 to U+009F.
+/// Appends text from any source such that it stays within its line and can't control a terminal. Some
+/// terminals also obey the control characters U+0080 to U+009F, which have two bytes in UTF-8.
 void append_escaped(std::string& out, std::string_view text)
 {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -117,7 +121,7 @@ std::string to_line(const LogRecord& record)
     return line;
 }
 
-/// What decides on the colour, and on the priority in the system log.
+/// The level that determines the colour, and the priority in the system log.
 spdlog::level::level_enum spdlog_level(TraceLevel level)
 {
     switch (level) {
@@ -157,13 +161,13 @@ private:
     spdlog::sinks::stderr_color_sink_mt sink_;
 };
 
-/// The connection to the system log, of which a process has but one.
+/// The connection to the system log, of which a process has only one.
 struct Syslog {
     std::mutex mutex; // guards sink, and is held while it writes
     std::unique_ptr<spdlog::sinks::syslog_sink_mt> sink;
 };
 
-/// Never destroyed, for the reason that state() isn't.
+/// Never destroyed, for the same reason as state().
 Syslog& system_log()
 {
     static Syslog* const instance = new Syslog;
@@ -175,7 +179,7 @@ public:
     explicit SyslogSink(const std::string& ident)
     {
         const std::lock_guard lock(system_log().mutex);
-        // The old one first, as its destructor closes whatever connection there is.
+        // The old sink goes first, since its destructor would close the new connection.
         system_log().sink.reset();
         system_log().sink = std::make_unique<spdlog::sinks::syslog_sink_mt>(ident, LOG_PID, LOG_USER,
                                                                             /*enable_formatting=*/false);
@@ -287,7 +291,7 @@ void log(const std::shared_ptr<Provider>& provider, TraceLevel level, SourceLine
         }
     }
     catch (...) {
-        // Out of memory, or a strange provider: the line is lost rather than its caller.
+        // Out of memory, or a provider that throws. The line is dropped, and the caller goes on.
     }
 }
 

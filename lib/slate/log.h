@@ -2,20 +2,22 @@
 #pragma once
 
 #include <functional>
+#include <ios>
 #include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-/// Where a log call stands, for its first argument.
+/// The source file and line of a call, to be passed to a log function.
 #define SLATE_HERE (::slate::SourceLine(__FILE__, __LINE__))
 
 namespace slate {
 class Provider;
 
-/// How much a log line matters, from least to most. A line is written if its level is at least log_level().
+/// How important a log line is, in ascending order. A line is written if its level is at least log_level().
 enum TraceLevel : int {
     ExtremeLevel = 0,
     DebugLevel = 1,
@@ -25,10 +27,10 @@ enum TraceLevel : int {
     ErrorLevel = 5,
 };
 
-/// The name of a level in lower case, such as "warn".
+/// The name of a level in lower case, such as "warn"; "unknown" for a number that is no level.
 std::string_view to_string(TraceLevel level);
 
-/// A source file's name and a line number. The text must outlive the value; a literal does.
+/// The name of a source file and a line number. The name is not copied, so it should be a literal.
 class SourceLine {
 public:
     SourceLine(const char* file, int line) : file_(file), line_(line) {}
@@ -41,55 +43,69 @@ private:
     int line_;
 };
 
-/// The lowest level that is written. Starts at InfoLevel; never set to DebugLevel or below on its own,
-/// because applications treat debug logging as a door for developers. Any thread.
+/// The lowest level that is written. It is InfoLevel until set_log_level() changes it, and nothing in the
+/// library does: applications may allow developers more while debug lines are written. Any thread may call
+/// both functions.
 TraceLevel log_level();
 void set_log_level(TraceLevel level);
 
-/// Whether a line of this level would be written, so that a caller can skip building costly text.
-/// One relaxed atomic read. Any thread.
+/// Whether a line of this level would be written, so that a caller can skip building costly text. Any thread
+/// may call it; it costs one relaxed atomic read.
 bool is_logging_allowed(TraceLevel level);
 
-/// One line on its way to the sinks. The views hold for the duration of LogSink::write only.
+/// A log line as the sinks get it. Its texts are valid only until LogSink::write returns.
 struct LogRecord {
     TraceLevel level;
-    /// Name of the provider that logs, instance included, or empty.
+    /// The name of the provider that logs, including its instance. Empty if there is no provider.
     std::string_view provider;
     SourceLine source;
     std::string_view text;
 };
 
-/// Where log lines go. Derive from it for a target of your own.
-///
-/// Threads: write() is called on whatever thread logs, on several at once, and must not throw. It may log
-/// itself; such lines are not handed to any sink, so that no sink can chase its own tail.
+/// A destination of log lines. Derive from it for a destination of your own.
 class LogSink {
 public:
     virtual ~LogSink() = default;
+
+    // Programs are linked against the order of these functions: add new ones at the end.
+
+    /// Writes a line that its level allows.
+    ///
+    /// Threads: it is called on each thread that logs, and so on several at once. That thread waits for it.
+    ///
+    /// Errors: it should not throw; an exception is dropped, and the other sinks still get the line. Lines
+    /// that it logs itself are dropped too, since they might never come to an end.
     virtual void write(const LogRecord& record) = 0;
 };
 
-/// Lines to standard error, coloured if it is a terminal. What is used until set_log_sinks is called.
+/// A sink that writes lines to standard error: time, level (coloured on a terminal), provider, text and
+/// source. Line breaks and control characters in them are escaped. It is the only sink until set_log_sinks()
+/// is called.
 std::shared_ptr<LogSink> make_stderr_sink();
 
-/// Lines to the system log, which a journal reads too. `ident` is the program's name there; the process has
-/// one such connection, so the last one made names it.
+/// A sink that writes lines to the system log, escaped in the same way, with the priority that suits the
+/// level. `ident` is the program's name there. A process has only one connection to the system log, so the
+/// sink made last determines the name for all.
 std::shared_ptr<LogSink> make_syslog_sink(const std::string& ident);
 
-/// Lines to a function, for applications that show logs and for tests. Calls may overlap.
+/// A sink that passes lines to a function, for applications that show them and for tests. What holds for
+/// LogSink::write holds for the function.
 std::shared_ptr<LogSink> make_callback_sink(std::function<void(const LogRecord&)> callback);
 
-/// Replaces all sinks and returns the ones before. An empty list discards every line. A write that is under
-/// way on another thread may still reach an old sink. Any thread.
+/// Replaces all sinks and returns the previous ones. Null pointers in the list are ignored, and with an empty
+/// list every line is dropped. Any thread may call it. A line that another thread is logging meanwhile may
+/// still reach a previous sink after it returns.
 std::vector<std::shared_ptr<LogSink>> set_log_sinks(std::vector<std::shared_ptr<LogSink>> sinks);
 
-/// Writes one line at a level given by number. `provider` may be null. Any thread; never throws.
+/// Logs a line at a level given as an argument. `provider` may be null. Any thread may call it. It never
+/// throws, and drops a line that can't be logged.
 void log(TraceLevel level, SourceLine source, std::string_view text);
 void log(const std::shared_ptr<Provider>& provider, TraceLevel level, SourceLine source,
          std::string_view text);
 
-/// Writes one line at the named level. The pieces are joined without a separator, and only if the level is
-/// on. `provider` may be null. Any thread; never throws.
+/// Log a line at the level in the function's name. The pieces are joined without a separator, but only if
+/// lines of that level are written. `provider` may be null. Any thread may call them. They never throw, and
+/// drop a line that can't be logged.
 #define SLATE_DECLARE_LOG_FUNCTIONS(name)                                                                    \
     void name(SourceLine source, std::string_view a, std::string_view b = {}, std::string_view c = {},       \
               std::string_view d = {});                                                                      \
@@ -103,17 +119,19 @@ SLATE_DECLARE_LOG_FUNCTIONS(log_warn)
 SLATE_DECLARE_LOG_FUNCTIONS(log_error)
 #undef SLATE_DECLARE_LOG_FUNCTIONS
 
-/// Logs at error level and returns the joined text, to be thrown: `throw Exception(trace_error(SLATE_HERE,
-/// ...))`.
+/// Logs the joined pieces at error level and returns them, as the text of an exception that is thrown next:
+/// `throw Exception(trace_error(SLATE_HERE, "no such file: ", path))`. The text is returned even if its level
+/// is not written. `provider` may be null. Any thread may call it.
 std::string trace_error(SourceLine source, std::string_view a, std::string_view b = {},
                         std::string_view c = {}, std::string_view d = {});
 std::string trace_error(const std::shared_ptr<Provider>& provider, SourceLine source, std::string_view a,
                         std::string_view b = {}, std::string_view c = {}, std::string_view d = {});
 
-/// The same at a level given by number.
+/// The same at a level given as an argument.
 std::string trace(TraceLevel level, SourceLine source, std::string_view text);
 
-/// A log line written as a stream. The text goes out when the object dies, unless nothing was written.
+/// Collects a log line that is written to it as to a stream, and logs the line when the object is destroyed,
+/// unless it is empty. For one thread at a time.
 class Log {
 public:
     Log(TraceLevel level, const char* file, int line, std::shared_ptr<Provider> provider = nullptr)
@@ -136,7 +154,7 @@ public:
     template <class T>
     Log& operator<<(const T& value)
     {
-        if (stream_) // else an operator of the value's own would be called in vain
+        if (stream_) // a value's own operator may be costly even on a stream that has failed
             stream_ << value;
         return *this;
     }
@@ -157,8 +175,8 @@ private:
     std::ostringstream stream_;
 };
 
-/// A debug line written as a stream: `slate::Debug(__FILE__, __LINE__) << "n = " << n;`.
-/// While debug logging is off the stream's fail bit is set, so nothing is formatted.
+/// The same for a debug line: `slate::Debug(__FILE__, __LINE__) << "n = " << n;`. If debug lines are not
+/// written when the object is made, the stream's fail bit is set, so that nothing is formatted or logged.
 class Debug : public Log {
 public:
     Debug(const char* file, int line) : Log(DebugLevel, file, line)

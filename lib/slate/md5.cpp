@@ -8,7 +8,7 @@
 namespace {
 static_assert(sizeof(MD5_CTX) <= sizeof(md5_state_t), "the context doesn't fit into md5_state_t");
 
-// The context is copied in and out rather than looked at in place, since md5_state_t is another type.
+// The context is copied in and out, since md5_state_t is another type and may not be accessed as one.
 MD5_CTX load(const md5_state_t* state)
 {
     MD5_CTX context;

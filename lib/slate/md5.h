@@ -9,10 +9,12 @@
 #include "slate/encoding.h"
 #include "slate/file.h"
 
-/// MD5 under its traditional names. For entity tags and checksums only; it resists no attacker.
+/// MD5 under its traditional names: md5_init begins, md5_append takes bytes, as often as needed, and
+/// md5_finish gives the digest. Use it for entity tags and checksums only, since it doesn't withstand an
+/// attacker. Threads may use different states at once.
 extern "C" {
 struct alignas(8) md5_state_t {
-    // Room for the context of the library that does the work.
+    // Room for the context of the library that computes the digest.
     unsigned char opaque[128];
 };
 

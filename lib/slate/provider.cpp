@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -15,15 +16,15 @@ namespace slate {
 namespace {
 constexpr int no_severity = -1;
 
-// Bounds this near to a whole number are meant to be it; the rest is what the power function leaves.
+// A bound this close to a whole number is meant to be that number; the power function is slightly inexact.
 constexpr double rounding_tolerance = 1e-12;
 
 std::uint64_t start_value(const Rational<int>& start)
 {
     if (start.denominator == 0)
         return 0;
-    // As 64 bits, since the least int by -1 doesn't fit into an int. Division rounds toward zero, and what is
-    // less than zero starts at zero anyway.
+    // In 64 bits, since the least int divided by -1 doesn't fit into an int. The division rounds toward zero,
+    // which makes no difference to a negative start: that becomes zero anyway.
     const std::int64_t value = std::int64_t{start.numerator} / start.denominator;
     return value > 0 ? static_cast<std::uint64_t>(value) : 0;
 }
@@ -117,7 +118,7 @@ public:
             positive_sum_.add(magnitude);
         lower(min_, value);
         raise(max_, value);
-        // Last, so that whoever sees the count sees the rest too.
+        // Last, so that a thread that sees the count sees the rest too.
         counts_[bucket_of(value)].fetch_add(1, std::memory_order_release);
     }
 
@@ -169,12 +170,12 @@ private:
     std::vector<std::atomic<std::uint64_t>> counts_;
     std::atomic<std::int64_t> min_{std::numeric_limits<std::int64_t>::max()};
     std::atomic<std::int64_t> max_{std::numeric_limits<std::int64_t>::min()};
-    // Apart, so that a sum near zero doesn't keep crossing it, carry and all, while somebody reads it.
+    // Kept apart, as a single sum near zero would keep carrying into its high half while others read it.
     Sum positive_sum_;
     Sum negative_sum_;
 };
 
-/// The one of that name, or null.
+/// The item of that name, or null.
 template <class T>
 std::shared_ptr<T> find_by_name(const std::vector<std::shared_ptr<T>>& items, const std::string& name)
 {
@@ -239,7 +240,7 @@ public:
         return result;
     }
 
-    /// By name and instance: first none, then those that are numbers, as numbers, then the others.
+    /// Orders by name and then by instance: first the empty one, then numbers by value, then other texts.
     bool comes_before(const ProviderImpl& other) const { return order() < other.order(); }
 
 private:
@@ -265,7 +266,8 @@ struct Registry {
     std::map<std::string, std::shared_ptr<ProviderImpl>> providers;
 };
 
-/// Never destroyed: objects of static lifetime take their providers out as they die, in whatever order.
+/// Never destroyed, since objects of static lifetime remove their providers in their destructors, in whatever
+/// order.
 Registry& registry()
 {
     static Registry* const instance = new Registry;
@@ -293,7 +295,7 @@ void remove_provider(const std::string& name)
 {
     std::unique_lock lock(registry().mutex);
     const auto provider = registry().providers.extract(name);
-    lock.unlock(); // before the provider dies
+    lock.unlock(); // before the provider is destroyed
 }
 
 std::vector<ProviderSnapshot> snapshot()

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// The whole framework in one include. It knows nothing of the libraries built on it.
+// The whole framework in one include. It doesn't depend on any library that is built on it.
 
 #include "slate/clock.h"
 #include "slate/dictionary.h"

@@ -9,8 +9,8 @@
 
 namespace slate {
 namespace {
-/// The length of the UTF-8 sequence that a text begins with, by the table of well-formed sequences of the
-/// Unicode standard; 0 if it begins with none.
+/// The length of the UTF-8 sequence at the beginning of a text that isn't empty, by the Unicode standard's
+/// table of well-formed sequences; 0 if the text begins with something else.
 std::size_t utf8_sequence(std::string_view text)
 {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -85,7 +85,7 @@ std::string number_to_string(T value)
 template <class T>
 bool try_parse_number(std::string_view text, T* value)
 {
-    // from_chars reads a minus, but no plus.
+    // from_chars reads a minus sign, but no plus sign.
     if (std::is_signed_v<T> && starts_with(text, "+") && !starts_with(text, "+-"))
         text.remove_prefix(1);
 

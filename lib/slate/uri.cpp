@@ -2,6 +2,7 @@
 #include "slate/uri.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string_view>
 
 namespace slate {

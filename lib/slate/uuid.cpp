@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/uuid.h"
 
+#include <cstddef>
 #include <stdexcept>
 
 #include <uuid.h>
@@ -14,7 +15,7 @@ static_assert(sizeof(uuid_t) == 16);
 
 Uuid::Uuid(const std::string& text)
 {
-    // The length first: to the C function below the text would end at an embedded null byte.
+    // The length is checked first, since the C function below stops at an embedded null byte.
     if (text.size() != text_length || uuid_parse(text.c_str(), bytes_.data()) != 0)
         throw std::invalid_argument("not a UUID: \"" + text + "\"");
 }

@@ -6,13 +6,14 @@
 #include <string>
 
 namespace slate {
-/// A universally unique identifier. Its text has 36 characters, hexadecimal digits in lower case and hyphens.
+/// A universally unique identifier. Its text has 36 characters: hexadecimal digits in lower case, and
+/// hyphens.
 class Uuid {
 public:
     /// All zero.
     Uuid() = default;
-    /// From its text form, upper or lower case. Throws std::invalid_argument, naming the text, for anything
-    /// else.
+    /// Reads the text form, in upper or lower case. Throws std::invalid_argument, with the text in its
+    /// message, for any other text.
     explicit Uuid(const std::string& text);
 
     std::string to_string() const;
@@ -25,6 +26,6 @@ private:
     std::array<unsigned char, 16> bytes_{};
 };
 
-/// A new random one. Any thread.
+/// A new random UUID. Any thread may call it.
 Uuid make_uuid();
 } // namespace slate

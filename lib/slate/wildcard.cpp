@@ -1,18 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <array>
-#include <climits>
-#include <cstdint>
-#include <cstring>
-#include <vector>
-
 #include "slate/strings.h"
 
+#include <array>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
 // How a text is matched in linear time, whatever the pattern:
-// 1. The pattern is cut at its stars into segments of literal bytes and "?".
-// 2. The first segment must stand at the beginning of the text, and the last one at the end.
-// 3. Each segment in between takes the leftmost place where it fits, behind the one before. A place further
-// right
-//    would only leave less for the rest, so nothing is ever tried again.
+// 1. The stars cut the pattern into segments of literal bytes and "?".
+// 2. The first segment must be at the beginning of the text, and the last one at its end.
+// 3. Each segment in between takes the leftmost place, after the segment before it, where it fits. A place
+//    further to the right would only leave less text for the rest, so no place is ever tried twice.
 
 namespace slate {
 namespace {
@@ -40,9 +41,9 @@ std::size_t find_literal(std::string_view text, std::string_view segment)
                  : std::string_view::npos;
 }
 
-// Both searches keep one bit for each place in the segment: bit i is set while segment[0..i] matches the text
-// that ends at the current byte. Each byte of the text moves the bits up by one and clears those that it
-// contradicts.
+// The two searches below keep one bit for each byte of the segment: bit i is set while segment[0..i] matches
+// the text that ends at the current byte. Each byte of the text shifts the bits up by one and clears the bits
+// of those places where it doesn't fit.
 
 std::size_t find_short(std::string_view text, std::string_view segment)
 {
@@ -97,7 +98,7 @@ std::size_t find_long(std::string_view text, std::string_view segment)
     return std::string_view::npos;
 }
 
-/// The leftmost place of a segment, which must not be empty, or npos.
+/// The leftmost place where a segment fits, or npos. The segment must not be empty.
 std::size_t find_segment(std::string_view text, std::string_view segment)
 {
     if (segment.size() > text.size())

@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t max_chunk_bytes = 1048576;
 
-/// The next chunk of a stream, as much as it gives and max_chunk_bytes at most.
+/// The next chunk of a stream: max_chunk_bytes, or less at its end.
 std::string read_chunk(std::istream& stream)
 {
     std::string chunk(max_chunk_bytes, '\0');
@@ -185,7 +185,7 @@ private:
         return cycle_.read_reply(*message, timeout);
     }
 
-    /// What became of an upload; a stream that failed is the caller's mistake.
+    /// The upload's reply; status 400 if the caller's stream failed.
     std::shared_ptr<Reply> or_bad_request(std::shared_ptr<Reply> reply) const
     {
         if (reply)

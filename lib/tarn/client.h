@@ -25,8 +25,8 @@ class MessageFactory;
 /// "/status/cpu@1203?format=json"; see MessageFactory. `headers` may be null.
 ///
 /// `timeout` is for one wait; positive infinity waits for ever. A call without an answer blocks for (retries
-/// + 1) x timeout, a POST for one timeout. The request is sent once, whatever the number of retries. A signal
-/// that interrupts a wait counts as a wait without an answer.
+/// + 1) x timeout, a POST for one timeout, and no longer if other threads use the client: the time until its turn
+/// counts. The request is sent once, whatever the number of retries. A signal doesn't shorten a wait.
 ///
 /// Errors: a failed exchange is returned, not thrown. The client then makes the reply itself: status 408 (no
 /// answer in time, or the socket failed) or 400 (nothing to send); Reply::is_local() and Reply::local_cause()

@@ -18,7 +18,7 @@ std::string Context::variable(std::string_view name, std::string_view dflt) cons
 
 const std::string* Context::find_variable(std::string_view name) const
 {
-    // Of two segments of one name the last one counts, as it does in params.
+    // Of two segments with the same name the last one counts, as in params.
     const auto found = std::find_if(variables.rbegin(), variables.rend(),
                                     [&](const auto& variable) { return variable.first == name; });
     return found == variables.rend() ? nullptr : &found->second;

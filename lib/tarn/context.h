@@ -33,7 +33,7 @@ struct Context {
     std::string variable(std::string_view name, std::string_view dflt = {}) const;
 
     /// The same as a value, read by slate::try_parse: `context.variable<int>("id")`. Throws MessageException,
-    /// status 400, for a text that is no such value, and if there is no such variable and no `dflt`.
+    /// status 400, for a text that isn't such a value, and for a missing variable without `dflt`.
     template <class T>
     T variable(std::string_view name) const
     {

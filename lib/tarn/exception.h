@@ -9,7 +9,7 @@
 
 namespace tarn {
 /// A mistake of the program or its configuration: an empty envelope, a missing setting, a bad recipient.
-/// The base of all exceptions of this library; ZeroMQ's own zmq::error_t is none of them.
+/// The base of all exceptions of this library. ZeroMQ's own zmq::error_t does not derive from it.
 class Exception : public std::runtime_error {
 public:
     explicit Exception(const std::string& text) : std::runtime_error(text) {}
@@ -22,7 +22,7 @@ public:
     MessageException(Status reply_status, const std::string& text) : Exception(text), status(reply_status) {}
 
     Status status;
-    /// How grave it is, for those who log it.
+    /// The severity, for callers that log it.
     slate::TraceLevel level = slate::ErrorLevel;
 };
 

@@ -177,7 +177,7 @@ Format look_up(std::string_view text)
     return text == "none" || text == "empty" ? Format::Empty : Format::Unknown;
 }
 
-/// Reads a q-factor as std::stod does, text behind the number included, but whatever the process's locale.
+/// Reads a q-factor as std::stod does (text behind the number is ignored), but independently of the locale.
 std::optional<double> parse_q_factor(const std::string& text)
 {
     static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
@@ -185,7 +185,7 @@ std::optional<double> parse_q_factor(const std::string& text)
     char* end = nullptr;
     errno = 0;
     const double value = strtod_l(text.c_str(), &end, locale);
-    // Not a number has no place in an order.
+    // NaN can't be ordered.
     if (end == text.c_str() || errno == ERANGE || std::isnan(value))
         return std::nullopt;
     return value;
@@ -217,7 +217,7 @@ Format to_format(const std::string& text)
 
 Format to_format_from_path(const std::filesystem::path& path)
 {
-    // Tested first, as the last extension alone would say ".bin".
+    // Tested first, because the last extension alone would be ".bin".
     if (slate::ends_with(path.filename().native(), ".pb.bin"))
         return Format::Proto;
     const std::string extension = path.extension();
@@ -283,7 +283,7 @@ void parse_content_type(std::string_view value, std::vector<Format>& formats)
 
 void parse_accept(std::string_view value, std::vector<Format>& formats)
 {
-    // Blanks around pieces are common in what people write, so they are trimmed throughout.
+    // People write blanks around the items, so they are trimmed throughout.
     const auto pieces = slate::split<std::vector<std::string>>(value, ",", true, true);
     if (value.find_first_of(";q=") == std::string_view::npos) {
         for (const std::string& piece : pieces)
@@ -291,7 +291,7 @@ void parse_accept(std::string_view value, std::vector<Format>& formats)
         return;
     }
 
-    // One format for each factor: a later one takes the place of an earlier one.
+    // One format for each factor: a later one replaces an earlier one.
     std::map<double, Format, std::greater<>> by_q_factor;
     for (const std::string& piece : pieces) {
         const auto items = slate::split<std::vector<std::string>>(piece, ";", true, true);

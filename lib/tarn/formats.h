@@ -9,18 +9,18 @@
 #include "tarn/proto/format.pb.h"
 
 /// Formats of bodies: MIME types, file extensions, and the values of "Accept" and "Content-Type".
-/// Nothing here fails; what means nothing is `Unknown`. Any thread.
+/// These functions report no errors: a text that names no format gives `Unknown`. Any thread.
 
 namespace tarn_internal {
 /// From a MIME type, with or without parameters and possibly percent-encoded, or from a bare extension such
-/// as "json", or "none" or "empty". Case counts.
+/// as "json", or "none" or "empty". Compared with case.
 tarn::Format to_format(const std::string& text);
 
-/// By the file's extension, with case; `Bin` for none and for one that isn't known.
+/// By the file's extension, compared with case; `Bin` for a missing or unknown one.
 tarn::Format to_format_from_path(const std::filesystem::path& path);
 
-/// Whether a body of this format travels as bytes rather than as text. `Unknown` does: a body of unknown kind
-/// need not be valid UTF-8.
+/// Whether a body of this format travels as bytes rather than as text. `Unknown` does, because a body of
+/// unknown kind need not be valid UTF-8.
 bool is_binary_format(tarn::Format format);
 } // namespace tarn_internal
 
@@ -40,8 +40,8 @@ std::string to_extension(Format format);
 /// Appends the format that a "Content-Type" value names, if it names one.
 void parse_content_type(std::string_view value, std::vector<Format>& formats);
 
-/// Appends the formats that an "Accept" value names, the most wanted first. Without q-factors that is the
-/// order of the text. With them, of several formats with the same factor only the last one is kept. Throws
-/// std::out_of_range for a piece of nothing but ";".
+/// Appends the formats that an "Accept" value names, the preferred one first. Without q-factors they keep the
+/// order of the text. With q-factors, the last of several formats with the same factor replaces the others.
+/// Throws std::out_of_range for an item that consists of ";" alone.
 void parse_accept(std::string_view value, std::vector<Format>& formats);
 } // namespace tarn

@@ -35,7 +35,7 @@ std::vector<int> parse_pids(const std::string& to)
     return pids;
 }
 
-/// The field of the body that a format's content belongs into; null for a message without body.
+/// The field of the body that holds content of this format; null for a message without a body.
 template <class Request>
 std::string* body_field(Request* request)
 {
@@ -117,7 +117,7 @@ public:
 
     std::shared_ptr<Message> make_message(const void* data, unsigned long size) const override
     {
-        // Protobuf counts in int; a larger frame must not be taken for its lower bits.
+        // Protobuf counts in int; a larger size must not be truncated to its lower bits.
         if (size > INT_MAX)
             return nullptr;
         auto message = std::make_shared<Message>();

@@ -16,21 +16,21 @@ class Dictionary;
 }
 
 namespace tarn {
-/// Builds every message that is sent, and reads every one that arrives.
+/// Builds every message that is sent, and parses every one that arrives.
 ///
 /// A recipient names path, addressed processes and query at once: "/a/b@1203,1207?format=json". The path gets
 /// a leading slash if it has none. A request carries the sender's pid, the headers (null or a dictionary) and
 /// `ttl`, the time that it is allowed to take.
 ///
-/// The format of a message is what the parameter "format" names, and on PUT and POST what the header
-/// "Content-Type" names, which is the stronger; else `Unknown`. By it a body is put into the bytes or the
-/// text field. A PUT or POST of format `Empty` has no body.
+/// The parameter "format" sets the format of a message; on PUT and POST the header "Content-Type" overrides
+/// it; without either it is `Unknown`. The format decides whether a body goes into the bytes or the text
+/// field. A PUT or POST of format `Empty` has no body.
 ///
 /// Errors: Exception "Invalid 'to': ..." if a process id isn't a number; std::out_of_range for a recipient
 /// with fewer pieces than separators promise ("@12"); one with too many separators is logged and gets an
 /// empty path.
 ///
-/// Threads: any, also at once.
+/// Threads: any, several at once.
 class MessageFactory {
 public:
     virtual ~MessageFactory() = default;
@@ -64,19 +64,19 @@ public:
     [[nodiscard]] virtual std::shared_ptr<Message> make_message(const void* data,
                                                                 unsigned long size) const = 0;
 
-    /// The reply that a server starts from: status 404 until a route says otherwise, with the request's path
-    /// and format, from process `pid` to the requester. Null if `request` (not null) is no request with a
-    /// head.
+    /// The reply that a server starts from: status 404 until a route sets another one, with the request's
+    /// path and format, from process `pid` to the requester. Null if `request` (which must not be null) is
+    /// not a request with a head.
     [[nodiscard]] virtual std::shared_ptr<Message> make_response(const std::shared_ptr<Message>& request,
                                                                  int pid) const = 0;
-    /// A reply of nothing but a status.
+    /// A reply that holds only a status.
     [[nodiscard]] virtual std::shared_ptr<Message> make_response(const Status& status) const = 0;
 
     /// Never null.
     virtual std::shared_ptr<tarn_internal::PidFinder> finder() const = 0;
 };
 
-/// The library's own factory. Without `finder` it speaks for this process.
+/// The library's own factory. Without `finder` it uses the pid of this process.
 [[nodiscard]] std::shared_ptr<MessageFactory> make_message_factory(
     const std::shared_ptr<tarn_internal::PidFinder>& finder = nullptr);
 } // namespace tarn

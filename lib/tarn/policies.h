@@ -4,23 +4,23 @@
 #include <cstdint>
 
 namespace tarn {
-/// What a write does about a value that is there already, or is not. The library hands it through; each
-/// resource says which ones it heeds.
+/// What a write does if the value exists already, or doesn't. The library passes it on; each resource
+/// documents which policies it supports.
 enum class WritePolicy : std::uint32_t {
-    /// Make the value or replace it.
+    /// Create the value or replace it.
     Replace = 0,
-    /// Make it; fail if there is one.
+    /// Create it; fail if it exists.
     CreateOnly = 1,
-    /// Replace it; fail if there is none.
+    /// Replace it; fail if it doesn't exist.
     UpdateOnly = 2,
 };
 
-/// What an erase does about former revisions of a value, where they are kept. The stores of this library keep
-/// none and heed none.
+/// What an erase does to former revisions of a value. The stores of this library keep no revisions and ignore
+/// the policy.
 enum class PurgePolicy : std::uint32_t {
-    /// The value goes; its former revisions can still be read.
+    /// Erase the value; its former revisions stay readable.
     KeepHistory = 0,
-    /// All revisions go, as for secrets and a return to factory settings.
+    /// Erase all revisions, as for secrets and a return to factory settings.
     PurgeHistory = 1,
 };
 } // namespace tarn

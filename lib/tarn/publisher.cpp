@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/publisher.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <istream>
+#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -32,9 +35,13 @@ namespace {
 
 constexpr int linger_milliseconds = 250;
 
-/// 0, and then ms/1024 to ms/2, each twice the one before: eleven in all.
-std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
+/// 0, then ms/1024 to ms/2, each twice the one before: eleven delays. A negative time counts as 0, and
+/// infinity as the longest one of 32 bits.
+std::vector<std::uint32_t> handshake_delays(const slate::Duration& timeout)
 {
+    constexpr std::int64_t longest = std::numeric_limits<std::uint32_t>::max();
+    auto milliseconds =
+        static_cast<std::uint32_t>(std::clamp(timeout.to_milliseconds(), std::int64_t{0}, longest));
     std::vector<std::uint32_t> delays;
     for (int i = 0; i < 10; ++i)
         delays.insert(delays.begin(), milliseconds /= 2);
@@ -42,7 +49,7 @@ std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
     return delays;
 }
 
-/// Why a message can't be published, or empty.
+/// The reason why a message can't be published; empty if it can.
 std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
 {
     if (!message)
@@ -138,11 +145,10 @@ private:
         return make_reply(Status::Ok, LocalCause::None);
     }
 
-    /// False if the socket takes no more, or the message can't be serialised.
+    /// False if the socket's queue is full, or the message can't be serialised.
     bool send_frames(const std::string& topic, const Message& message)
     {
-        // Before the topic goes out: a topic whose payload can't follow would be taken for half of the next
-        // message.
+        // Serialised before the topic is sent: a topic without its payload would swallow the next message.
         auto payload = tarn_internal::to_frame(message);
         if (!payload)
             return false;
@@ -162,8 +168,7 @@ private:
     void ensure_connection()
     {
         unsigned int seen = 0;
-        for (const std::uint32_t delay :
-             handshake_delays(static_cast<std::uint32_t>(timeout_.to_milliseconds()))) {
+        for (const std::uint32_t delay : handshake_delays(timeout_)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
             const auto probe = factory_->make_put("relay?format=text", "hi", nullptr, timeout_);
             if (!probe)
@@ -178,7 +183,7 @@ private:
         throw std::runtime_error(slate::trace_error(provider_, SLATE_HERE, "failed to connect to the relay"));
     }
 
-    /// Whether the number that the relay shows for this publisher has moved.
+    /// Whether the relay's count for this publisher has changed since the last look.
     bool is_connected(unsigned int& seen) const
     {
         const auto reply = client_->get("/relay/stats", nullptr, timeout_);
@@ -231,7 +236,7 @@ std::shared_ptr<Publisher> make_publisher(const Endpoint& endpoint, const slate:
         return nullptr;
     const Endpoint at = endpoint ? endpoint : relay_sub_sock(runtime->settings);
     const Endpoint stats_at = endpoint ? stats_endpoint : relay_zmq_sock(runtime->settings);
-    // Without an endpoint to ask it would bind, and so take the relay's own endpoint over.
+    // Without a statistics endpoint the publisher would bind, and so take over the relay's own endpoint.
     if (!at || (!endpoint && !stats_at)) {
         slate::log_error(SLATE_HERE, "cannot make_publisher, a relay setting is not an endpoint");
         return nullptr;

@@ -16,23 +16,23 @@
 namespace tarn {
 class MessageFactory;
 
-/// Tells whoever has subscribed that something has changed: sends PUT and DELETE messages, normally to a
-/// relay, which spreads them to every subscribed server. Nobody answers.
+/// Publishes changes: sends PUT and DELETE messages, normally to a relay, which passes them on to every
+/// subscribed server. Subscribers don't answer.
 ///
-/// The reply that each call gives is made here: status 200 says that the message was handed to the socket,
-/// and no more. Without a relay or a subscriber it is lost without an error. Status 400 is for a message that
-/// can't be published, 408 for a socket that takes no more. Throws zmq::error_t if the socket is broken, and
+/// The publisher makes each reply itself: status 200 means only that it handed the message to the socket.
+/// Without a relay or a subscriber the message is lost without an error. Status 400 reports a message that
+/// can't be published, 408 a socket whose queue is full. Throws zmq::error_t if the socket is broken, and
 /// what MessageFactory throws for a bad recipient. `headers` may be null.
 ///
-/// Threads: may be shared. Lifetime: may outlive ZmqSubsystem. What was published just before the end gets
-/// 250 ms to leave.
+/// Threads: may be shared. Lifetime: may outlive ZmqSubsystem. At its end the publisher waits 250 ms
+/// at most for its last messages to leave.
 class Publisher {
 public:
     virtual ~Publisher() = default;
 
     // Programs are linked against the order of these functions: add new ones at the end.
 
-    /// The endpoint that it publishes at.
+    /// The endpoint of its socket.
     [[nodiscard]] virtual Endpoint url() const = 0;
 
     [[nodiscard]] virtual std::shared_ptr<Reply> put(const std::string_view& path, const std::string& body,

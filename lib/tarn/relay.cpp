@@ -29,7 +29,7 @@ public:
     {
         bind(xsub_, *sub_uri_);
         bind(xpub_, *pub_uri_);
-        thread_.start([this] { listen(); });
+        thread_.start("tarn-relay", [this] { listen(); });
     }
 
     ~RelayImpl() override
@@ -58,7 +58,7 @@ private:
     const std::shared_ptr<zmq::context_t> context_;
     const Endpoint sub_uri_; // of the relay's own ZMQ_XSUB socket, so where publishers connect
     const Endpoint pub_uri_; // of its ZMQ_XPUB socket, where subscribers connect
-    // Made and bound by the owner, and used by the thread alone once that has started.
+    // The owner makes and binds them; once the thread has started, only the thread uses them.
     zmq::socket_t xsub_;
     zmq::socket_t xpub_;
     ControlledThread thread_; // last, as it uses all of the above

@@ -11,8 +11,8 @@ class Uri;
 
 namespace tarn {
 /// The meeting point of publish and subscribe: publishers connect to one of its endpoints and subscribers to
-/// the other, so that neither needs to know the other. It runs from the moment that it is made; destroying it
-/// stops it and removes its socket files. It neither reads nor changes what passes through.
+/// the other, so that neither needs to know the other. It runs from its construction; destroying it stops it
+/// and removes its socket files. It neither reads nor changes the messages.
 class Relay {
 public:
     virtual ~Relay() = default;

@@ -3,6 +3,7 @@
 
 #include <list>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <utility>
 
@@ -11,8 +12,10 @@
 
 namespace tarn {
 namespace {
-// Senders come and go with new tags for ever, so something has to give.
+// Every publisher has a new tag, so the list needs a limit.
 constexpr std::size_t max_senders = 1000;
+// A publisher asks only at its start.
+const slate::Duration max_silence = slate::Minutes(15);
 constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
 
 class RelayStatsRoute : public Route {
@@ -21,7 +24,7 @@ public:
 
     void get(Context& context) const override
     {
-        // A router has taken the first segment away, if the relay's process is its service "relay".
+        // A router removes the first segment if the relay's process is its service "relay".
         const std::string path = context.request.path();
         if (path != "/relay/stats" && path != "/stats")
             throw MessageException(Status::NotFound, "");
@@ -46,14 +49,15 @@ public:
 
 private:
     struct Sender {
-        Identity id;
+        std::int32_t pid = 0;
+        std::string tag;
         std::int32_t packets = 0;
         slate::Duration last_seen;
     };
 
     void hear(const Head& head)
     {
-        if (head.path() != "/stats") // somebody else's
+        if (head.path() != "/stats") // another service's change
             count(head.from());
     }
 
@@ -64,19 +68,18 @@ private:
         const std::lock_guard lock(mutex_);
         auto found = by_tag_.find(from.tag());
         if (found == by_tag_.end()) {
-            senders_.push_front({from, 0, {}});
+            senders_.push_front({from.pid(), from.tag(), 0, {}});
             found = by_tag_.emplace(from.tag(), senders_.begin()).first;
         }
         else {
             senders_.splice(senders_.begin(), senders_, found->second);
         }
-        // The number is looked at for movement only, and it wraps rather than overflows.
+        // Publishers only look whether the number changes; it wraps around instead of overflowing.
         found->second->packets =
             static_cast<std::int32_t>(static_cast<std::uint32_t>(found->second->packets) + 1);
         found->second->last_seen = now();
-        if (senders_.size() > max_senders) {
-            by_tag_.erase(senders_.back().id.tag());
-            senders_.pop_back();
+        while (senders_.size() > max_senders || is_silent(senders_.back())) {
+            forget_last();
         }
     }
 
@@ -85,12 +88,23 @@ private:
         Stats stats;
         const std::lock_guard lock(mutex_);
         for (const Sender& sender : senders_) {
+            if (is_silent(sender)) // and so are all behind it
+                break;
             Stat* stat = stats.add_stat();
-            *stat->mutable_id() = sender.id;
+            stat->mutable_id()->set_pid(sender.pid);
+            stat->mutable_id()->set_tag(sender.tag);
             stat->set_total_packets(sender.packets);
             stat->set_age((now() - sender.last_seen).to_string(0));
         }
         return stats;
+    }
+
+    bool is_silent(const Sender& sender) const { return now() - sender.last_seen > max_silence; }
+
+    void forget_last()
+    {
+        by_tag_.erase(senders_.back().tag);
+        senders_.pop_back();
     }
 
     slate::Duration now() const
@@ -100,7 +114,7 @@ private:
 
     const std::shared_ptr<slate::Clock> clock_ = slate::make_clock_factory()->make_clock();
     mutable std::mutex mutex_;  // guards the two below: a route may be added to several servers
-    std::list<Sender> senders_; // the one heard last in front
+    std::list<Sender> senders_; // most recently heard first
     std::unordered_map<std::string, std::list<Sender>::iterator> by_tag_;
 };
 } // namespace

@@ -7,17 +7,19 @@
 #include "tarn/route.h"
 
 namespace tarn {
-/// What a publisher asks a relay's process for at its start: a route that counts the published messages of
-/// each sender and answers "/relay/stats" with a Stats message, in protobuf or JSON, whichever is asked for;
-/// and "/stats", which is what a router makes of that for its service "relay".
+/// The route that every publisher asks at its start: it counts the published messages of each sender and
+/// answers "/relay/stats" with a Stats message, in protobuf or JSON as the request prefers. It also answers
+/// "/stats", which is the path that a router forwards to its service "relay".
 ///
-/// Add it to a server that hears the relay's output and answers where publishers ask ("relay_url"):
+/// Add it to a server that subscribes to the relay's output and serves the endpoint that publishers ask
+/// ("relay_url"):
 ///
 ///   auto relay = tarn::make_relay(relay_in, relay_out);
 ///   auto server = subsystem.add_server({endpoint}, relay_out);
 ///   server->add(tarn::make_relay_stats_route());
 ///
-/// It hears what is published below "/relay", as each publisher does at its start. Senders are told apart by
-/// their tag; of more than a thousand, the one that was silent longest is forgotten.
+/// It counts messages published below "/relay", which each publisher sends at its start. It distinguishes
+/// senders by their tag, and beyond a thousand it forgets the one that has been silent longest, and each one
+/// after 15 minutes of silence.
 [[nodiscard]] std::shared_ptr<Route> make_relay_stats_route();
 } // namespace tarn

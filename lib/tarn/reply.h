@@ -38,7 +38,8 @@ enum class LocalCause : int {
     NotAllowed = 8,
 };
 
-/// The reply side of an exchange: a handler fills one, a client gets one. Everything of Envelope works on it.
+/// The reply side of an exchange: a handler fills one, a client gets one. All operations of Envelope are
+/// available.
 ///
 /// The setters make the message a response if it is anything else, and throw Exception without a message, as
 /// the reply to a published change has none.

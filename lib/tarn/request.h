@@ -10,7 +10,7 @@
 #include "tarn/internal/envelope.h"
 
 namespace tarn {
-/// The request side of an exchange. Everything of Envelope works on it.
+/// The request side of an exchange. All operations of Envelope are available.
 class Request : public tarn_internal::Envelope {
 public:
     Request() = default;
@@ -24,9 +24,9 @@ public:
     /// number.
     std::optional<std::uint32_t> chunk_number() const;
 
-    /// The formats that the requester can take or is sending, the most wanted first, with duplicates: the
-    /// head's, then those of "accept", then that of "content-type"; for a put or post without any of them,
-    /// what its body looks like. Empty if nobody cares. Throws Exception for a `call`.
+    /// The formats that the requester accepts or sends, the preferred one first, with duplicates: the head's,
+    /// then those of "accept", then that of "content-type"; for a put or post without any of them, the format
+    /// that its body looks like. Empty if the requester states no preference. Throws Exception for a `call`.
     std::vector<Format> formats() const;
 };
 } // namespace tarn

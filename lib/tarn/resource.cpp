@@ -20,8 +20,8 @@ namespace tarn {
 namespace {
 using slate::DeferredWork;
 
-// How long the destructor sleeps after each look at its works: 5 s halved again and again, so that a work
-// which is nearly done hardly holds it up, and one that hangs does for five seconds.
+// How long the destructor sleeps after each look at its tasks: 5 s halved again and again, so that a task
+// that is nearly done hardly delays it, and one that hangs delays it by five seconds.
 constexpr int wait_milliseconds[] = {0, 4, 9, 19, 39, 78, 156, 312, 625, 1250, 2500};
 
 bool contains(const std::vector<Format>& formats, Format format)
@@ -36,8 +36,8 @@ bool is_finished(const DeferredWork& work)
     return work.future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
-/// The result of a finished work, which is put back: the work counts as finished, and whoever submitted it
-/// can still ask for its result, however early it was done.
+/// The result of a finished task. It is put back, so that the task still counts as finished and its submitter
+/// can still read the result.
 DeferredWork::Result result_of(DeferredWork& work)
 {
     std::promise<DeferredWork::Result> same;
@@ -94,7 +94,7 @@ void ResourceBase::end_work()
         if (work_.empty())
             return;
         if (milliseconds > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); // through signals
+            std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); // resumes after signals
     }
     slate::log_warn(provider_, SLATE_HERE, "failed to clean up work");
 }
@@ -153,9 +153,9 @@ void ResourceBase::save_into(std::function<void(Content)> sink, std::string_view
 {
     std::vector<Format> accepted;
     parse_accept(accept, accepted);
-    const auto suiting = std::find_if(accepted.begin(), accepted.end(),
-                                      [&](Format format) { return contains(formats(), format); });
-    const Format chosen = suiting != accepted.end() ? *suiting : formats().at(0);
+    const auto match = std::find_if(accepted.begin(), accepted.end(),
+                                    [&](Format format) { return contains(formats(), format); });
+    const Format chosen = match != accepted.end() ? *match : formats().at(0);
 
     auto [data, format] = read(params, chosen);
     std::string tag = etag(params, format).first;
@@ -165,13 +165,13 @@ void ResourceBase::save_into(std::function<void(Content)> sink, std::string_view
 void ResourceBase::load_from(std::function<std::string()> source, std::string_view content_type,
                              const std::shared_ptr<slate::Dictionary>& params, const WritePolicy& policy)
 {
-    std::vector<Format> told;
-    parse_content_type(content_type, told);
-    if (told.empty())
+    std::vector<Format> declared;
+    parse_content_type(content_type, declared);
+    if (declared.empty())
         throw MessageException(
             Status::UnsupportedMediaType,
             slate::trace_error(provider_, SLATE_HERE, "; load_from, unknown content type: ", content_type));
-    write(params, told.front(), source(), policy);
+    write(params, declared.front(), source(), policy);
 }
 
 std::pair<std::string, Format> ResourceBase::etag(const std::shared_ptr<slate::Dictionary>& params,
@@ -209,7 +209,7 @@ bool ResourceBase::submit_work(const std::shared_ptr<slate::DeferredWork>& work)
     clean_work();
     work_.push_back(work);
     try {
-        (void)queue_->get()->submit(work); // the same work again
+        (void)queue_->get()->submit(work); // returns the same task
     }
     catch (...) {
         std::erase(work_, work); // nobody will ever finish it
@@ -224,7 +224,7 @@ bool ResourceBase::submit_work(const std::shared_ptr<slate::DeferredWork>& work)
 
 void ResourceBase::clean_work()
 {
-    // One by one: std::remove_if would leave holes where it was when a work throws.
+    // One by one: std::remove_if would leave moved-from elements behind if is_finished throws.
     for (auto work = work_.begin(); work != work_.end();)
         work = is_finished(**work) ? work_.erase(work) : work + 1;
 }

@@ -24,10 +24,10 @@ class Queue;
 } // namespace slate
 
 namespace tarn {
-/// What a resource gives to a reader: Resource::save_into hands it over.
+/// What Resource::save_into passes to a reader.
 struct Content {
     std::string data;
-    /// Of the data, such as "application/json".
+    /// The data's MIME type, such as "application/json".
     std::string mime_type;
     /// Changes whenever the data does.
     std::string etag;
@@ -36,29 +36,29 @@ struct Content {
 };
 
 /// Something stored that can be read, written and erased in one or more formats: a document, a table, a set
-/// of settings. What the parameters select within it (a part, a revision) is up to each resource; they may be
+/// of settings. Each resource defines what the parameters select within it (a part, a revision); they may be
 /// null if it needs none.
 ///
-/// A route of the application brings requests to it; ResourceBase is the base to derive from.
+/// The application's own route connects it to requests; derive from ResourceBase.
 ///
-/// Errors: MessageException tells the status for a reply.
+/// Errors: operations throw MessageException, which carries the status for a reply.
 ///
-/// Threads: the operations of behaviour any; all others one at a time, as the handlers of one route are
-/// called.
+/// Threads: the behaviour operations may run on any thread; all others one at a time, which the lock of a
+/// route ensures for its handlers.
 class Resource {
 public:
-    /// What a resource is like, in bits. For those who use and derive resources; the library itself acts on
-    /// none of them.
+    /// Properties of a resource, as bits. They are for the code that uses and derives resources; the library
+    /// itself acts on none of them.
     enum class Behavior : std::uint32_t {
-        /// Writing and erasing are not for clients.
+        /// Clients may not write or erase it.
         ReadOnly = 1U << 0,
-        /// Reading is not for clients, as for a key that is only ever replaced.
+        /// Clients may not read it, such as a key that is only ever replaced.
         WriteOnly = 1U << 1,
-        /// Outlives the process.
+        /// It outlives the process.
         Persistent = 1U << 2,
-        /// Changes by itself, as a sensor's value does, so that what was read is soon out of date.
+        /// It changes by itself, as a sensor's value does, so that readers should not cache it.
         Volatile = 1U << 3,
-        /// The data must not show in logs.
+        /// Its data must not appear in logs.
         Secret = 1U << 4,
     };
 
@@ -71,7 +71,7 @@ public:
     virtual void set_behavior(const Behavior& behavior) = 0;
     virtual void clear_behavior(const Behavior& behavior) = 0;
 
-    /// How long the value stays good after a write, for resources that forget.
+    /// How long the value stays valid after a write, for resources that expire.
     virtual void set_ttl(const slate::Duration& ttl) = 0;
 
     /// Where the resource logs; may be null.
@@ -80,37 +80,37 @@ public:
     /// The formats that it can be read in, best first; at least one.
     virtual std::vector<Format> formats() const = 0;
 
-    /// What it is called in logs, such as "network settings".
+    /// Its name in logs, such as "network settings".
     virtual std::string name() const = 0;
 
-    /// Whether writes take every chunk of a large body as it comes; see Route.
+    /// Whether writes take each chunk of a large body as it arrives; see Route.
     virtual bool supports_chunked_transfer() const = 0;
 
-    /// Whether a read finds out the entity tag on its way, so that etag() need not read again.
+    /// Whether a read also computes the entity tag, so that etag() need not read again.
     virtual bool read_provides_etag() const = 0;
 
     /// The data, and the format that it is in: the one asked for, or one of its choice for `Any`.
     virtual std::pair<std::string, Format> read(const std::shared_ptr<slate::Dictionary>& params,
                                                 Format format) const = 0;
 
-    /// Reads in the format that suits `accept` best (the value of an "Accept" header) and hands the content
-    /// to `sink`. If none suits, or `accept` is empty, that is the first of formats(): a reader gets what
-    /// there is. An empty sink throws std::bad_function_call.
+    /// Reads in the format that matches `accept` best (the value of an "Accept" header) and passes the
+    /// content to `sink`. If none matches, or `accept` is empty, it reads in the first of formats(). An empty
+    /// sink throws std::bad_function_call.
     virtual void save_into(std::function<void(Content)> sink, std::string_view accept,
                            const std::shared_ptr<slate::Dictionary>& params) const = 0;
 
     virtual void write(const std::shared_ptr<slate::Dictionary>& params, const Format& format,
                        const std::string& data, const WritePolicy& policy) = 0;
 
-    /// Writes what `source` gives, in the format that `content_type` tells (the value of a "Content-Type"
-    /// header). If it tells none, that is status 415, and nobody asks the source. An empty source throws
-    /// std::bad_function_call.
+    /// Writes the data from `source` in the format that `content_type` names (the value of a "Content-Type"
+    /// header). If it names none, throws MessageException, status 415, without calling the source. An empty
+    /// source throws std::bad_function_call.
     virtual void load_from(std::function<std::string()> source, std::string_view content_type,
                            const std::shared_ptr<slate::Dictionary>& params, const WritePolicy& policy) = 0;
 
     virtual void erase(const std::shared_ptr<slate::Dictionary>& params) = 0;
 
-    /// The entity tag, equal for equal data, and the format of the data that it stands for.
+    /// The entity tag, equal for equal data, and the format of the data that it belongs to.
     virtual std::pair<std::string, Format> etag(const std::shared_ptr<slate::Dictionary>& params,
                                                 Format format) const = 0;
 
@@ -128,18 +128,17 @@ constexpr Resource::Behavior operator|(Resource::Behavior a, Resource::Behavior 
     return static_cast<Resource::Behavior>(static_cast<std::uint32_t>(a) | static_cast<std::uint32_t>(b));
 }
 
-/// A resource to derive from: does all but formats, name and exists, and reads, writes and erases nothing
-/// until these are overridden too. A class that overrides one `exists` says `using ResourceBase::exists;` for
-/// the other.
+/// The base class for resources: implements everything but formats, name and exists. Its read, write and
+/// erase throw until they are overridden too. A class that overrides one `exists` needs `using
+/// ResourceBase::exists;` for the other.
 ///
-/// It can hand work to the process's queue. Its destructor asks works that are not finished to give up
-/// (DeferredWork::cancelled) and waits for them, 5 s at most, but runs after that of the derived class: a
-/// work must hold what it uses itself and not reach into the resource, nor hold the resource, which would
-/// wait for its own end.
+/// It can submit tasks to the process's work queue. Its destructor cancels unfinished tasks
+/// (DeferredWork::cancelled) and waits for them, 5 s at most, but runs after the destructor of the derived
+/// class: a task must own what it uses. It must neither access the resource nor own it, since the resource
+/// would then wait for its own end.
 class ResourceBase : public Resource {
 public:
-    /// `provider`, where the resource logs, is taken out of the framework when the resource dies. May be
-    /// null.
+    /// `provider` is where the resource logs; the destructor removes it from the framework. May be null.
     explicit ResourceBase(std::shared_ptr<slate::Provider> provider);
     ~ResourceBase() override;
     ResourceBase(const ResourceBase&) = delete;
@@ -148,7 +147,7 @@ public:
     bool has_behavior(const Behavior& behavior) const override;
     void set_behavior(const Behavior& behavior) override;
     void clear_behavior(const Behavior& behavior) override;
-    /// Does nothing: the value stays good.
+    /// Does nothing: the value stays valid.
     void set_ttl(const slate::Duration& ttl) override;
     std::shared_ptr<slate::Provider> provider() const override;
     /// False.
@@ -180,24 +179,23 @@ public:
     std::size_t size(const std::shared_ptr<slate::Dictionary>& params, const Format& format) const override;
 
 protected:
-    /// Hands a work (not null) to the process's queue, and returns whether it did: false, with a warning in
-    /// the log, if there has been no ZmqSubsystem so far. Once there was, the resource keeps its queue, and
-    /// hands works to that even without a ZmqSubsystem. Throws OverloadedException if the queue is full, and
-    /// what the work threw if it has failed already.
+    /// Submits a task (not null) to the process's work queue; see make_work. False, with a warning in the
+    /// log, if no ZmqSubsystem has existed so far; later the resource keeps the queue that it found. Throws
+    /// OverloadedException if the queue is full, and what the task threw if it has failed already.
     ///
-    /// Whoever submits may poll the work's future and wait for it, but must leave the result there: without
-    /// it this and the next calls throw std::future_error.
+    /// The submitter may poll the task's future and wait for it, but must not take the result out: this and
+    /// later calls would throw std::future_error.
     bool submit_work(const std::shared_ptr<slate::DeferredWork>& work);
 
-    /// Forgets the works that have finished, and waits for none. Throws std::future_error if somebody has
-    /// taken the future of one.
+    /// Forgets the tasks that have finished, without waiting. Throws std::future_error if the result of one
+    /// has been taken out.
     void clean_work();
 
     // Programs are compiled against the order of these fields: add new ones at the end.
     std::atomic<std::uint32_t> behavior_{0};
-    /// Null until the first work.
+    /// Null until the first task.
     std::shared_ptr<slate::Lazy<slate::Queue>> queue_;
-    /// Handed over, and not yet seen finished.
+    /// Submitted, and not yet seen finished.
     std::vector<std::shared_ptr<slate::DeferredWork>> work_;
     std::shared_ptr<slate::Provider> provider_;
 

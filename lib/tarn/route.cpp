@@ -12,7 +12,7 @@
 
 namespace tarn {
 namespace {
-/// Query parameters are weaker than path variables, and the first of a name counts; headers overwrite both.
+/// Path variables win over query parameters, of which the first of a name counts; headers overwrite both.
 void merge_hdrs_params(slate::Dictionary& variables, const Message& message)
 {
     const Head* head = tarn_internal::find_head(message);
@@ -36,8 +36,7 @@ void merge_hdrs_params(slate::Dictionary& variables, const Message& message)
 }
 } // namespace
 
-// The public constructors delegate here, so that the destructor runs, and removes the provider, if they
-// throw.
+// The public constructors delegate here: if they throw then, the destructor runs and removes the provider.
 Route::Route(const std::string& route_name, Access route_access)
     : name(route_name),
       access(route_access),
@@ -125,7 +124,7 @@ void Route::head(Context& context) const
     }
     get(context);
 
-    // Taken before the body goes. A reply without any body has no length, and says so by an exception.
+    // Taken before the body is removed. data() throws for a reply without any body, which has no length.
     const auto length = context.reply.data().size();
     context.reply.set_header("Content-Length", std::to_string(length));
     context.reply.message->mutable_response()->clear_body();
@@ -156,7 +155,7 @@ bool Route::accept(Context& context) const
     if (!context.request.message || !is_access_allowed(context))
         return false;
 
-    // The path is looked at in place: for all routes but one of a server, this is where it ends.
+    // The path is compared in place, without a copy: most routes of a server don't match.
     const Message& message = *context.request.message;
     const Head* head = tarn_internal::find_head(message);
     const std::string unknown = head ? std::string() : context.request.path();
@@ -178,7 +177,7 @@ bool Route::is_access_allowed(const Context& context) const
 {
     if (access == Access::Public)
         return true;
-    // Wanted: debug logging is the developer's door into private routes.
+    // Wanted: debug logging opens private routes to developers.
     if (slate::is_logging_allowed(slate::DebugLevel))
         return true;
     try {

@@ -18,17 +18,18 @@ class Provider;
 } // namespace slate
 
 namespace tarn {
-/// Something that a server answers for: a name, path patterns, verbs, who may use it, and a handler for each
-/// verb. Derive from it and override the handlers; make_int32_route and its like do that for single values.
+/// A resource that a server answers for: a name, path patterns, verbs, an access level, and a handler for
+/// each verb. Derive from it and override the handlers; make_int32_route and its like do so for single
+/// values.
 ///
-/// A handler fills context.reply, which stands at status 204 with no body. It fails by throwing:
+/// A handler fills context.reply, which starts with status 204 and no body. It reports failure by throwing:
 /// MessageException chooses the status, any other std::exception gives 500, and the text becomes the reply's
 /// status message.
 ///
-/// Threads: accept() and is_access_allowed() run on several threads at once; on one server, the
-/// handlers of one route never do, but those of different routes may. A route that was added to two servers
-/// runs on both at once. No lock of the library is held in a handler but the route's own, so
-/// it may add and delete routes.
+/// Threads: accept() and is_access_allowed() run on several threads at once. On one server the handlers of
+/// one route run one at a time, while those of different routes may run side by side; a route that was added
+/// to two servers runs on both at once. A handler holds no lock of the library but its route's own, so it may
+/// add and delete routes.
 class Route {
 public:
     /// `methods` are the verbs that the route takes, separated by ",": "get" (which brings "head" with it),
@@ -45,33 +46,34 @@ public:
 
     // Programs are linked against the order of these functions: add new ones at the end.
 
-    /// The concrete paths of this route, as far as its patterns have a path that needs no variables.
+    /// The concrete paths of this route: one for each pattern that needs no variables.
     virtual std::vector<std::string> complete_patterns() const;
 
-    /// Called when the route is added to a server, with its settings: fills the placeholders of the patterns.
-    /// Throws Exception if a setting is missing. For a second server with the same settings it changes
-    /// nothing, so a route may go to several.
+    /// Fills the placeholders of the patterns. A server calls it with its settings when the route is added.
+    /// Throws Exception if a setting is missing. A second call with the same settings changes nothing, so a
+    /// route may be added to several servers.
     virtual void prime(const std::shared_ptr<const slate::Dictionary>& server_settings);
 
-    /// Whether put and post want every chunk of a large body as it comes. If not, which is the default, they
-    /// are called once, with the whole body.
+    /// Whether put and post take each chunk of a large body as it arrives. By default they don't, and are
+    /// called once, with the whole body.
     virtual bool supports_chunked_transfer() const;
 
     /// By default, get() without the body and with the header "Content-Length".
     virtual void head(Context& context) const;
-    /// The others throw MessageException with status 501 by default.
+    /// By default the other handlers throw MessageException with status 501.
     virtual void get(Context& context) const;
     virtual void put(Context& context);
     virtual void post(Context& context);
     virtual void del(Context& context);
 
-    /// Whether this route takes the request by access and path; the verb plays no part. If so, context.params
-    /// holds the path's variables and, weaker than these, the query parameters, decoded, and, stronger, the
-    /// headers. Allocates nothing until a pattern has matched.
+    /// Whether this route takes the request, by access and path; the verb plays no part. If so,
+    /// context.variables holds the path's variables, and context.params these, the decoded query parameters
+    /// (which a variable of the same name hides) and the headers (which hide both). Allocates nothing until a
+    /// pattern has matched.
     bool accept(Context& context) const;
 
-    /// A private route answers the process that serves it only. While debug logging is on, it answers
-    /// everybody.
+    /// A private route answers only the process that serves it. While debug logging is on, it answers every
+    /// process.
     bool is_access_allowed(const Context& context) const;
 
     /// Unique within a server.
@@ -84,11 +86,11 @@ public:
     bool accepts_post = false;
     bool accepts_del = false;
     Access access;
-    /// Where the route logs and counts, named after it.
+    /// The provider for this route's logs and counters, named after it.
     std::shared_ptr<slate::Provider> provider;
-    /// What prime() was given last, or null.
+    /// The settings of the last prime(), or null.
     std::shared_ptr<const slate::Dictionary> settings;
-    /// "accept": the requests that this route took.
+    /// "accept": the requests that this route has taken.
     std::shared_ptr<slate::Counter> accept_count;
 
 private:

@@ -19,13 +19,13 @@ std::vector<std::string> split_on_slashes(std::string_view text)
     return slate::split<std::vector<std::string>>(text, "/", false, true);
 }
 
-/// Walks over the pieces between slashes without allocating; empty ones are passed over.
+/// Walks over the pieces between slashes without allocating; it skips empty ones.
 class Pieces {
 public:
     explicit Pieces(std::string_view path) : rest_(path) { skip_slashes(); }
 
     bool at_end() const { return rest_.empty(); }
-    /// From the present piece to the end of the path.
+    /// From the current piece to the end of the path.
     std::string_view rest() const { return rest_; }
     std::string_view piece() const { return rest_.substr(0, rest_.find('/')); }
     void advance()
@@ -46,8 +46,8 @@ bool byte_matches(char byte, char pattern)
 }
 
 /// Matches text with doubled slashes, which count as one, against a glob with its one "*": what stands before
-/// that from the front, and what stands behind it from the back. Joins nothing, as whoever sends odd paths
-/// shouldn't make a server allocate.
+/// that from the front, and what stands behind it from the back. Joins nothing: a peer that sends odd paths
+/// must not make a server allocate.
 bool glob_matches_doubled_slashes(std::string_view text, std::string_view glob)
 {
     const auto star = glob.find('*');
@@ -98,7 +98,7 @@ std::string compile_optional(Segment& segment, const std::string& piece)
     std::string inner = piece.substr(1, piece.size() - 2);
     if (inner.find('=') != std::string::npos) {
         auto [left, right] = slate::split<std::pair<std::string, std::string>>(inner, "=", false, true);
-        // Only now the text loses its parentheses: "(b)" stays as it was written.
+        // Only the form with "=" loses its parentheses: "(b)" stays as it was written.
         segment.text = left;
         segment.default_value = std::make_shared<const std::string>(std::move(right));
         inner = std::move(left);
@@ -311,7 +311,7 @@ void RoutePattern::prime(const std::shared_ptr<const slate::Dictionary>& setting
             refuse(SLATE_HERE, "failed to prime route; key does not exist: ", key);
         segment.text = settings->get(key, "");
     }
-    // Written only if it changes: a route that goes to a second server is in use at the first one.
+    // Written only if it changes: a route that is added to a second server is in use on the first one.
     std::string rebuilt =
         "/" + slate::join(segments, "/", [](const Segment& segment) { return segment.text; });
     if (rebuilt != pattern)

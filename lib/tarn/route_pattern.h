@@ -25,11 +25,11 @@ namespace tarn {
 /// last. The empty pattern matches every path. Nothing is decoded.
 ///
 /// An optional literal, "(b=x)", matches "b" or nothing in a pattern with a variable or a glob; without "="
-/// the parentheses are part of its text. In a static pattern it means nothing: "/a/(b=x)" equals neither "/a"
-/// nor "/a/b", until prime() makes it "/a/b".
+/// the parentheses are part of its text. In a static pattern it has no meaning: "/a/(b=x)" equals neither
+/// "/a" nor "/a/b", until prime() makes it "/a/b".
 ///
 /// Errors: patterns that break a rule throw Exception, which names the rule.
-/// Threads: const operations may run on many threads at once; prime() on none beside.
+/// Threads: const operations may run on many threads at once; prime() must not run beside them.
 class RoutePattern {
 public:
     struct Segment {
@@ -48,16 +48,16 @@ public:
 
     /// `glob_names` name the globs, in order; the key of a glob without a name is its text, such as "*".
     RoutePattern(std::string pattern_text, std::vector<std::string> glob_names = {});
-    // So that a literal may stand wherever a pattern is wanted.
+    // Implicit, so that a literal can be passed as a pattern.
     RoutePattern(const char* pattern_text) : RoutePattern(std::string(pattern_text)) {}
 
-    /// Fills `segments` from `pattern`; the constructor has done it.
+    /// Fills `segments` from `pattern`, as the constructor does.
     void compile_into_segments(std::vector<std::string> glob_names);
 
-    /// The texts of the segments of a pattern. The glob's goes to the end of the pattern, slashes included.
+    /// The texts of the segments of a pattern. The glob's text extends to the end of the pattern, slashes
+    /// included.
     std::vector<std::string> split_pattern(std::string_view text) const;
-    /// The pieces of a path, empty ones left out; the glob, if this pattern has one, gets all that is left in
-    /// one piece.
+    /// The pieces of a path, without empty ones; a glob takes the rest of the path in one piece.
     std::vector<std::string> split_path(std::string_view path) const;
 
     /// Allocates nothing for a path that does not match.
@@ -72,8 +72,8 @@ public:
     /// The same for a caller that has the path's variables.
     std::shared_ptr<slate::Dictionary> parse(std::string_view path, const Variables& variables) const;
 
-    /// The path that these variables give. A required variable that is missing gives an empty segment, an
-    /// optional one without default none.
+    /// The path that these variables give. A missing required variable gives an empty segment; a missing
+    /// optional one without a default gives no segment.
     std::string make_path(const std::shared_ptr<slate::Dictionary>& variables) const;
 
     /// A path of this pattern that needs no variables, if there is one.
@@ -83,7 +83,7 @@ public:
     bool is_static() const;
 
     /// Fills the placeholders from settings and rebuilds `pattern` from the segments, which drops doubled and
-    /// trailing slashes. Throws Exception for a missing key; placeholders before it are then filled.
+    /// trailing slashes. Throws Exception for a missing key; the placeholders before it are filled by then.
     void prime(const std::shared_ptr<const slate::Dictionary>& settings);
 
     std::string pattern;

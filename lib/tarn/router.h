@@ -15,25 +15,24 @@ class Uri;
 } // namespace slate
 
 namespace tarn {
-/// Where a router looks for services, unless it is told otherwise.
+/// The default directory in which a router looks for services.
 inline constexpr const char* default_run_time_directory = "/run/tide";
 
 /// One endpoint for all services of a device. The first segment of a request's path names the service, and
 /// the router passes the request on to that service's own socket, without that segment, and the reply back:
 /// "/clock/time/zone" goes to the service at "/run/tide/clock/zmq.sock" as "/time/zone", and "/clock/2/time"
-/// to the one at "/run/tide/clock/2/zmq.sock" as "/time". The file system is asked anew for every request, so
-/// services come and go without the router being told.
+/// to the one at "/run/tide/clock/2/zmq.sock" as "/time". The router looks at the file system for every
+/// request, so services can come and go at any time.
 ///
-/// What names no service, as there is no such directory, is answered by the routes that are added to the
-/// router itself; like those of a server with one thread. Remote calls can be added, but nobody reaches them:
-/// a message without a path is answered with status 501.
+/// If there is no such directory, the router's own routes answer, as on a server with one thread. Remote
+/// calls can be added, but no request reaches them: the router answers a message without a path with status
+/// 501.
 ///
-/// Three requests are under way at a time, each for as long as its "ttl", less 500 ms, allows; further ones
-/// wait behind them, also if their own service is quick. See docs/servers.md for what a service that is gone
-/// costs.
+/// Three requests can be under way at a time, each for its "ttl" less 500 ms at most; further ones wait
+/// behind them, even if their own service is quick. docs/servers.md tells what a dead service costs.
 ///
-/// Destroying it stops it, after the requests that are under way, which are still answered. One that may wait
-/// for longer than default_timeout() is cut short then. The public endpoints' socket files stay.
+/// Destroying it stops it after it has answered the requests that are under way; a wait of more than
+/// default_timeout() is cut short. The public endpoints' socket files stay.
 class Router : public Server {};
 
 /// A router at `endpoints`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null,

@@ -17,8 +17,8 @@ class Uri;
 namespace tarn {
 class Route;
 
-/// Answers requests at its endpoints by routes, and hands published changes to them. It runs from the moment
-/// that it is made; destroying it stops it, after the request in hand.
+/// Answers requests at its endpoints by routes, and passes published changes to them. It runs from its
+/// construction; destroying it stops it after the current request.
 ///
 /// Threads: add, del and clear may be called from any thread, and from a route's handler.
 class Server {
@@ -30,16 +30,16 @@ public:
     /// Later calls of add(number, function) don't log that remote calls are discouraged.
     virtual void suppress_add_remote_call_warning() = 0;
 
-    /// Adds a route behind those that are there; the first one that accepts a request gets it. False, with an
-    /// error in the log, if a route of that name is there or `route` is null. Whatever Route::prime throws
-    /// passes out.
+    /// Appends a route; the first route that accepts a request gets it. False, with an error in the log, if
+    /// there is a route of that name already, or if `route` is null. Exceptions of Route::prime pass to the
+    /// caller.
     virtual bool add(const std::shared_ptr<Route>& route) = 0;
 
     /// Answers remote calls of that number with a function, which gets the whole message. Throws Exception
-    /// for a number below 100 that is taken.
+    /// for a number below 100 that is in use.
     virtual void add(unsigned int number, const std::function<void(Message&)>& function) = 0;
 
-    /// Deletes the route of that name; an unknown one is ignored. A handler that runs is not interrupted.
+    /// Deletes the route of that name; unknown names are ignored. A running handler is not interrupted.
     virtual void del(const std::string& name) = 0;
     virtual void del(unsigned int number) = 0;
 

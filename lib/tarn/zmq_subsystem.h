@@ -25,15 +25,15 @@ class context_t;
 namespace tarn {
 class Server;
 
-/// The library, up and running in this process. An application makes one at start and destroys it at the end;
-/// every make_ function finds it through self() and refuses to work without it.
+/// The runtime of the library in this process. An application creates one at start and destroys it at the
+/// end; every make_ function finds it through self() and gives null without it.
 ///
-/// It holds the ZeroMQ context, the settings, a work queue that is made at first use, and the servers that
+/// It owns the ZeroMQ context, the settings, a work queue that is created at first use, and the servers that
 /// were made through it. Destroying it stops those servers, and then waits until every socket is closed;
-/// clients and publishers that the application still holds keep the context alive and go on working.
+/// clients and publishers that the application still owns keep the context alive and go on working.
 ///
-/// Threads: make it, destroy it and add servers on one thread; ctx(), settings(), queue() and servers() may
-/// be called on any thread in between.
+/// Threads: construct it, destroy it and add servers on one thread; any thread may call ctx(), settings(),
+/// queue() and servers() in between.
 class ZmqSubsystem {
 public:
     /// `settings` may hold "relay_url", "relay_pub", "relay_sub" and "session_ttl"; they are read and never

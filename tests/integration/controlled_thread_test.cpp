@@ -20,7 +20,7 @@ protected:
 TEST_F(AControlledThread, HearsWhatItIsTold)
 {
     Journal heard;
-    thread.start([&] {
+    thread.start("tarn-test", [&] {
         zmq::socket_t socket(*runtime->ctx(), zmq::socket_type::sub);
         ASSERT_TRUE(connect_control(socket, thread.endpoint(), nullptr));
         for (;;) {
@@ -47,7 +47,7 @@ TEST_F(AControlledThread, EndsAtAnyTextThatItDoesNotKnow)
     for (const std::string text : {"", "terminate", "worker-listening "}) {
         ControlledThread other(runtime->ctx(), scratch_endpoint("inproc"));
         std::promise<void> ended;
-        other.start([&] {
+        other.start("tarn-test", [&] {
             zmq::socket_t socket(*runtime->ctx(), zmq::socket_type::sub);
             connect_control(socket, other.endpoint(), nullptr);
             EXPECT_EQ(receive_command(socket, nullptr), Command::Terminate);
@@ -63,7 +63,7 @@ TEST_F(AControlledThread, EndsAtAnyTextThatItDoesNotKnow)
 TEST_F(AControlledThread, IsStoppedAlsoIfItListensOnlyLongAfterTheWordWasSaid)
 {
     std::promise<void> go;
-    thread.start([&] {
+    thread.start("tarn-test", [&] {
         go.get_future().wait();
         zmq::socket_t socket(*runtime->ctx(), zmq::socket_type::sub);
         connect_control(socket, thread.endpoint(), nullptr);
@@ -80,7 +80,7 @@ TEST_F(AControlledThread, IsStoppedAlsoIfItsQueueIsFull)
     std::promise<void> connected;
     std::promise<void> go;
     std::atomic<int> updates{0};
-    thread.start([&] {
+    thread.start("tarn-test", [&] {
         zmq::socket_t socket(*runtime->ctx(), zmq::socket_type::sub);
         connect_control(socket, thread.endpoint(), nullptr);
         connected.set_value();
@@ -101,9 +101,20 @@ TEST_F(AControlledThread, IsStoppedAlsoIfItsQueueIsFull)
 TEST_F(AControlledThread, CanBeStoppedTwiceAndBeforeItStarted)
 {
     thread.stop();
-    thread.start([] {});
+    thread.start("tarn-test", [] {});
     thread.stop();
     thread.stop();
+}
+
+TEST_F(AControlledThread, HasItsNameAsFarAsTheSystemTakesIt)
+{
+    std::promise<std::string> name;
+    thread.start("tarn-test-of-a-long-name", [&] {
+        char text[16] = {};
+        pthread_getname_np(pthread_self(), text, sizeof text);
+        name.set_value(text);
+    });
+    EXPECT_EQ(name.get_future().get(), "tarn-test-of-a-");
 }
 
 TEST_F(AControlledThread, WhoseEndpointIsTakenIsNotMade)

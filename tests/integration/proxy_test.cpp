@@ -23,7 +23,7 @@ protected:
     /// Runs a proxy between two endpoints until it is told to end.
     void start(const std::shared_ptr<const slate::Uri>& front, const std::shared_ptr<const slate::Uri>& back)
     {
-        thread.start([this, front, back] {
+        thread.start("tarn-test", [this, front, back] {
             zmq::socket_t router(*runtime->ctx(), zmq::socket_type::router);
             zmq::socket_t dealer(*runtime->ctx(), zmq::socket_type::dealer);
             zmq::socket_t control(*runtime->ctx(), zmq::socket_type::sub);
@@ -137,7 +137,7 @@ TEST_F(AProxy, WaitsForItsWorkersAlsoForThoseThatGiveUp)
     std::atomic<int> begun{0};
     Workers workers;
     workers.start(
-        5, [&] { workers.report(begun++ < 3); }, nullptr);
+        5, "tarn-test", [&] { workers.report(begun++ < 3); }, nullptr);
     EXPECT_EQ(workers.wait_for_all(), 3u);
 }
 

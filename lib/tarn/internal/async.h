@@ -14,7 +14,7 @@ namespace tarn_internal {
 /// A function as a task for the work queue; see tarn::make_work. Its result is Success, and what the function
 /// throws ends up in `future`.
 ///
-/// Threads: may be made on any.
+/// Threads: any may construct one.
 class AsyncCallback : public slate::DeferredWork {
 public:
     explicit AsyncCallback(const std::function<void()>& function);
@@ -24,11 +24,11 @@ public:
 private:
     std::function<void()> function_;
 
-    /// The id of the next one. Ids are for logs, where a number of at least five digits is easily found.
+    /// The next id. Ids appear in logs, where a number of at least five digits is easy to find.
     static std::atomic<std::uint64_t> id_counter_;
 };
 
-/// The work queue of this process, which is built when it is first asked for. Null, with a warning in the
-/// log, without a ZmqSubsystem.
+/// The work queue of this process, which is created at first use. Null, with a warning in the log, without a
+/// ZmqSubsystem.
 std::shared_ptr<slate::Lazy<slate::Queue>> resolve_queue();
 } // namespace tarn_internal

@@ -229,7 +229,7 @@ void Envelope::set_param(const std::string& key, const std::string& value)
 
     auto* params = mutable_head()->mutable_params();
     if (KeyValue* entry = find_entry(*params, key)) {
-        // Not encoded, unlike a new one: peers rely on the difference.
+        // Not encoded, unlike a new one: applications rely on the difference.
         entry->set_value(value);
         return;
     }

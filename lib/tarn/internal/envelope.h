@@ -50,7 +50,7 @@ public:
     const Body& body() const;
     Body* mutable_body();
 
-    /// Whether there is a body that holds bytes or a text, if only an empty one: whether data() answers.
+    /// Whether data() has something to return: a body that holds bytes or a text, even an empty one.
     bool has_body() const;
 
     /// Unknown with no message. Throws for a `call`.
@@ -79,7 +79,7 @@ public:
     /// A new parameter is stored percent-encoded, while a value that replaces an old one is stored as it is.
     void set_param(const std::string& key, const std::string& value);
 
-    /// Whether a body of unknown format may be JSON or XML, at a glance.
+    /// Whether a body of unknown format may be JSON or XML, by its first and last bytes.
     bool maybe_json() const;
     bool maybe_xml() const;
 

@@ -16,6 +16,5 @@
 #include "tarn/internal/single_threaded_server.h"
 #include "tarn/internal/utils/parse.h"
 #include "tarn/internal/utils/parse_recipient.h"
-#include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/internal/utils/socket_ops.h"

@@ -24,7 +24,7 @@ class LookupTable {
 public:
     using Function = std::function<void(tarn::Message&)>;
 
-    /// Throws Exception for a slot that is taken. From N up nothing is checked: of two functions of a number
+    /// Throws Exception for a slot that is in use. From N up nothing is checked: of two functions of a number
     /// the first one counts, until it is deleted.
     void add(unsigned int number, const Function& function)
     {
@@ -48,7 +48,7 @@ public:
         return entry == overflow.end() ? Function() : entry->second;
     }
 
-    /// Deletes the function that find() gives, and hands it over; an unknown number is ignored.
+    /// Removes the function that find() gives, and returns it; unknown numbers are ignored.
     Function del(unsigned int number)
     {
         if (number < N)

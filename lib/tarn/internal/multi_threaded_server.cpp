@@ -56,10 +56,10 @@ void MultiThreadedServer::stop()
 
 void MultiThreadedServer::start()
 {
-    router_.start([this] { listen_router(); });
+    router_.start("tarn-front", [this] { listen_router(); });
     if (pubsub_uri_) {
         pubsub_ = std::make_unique<ControlledThread>(context_, inproc("sub", uuid_));
-        pubsub_->start([this] { listen_pubsub(); });
+        pubsub_->start("tarn-changes", [this] { listen_pubsub(); });
     }
     const auto say = [this] {
         if (pubsub_)
@@ -91,7 +91,7 @@ void MultiThreadedServer::listen_router()
         bind_endpoints(front, uris_, "rx", provider_) && bind_dealer(back, *dealer_uri_, provider_)) {
         Workers workers;
         workers.start(
-            worker_count_, [&] { worker_entry(workers); }, provider_);
+            worker_count_, "tarn-worker", [&] { worker_entry(workers); }, provider_);
         if (workers.wait_for_all() > 0) {
             router_listening_.set();
             run_proxy(front, back, control, "request router", provider_);

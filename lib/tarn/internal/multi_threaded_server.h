@@ -10,12 +10,12 @@
 namespace tarn_internal {
 class Workers;
 
-/// A server with many threads: a router thread hands requests to workers, in turn, busy or not, and a thread
-/// of its own hears published changes. Handlers of different routes run side by side, those of one route one
-/// at a time.
+/// A server with many threads: a router thread passes requests to workers, in turn, busy or not, and a
+/// separate thread receives published changes. Handlers of different routes run side by side, those of one
+/// route one at a time.
 ///
-/// A slow route holds one worker; further requests for it wait on its mutex, each holding a worker of its
-/// own, and requests for other routes that are handed to such a worker wait behind it.
+/// A slow route occupies one worker; further requests for it wait on its mutex, each occupying another
+/// worker, and requests for other routes that are passed to such a worker wait behind it.
 class MultiThreadedServer : public ServerBase {
 public:
     /// As SingleThreadedServer, with at least two `workers`.
@@ -50,7 +50,7 @@ private:
     ControlledThread router_;
 };
 
-/// As make_server, with a number of the caller's own for the server's provider "zmq.server". Null, with an
+/// As make_server; `id` is the instance of the server's provider "zmq.server". Null, with an
 /// error in the log, for less than two workers.
 [[nodiscard]] std::shared_ptr<Server> make_multi_threaded_server(
     int id, unsigned long workers, const std::shared_ptr<const slate::Dictionary>& settings,

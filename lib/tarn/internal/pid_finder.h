@@ -4,14 +4,14 @@
 #include <memory>
 
 namespace tarn_internal {
-/// Says which process a message factory speaks for; put in another to report another identity.
+/// Gives the process id that a message factory writes into messages; another finder reports another identity.
 class PidFinder {
 public:
     virtual ~PidFinder() = default;
     virtual int my_pid() const = 0;
 };
 
-/// The process that asks.
+/// The id of the calling process.
 class PidFinderLinux : public PidFinder {
 public:
     int my_pid() const override;

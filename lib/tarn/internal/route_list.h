@@ -19,8 +19,8 @@ namespace tarn_internal {
 /// side, and so do the handlers of different routes, while the handlers of one route run one at a time.
 ///
 /// Locks: `lock` over the list, then a route's mutex. While a handler runs, only its route's mutex is held,
-/// so it may add, delete and clear routes, its own included. What is locked while the list changes is the
-/// index route's own entry, wherever it stands, as the index reads what changes; it changes no routes itself.
+/// so it may add, delete and clear routes, its own included. A change of the list also locks the index
+/// route's entry, wherever it stands, because the index reads the list.
 class RouteList {
 public:
     using Handler = std::function<void(const std::shared_ptr<Route>&)>;
@@ -42,7 +42,7 @@ public:
     /// The topics of all patterns: what a server has to subscribe to.
     std::set<std::string> topics() const;
 
-    /// False, with an error in the log, for a name that is taken and for null.
+    /// False, with an error in the log, for a name that is in use and for null.
     bool add(const std::shared_ptr<Route>& route);
     void del(const std::string& name);
     /// Calls neither `on_add` nor `on_del`: subscriptions stay as they were until the next add or del.
@@ -61,8 +61,20 @@ private:
     // Shared, so that an entry outlives its removal while its handler runs.
     using Entry = std::shared_ptr<LockableRoute>;
 
+    /// For a change of the list: keeps out lookups, and further ones from beginning.
+    struct ChangeLock {
+        explicit ChangeLock(const RouteList& list) : gate(list.gate_), lock(list.lock_) {}
+
+        const std::lock_guard<std::mutex> gate;
+        const std::lock_guard<std::shared_mutex> lock;
+    };
+    /// For a lookup.
+    std::shared_lock<std::shared_mutex> lock_for_lookup() const;
     void update_index(const std::function<void()>& then);
 
+    // Changes hold the gate while they wait for the lock, and lookups pass it: the lock alone prefers
+    // lookups, and a change would wait for as long as any of them overlap.
+    mutable std::mutex gate_;
     mutable std::shared_mutex lock_; // guards routes_
     const std::vector<Endpoint> uris_;
     const std::shared_ptr<const slate::Dictionary> settings_;

@@ -51,7 +51,7 @@ TransferBuffer::~TransferBuffer()
 
 void TransferBuffer::flush() const
 {
-    // Whether it worked shows when the file is opened.
+    // A failure shows when the file is opened.
     std::error_code ignored;
     std::filesystem::create_directories(path.path.parent_path(), ignored);
 
@@ -68,7 +68,7 @@ void TransferBuffer::flush() const
 
 void TransferBuffer::read(std::string* out) const
 {
-    std::error_code ignored; // a file that can't be looked for was never made
+    std::error_code ignored; // a file whose status can't be read was never created
     if (!std::filesystem::exists(path.path, ignored)) {
         out->swap(data);
         data.clear();
@@ -110,7 +110,7 @@ void WriteSession::append(const std::string& data, std::optional<std::uint32_t> 
 
 std::string to_string(const WriteSession& session)
 {
-    // The expiry under the name of a path: kept, as logs have always had it.
+    // Prints the expiry under the name "path": kept, because log readers know it so.
     return "WriteSession { id: " + session.id + ", path: " + session.expires.to_string(0) + " }";
 }
 } // namespace tarn_internal

@@ -22,20 +22,19 @@ class Provider;
 }
 
 namespace tarn_internal {
-/// The name of a temporary file; nothing is created. The file is hidden, and its name ends in a UUID.
+/// A name for a temporary file; it creates no file. The name is hidden and ends in a UUID.
 struct TemporaryPath {
-    /// In the system's folder for temporary files.
+    /// In the system's temporary directory.
     TemporaryPath();
-    /// Beside `destination`, and named after it. Throws Exception if that is a relative path or a hidden
-    /// file.
+    /// Beside `destination`, and named after it. Throws Exception for a relative path and for a hidden file.
     explicit TemporaryPath(const std::filesystem::path& destination);
 
     std::string prefix;
     std::filesystem::path path;
 };
 
-/// The data of one transfer: in memory at first, and beyond max_data_in_memory in a temporary file, which
-/// goes with the buffer.
+/// The data of one transfer: in memory at first, and beyond max_data_in_memory in a temporary file, which the
+/// destructor removes.
 struct TransferBuffer {
     static constexpr std::size_t max_data_in_memory = 10485760;
 
@@ -46,13 +45,13 @@ struct TransferBuffer {
 
     /// Appends `data` to the file and empties it. Throws Exception if the file can't be opened or written.
     void flush() const;
-    /// Hands all data over: what never was in a file, without a copy.
+    /// Moves all data out; data that never was in a file isn't copied.
     void read(std::string* out) const;
 
-    /// Reserved in full at first, which costs address space only: memory that was never written isn't there.
+    /// Reserved in full at first, which costs only address space until memory is written.
     mutable std::string data;
     TemporaryPath path;
-    /// Leaves the file when the buffer goes.
+    /// Makes the destructor leave the file.
     bool keep_file = false;
 };
 
@@ -75,7 +74,7 @@ std::string to_string(const WriteSession& session);
 
 /// The transfers of one server, the oldest first.
 ///
-/// Threads: any. A session that one thread works on outlives its removal by another; whoever changes one
+/// Threads: any. A session that one thread uses outlives its removal by another; a thread that changes one
 /// holds the mutex of its entry. No lock of the list is held while a file is written or removed.
 template <class Session>
 class SessionList {
@@ -104,8 +103,8 @@ public:
         return found == sessions_.end() ? nullptr : *found;
     }
 
-    /// Adds a session whose file lies in the system's folder for temporary files, or beside `destination`.
-    /// Null if there is one of that id: of two that open a transfer at once, one is too late.
+    /// Adds a session whose file lies in the system's temporary directory, or beside `destination`. Null
+    /// if a session of that id exists: of two threads that open a transfer at once, one is too late.
     Handle add(std::string id, slate::Duration expires)
     {
         return add(std::make_shared<Entry>(std::move(id), expires, TemporaryPath()));
@@ -121,8 +120,8 @@ public:
         entry.session.expires = expires;
     }
 
-    /// For the log. Another thread may move the expiry meanwhile, if a peer sends chunks of one transfer side
-    /// by side.
+    /// For the log. Takes the lock, because another thread may change the expiry if a peer sends chunks of
+    /// one transfer side by side.
     std::string to_text(const Entry& entry) const
     {
         const std::lock_guard lock(mutex_);

@@ -61,7 +61,7 @@ SingleThreadedServer::~SingleThreadedServer()
 
 void SingleThreadedServer::start()
 {
-    listener_.start([this] { listen(); });
+    listener_.start("tarn-server", [this] { listen(); });
     const auto say = [this] { (void)listener_.send(worker_listening); };
     const auto wait = [this](const slate::Duration& time) { return listening_.wait(time); };
     if (!wait_until_listening(say, wait))

@@ -10,7 +10,7 @@ namespace tarn_internal {
 /// A server with one thread, the listener, which runs all handlers, one at a time.
 ///
 /// In each pass the listener serves its control channel, then one published change, then one request. With
-/// neither endpoints nor a relay to hear it waits for its end.
+/// neither endpoints nor a relay endpoint it only waits for its end.
 class SingleThreadedServer : public ServerBase {
 public:
     /// Runs when this returns, unless an endpoint can't be bound or connected, which is logged. `pubsub_uri`,
@@ -20,7 +20,7 @@ public:
                          std::shared_ptr<const slate::Dictionary> settings, std::vector<Endpoint> uris,
                          const std::shared_ptr<MessageFactory>& factory, Endpoint pubsub_uri,
                          const std::vector<std::shared_ptr<Route>>& routes = {});
-    /// Stops the listener after the request in hand, and removes the socket files.
+    /// Stops the listener after the current request, and removes the socket files.
     ~SingleThreadedServer() override;
 
 private:
@@ -39,7 +39,7 @@ private:
     ControlledThread listener_; // last, as it uses all of the above
 };
 
-/// As make_server, with a number of the caller's own for the server's provider "zmq.server".
+/// As make_server; `id` is the instance of the server's provider "zmq.server".
 [[nodiscard]] std::shared_ptr<Server> make_single_threaded_server(
     int id, const std::shared_ptr<const slate::Dictionary>& settings, const std::vector<Endpoint>& endpoints,
     const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory(),

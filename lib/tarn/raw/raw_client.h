@@ -12,10 +12,10 @@
 #include "tarn/types.h"
 
 namespace tarn {
-/// A Client for those who build their own messages: it has no verbs, paths and headers, and writes the answer
-/// over the request. Waiting, retries and lifetime are those of Client.
+/// A Client for callers that build their own messages: it has no verbs, paths and headers, and writes the
+/// reply over the request. Waiting, retries and lifetime are those of Client.
 ///
-/// Threads: may be shared, and requests go one at a time; the message that is under way may not.
+/// Threads: may be shared, and requests go one at a time; the message of a call must not be shared.
 class RawClient {
 public:
     virtual ~RawClient() = default;
@@ -29,15 +29,15 @@ public:
     /// as it was sent, and can be sent again.
     ///
     /// Returns the reply's status: also that of a server's failure, whose text and body are lost; 408 if
-    /// there was no answer in time or the socket failed; UnknownStatus if what came is no message, or none
-    /// with a status.
+    /// there was no answer in time or the socket failed; UnknownStatus for a frame that doesn't parse and for
+    /// a message without a status.
     [[nodiscard]] virtual Status visit(Message& message,
                                        const slate::Duration& timeout = default_timeout()) = 0;
 };
 
 /// A raw client of the server at `endpoint`, or at an ipc socket's path. `retries` is how many further waits
 /// follow the first one. Without `factory` the client makes one. Null, with an error in the log, without a
-/// ZmqSubsystem or for no valid endpoint. Throws zmq::error_t if the socket can't be made.
+/// ZmqSubsystem or for an endpoint that is not valid. Throws zmq::error_t if the socket can't be made.
 [[nodiscard]] std::shared_ptr<RawClient> make_raw_client(
     const Endpoint& endpoint, unsigned int retries = default_retries(),
     const std::shared_ptr<MessageFactory>& factory = nullptr);

@@ -14,15 +14,14 @@ template <class T>
 using ValueSetter = std::function<void(Context&, T)>;
 using ValueDeleter = std::function<void(Context&)>;
 
-/// A route for one value that lives wherever the application keeps it: GET answers its text, PUT and POST
-/// read a text and hand the value over, DELETE asks for its removal.
+/// A route for one value that the application keeps: GET answers with its text, PUT and POST parse a text and
+/// set the value, DELETE removes it.
 ///
-/// The text of a body is read by slate::try_parse, whole and untrimmed; what it refuses is answered with
-/// status 400. Any of the functions may be empty if the route never needs it; one that is needed throws
-/// std::bad_function_call. They run like handlers of Route: one at a time, but beside the application's
-/// threads.
+/// slate::try_parse reads the body's text, whole and untrimmed; a text that it refuses gives status 400. A
+/// function may be empty if the route never needs it; otherwise its call throws std::bad_function_call. The
+/// functions run like handlers of Route: one at a time, but beside the application's threads.
 ///
-/// Exists for the eight types of the functions below.
+/// It is instantiated for the eight types of the functions below.
 template <class T>
 class BasicRoute : public Route {
 public:

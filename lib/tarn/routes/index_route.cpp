@@ -51,15 +51,14 @@ std::string to_text(const RoutingDetails& details)
     });
 }
 
-/// The flag "complete", whatever the case of its name: of a header, which is the stronger, or else of a
-/// parameter.
+/// The flag "complete", whatever the case of its name: that of a header, or else that of a parameter.
 bool wants_complete(const Context& context)
 {
     static constexpr std::string_view key = "complete";
 
     const Head* head = context.request.message ? tarn_internal::find_head(*context.request.message) : nullptr;
     if (head) {
-        // Of several headers the last one counts, as it does in the dictionary.
+        // Of several headers the last one counts, as in the dictionary.
         const auto header =
             std::find_if(head->headers().rbegin(), head->headers().rend(),
                          [](const KeyValue& entry) { return slate::equals_ignoring_case(entry.key(), key); });

@@ -9,20 +9,20 @@
 #include "tarn/route.h"
 
 namespace tarn {
-/// Renders a list of routes in the format that a request wants.
+/// Renders a list of routes in the format that a request prefers.
 class IndexRouteBase : public Route {
 public:
     using Route::Route;
 
-    /// JSON, protobuf (for `Proto` and `Bin`) or text for people, whichever the request wants most; text if
-    /// it wants none of them. Each line of the text has access, methods and pattern, ordered by pattern.
+    /// As JSON, protobuf (for `Proto` and `Bin`) or text, whichever the request prefers; as text if it names
+    /// none of them. Each line of the text has access, methods and pattern, sorted by pattern.
     static void render(Context& context, RoutingDetails details);
 };
 
-/// What every server answers at "/index": its own routes, private ones included.
+/// The route "/index" of every server: lists the server's routes, private ones included.
 ///
-/// With the parameter or header "complete" set to true, whatever its case, patterns are replaced by paths
-/// that need no variables, and those that have none are left out.
+/// With the parameter or header "complete" set to true, whatever its case, it lists paths that need no
+/// variables in place of patterns, and leaves out patterns that have no such path.
 ///
 /// Threads: init() may run beside get().
 class IndexRoute : public IndexRouteBase {

@@ -7,7 +7,7 @@
 
 namespace tarn {
 namespace {
-// All that the stores have.
+// The only revision that the stores keep.
 constexpr long current_revision = 0;
 } // namespace
 

@@ -11,19 +11,19 @@
 #include "tarn/storage/memory_store.h"
 
 namespace tarn {
-/// One string in a file and in memory: read from memory, and written through to the file like that of a
-/// FileStore. The file is read once, by the constructor; what others do to it later is not seen.
+/// One string in a file and in memory: reads come from memory, and writes go through to the file, as those of
+/// a FileStore do. Only the constructor reads the file; later changes by other programs are not seen.
 ///
-/// A write or erase that fails leaves memory as it was, and passes the failure on. If only the last step of a
-/// write fails, the sync of its folder, the file has the new content all the same. MemoryStore and FileStore
-/// have the same operations.
+/// A write or erase that fails leaves memory as it was, and throws. If only the last step of a write fails,
+/// the sync of its directory, the file has the new content nevertheless. MemoryStore and FileStore have the
+/// same operations.
 ///
-/// One revision is kept: the `revision` of read and exists, and the policy of erase, make no difference.
+/// One revision is kept: the `revision` of read and exists, and the policy of erase, are ignored.
 ///
 /// Threads: one at a time, for read too.
 class CachedFileStore {
 public:
-    /// Throws what FileStore does, and std::filesystem::filesystem_error if there is a file that can't be
+    /// Throws what FileStore throws, and std::filesystem::filesystem_error if the file exists and can't be
     /// read.
     CachedFileStore(const std::filesystem::path& path, const std::shared_ptr<slate::Provider>& provider);
 

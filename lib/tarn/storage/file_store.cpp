@@ -43,7 +43,7 @@ bool FileStore::exists(long /*revision*/) const
 
 void FileStore::erase(PurgePolicy /*policy*/)
 {
-    slate::remove_powersafe_leftover(path_); // what is erased must not live on in half a write
+    slate::remove_powersafe_leftover(path_); // erased data must not survive in an unfinished write
     std::filesystem::remove(path_);
 }
 } // namespace tarn

@@ -17,31 +17,30 @@ namespace tarn {
 /// content or the new, whole; see slate::powersafe_write. MemoryStore and CachedFileStore have the same
 /// operations.
 ///
-/// One revision is kept: the `revision` of read and exists, and the policy of erase, make no difference.
+/// One revision is kept: the `revision` of read and exists, and the policy of erase, are ignored.
 ///
-/// Errors: whatever the file system refuses passes out as std::filesystem::filesystem_error, with path and
-/// reason.
+/// Errors: failures of the file system throw std::filesystem::filesystem_error, with path and reason.
 ///
-/// A write may fail at its very end, when its folder can't be synced; the new content is in place then.
+/// If a write fails in its last step, the sync of its directory, the new content is in place nevertheless.
 ///
-/// Threads: one at a time. Processes that share a file see each other's writes, whole; nothing keeps the
-/// write of one from undoing that of another.
+/// Threads: one at a time. Processes that share a file see each other's complete writes, but nothing keeps
+/// the write of one from undoing that of another.
 class FileStore {
 public:
-    /// The file need not exist; `path` needs a folder in it to be written, which need not exist either:
-    /// "./file", not "file", which fails at each write. Throws Exception for an empty path, that of a
-    /// directory, and a null provider.
+    /// Neither the file nor its directory need exist. `path` needs a directory part to be written: "./file",
+    /// not "file", with which each write fails. Throws Exception for an empty path, for that of a directory,
+    /// and for a null provider.
     FileStore(const std::filesystem::path& path, const std::shared_ptr<slate::Provider>& provider);
 
     /// The file's bytes; none if there is no file. An empty file is an empty value.
     std::optional<std::string> read(long revision) const;
-    /// Makes the folder first, if there is none. Blocks until the bytes are on the disk; a power cut soon
-    /// after may still take away a folder that was just made, with the file.
+    /// Creates the directory if it doesn't exist. Blocks until the bytes are on the disk; a power cut soon
+    /// after may still remove a directory that was just created, with the file.
     void write(const std::string& data);
-    /// Whether anything has that path, be it a directory that was made since.
+    /// Whether the path exists, even as a directory that was created since.
     bool exists(long revision) const;
-    /// A missing file is fine. Takes along what a killed writer left beside it. Doesn't wait for the disk: a
-    /// power cut soon after may bring the file back.
+    /// A missing file is no error. Also removes what a killed writer left beside it. Doesn't wait for the
+    /// disk: a power cut soon after may bring the file back.
     void erase(PurgePolicy policy);
 
 private:

@@ -34,8 +34,8 @@ std::optional<std::string> MemoryStore::read(long /*revision*/) const
 
 void MemoryStore::write(const std::string& data)
 {
-    // A copy of its own, so that the old value stays if there is no memory for the new one, and goes with all
-    // of its memory if there is.
+    // Copied first, so that the old value stays if there is no memory for the new one, and its memory is
+    // freed if there is.
     value_ = std::string(data);
 }
 

@@ -15,29 +15,28 @@ class Provider;
 namespace tarn {
 /// One string in memory. FileStore and CachedFileStore have the same operations.
 ///
-/// One revision is kept: the `revision` of read and exists, and the policy of erase, make no difference.
+/// One revision is kept: the `revision` of read and exists, and the policy of erase, are ignored.
 ///
-/// Beware of an initial value: it waits for the first read, and only a read takes it over. Until then write
-/// and erase leave it waiting, so that the next read brings it back in place of what was written or erased.
-/// Read first if there is one.
+/// Beware of an initial value: only a read takes it over. Until then write and erase don't touch it, so the
+/// next read returns it in place of what was written or erased. Read first if there is one.
 ///
 /// Threads: one at a time, for read too.
 class MemoryStore {
 public:
-    /// `provider` may be null; it is kept, and nothing is logged. The path is for symmetry with the other
-    /// stores, and makes no difference.
+    /// `provider` may be null; nothing is logged through it. The path is ignored; it is there for symmetry
+    /// with the other stores.
     explicit MemoryStore(std::shared_ptr<slate::Provider> provider);
     MemoryStore(const std::filesystem::path& path, std::shared_ptr<slate::Provider> provider);
     MemoryStore(const std::filesystem::path& path, std::shared_ptr<slate::Provider> provider,
                 std::string initial);
 
-    /// Takes over the initial value, if it still waits, in place of the current one.
+    /// Makes the initial value the current one, if it was not taken over yet.
     void lazy_load() const;
 
     /// The value; none if there is none.
     std::optional<std::string> read(long revision) const;
     void write(const std::string& data);
-    /// Whether there is a value, be it one that still waits.
+    /// Whether there is a value, initial or current.
     bool exists(long revision) const;
     void erase(PurgePolicy policy);
 

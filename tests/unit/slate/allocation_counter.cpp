@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "allocation_counter.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 

@@ -3,6 +3,6 @@
 
 #include <cstddef>
 
-/// How many times this thread has allocated memory with new. Works in each program that is linked with the
-/// .cpp, which is a file of its own since a compiler that sees both sides inlined takes them for a mismatch.
+/// How many times this thread has allocated memory with new. The operators are in a .cpp of their own: a
+/// compiler that inlines them into a test warns of memory from malloc that delete frees.
 std::size_t allocations();

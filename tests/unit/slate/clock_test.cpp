@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "slate/duration.h"
+
 namespace {
 constexpr unsigned long greatest = std::numeric_limits<unsigned long>::max();
 
@@ -17,7 +19,7 @@ slate::Duration since_boot()
     return slate::Seconds(now.tv_sec) + slate::Nanoseconds(now.tv_nsec);
 }
 
-TEST(Clock, CountsTheTimeSinceItWasMadeOnTheClockThatGoesOnInSleep)
+TEST(Clock, CountsTheTimeSinceItWasMadeIncludingSleep)
 {
     const auto factory = slate::make_clock_factory();
     const auto before_making = since_boot();
@@ -43,7 +45,7 @@ TEST(Clock, NeverGoesBack)
     }
 }
 
-TEST(Clock, StartsAnewForEachClockOfTheFactory)
+TEST(Clock, IsMadeAnewByEachCallOfTheFactory)
 {
     const auto factory = slate::make_clock_factory();
 
@@ -61,7 +63,7 @@ TEST(ClockTicks, BecomeADuration)
               slate::Seconds(9'000'000'000));
 }
 
-TEST(ClockTicks, SaturateWhereTheyDontFit)
+TEST(ClockTicks, SaturateOutsideTheRange)
 {
     EXPECT_EQ(slate::clock_ticks_to_duration(greatest, 1).to_nanoseconds(),
               std::numeric_limits<std::int64_t>::max());
@@ -69,7 +71,7 @@ TEST(ClockTicks, SaturateWhereTheyDontFit)
     EXPECT_EQ(slate::clock_ticks_to_duration(greatest, greatest), slate::Seconds(1));
 }
 
-TEST(ClockTicks, OfNoFrequencyAreNotInitialized)
+TEST(ClockTicks, AreNotInitializedAtAFrequencyOfZero)
 {
     EXPECT_TRUE(slate::clock_ticks_to_duration(1, 0).is_not_initialized());
 }

@@ -98,7 +98,7 @@ TEST(Dictionary, StoresTheDecimalTextOfANumber)
     EXPECT_EQ(dictionary->get("float", ""), "1e+06");
 }
 
-TEST(Dictionary, TakesALiteralForTextAndAFlagForAFlag)
+TEST(Dictionary, TreatsALiteralAsTextAndAFlagAsAFlag)
 {
     const auto dictionary = slate::make_dictionary();
 
@@ -126,7 +126,7 @@ TEST(Dictionary, ReadsAFlag)
     }
 }
 
-/// The type of what get() returns for a default of type `T`.
+/// What get() returns for a default of type `T`.
 template <class T>
 using Got = decltype(std::declval<const slate::Dictionary&>().get("key", std::declval<T>()));
 
@@ -160,7 +160,7 @@ TEST(Dictionary, ReadsANumberOfTheDefaultsType)
     EXPECT_EQ(dictionary->get("byte", std::uint8_t{0}), 200);
 }
 
-TEST(Dictionary, GivesTheDefaultForWhatIsNoSuchNumber)
+TEST(Dictionary, GivesTheDefaultIfTheValueIsNoSuchNumber)
 {
     const auto dictionary = slate::make_dictionary({{"empty", ""},
                                                     {"text", "five"},
@@ -224,7 +224,7 @@ TEST(Dictionary, KeepsTheLaterOfTwoEqualKeys)
     EXPECT_EQ(dictionary->get("a", ""), "3");
 }
 
-TEST(Dictionary, ForgetsAKeyThatIsRemovedAndIgnoresAnUnknownOne)
+TEST(Dictionary, RemovesAKeyAndIgnoresAnUnknownOne)
 {
     const auto dictionary = slate::make_dictionary();
     dictionary->set("a", "1");

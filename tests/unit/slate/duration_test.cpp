@@ -46,7 +46,7 @@ const Duration infinity = Duration::positive_infinity();
 const Duration longest = nanoseconds(most);
 const Duration shortest = nanoseconds(least);
 
-/// Parses with a default that no row of the tables below has.
+/// Reads a text, with a default that is in none of the tables below.
 Duration read(std::string_view text)
 {
     return Duration::from(text, Nanoseconds(-987654321));
@@ -88,7 +88,7 @@ TEST(Duration, IsMadeFromWholeUnits)
     EXPECT_EQ(Minutes(5).to_nanoseconds(), 300'000'000'000);
 }
 
-TEST(Duration, SaturatesInTheMaking)
+TEST(Duration, SaturatesWhenItIsMade)
 {
     constexpr auto longest_count = std::numeric_limits<long>::max();
     constexpr auto least_count = std::numeric_limits<long>::min();
@@ -108,11 +108,11 @@ TEST(Duration, IsMadeFromFractionsOfUnits)
     EXPECT_EQ(Seconds(0.5), Milliseconds(500));
     EXPECT_EQ(Seconds(-0.25f), Milliseconds(-250));
     EXPECT_EQ(Seconds(1e-3L), Milliseconds(1));
-    EXPECT_EQ(Seconds(0.1), Milliseconds(100)); // which no binary fraction is
+    EXPECT_EQ(Seconds(0.1), Milliseconds(100)); // though no binary fraction is 0.1
     EXPECT_EQ(Milliseconds(2.5), Microseconds(2500));
     EXPECT_EQ(Microseconds(0.125), Nanoseconds(125));
     EXPECT_EQ(Minutes(1.5), Seconds(90));
-    EXPECT_EQ(Minutes(0.1f), Nanoseconds(6'000'000'089)); // the float is a little more than a tenth
+    EXPECT_EQ(Minutes(0.1f), Nanoseconds(6'000'000'089)); // the float is slightly more than 0.1
 }
 
 TEST(Duration, RoundsFractionsToTheNearestNanosecond)
@@ -127,7 +127,7 @@ TEST(Duration, RoundsFractionsToTheNearestNanosecond)
     EXPECT_EQ(Seconds(1e-10), Nanoseconds(0));
 }
 
-TEST(Duration, SaturatesInTheMakingFromFractionsToo)
+TEST(Duration, SaturatesWhenItIsMadeFromFractions)
 {
     for (const auto& made :
          {Nanoseconds(9223372036854775808.0), Nanoseconds(1e300), Microseconds(1e16), Milliseconds(1e300),
@@ -138,30 +138,31 @@ TEST(Duration, SaturatesInTheMakingFromFractionsToo)
                              Seconds(std::numeric_limits<double>::lowest()),
                              Minutes(std::numeric_limits<long double>::lowest())})
         EXPECT_EQ(made, shortest);
-    EXPECT_EQ(Nanoseconds(9223372036854774784.0), nanoseconds(9223372036854774784)); // next to the end
+    EXPECT_EQ(Nanoseconds(9223372036854774784.0),
+              nanoseconds(9223372036854774784)); // the last double in range
 }
 
 template <class T>
-class Infinity : public testing::Test {
+class FloatingPointCount : public testing::Test {
 };
 using FloatingPoints = testing::Types<float, double, long double>;
-TYPED_TEST_SUITE(Infinity, FloatingPoints);
+TYPED_TEST_SUITE(FloatingPointCount, FloatingPoints);
 
-TYPED_TEST(Infinity, OfANumberIsThatOfADuration)
+TYPED_TEST(FloatingPointCount, BecomesAnInfiniteOrUninitializedDurationIfItIsNotFinite)
 {
-    constexpr auto endless = std::numeric_limits<TypeParam>::infinity();
-    constexpr auto no_number = std::numeric_limits<TypeParam>::quiet_NaN();
+    constexpr auto infinite = std::numeric_limits<TypeParam>::infinity();
+    constexpr auto nan = std::numeric_limits<TypeParam>::quiet_NaN();
 
-    EXPECT_EQ(Seconds(endless), infinity);
-    EXPECT_EQ(Nanoseconds(endless), infinity);
-    EXPECT_EQ(Seconds(-endless), shortest); // there is no negative infinity
-    EXPECT_EQ(Seconds(no_number), uninitialized);
-    EXPECT_EQ(Seconds(-no_number), uninitialized);
-    EXPECT_EQ(Duration(std::chrono::duration<TypeParam, std::ratio<3600>>(endless)), infinity);
-    EXPECT_EQ(Duration(std::chrono::duration<TypeParam, std::pico>(no_number)), uninitialized);
+    EXPECT_EQ(Seconds(infinite), infinity);
+    EXPECT_EQ(Nanoseconds(infinite), infinity);
+    EXPECT_EQ(Seconds(-infinite), shortest); // there is no negative infinity
+    EXPECT_EQ(Seconds(nan), uninitialized);
+    EXPECT_EQ(Seconds(-nan), uninitialized);
+    EXPECT_EQ(Duration(std::chrono::duration<TypeParam, std::ratio<3600>>(infinite)), infinity);
+    EXPECT_EQ(Duration(std::chrono::duration<TypeParam, std::pico>(nan)), uninitialized);
 }
 
-TEST(Duration, IsMadeFromWholeNumbersThatTheParameterCannotHold)
+TEST(Duration, IsMadeFromIntegersOfAnyType)
 {
     constexpr auto beyond_int = std::int64_t{1} << 32;
 
@@ -175,7 +176,7 @@ TEST(Duration, IsMadeFromWholeNumbersThatTheParameterCannotHold)
     EXPECT_EQ(Milliseconds(5ull), Milliseconds(5));
 }
 
-// Whole numbers that fit go to the functions that always took them, and nothing else became a count.
+// Integers that fit still go to the functions without a template, and nothing but numbers is a count.
 static_assert(!slate::TickCountBeyond<bool, long>);
 static_assert(!slate::TickCountBeyond<short, int>);
 static_assert(!slate::TickCountBeyond<int, int>);
@@ -235,7 +236,7 @@ TEST(Duration, SaturatesWithDurationsOfTheStandardLibrary)
     EXPECT_EQ(Duration(Exaseconds(most)), longest);
     EXPECT_EQ(Duration(Exaseconds(least)), shortest);
     EXPECT_EQ(Duration(Exaseconds(0)), Seconds(0));
-    // In nanoseconds these would wrap around even in 128 bits, into the opposite sign.
+    // In nanoseconds these would overflow even 128 bits, and change their sign.
     EXPECT_EQ(Duration(Exaseconds(200'000'000'000)), longest);
     EXPECT_EQ(Duration(Exaseconds(-200'000'000'000)), shortest);
     EXPECT_EQ(Duration(Odd(std::numeric_limits<std::uint64_t>::max())), longest);
@@ -309,7 +310,7 @@ TEST(Duration, CountsWholeUnitsRoundedTowardZero)
     EXPECT_EQ(infinity.to_nanoseconds(), most);
 }
 
-TEST(Duration, OrdersUninitializedBeforeAllAndInfinityBehind)
+TEST(Duration, OrdersUninitializedFirstAndInfinityLast)
 {
     const std::vector<Duration> ascending{uninitialized,  shortest,        Nanoseconds(-1), Nanoseconds(0),
                                           Nanoseconds(1), Milliseconds(1), longest,         infinity};
@@ -387,7 +388,7 @@ const std::vector<Text> texts{
     {uninitialized, "uninitialized"},
 };
 
-TEST(Duration, PrintsTheUnitThatSuitsIt)
+TEST(Duration, PrintsItselfInTheUnitThatSuitsIt)
 {
     for (const auto& row : texts)
         EXPECT_EQ(row.value.to_string(), row.text);
@@ -405,7 +406,7 @@ TEST(Duration, ReadsBackWhatItPrints)
     }
 }
 
-TEST(Duration, ParsesTextOrTellsThatItCannot)
+TEST(Duration, ParsesTextOrReturnsNothing)
 {
     EXPECT_EQ(Duration::parse("250ms"), Milliseconds(250));
     EXPECT_EQ(Duration::parse("inf"), infinity);
@@ -414,7 +415,7 @@ TEST(Duration, ParsesTextOrTellsThatItCannot)
     EXPECT_EQ(Duration::parse("1"), std::nullopt);
     EXPECT_EQ(Duration::parse(""), std::nullopt);
 
-    const auto parsed = Duration::parse("uninitialized"); // which is a text like the others
+    const auto parsed = Duration::parse("uninitialized"); // a valid text, as to_string() writes it
     ASSERT_TRUE(parsed.has_value());
     EXPECT_TRUE(parsed->is_not_initialized());
     EXPECT_TRUE(Duration::from("uninitialized", Seconds(1)).is_not_initialized());
@@ -450,7 +451,7 @@ TEST(Duration, ReadsEveryUnitAndSign)
         EXPECT_EQ(read(row.text), row.value) << row.text;
 }
 
-TEST(Duration, RefusesWhatIsNoDuration)
+TEST(Duration, RefusesTextThatIsNoDuration)
 {
     const std::vector<std::string> rows{
         "",
@@ -507,7 +508,7 @@ TEST(Duration, RefusesWhatIsNoDuration)
         EXPECT_TRUE(is_refused(text)) << text;
 }
 
-TEST(Duration, RefusesWhatHasNoExactValueInRange)
+TEST(Duration, RefusesTextWithoutAnExactValueInRange)
 {
     const std::vector<std::string> rows{
         "0.5ns",
@@ -558,7 +559,7 @@ TEST(Duration, RoundsToTheDecimalsAskedFor)
         {Nanoseconds(1'234), 3, "1.234us"},
         {Minutes(15), 1, "15min"},
         {Seconds(0), 1, "0s"},
-        {longest, 1, "9223372036.8s"}, // half away from zero would leave the range
+        {longest, 1, "9223372036.8s"}, // rounded up, it would exceed the range
         {longest, 2, "9223372036.85s"},
         {shortest, 1, "-9223372036.8s"},
         {infinity, 1, "inf"},
@@ -571,7 +572,7 @@ TEST(Duration, RoundsToTheDecimalsAskedFor)
     }
 }
 
-TEST(Duration, PrintsNoMoreThanTheRoundedValueOnceRead)
+TEST(Duration, PrintsTheSameAgainOnceItsRoundedTextIsRead)
 {
     std::mt19937_64 random(42);
     for (int i = 0; i < 20'000; ++i) {
@@ -583,7 +584,7 @@ TEST(Duration, PrintsNoMoreThanTheRoundedValueOnceRead)
     }
 }
 
-TEST(Duration, DoesntDependOnTheLocaleOfTheProcess)
+TEST(Duration, DoesntDependOnTheLocale)
 {
     const CommaLocale locale;
     if (!locale.is_set())
@@ -595,7 +596,7 @@ TEST(Duration, DoesntDependOnTheLocaleOfTheProcess)
     EXPECT_EQ(Duration::parse("1.234,5s"), std::nullopt);
 }
 
-TEST(StopWatch, ShowsNothingUntilItIsStarted)
+TEST(StopWatch, ShowsZeroUntilItIsStarted)
 {
     slate::StopWatch watch(false);
     EXPECT_EQ(watch.elapsed(), 0);

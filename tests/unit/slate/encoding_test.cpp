@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/encoding.h"
 
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -31,13 +35,13 @@ TEST(UriComponent, DecodesWhatWasEncoded)
                   all_bytes());
 }
 
-TEST(UriComponent, TakesAPlusForABlankInAQueryOnly)
+TEST(UriComponent, DecodesAPlusAsABlankInAQueryOnly)
 {
     EXPECT_EQ(slate::decode_uri_component("a+b%2Bc%20d", true), "a b+c d");
     EXPECT_EQ(slate::decode_uri_component("a+b%2Bc%20d", false), "a+b+c d");
 }
 
-TEST(UriComponent, DecodesEitherCaseOfDigits)
+TEST(UriComponent, DecodesDigitsOfEitherCase)
 {
     EXPECT_EQ(slate::decode_uri_component("%2f%2F%c3%A4", false), "//\xc3\xa4");
 }
@@ -48,7 +52,7 @@ TEST(UriComponent, LeavesMalformedSequencesAlone)
         EXPECT_EQ(slate::decode_uri_component(text, false), text);
     EXPECT_EQ(slate::decode_uri_component("%%41", false), "%A");
     EXPECT_EQ(slate::decode_uri_component("%4%41", false), "%4A");
-    EXPECT_EQ(slate::decode_uri_component("%2541", false), "%41"); // decoded once
+    EXPECT_EQ(slate::decode_uri_component("%2541", false), "%41"); // decoded only once
 }
 
 TEST(Base64, EncodesWithPadding)
@@ -70,7 +74,7 @@ TEST(Base64, EncodesAnyByte)
     EXPECT_EQ(slate::encode_base64(all_bytes()).size(), 344u);
 }
 
-TEST(JoinHex, WritesEachByteBehindThePrefix)
+TEST(JoinHex, WritesThePrefixBeforeEachByte)
 {
     const std::vector<unsigned char> bytes{0x00, 0x0f, 0xa5, 0xff};
 

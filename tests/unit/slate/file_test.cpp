@@ -6,9 +6,17 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <ios>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,6 +24,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,8 +37,8 @@ namespace fs = std::filesystem;
 
 using Names = std::vector<std::string>;
 
-/// Notes the system calls of this thread that matter to a power cut, and lets one of them fail, for as long
-/// as it lives.
+/// While it exists, records the system calls of this thread that matter in a power cut, and can make one of
+/// them fail.
 class SystemCalls {
 public:
     SystemCalls() { of_this_thread = this; }
@@ -37,7 +46,7 @@ public:
     SystemCalls(const SystemCalls&) = delete;
     SystemCalls& operator=(const SystemCalls&) = delete;
 
-    /// Every call of that name fails for that reason.
+    /// Makes every call of that name fail with that errno.
     void fail(const std::string& name, int reason)
     {
         failing_ = name;
@@ -46,10 +55,10 @@ public:
 
     const Names& made() const { return made_; }
 
-    /// How many locks were asked for, by any thread.
+    /// How many times any thread has asked for a lock.
     static std::atomic<int> locks;
 
-    /// Notes a call and gives the reason why it fails, or 0.
+    /// Records a call, and returns the errno with which it is to fail, or 0.
     static int make(const std::string& name)
     {
         if (name == "flock")
@@ -77,11 +86,11 @@ int refuse(int reason)
 }
 } // namespace
 
-// In place of the C library's.
+// These take the place of the C library's functions.
 extern "C" {
 int flock(int file, int operation) noexcept
 {
-    if (operation == LOCK_UN) // done without a look at its result
+    if (operation == LOCK_UN) // its result is never looked at
         return static_cast<int>(syscall(SYS_flock, file, operation));
     const int reason = SystemCalls::make("flock");
     return reason ? refuse(reason) : static_cast<int>(syscall(SYS_flock, file, operation));
@@ -115,7 +124,6 @@ int fchmod(int file, mode_t mode) noexcept
 }
 
 namespace {
-
 std::string content(const fs::path& path)
 {
     return slate::slurp_file<std::string>(path.string(), std::ios::binary);
@@ -131,7 +139,7 @@ void write(const fs::path& path, std::string_view text)
     slate::powersafe_write(path, [&](std::ofstream& out) { out << text; });
 }
 
-/// Names of the files in a folder, in order.
+/// The names of the files in a folder, sorted.
 Names files(const fs::path& folder)
 {
     Names names;
@@ -148,7 +156,7 @@ unsigned int mode_of(const fs::path& path)
     return status.st_mode & 07777;
 }
 
-/// Runs `call`, and checks that it throws a filesystem_error of this path and reason.
+/// Runs `call` and expects it to throw a filesystem_error with this path and errno.
 template <class Call>
 void expect_error(const fs::path& path, int reason, Call call)
 {
@@ -178,7 +186,7 @@ private:
     mode_t saved_;
 };
 
-/// A forked process that runs `body` and ends with its result.
+/// A forked process that runs `body` and exits with its result.
 class Child {
 public:
     template <class Body>
@@ -220,7 +228,7 @@ TEST_F(Slurp, TurnsTextIntoBytesAndBack)
     EXPECT_EQ(slate::slurp(std::vector<unsigned char>()), "");
 }
 
-TEST_F(Slurp, TakesTheRestOfAStream)
+TEST_F(Slurp, ReadsTheRestOfAStream)
 {
     std::istringstream stream("first rest\nof it ");
     std::string first;
@@ -241,7 +249,7 @@ TEST_F(Slurp, ReadsAWholeFile)
     }
 }
 
-TEST_F(Slurp, ReadsAFileThatShowsNoSize)
+TEST_F(Slurp, ReadsAFileWhoseSizeIsShownAsZero)
 {
     EXPECT_NE(content("/proc/self/status").find("Name:"), std::string::npos);
 }
@@ -279,7 +287,7 @@ TEST_F(PowersafeWrite, ReplacesTheContent)
 TEST_F(PowersafeWrite, KeepsTheModeOfTheFile)
 {
     const UmaskScope mask(022);
-    for (const mode_t mode : {0640, 0600, 0666, 0444, 0755, 0000}) {
+    for (const mode_t mode : {0640u, 0600u, 0666u, 0444u, 0755u, 0000u}) {
         put(path_, "old");
         ASSERT_EQ(chmod(path_.c_str(), mode), 0);
 
@@ -290,7 +298,7 @@ TEST_F(PowersafeWrite, KeepsTheModeOfTheFile)
     }
 }
 
-TEST_F(PowersafeWrite, ShowsTheNewContentToNobodyElseMeanwhile)
+TEST_F(PowersafeWrite, KeepsTheNewContentPrivateWhileItIsWritten)
 {
     put(path_, "old");
     ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
@@ -344,7 +352,7 @@ TEST_F(PowersafeWrite, KeepsTheGroupIfItMayNotKeepTheOwner)
     EXPECT_EQ(status.st_mode, old.st_mode);
 }
 
-TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheWriterThrows)
+TEST_F(PowersafeWrite, ChangesNothingIfTheWriterThrows)
 {
     put(path_, "old");
 
@@ -359,7 +367,7 @@ TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheWriterThrows)
 
     EXPECT_THROW(slate::powersafe_write(scratch_.path() / "other", [](std::ofstream&) { throw 42; }), int);
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
-    write(path_, "new"); // no lock stays behind
+    write(path_, "new"); // no lock is left
     EXPECT_EQ(content(path_), "new");
 }
 
@@ -369,7 +377,7 @@ TEST_F(PowersafeWrite, FailsIfTheStreamDid)
 
     expect_error(path_, EIO, [&] {
         slate::powersafe_write(path_, [](std::ofstream& out) {
-            errno = ENOENT; // of something else
+            errno = ENOENT; // left by some other call
             out.setstate(std::ios::failbit);
         });
     });
@@ -381,7 +389,7 @@ TEST_F(PowersafeWrite, FailsIfTheStreamDid)
 TEST_F(PowersafeWrite, TellsWhyTheContentCouldNotBeWritten)
 {
     put(path_, "old");
-    for (const std::size_t size : {6'000u, 1'000'000u}) { // found at the end, and on the way
+    for (const std::size_t size : {6'000u, 1'000'000u}) { // fails at the end, and while writing
         const Child child([&] {
             (void)signal(SIGXFSZ, SIG_IGN);
             const rlimit limit{5000, 5000};
@@ -389,7 +397,7 @@ TEST_F(PowersafeWrite, TellsWhyTheContentCouldNotBeWritten)
                 return 2;
             try {
                 slate::powersafe_write(path_, [&](std::ofstream& out) {
-                    if (size < 8'000) // found when the writer, who would have liked an exception, is done
+                    if (size < 8'000) // fails after the writer, which wants an exception, has returned
                         out.exceptions(std::ios::badbit | std::ios::failbit);
                     for (std::size_t i = 0; i < size; ++i)
                         out.put('x');
@@ -432,7 +440,7 @@ TEST_F(PowersafeWrite, RefusesAMissingFolder)
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
 
-TEST_F(PowersafeWrite, RefusesWhatIsNoFile)
+TEST_F(PowersafeWrite, RefusesAPathThatIsNoRegularFile)
 {
     const auto folder = scratch_.path() / "folder";
     fs::create_directory(folder);
@@ -459,7 +467,7 @@ TEST_F(PowersafeWrite, FollowsSymbolicLinks)
     fs::create_directory(folder);
     put(folder / "target", "old");
     ASSERT_EQ(chmod((folder / "target").c_str(), 0640), 0);
-    fs::create_symlink("target", folder / "second"); // relative to its own folder
+    fs::create_symlink("target", folder / "second"); // relative to the link's folder
     fs::create_symlink(folder / "second", path_);    // absolute
     fs::create_symlink("folder/dangling", scratch_.path() / "file2");
 
@@ -484,7 +492,7 @@ TEST_F(PowersafeWrite, RefusesLinksInACircle)
     expect_write_error(path_, ELOOP);
 }
 
-TEST_F(PowersafeWrite, TakesABareNameForTheCurrentFolder)
+TEST_F(PowersafeWrite, WritesABareNameInTheCurrentFolder)
 {
     const auto before = fs::current_path();
     fs::current_path(scratch_.path());
@@ -496,10 +504,10 @@ TEST_F(PowersafeWrite, TakesABareNameForTheCurrentFolder)
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
 
-TEST_F(PowersafeWrite, TakesOverWhatACrashLeftBehind)
+TEST_F(PowersafeWrite, ReplacesAFileThatACrashLeftBehind)
 {
     const auto leftover = scratch_.path() / ".file.tmp";
-    for (const mode_t mode : {0600, 0444}) {
+    for (const mode_t mode : {0600u, 0444u}) {
         put(leftover, "half of something, and longer than the new content");
         ASSERT_EQ(chmod(leftover.c_str(), mode), 0);
 
@@ -510,7 +518,7 @@ TEST_F(PowersafeWrite, TakesOverWhatACrashLeftBehind)
     }
 }
 
-/// Runs an action in a process that permissions bind, and gives its exit status: the reason of the
+/// Runs an action in a process without privileges, to which permissions apply. Returns the errno of the
 /// filesystem_error that it throws, or 0.
 template <class Action>
 int without_privileges(Action action)
@@ -530,10 +538,10 @@ int without_privileges(Action action)
         .wait();
 }
 
-TEST_F(PowersafeWrite, TakesOverWhatItMayNotOpen)
+TEST_F(PowersafeWrite, ReplacesALeftoverThatItMayNotOpen)
 {
     ASSERT_EQ(chmod(scratch_.path().c_str(), 0777), 0);
-    put(scratch_.path() / ".file.tmp", "half, by somebody else");
+    put(scratch_.path() / ".file.tmp", "half, by another user");
     ASSERT_EQ(chmod((scratch_.path() / ".file.tmp").c_str(), 0000), 0);
 
     EXPECT_EQ(without_privileges([&] { write(path_, "new"); }), 0);
@@ -542,10 +550,10 @@ TEST_F(PowersafeWrite, TakesOverWhatItMayNotOpen)
     EXPECT_EQ(content(path_), "new");
 }
 
-TEST_F(PowersafeWrite, FailsIfItMayNotUnlinkWhatIsInTheWayEither)
+TEST_F(PowersafeWrite, FailsIfItMayNeitherOpenNorUnlinkALeftover)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "only root may make files of somebody else";
+        GTEST_SKIP() << "only root may make files of another user";
     ASSERT_EQ(chmod(scratch_.path().c_str(), 01777), 0); // only its owner may unlink a file there
     put(scratch_.path() / ".file.tmp", "half");
     ASSERT_EQ(chmod((scratch_.path() / ".file.tmp").c_str(), 0000), 0);
@@ -556,7 +564,7 @@ TEST_F(PowersafeWrite, FailsIfItMayNotUnlinkWhatIsInTheWayEither)
     EXPECT_EQ(files(scratch_.path()), Names{".file.tmp"});
 }
 
-TEST_F(PowersafeWrite, LeavesNothingBehindIfItsLeftoverIsRemoved)
+TEST_F(PowersafeWrite, LosesOnlyItsLeftoverWhenThatIsRemoved)
 {
     put(path_, "old");
     put(scratch_.path() / ".file.tmp", "half");
@@ -566,7 +574,7 @@ TEST_F(PowersafeWrite, LeavesNothingBehindIfItsLeftoverIsRemoved)
     slate::remove_powersafe_leftover(scratch_.path() / "link");
     EXPECT_EQ(files(scratch_.path()), (Names{".other.tmp", "file", "link"}));
 
-    // No leftover, no file, no folder, and what no file can be.
+    // Paths without a leftover, without a file, without a folder, and such as no file can have.
     for (const fs::path& path : {path_, scratch_.path() / "missing", scratch_.path() / "missing" / "file",
                                  path_ / "below a file", scratch_.path(), fs::path()})
         slate::remove_powersafe_leftover(path);
@@ -574,7 +582,7 @@ TEST_F(PowersafeWrite, LeavesNothingBehindIfItsLeftoverIsRemoved)
     EXPECT_EQ(content(path_), "old");
 }
 
-TEST_F(PowersafeWrite, IsNotDisturbedByWhoRemovesLeftovers)
+TEST_F(PowersafeWrite, IsNotDisturbedByARemovalOfLeftovers)
 {
     std::thread removing;
     slate::powersafe_write(path_, [&](std::ofstream& out) {
@@ -589,7 +597,7 @@ TEST_F(PowersafeWrite, IsNotDisturbedByWhoRemovesLeftovers)
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
 
-TEST_F(PowersafeWrite, FollowsNoLinkThatStandsInTheWay)
+TEST_F(PowersafeWrite, FollowsNoLinkInPlaceOfItsTemporaryFile)
 {
     const auto precious = scratch_.path() / "precious";
     put(precious, "precious");
@@ -647,7 +655,7 @@ TEST_F(PowersafeWrite, NeverMixesTheContentsOfProcesses)
     for (int i = 0; i < 4; ++i) {
         children.emplace_back([&] {
             for (int n = 0; n < 15; ++n) {
-                // Each adds a line to what it finds, which no other may do meanwhile.
+                // Adds a line to the contents. If others could do so meanwhile, some lines would be lost.
                 slate::powersafe_write(log, [&](std::ofstream& out) { out << content(log) << "line\n"; });
             }
             return 0;
@@ -689,7 +697,7 @@ TEST_F(PowersafeWrite, KeepsTheOldContentIfItsProcessIsKilled)
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
 
-TEST_F(PowersafeWrite, GoesOnWhenTheProcessItWaitsForIsKilled)
+TEST_F(PowersafeWrite, ContinuesWhenTheProcessItWaitsForIsKilled)
 {
     std::array<int, 2> ready{};
     ASSERT_EQ(pipe(ready.data()), 0);
@@ -735,7 +743,7 @@ TEST_F(PowersafeWrite, ReachesTheDiskInAnOrderThatSurvivesAPowerCut)
     EXPECT_EQ(calls.made(), (Names{"flock", "fchown", "fchmod", "fsync file", "rename", "fsync folder"}));
 }
 
-TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheDiskFails)
+TEST_F(PowersafeWrite, ChangesNothingIfTheDiskFails)
 {
     put(path_, "old");
     for (const std::string call : {"flock", "fchmod", "fsync file", "rename"}) {
@@ -749,11 +757,11 @@ TEST_F(PowersafeWrite, LeavesAllAsItWasIfTheDiskFails)
         EXPECT_EQ(content(path_), "old");
         EXPECT_EQ(files(scratch_.path()), Names{"file"});
     }
-    write(path_, "new"); // no lock stays behind
+    write(path_, "new"); // no lock is left
     EXPECT_EQ(content(path_), "new");
 }
 
-TEST_F(PowersafeWrite, TellsThatTheFolderMayForgetANewFile)
+TEST_F(PowersafeWrite, FailsIfTheFolderCannotBeSyncedThoughTheFileIsReplaced)
 {
     put(path_, "old");
     {
@@ -801,7 +809,7 @@ TEST_F(PowersafeWrite, GivesUpIfItsFileIsTakenAwayOnAFilesystemWithoutLocks)
     expect_error(path_, EBUSY, [&] {
         slate::powersafe_write(path_, [&](std::ofstream& out) {
             out << "first";
-            write(path_, "second"); // as another process would, which sees no lock
+            write(path_, "second"); // as if by another process, which sees no lock
         });
     });
 
@@ -809,7 +817,7 @@ TEST_F(PowersafeWrite, GivesUpIfItsFileIsTakenAwayOnAFilesystemWithoutLocks)
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
 
-TEST_F(PowersafeWrite, TakesTheLongestNamesThereAre)
+TEST_F(PowersafeWrite, WritesFilesWithTheLongestNames)
 {
     for (std::size_t length = 248; length <= 255; ++length) {
         const auto path = scratch_.path() / std::string(length, 'n');
@@ -832,7 +840,7 @@ TEST_F(PowersafeWrite, TakesTheLongestNamesThereAre)
 
 TEST_F(PowersafeWrite, KeepsTheTemporaryFilesOfLongNamesApart)
 {
-    // Differ only at their ends, and are cut within characters of two bytes.
+    // The names differ only at their ends, and a cut could be within a character of two bytes.
     std::string characters;
     while (characters.size() < 250)
         characters += "\xc3\xa4";

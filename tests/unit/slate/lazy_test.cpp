@@ -2,6 +2,8 @@
 #include "slate/lazy.h"
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -9,7 +11,7 @@
 #include <gtest/gtest.h>
 
 namespace {
-TEST(Lazy, MakesItsValueWhenFirstAskedAndThenKeepsIt)
+TEST(Lazy, MakesItsValueOnFirstUseAndKeepsIt)
 {
     int made = 0;
     slate::Lazy<int> lazy([&] { return std::make_shared<int>(++made); });

@@ -4,10 +4,18 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ios>
+#include <memory>
+#include <ostream>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -29,7 +37,7 @@ struct SyslogLine {
 std::string syslog_ident;
 std::vector<SyslogLine> syslog_lines;
 
-void keep_syslog_line(int priority, const char* format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] void keep_syslog_line(int priority, const char* format, va_list arguments)
 {
     char text[1024];
     std::vsnprintf(text, sizeof(text), format, arguments);
@@ -37,7 +45,7 @@ void keep_syslog_line(int priority, const char* format, va_list arguments)
 }
 } // namespace
 
-// In place of the C library's, so that no line of these tests ends up in the system log.
+// These take the place of the C library's functions, so that the tests don't write to the system log.
 extern "C" {
 void openlog(const char* ident, int, int)
 {
@@ -57,8 +65,8 @@ void syslog(int priority, const char* format, ...)
     va_end(arguments);
 }
 
-// What syslog becomes in a hardened build.
-void __syslog_chk(int priority, int, const char* format, ...)
+// A hardened build calls this instead of syslog.
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
@@ -84,7 +92,7 @@ std::vector<std::string> texts(const LogCapture& capture)
 
 using Texts = std::vector<std::string>;
 
-/// Sends standard error elsewhere, for as long as it lives.
+/// While it exists, standard error goes to another file.
 class Redirection {
 public:
     explicit Redirection(int to) : saved_(dup(STDERR_FILENO)) { dup2(to, STDERR_FILENO); }
@@ -100,7 +108,7 @@ private:
     int saved_;
 };
 
-/// What the sink for standard error makes of a line, the time left out.
+/// The line that the sink for standard error writes, without the time.
 std::string stderr_line(slate::TraceLevel level, const std::string& text,
                         const std::shared_ptr<slate::Provider>& provider = nullptr)
 {
@@ -138,7 +146,7 @@ TEST(LogLevel, HasTheNumbersThatProgramsPass)
     EXPECT_EQ(static_cast<int>(slate::ErrorLevel), 5);
 }
 
-TEST(LogLevel, AllowsItselfAndWhatMattersMore)
+TEST(LogLevel, AllowsItselfAndHigherLevels)
 {
     const LogCapture restore;
 
@@ -169,7 +177,7 @@ TEST(SourceLine, NamesFileAndLine)
     EXPECT_TRUE(std::string(here.file()).ends_with("log_test.cpp")) << here.file();
 }
 
-TEST(CallbackSink, GetsLevelProviderSourceAndText)
+TEST(CallbackSink, ReceivesLevelProviderSourceAndText)
 {
     const auto provider = slate::add_provider("log.test", "7", false);
     const LogCapture restore;
@@ -264,7 +272,7 @@ TEST(TraceError, LogsAndReturnsTheJoinedText)
     EXPECT_EQ(lines[2].level, slate::WarnLevel);
 }
 
-TEST(TraceError, ReturnsTheTextThoughItsLevelIsOff)
+TEST(TraceError, ReturnsTheTextEvenIfItsLevelIsOff)
 {
     const LogCapture capture;
     slate::set_log_level(static_cast<slate::TraceLevel>(slate::ErrorLevel + 1));
@@ -286,7 +294,7 @@ struct Counted {
     }
 };
 
-TEST(DebugStream, WritesOneLineWhenItDies)
+TEST(DebugStream, LogsOneLineWhenItIsDestroyed)
 {
     const LogCapture capture;
     slate::set_log_level(slate::DebugLevel);
@@ -309,7 +317,7 @@ TEST(DebugStream, FormatsNothingWhileDebugLoggingIsOff)
         EXPECT_TRUE(debug.stream().fail());
         debug << "n = " << 42 << Counted{&written};
         debug.stream() << "more";
-        slate::set_log_level(slate::DebugLevel); // too late for this one
+        slate::set_log_level(slate::DebugLevel); // too late for this stream
     }
 
     EXPECT_EQ(written, 0);
@@ -353,7 +361,7 @@ TEST(LogSinks, AllGetEachLine)
     EXPECT_EQ(second, Texts{"a"});
 }
 
-TEST(LogSinks, AreReplacedAndGivenBack)
+TEST(LogSinks, AreReplacedAndReturned)
 {
     const LogCapture capture;
     const auto mine = slate::make_callback_sink([](const auto&) {});
@@ -370,7 +378,7 @@ TEST(LogSinks, AreReplacedAndGivenBack)
     EXPECT_EQ(texts(capture), Texts{"captured"});
 }
 
-TEST(LogSinks, AreTheOneForStandardErrorAtFirst)
+TEST(LogSinks, AreASingleOneAtFirst)
 {
     const auto sinks = slate::set_log_sinks({});
     slate::set_log_sinks(sinks);
@@ -394,7 +402,7 @@ TEST(LogSinks, MayThrowWithoutHarm)
     EXPECT_EQ(lines, (Texts{"a", "b"}));
 }
 
-TEST(LogSinks, GetNoneOfTheLinesThatASinkLogs)
+TEST(LogSinks, DontGetTheLinesThatASinkLogs)
 {
     const LogCapture restore;
     Texts lines;
@@ -451,7 +459,7 @@ TEST(LogSinks, CanBeReplacedWhileManyThreadsLog)
     EXPECT_EQ(lines, 3000);
 }
 
-class StrangeProvider : public slate::Provider {
+class ThrowingProvider : public slate::Provider {
 public:
     std::shared_ptr<slate::Counter> add_counter(const std::string&, const slate::Rational<int>&,
                                                 const std::string&, slate::CounterPolicy) override
@@ -466,11 +474,11 @@ public:
     std::string name() const override { throw std::runtime_error("no name"); }
 };
 
-TEST(Log, LosesALineRatherThanThrow)
+TEST(Log, DropsALineRatherThanThrow)
 {
     const LogCapture capture;
 
-    EXPECT_NO_THROW(slate::log_info(std::make_shared<StrangeProvider>(), SLATE_HERE, "a"));
+    EXPECT_NO_THROW(slate::log_info(std::make_shared<ThrowingProvider>(), SLATE_HERE, "a"));
     slate::log_info(SLATE_HERE, "b");
 
     EXPECT_EQ(texts(capture), Texts{"b"});
@@ -491,7 +499,7 @@ TEST(StderrSink, ShowsOurNamesOfTheLevels)
         EXPECT_EQ(stderr_line(level, "text"), std::string(slate::to_string(level)) + " text (file.cpp:12)\n");
 }
 
-TEST(StderrSink, LetsNoTextForgeALine)
+TEST(StderrSink, EscapesLineBreaksAndControlCharacters)
 {
     EXPECT_EQ(stderr_line(slate::InfoLevel, "a\nb\r\t\x1b[2J\x7f"),
               "info a\\nb\\x0d\\x09\\x1b[2J\\x7f (file.cpp:12)\n");
@@ -525,7 +533,7 @@ TEST(StderrSink, IsColouredOnATerminalOnly)
     close(terminal);
     close(master);
 
-    EXPECT_NE(line.find("merror\x1b[m text"), std::string::npos) << line; // between two colour commands
+    EXPECT_NE(line.find("merror\x1b[m text"), std::string::npos) << line; // between two changes of colour
     EXPECT_EQ(stderr_line(slate::ErrorLevel, "text").find('\x1b'), std::string::npos);
 }
 
@@ -563,14 +571,14 @@ TEST(SyslogSink, IsNamedByTheLastOneMade)
     EXPECT_EQ(syslog_lines.size(), 1u);
 }
 
-struct LogsAsItDies {
-    ~LogsAsItDies() { slate::log_error(SLATE_HERE, "a late line"); }
+struct LogsInItsDestructor {
+    ~LogsInItsDestructor() { slate::log_error(SLATE_HERE, "a late line"); }
 };
 
-TEST(LogDeathTest, WorksWhileStaticObjectsDie)
+TEST(LogDeathTest, LogsWhileStaticObjectsAreDestroyed)
 {
     const auto log_and_exit = [] {
-        static const LogsAsItDies first; // so it dies after all that logging has made since
+        static const LogsInItsDestructor first; // so it is destroyed after all that logging has made since
         slate::log_error(SLATE_HERE, "an early line");
         std::exit(0);
     };
@@ -611,10 +619,10 @@ TEST(DebugStream, CallsNoManipulatorWhileDebugLoggingIsOff)
     EXPECT_EQ(calls_of_manipulator, 1);
 }
 
-TEST(StderrSink, EscapesTheControlCharactersBeyondAsciiToo)
+TEST(StderrSink, EscapesControlCharactersBeyondAscii)
 {
-    // U+0080, U+009B, which is what ESC [ is in ASCII, and U+009F; but not U+00A0 and what else has such
-    // bytes.
+    // U+0080, U+009B (the same as ESC [ in ASCII) and U+009F are escaped, but not U+00A0 and other characters
+    // that have such bytes.
     EXPECT_EQ(stderr_line(slate::InfoLevel, "a\xc2\x80z \xc2\x9b"
                                             "2J \xc2\x9f"),
               "info a\\xc2\\x80z \\xc2\\x9b2J \\xc2\\x9f (file.cpp:12)\n");

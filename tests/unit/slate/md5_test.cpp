@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/md5.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "slate/encoding.h"
 
 namespace {
 const unsigned char* bytes_of(std::string_view text)
@@ -50,17 +56,17 @@ TEST(Md5, DoesntDependOnHowTheBytesAreCut)
     const std::string text(1000, 'x');
     const auto whole = digest_of(text);
 
-    for (const std::size_t piece : {1u, 7u, 63u, 64u, 65u, 999u}) {
+    for (const std::size_t part : {1u, 7u, 63u, 64u, 65u, 999u}) {
         md5_state_t state;
         md5_init(&state);
-        for (std::size_t i = 0; i < text.size(); i += piece)
-            md5_append(&state, bytes_of(text) + i, std::min(piece, text.size() - i));
+        for (std::size_t i = 0; i < text.size(); i += part)
+            md5_append(&state, bytes_of(text) + i, std::min(part, text.size() - i));
         md5_append(&state, nullptr, 0);
-        EXPECT_EQ(finish(state), whole) << piece;
+        EXPECT_EQ(finish(state), whole) << part;
     }
 }
 
-TEST(Md5, GoesOnFromACopyOfItsState)
+TEST(Md5, ContinuesFromACopyOfItsState)
 {
     md5_state_t state;
     md5_init(&state);

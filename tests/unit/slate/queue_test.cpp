@@ -2,22 +2,31 @@
 #include "slate/queue.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <latch>
+#include <memory>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "slate/log.h"
 #include "slate/provider.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
@@ -29,9 +38,9 @@ using tarn_test::wait_until;
 
 using Threads = std::pair<unsigned long, unsigned long>;
 
-class Job : public DeferredWork {
+class FunctionTask : public DeferredWork {
 public:
-    explicit Job(std::function<Result()> body, std::uint64_t number = 0)
+    explicit FunctionTask(std::function<Result()> body, std::uint64_t number = 0)
         : DeferredWork(number),
           body_(std::move(body))
     {
@@ -43,18 +52,18 @@ private:
     std::function<Result()> body_;
 };
 
-std::shared_ptr<Job> make_job(
+std::shared_ptr<FunctionTask> make_task(
     std::function<DeferredWork::Result()> body = [] { return DeferredWork::Success; },
     std::uint64_t number = 0)
 {
-    return std::make_shared<Job>(std::move(body), number);
+    return std::make_shared<FunctionTask>(std::move(body), number);
 }
 
-/// A work that tells when it runs, and then runs until it is released.
+/// A task that reports when it runs, and then keeps running until it is released.
 class Blocker {
 public:
     Blocker()
-        : work(make_job([started = started_, released = release_.get_future().share()] {
+        : task(make_task([started = started_, released = release_.get_future().share()] {
               started->set_value();
               released.wait();
               return DeferredWork::Success;
@@ -66,20 +75,20 @@ public:
     void release() { release_.set_value(); }
 
 private:
-    // Shared with the work, which may outlive this object.
+    // Shared with the task, which may outlive this object.
     std::shared_ptr<std::promise<void>> started_ = std::make_shared<std::promise<void>>();
     std::promise<void> release_;
 
 public:
-    const std::shared_ptr<Job> work;
+    const std::shared_ptr<FunctionTask> task;
 };
 
-bool is_ready(const DeferredWork& work)
+bool is_ready(const DeferredWork& task)
 {
-    return work.future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    return task.future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
-/// How many threads of this process have a name.
+/// How many threads of this process have this name.
 std::ptrdiff_t threads_named(const std::string& name)
 {
     std::ptrdiff_t count = 0;
@@ -119,91 +128,91 @@ protected:
     const std::shared_ptr<slate::Provider> provider_ = slate::add_provider("queue.test", "", true);
 };
 
-using Work = Queue;
+using Task = Queue;
 
-TEST_F(Work, HasItsNumberForText)
+TEST_F(Task, PrintsItsNumber)
 {
-    EXPECT_EQ(make_job(nullptr, 42)->to_string(), "42");
-    EXPECT_EQ(make_job(nullptr)->id, 0u);
-    EXPECT_EQ(make_job(nullptr)->attachment, nullptr);
-    EXPECT_EQ(make_job(nullptr)->reserved, 0);
-    EXPECT_FALSE(make_job(nullptr)->cancelled);
+    EXPECT_EQ(make_task(nullptr, 42)->to_string(), "42");
+    EXPECT_EQ(make_task(nullptr)->id, 0u);
+    EXPECT_EQ(make_task(nullptr)->attachment, nullptr);
+    EXPECT_EQ(make_task(nullptr)->reserved, 0);
+    EXPECT_FALSE(make_task(nullptr)->cancelled);
 }
 
-TEST_F(Work, BreaksItsPromiseIfItDiesUnrun)
+TEST_F(Task, BreaksItsPromiseIfItIsDestroyedUnrun)
 {
-    auto work = make_job();
-    auto future = std::move(work->future);
+    auto task = make_task();
+    auto future = std::move(task->future);
 
-    work.reset();
+    task.reset();
 
     EXPECT_THROW(future.get(), std::future_error);
 }
 
-TEST_F(Queue, RunsAWorkOnAThreadOfItsOwn)
+TEST_F(Queue, RunsATaskOnAThreadOfItsOwn)
 {
     const auto queue = make_queue();
     std::thread::id thread;
-    const auto work = make_job([&] {
+    const auto task = make_task([&] {
         thread = std::this_thread::get_id();
         return 7;
     });
 
-    const auto submitted = queue->submit(work);
+    const auto submitted = queue->submit(task);
 
-    EXPECT_EQ(submitted, work);
-    EXPECT_EQ(work->future.get(), 7);
+    EXPECT_EQ(submitted, task);
+    EXPECT_EQ(task->future.get(), 7);
     EXPECT_NE(thread, std::this_thread::get_id());
     EXPECT_EQ(count("done"), 1u);
     EXPECT_EQ(severity("done"), std::nullopt);
 }
 
-TEST_F(Queue, RunsWorksInTheOrderInWhichTheyCame)
+TEST_F(Queue, RunsTasksInTheOrderOfTheirSubmission)
 {
     const auto queue = make_queue();
     std::vector<int> order;
-    std::vector<std::shared_ptr<Job>> works;
+    std::vector<std::shared_ptr<FunctionTask>> tasks;
     for (int i = 0; i < 100; ++i) {
-        works.push_back(make_job([&order, i] {
+        tasks.push_back(make_task([&order, i] {
             order.push_back(i);
             return 0;
         }));
-        queue->submit(works.back());
+        queue->submit(tasks.back());
     }
-    for (const auto& work : works)
-        work->future.wait();
+    for (const auto& task : tasks)
+        task->future.wait();
 
     ASSERT_EQ(order.size(), 100u);
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST_F(Queue, StartsItsFirstThreadsAtTheFirstWork)
+TEST_F(Queue, StartsItsFirstThreadsWithTheFirstTask)
 {
     const auto queue = make_queue({2, 3}, "q-first");
     EXPECT_EQ(threads_named("q-first"), 0);
 
-    const auto work = make_job();
-    queue->submit(work);
+    const auto task = make_task();
+    queue->submit(task);
 
-    EXPECT_EQ(work->future.get(), 0);
+    EXPECT_EQ(task->future.get(), 0);
     EXPECT_TRUE(wait_until([] { return threads_named("q-first") == 2; }));
 }
 
-TEST_F(Queue, StartsFurtherThreadsWhileWorksWait)
+TEST_F(Queue, StartsFurtherThreadsWhileTasksWait)
 {
     const auto queue = make_queue({0, 3}, "q-further");
     std::latch together(3);
-    std::vector<std::shared_ptr<Job>> works;
+    std::vector<std::shared_ptr<FunctionTask>> tasks;
     for (int i = 0; i < 3; ++i) {
-        works.push_back(make_job([&] {
-            together.arrive_and_wait(); // passed only if all three run at once
+        tasks.push_back(make_task([&] {
+            together.arrive_and_wait(); // returns only if all three run at once
             return 0;
         }));
-        queue->submit(works.back());
+        queue->submit(tasks.back());
     }
 
-    for (const auto& work : works)
-        EXPECT_EQ(work->future.get(), 0);
+    for (const auto& task : tasks)
+        EXPECT_EQ(task->future.get(), 0);
     EXPECT_EQ(threads_named("q-further"), 3);
 }
 
@@ -211,24 +220,24 @@ TEST_F(Queue, StartsNoThreadWhileAnotherIsIdle)
 {
     const auto queue = make_queue({0, 4}, "q-idle");
     for (int i = 0; i < 20; ++i) {
-        const auto work = make_job();
-        queue->submit(work);
-        work->future.wait();
+        const auto task = make_task();
+        queue->submit(task);
+        task->future.wait();
     }
 
     EXPECT_EQ(threads_named("q-idle"), 1);
 }
 
-TEST_F(Queue, RunsNoMoreWorksAtOnceThanItHasThreads)
+TEST_F(Queue, RunsNoMoreTasksAtOnceThanItHasThreads)
 {
     for (const auto& [threads, limit] : std::vector<std::pair<Threads, int>>{
              {{0, 1}, 1}, {{1, 1}, 1}, {{5, 2}, 2}, {{0, 2}, 2}, {{0, 0}, 1}, {{3, 0}, 1}}) {
         const auto queue = make_queue(threads);
         std::atomic<int> running{0};
         std::atomic<int> most{0};
-        std::vector<std::shared_ptr<Job>> works;
+        std::vector<std::shared_ptr<FunctionTask>> tasks;
         for (int i = 0; i < 100; ++i) {
-            works.push_back(make_job([&] {
+            tasks.push_back(make_task([&] {
                 const int now = ++running;
                 for (int seen = most; now > seen && !most.compare_exchange_weak(seen, now);) {
                 }
@@ -236,10 +245,10 @@ TEST_F(Queue, RunsNoMoreWorksAtOnceThanItHasThreads)
                 --running;
                 return 0;
             }));
-            queue->submit(works.back());
+            queue->submit(tasks.back());
         }
-        for (const auto& work : works)
-            EXPECT_EQ(work->future.get(), 0);
+        for (const auto& task : tasks)
+            EXPECT_EQ(task->future.get(), 0);
         EXPECT_GE(most, 1);
         EXPECT_LE(most, limit);
     }
@@ -252,26 +261,26 @@ TEST_F(Queue, NamesItsThreads)
     for (const auto& [name, shown] : rows) {
         const auto queue = make_queue({0, 1}, name);
         char found[16] = "";
-        const auto work = make_job([&] { return pthread_getname_np(pthread_self(), found, sizeof(found)); });
+        const auto task = make_task([&] { return pthread_getname_np(pthread_self(), found, sizeof(found)); });
 
-        queue->submit(work);
+        queue->submit(task);
 
-        EXPECT_EQ(work->future.get(), 0);
+        EXPECT_EQ(task->future.get(), 0);
         EXPECT_EQ(found, shown);
     }
 }
 
-TEST_F(Queue, RefusesAWorkWhenItIsFull)
+TEST_F(Queue, RefusesATaskWhenItIsFull)
 {
     const auto queue = make_queue();
     queue->set_capacity(2);
     Blocker blocker;
-    queue->submit(blocker.work);
+    queue->submit(blocker.task);
     blocker.wait_until_running();
-    const auto first = queue->submit(make_job());
-    const auto second = queue->submit(make_job());
+    const auto first = queue->submit(make_task());
+    const auto second = queue->submit(make_task());
     bool ran = false;
-    const auto third = make_job([&] {
+    const auto third = make_task([&] {
         ran = true;
         return 0;
     });
@@ -286,7 +295,7 @@ TEST_F(Queue, RefusesAWorkWhenItIsFull)
     blocker.release();
     EXPECT_EQ(first->future.get(), 0);
     EXPECT_EQ(second->future.get(), 0);
-    const auto later = queue->submit(make_job());
+    const auto later = queue->submit(make_task());
     EXPECT_EQ(later->future.get(), 0);
     EXPECT_FALSE(ran);
 }
@@ -296,34 +305,34 @@ TEST_F(Queue, HasRoomForItsDefaultCapacityAtFirst)
     EXPECT_EQ(slate::Queue::DefaultCapacity, 128u);
     const auto queue = make_queue();
     Blocker blocker;
-    queue->submit(blocker.work);
+    queue->submit(blocker.task);
     blocker.wait_until_running();
 
     for (std::size_t i = 0; i < slate::Queue::DefaultCapacity; ++i)
-        queue->submit(make_job());
+        queue->submit(make_task());
     EXPECT_EQ(count("refused"), 0u);
-    queue->submit(make_job());
+    queue->submit(make_task());
     EXPECT_EQ(count("refused"), 1u);
 
     blocker.release();
 }
 
-TEST_F(Queue, CountsNoWorkAsWaitingThatAThreadIsFreeFor)
+TEST_F(Queue, CountsNoTaskAsWaitingIfAThreadIsFreeForIt)
 {
     const auto queue = make_queue({2, 2});
     queue->set_capacity(0);
     Blocker first;
     Blocker second;
 
-    queue->submit(first.work);
-    queue->submit(second.work);
-    const auto third = queue->submit(make_job());
+    queue->submit(first.task);
+    queue->submit(second.task);
+    const auto third = queue->submit(make_task());
 
     EXPECT_EQ(third->future.get(), DeferredWork::Refused);
     first.release();
     second.release();
-    EXPECT_EQ(first.work->future.get(), 0);
-    EXPECT_EQ(second.work->future.get(), 0);
+    EXPECT_EQ(first.task->future.get(), 0);
+    EXPECT_EQ(second.task->future.get(), 0);
 }
 
 TEST_F(Queue, IsFreeAgainOnceTheResultIsThere)
@@ -332,23 +341,23 @@ TEST_F(Queue, IsFreeAgainOnceTheResultIsThere)
     queue->set_capacity(0);
 
     for (int i = 0; i < 200; ++i)
-        ASSERT_EQ(queue->submit(make_job())->future.get(), DeferredWork::Success) << i;
+        ASSERT_EQ(queue->submit(make_task())->future.get(), DeferredWork::Success) << i;
 }
 
-TEST_F(Queue, HandsAnExceptionOnAndGoesOn)
+TEST_F(Queue, PassesAnExceptionOnAndKeepsRunning)
 {
     const LogCapture capture;
     const auto queue = make_queue();
-    const auto failing = make_job([]() -> int { throw std::runtime_error("out of paper"); }, 12);
-    const auto strange = make_job([]() -> int { throw 42; }, 13);
-    const auto next = make_job();
+    const auto failing = make_task([]() -> int { throw std::runtime_error("out of paper"); }, 12);
+    const auto unusual = make_task([]() -> int { throw 42; }, 13);
+    const auto next = make_task();
 
     queue->submit(failing);
-    queue->submit(strange);
+    queue->submit(unusual);
     queue->submit(next);
 
     EXPECT_THROW(failing->future.get(), std::runtime_error);
-    EXPECT_THROW(strange->future.get(), int);
+    EXPECT_THROW(unusual->future.get(), int);
     EXPECT_EQ(next->future.get(), 0);
     EXPECT_EQ(count("failed"), 2u);
     EXPECT_EQ(severity("failed"), 0);
@@ -359,39 +368,39 @@ TEST_F(Queue, HandsAnExceptionOnAndGoesOn)
     EXPECT_EQ(capture.lines()[0].provider, "queue.test");
 }
 
-TEST_F(Queue, NeverRunsAWorkThatWasCancelledBefore)
+TEST_F(Queue, NeverRunsATaskThatWasCancelledBefore)
 {
     const auto queue = make_queue();
     Blocker blocker;
-    queue->submit(blocker.work);
+    queue->submit(blocker.task);
     bool ran = false;
-    const auto work = make_job([&] {
+    const auto task = make_task([&] {
         ran = true;
         return 0;
     });
-    queue->submit(work);
+    queue->submit(task);
 
-    work->cancelled = true;
+    task->cancelled = true;
     blocker.release();
 
-    EXPECT_EQ(work->future.get(), DeferredWork::Cancelled);
+    EXPECT_EQ(task->future.get(), DeferredWork::Cancelled);
     EXPECT_FALSE(ran);
-    EXPECT_EQ(blocker.work->future.get(), 0);
+    EXPECT_EQ(blocker.task->future.get(), 0);
     EXPECT_EQ(count("done"), 1u);
 }
 
-TEST_F(Queue, PutsUpWithAPromiseThatIsFulfilledAlready)
+TEST_F(Queue, AcceptsAPromiseThatIsAlreadyFulfilled)
 {
     const LogCapture quiet;
     const auto queue = make_queue();
     queue->set_capacity(1);
-    std::shared_ptr<Job> own;
-    own = make_job([&own] {
+    std::shared_ptr<FunctionTask> own;
+    own = make_task([&own] {
         own->promise.set_value(5);
         return 6;
     });
-    std::shared_ptr<Job> failing;
-    failing = make_job([&failing]() -> int {
+    std::shared_ptr<FunctionTask> failing;
+    failing = make_task([&failing]() -> int {
         failing->promise.set_value(7);
         throw std::runtime_error("too late");
     });
@@ -404,11 +413,11 @@ TEST_F(Queue, PutsUpWithAPromiseThatIsFulfilledAlready)
     EXPECT_TRUE(wait_until([&] { return count("failed") == 1; }));
 
     Blocker blocker;
-    queue->submit(blocker.work);
+    queue->submit(blocker.task);
     blocker.wait_until_running();
-    const auto waiting = queue->submit(make_job());
+    const auto waiting = queue->submit(make_task());
     waiting->promise.set_value(8);
-    const auto refused = make_job();
+    const auto refused = make_task();
     refused->promise.set_value(9);
     queue->submit(refused);
     blocker.release();
@@ -421,21 +430,21 @@ TEST_F(Queue, WorksWithoutAProvider)
 {
     const LogCapture quiet;
     const auto queue = slate::make_queue({0, 1}, nullptr, "");
-    const auto work = queue->submit(make_job());
-    const auto failing = queue->submit(make_job([]() -> int { throw std::runtime_error("no"); }));
+    const auto task = queue->submit(make_task());
+    const auto failing = queue->submit(make_task([]() -> int { throw std::runtime_error("no"); }));
 
-    EXPECT_EQ(work->future.get(), 0);
+    EXPECT_EQ(task->future.get(), 0);
     EXPECT_THROW(failing->future.get(), std::runtime_error);
 
     Blocker blocker;
-    queue->submit(blocker.work);
+    queue->submit(blocker.task);
     blocker.wait_until_running();
     queue->set_capacity(0);
-    EXPECT_EQ(queue->submit(make_job())->future.get(), DeferredWork::Refused);
+    EXPECT_EQ(queue->submit(make_task())->future.get(), DeferredWork::Refused);
     blocker.release();
 }
 
-TEST_F(Queue, TakesWorksFromManyThreads)
+TEST_F(Queue, TakesTasksFromManyThreads)
 {
     const auto queue = make_queue({0, 2});
     queue->set_capacity(1000);
@@ -444,7 +453,7 @@ TEST_F(Queue, TakesWorksFromManyThreads)
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int n = 0; n < 100; ++n) {
-                queue->submit(make_job([&] {
+                queue->submit(make_task([&] {
                     ++ran;
                     return 0;
                 }));
@@ -458,11 +467,11 @@ TEST_F(Queue, TakesWorksFromManyThreads)
     EXPECT_EQ(count("refused"), 0u);
 }
 
-TEST_F(Queue, TakesWorksFromAWork)
+TEST_F(Queue, TakesTasksFromATask)
 {
     const auto queue = make_queue();
-    const auto inner = make_job();
-    const auto outer = make_job([&] {
+    const auto inner = make_task();
+    const auto outer = make_task([&] {
         queue->submit(inner);
         return 0;
     });
@@ -473,47 +482,47 @@ TEST_F(Queue, TakesWorksFromAWork)
     EXPECT_EQ(inner->future.get(), 0);
 }
 
-TEST_F(Queue, CancelsWhatWaitsWhenItEndsAndFinishesWhatRuns)
+TEST_F(Queue, CancelsWaitingTasksAndFinishesRunningOnesWhenItEnds)
 {
     auto queue = make_queue({0, 1}, "q-ends");
     Blocker blocker;
-    queue->submit(blocker.work);
+    queue->submit(blocker.task);
     blocker.wait_until_running();
     bool ran = false;
-    const auto waiting = make_job([&] {
+    const auto waiting = make_task([&] {
         ran = true;
         return 0;
     });
     queue->submit(waiting);
     std::thread releasing([&] {
-        waiting->future.wait(); // so the queue is ending
+        waiting->future.wait(); // over as soon as the queue is ending
         blocker.release();
     });
 
     queue.reset();
 
-    EXPECT_TRUE(is_ready(*blocker.work));
-    EXPECT_EQ(blocker.work->future.get(), 0);
+    EXPECT_TRUE(is_ready(*blocker.task));
+    EXPECT_EQ(blocker.task->future.get(), 0);
     releasing.join();
     EXPECT_EQ(waiting->future.get(), DeferredWork::Cancelled);
     EXPECT_FALSE(ran);
-    // The kernel may take a moment longer to forget a thread that was joined.
+    // The kernel may list a joined thread for a moment longer.
     EXPECT_TRUE(wait_until([] { return threads_named("q-ends") == 0; }));
 }
 
-TEST_F(Queue, EndsAtOnceIfItNeverRan)
+TEST_F(Queue, EndsIfItNeverRan)
 {
     EXPECT_EQ(make_queue({5, 5}).use_count(), 1);
 }
 
-TEST_F(Queue, LeavesAHungWorkBehindWhenItsPatienceEnds)
+TEST_F(Queue, LeavesAHungTaskBehindWhenItsPatienceEnds)
 {
     const LogCapture capture;
     auto queue = make_queue({2, 2}, "q-hung");
     Blocker hung;
-    queue->submit(hung.work);
+    queue->submit(hung.task);
     hung.wait_until_running();
-    const auto other = queue->submit(make_job());
+    const auto other = queue->submit(make_task());
     EXPECT_EQ(other->future.get(), 0);
 
     const auto start = std::chrono::steady_clock::now();
@@ -521,11 +530,11 @@ TEST_F(Queue, LeavesAHungWorkBehindWhenItsPatienceEnds)
     const auto waited = std::chrono::steady_clock::now() - start;
 
     EXPECT_GE(waited, std::chrono::seconds(slate::Queue::ShutdownPatienceSeconds));
-    EXPECT_FALSE(is_ready(*hung.work));
+    EXPECT_FALSE(is_ready(*hung.task));
     ASSERT_EQ(capture.count(slate::WarnLevel), 1u);
     EXPECT_NE(capture.texts(slate::WarnLevel)[0].find("q-hung"), std::string::npos);
     hung.release();
-    EXPECT_EQ(hung.work->future.get(), 0);
+    EXPECT_EQ(hung.task->future.get(), 0);
     EXPECT_TRUE(wait_until([] { return threads_named("q-hung") == 0; }));
 }
 
@@ -534,36 +543,36 @@ TEST_F(Queue, MayEndOnItsOwnThread)
     const LogCapture capture;
     auto queue = make_queue({0, 1}, "q-own");
     std::promise<void> handed_over;
-    const auto work = make_job([&queue, ready = handed_over.get_future().share()] {
+    const auto task = make_task([&queue, ready = handed_over.get_future().share()] {
         ready.wait();
         queue.reset();
         return 3;
     });
-    queue->submit(work);
-    const auto waiting = queue->submit(make_job());
+    queue->submit(task);
+    const auto waiting = queue->submit(make_task());
 
     handed_over.set_value();
 
-    EXPECT_EQ(work->future.get(), 3);
+    EXPECT_EQ(task->future.get(), 3);
     EXPECT_EQ(waiting->future.get(), DeferredWork::Cancelled);
     EXPECT_TRUE(wait_until([] { return threads_named("q-own") == 0; }));
     EXPECT_TRUE(capture.lines().empty());
 }
 
-TEST_F(Queue, MayEndWithTheWorkThatHoldsIt)
+TEST_F(Queue, MayEndWithTheTaskThatHoldsIt)
 {
     const LogCapture capture;
     auto queue = make_queue({2, 2}, "q-held");
     std::promise<void> handed_over;
-    auto work = make_job([ready = handed_over.get_future().share()] {
+    auto task = make_task([ready = handed_over.get_future().share()] {
         ready.wait();
         return 3;
     });
-    auto future = std::move(work->future);
-    work->attachment = queue;
-    queue->submit(work);
-    work.reset();
-    queue.reset(); // held by the work alone
+    auto future = std::move(task->future);
+    task->attachment = queue;
+    queue->submit(task);
+    task.reset();
+    queue.reset(); // only the task holds it now
 
     handed_over.set_value();
 
@@ -572,11 +581,11 @@ TEST_F(Queue, MayEndWithTheWorkThatHoldsIt)
     EXPECT_TRUE(capture.lines().empty());
 }
 
-/// Submits a work that never ends, and waits until it runs.
+/// Submits a task that never ends, and waits until it runs.
 void hang(slate::Queue& queue)
 {
     const auto started = std::make_shared<std::promise<void>>();
-    queue.submit(make_job([started] {
+    queue.submit(make_task([started] {
         started->set_value();
         while (true)
             pause();
@@ -585,8 +594,8 @@ void hang(slate::Queue& queue)
     started->get_future().wait();
 }
 
-/// What becomes of a forked process that does something and then returns from main, for which exit stands
-/// here. It is ended if that takes it ten seconds.
+/// The exit status, or minus the signal, of a forked process that runs `body` and then ends as if it returned
+/// from main. An alarm ends it if that takes ten seconds.
 template <class Body>
 int exit_status_after(Body body)
 {
@@ -601,7 +610,7 @@ int exit_status_after(Body body)
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-TEST(AProcessWithAHungWork, EndsThoughItsQueueIsStatic)
+TEST(AProcessWithAHungTask, EndsThoughItsQueueIsStatic)
 {
     EXPECT_EQ(exit_status_after([] {
                   static const auto queue = slate::make_queue({0, 1}, nullptr, "q-static");
@@ -610,10 +619,10 @@ TEST(AProcessWithAHungWork, EndsThoughItsQueueIsStatic)
               0);
 }
 
-TEST(AProcessWithAHungWork, EndsThoughItsQueueIsNeverDestroyed)
+TEST(AProcessWithAHungTask, EndsThoughItsQueueIsNeverDestroyed)
 {
     EXPECT_EQ(exit_status_after([] {
-                  // Found from a static pointer, so that it is no leak to a leak checker.
+                  // Kept in a static pointer, so that a leak checker doesn't report it.
                   static const auto* const queue =
                       new std::shared_ptr<slate::Queue>(slate::make_queue({0, 1}, nullptr, "q-leaked"));
                   hang(**queue);

@@ -60,7 +60,7 @@ TEST(Strings, ChangeTheCaseOfAsciiLettersOnly)
     EXPECT_EQ(slate::to_lower(std::string_view("A\0B", 3)), std::string("a\0b", 3));
 }
 
-TEST(Strings, AreEqualButForTheCaseOfAsciiLetters)
+TEST(Strings, AreEqualExceptForTheCaseOfAsciiLetters)
 {
     EXPECT_TRUE(slate::equals_ignoring_case("X-Tarn-Key", "x-tARN-kEY"));
     EXPECT_TRUE(slate::equals_ignoring_case("", ""));
@@ -70,7 +70,7 @@ TEST(Strings, AreEqualButForTheCaseOfAsciiLetters)
     EXPECT_FALSE(slate::equals_ignoring_case("\xc3\x84", "\xc3\xa4"));
 }
 
-TEST(Strings, LoseLeadingCharacters)
+TEST(Strings, AreTrimmedOfLeadingCharacters)
 {
     EXPECT_EQ(slate::trim_left("//a/b", "/"), "a/b");
     EXPECT_EQ(slate::trim_left(" \t x ", " \t"), "x ");
@@ -79,7 +79,7 @@ TEST(Strings, LoseLeadingCharacters)
     EXPECT_EQ(slate::trim_left("", "/"), "");
 }
 
-TEST(Strings, LoseAPrefixOrSuffixOnce)
+TEST(Strings, AreTrimmedOfAPrefixOrSuffixOnce)
 {
     EXPECT_EQ(slate::trim_prefix("ababc", "ab"), "abc");
     EXPECT_EQ(slate::trim_prefix("abc", "b"), "abc");
@@ -98,19 +98,9 @@ TEST(Strings, KeepOnlyLettersAndDigits)
     EXPECT_EQ(slate::trim_alphanumeric(""), "");
 }
 
-TEST(Split, CutsAtEachDelimiter)
-{
-    EXPECT_EQ(split("a,b;c", ",;", false, false), (Pieces{"a", "b", "c"}));
-    EXPECT_EQ(split("status@1203?x=y@z", "@?", false, false), (Pieces{"status", "1203", "x=y", "z"}));
-    EXPECT_EQ(split("/a/b", "/", false, true), (Pieces{"a", "b"}));
-    EXPECT_EQ(split("/a//b/", "/", false, false), (Pieces{"", "a", "", "b", ""}));
-    EXPECT_EQ(split("abc", ",", false, false), (Pieces{"abc"}));
-    EXPECT_EQ(split("a,b", "", false, false), (Pieces{"a,b"}));
-}
-
 struct Utf8Row {
     std::string text;
-    std::string repaired; // the same for what is well-formed
+    std::string repaired; // the same if the text is well-formed
 
     friend std::ostream& operator<<(std::ostream& stream, const Utf8Row& row)
     {
@@ -121,7 +111,7 @@ struct Utf8Row {
     }
 };
 
-/// `bad` bytes, each of which is replaced, and a text that stays.
+/// A row of `bad` bytes, each of which is replaced, and of a text that stays.
 Utf8Row ill_formed(const std::string& bad, const std::string& rest = "")
 {
     std::string repaired;
@@ -137,12 +127,12 @@ Utf8Row well_formed(const std::string& text)
 
 class Utf8 : public testing::TestWithParam<Utf8Row> {};
 
-TEST_P(Utf8, IsToldFromOtherBytes)
+TEST_P(Utf8, IsDistinguishedFromOtherBytes)
 {
     EXPECT_EQ(slate::is_utf8(GetParam().text), GetParam().text == GetParam().repaired);
 }
 
-TEST_P(Utf8, IsMadeByReplacingEveryByteThatFitsNowhere)
+TEST_P(Utf8, IsRestoredByReplacingEveryOtherByte)
 {
     const std::string repaired = slate::to_utf8(GetParam().text);
 
@@ -150,13 +140,13 @@ TEST_P(Utf8, IsMadeByReplacingEveryByteThatFitsNowhere)
     EXPECT_TRUE(slate::is_utf8(repaired));
 }
 
-TEST_P(Utf8, IsFoundBetweenOtherTextToo)
+TEST_P(Utf8, IsFoundBetweenOtherText)
 {
     EXPECT_EQ(slate::to_utf8("a" + GetParam().text + "z"), "a" + GetParam().repaired + "z");
     EXPECT_EQ(slate::to_utf8("\xC3\xA4" + GetParam().text), "\xC3\xA4" + GetParam().repaired);
 }
 
-// The first and the last of each line of the standard's table of well-formed sequences.
+// The first and the last sequence in each line of the standard's table of well-formed ones.
 INSTANTIATE_TEST_SUITE_P(WellFormed, Utf8,
                          testing::Values(well_formed(""), well_formed(std::string(1, '\0')),
                                          well_formed("\x7F"), well_formed("\xC2\x80"),
@@ -197,6 +187,16 @@ INSTANTIATE_TEST_SUITE_P(Cut, Utf8,
                                          ill_formed("\xF1\x80\xE1\x80"),
                                          // The standard's own example of cut sequences.
                                          ill_formed("\xE1\x80\xE2\xF0\x91\x92\xF1\xBF", "\x41")));
+
+TEST(Split, CutsAtEachDelimiter)
+{
+    EXPECT_EQ(split("a,b;c", ",;", false, false), (Pieces{"a", "b", "c"}));
+    EXPECT_EQ(split("status@1203?x=y@z", "@?", false, false), (Pieces{"status", "1203", "x=y", "z"}));
+    EXPECT_EQ(split("/a/b", "/", false, true), (Pieces{"a", "b"}));
+    EXPECT_EQ(split("/a//b/", "/", false, false), (Pieces{"", "a", "", "b", ""}));
+    EXPECT_EQ(split("abc", ",", false, false), (Pieces{"abc"}));
+    EXPECT_EQ(split("a,b", "", false, false), (Pieces{"a,b"}));
+}
 
 TEST(Split, RemovesBlanksAroundPiecesIfAsked)
 {
@@ -255,7 +255,7 @@ TEST(Join, TakesTextFromTheAccessor)
     EXPECT_EQ(text, "a=1&b=2");
 }
 
-/// What a stream with nothing changed prints.
+/// What a stream prints by default.
 template <class T>
 std::string streamed(T value)
 {
@@ -345,7 +345,7 @@ TYPED_TEST(WholeNumber, IsRefusedUnlessTheWholeTextIsOne)
 TYPED_TEST(WholeNumber, IsRefusedOutOfRange)
 {
     const auto greatest = slate::to_string(std::numeric_limits<TypeParam>::max());
-    auto beyond = greatest; // ends in 5 or 7
+    auto beyond = greatest; // its last digit is 5 or 7
     ++beyond.back();
 
     expect_refused<TypeParam>(beyond);
@@ -399,7 +399,7 @@ TEST(TryParse, ReadsFloatingPoint)
     expect_refused<float>("1e39");
 }
 
-TEST(TryParse, TakesOneByteForACharacter)
+TEST(TryParse, ReadsOneByteAsACharacter)
 {
     expect_parsed("x", 'x');
     expect_parsed("7", '7');
@@ -410,7 +410,7 @@ TEST(TryParse, TakesOneByteForACharacter)
     EXPECT_EQ(slate::to_string('x'), "x");
 }
 
-TEST(TryParse, TakesAnyTextForAString)
+TEST(TryParse, ReadsAnyTextAsAString)
 {
     expect_parsed("", std::string());
     expect_parsed(" a b ", std::string(" a b "));
@@ -423,7 +423,7 @@ struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(Strings, DontDependOnTheLocaleOfStreams)
+TEST(Strings, DontDependOnTheLocaleOfCpp)
 {
     const auto before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
 
@@ -439,14 +439,14 @@ TEST(Strings, DontDependOnTheLocaleOfStreams)
     EXPECT_EQ(value, 0.5);
 }
 
-TEST(Strings, DontDependOnTheLocaleOfTheProcess)
+TEST(Strings, DontDependOnTheLocaleOfC)
 {
     const CommaLocale locale;
     if (!locale.is_set())
         GTEST_SKIP() << "localedef makes no locale here";
     char printed[8];
     std::snprintf(printed, sizeof(printed), "%g", 0.5);
-    ASSERT_STREQ(printed, "0,5"); // what would fail below without care
+    ASSERT_STREQ(printed, "0,5"); // so the locale is in force
 
     expect_parsed("1234.5", 1234.5);
     expect_parsed("-1e-3", -0.001);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/uri.h"
 
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -43,7 +44,7 @@ TEST(Uri, ConsistsOfSchemeAddressAndPath)
     }
 }
 
-TEST(Uri, IsNullForWhatIsNone)
+TEST(Uri, IsNullForOtherText)
 {
     const std::vector<std::string> rows{
         "",

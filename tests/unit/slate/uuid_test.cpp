@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "slate/uuid.h"
 
+#include <cstddef>
 #include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,7 +26,7 @@ TEST(Uuid, ReadsBackItsText)
     EXPECT_EQ(slate::Uuid(random.to_string()), random);
 }
 
-TEST(Uuid, RefusesOtherTextAndNamesIt)
+TEST(Uuid, RefusesOtherTextAndQuotesIt)
 {
     const std::vector<std::string> rows{
         "",
@@ -43,7 +45,7 @@ TEST(Uuid, RefusesOtherTextAndNamesIt)
     for (const auto& text : rows) {
         try {
             slate::Uuid uuid(text);
-            ADD_FAILURE() << "took " << text;
+            ADD_FAILURE() << "accepted " << text;
         }
         catch (const std::invalid_argument& error) {
             EXPECT_NE(std::string(error.what()).find(text.c_str()), std::string::npos) << error.what();
@@ -51,7 +53,7 @@ TEST(Uuid, RefusesOtherTextAndNamesIt)
     }
 }
 
-TEST(Uuid, IsNewEachTimeOnEachThread)
+TEST(Uuid, IsUniqueAmongThreads)
 {
     std::vector<std::vector<std::string>> made(4);
     std::vector<std::thread> threads;
@@ -70,13 +72,13 @@ TEST(Uuid, IsNewEachTimeOnEachThread)
     EXPECT_EQ(different.size(), 1000u);
 }
 
-TEST(Uuid, IsARandomOneInLowerCase)
+TEST(Uuid, IsRandomAndInLowerCase)
 {
     const auto text = slate::make_uuid().to_string();
 
     ASSERT_EQ(text.size(), 36u);
     EXPECT_EQ(text.find_first_not_of("0123456789abcdef-"), std::string::npos);
-    EXPECT_EQ(text[14], '4'); // the version of random ones
+    EXPECT_EQ(text[14], '4'); // the version of random UUIDs
     for (const std::size_t hyphen : {8u, 13u, 18u, 23u})
         EXPECT_EQ(text[hyphen], '-');
 }

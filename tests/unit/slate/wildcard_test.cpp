@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "slate/strings.h"
+
+#include <cstddef>
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
 #include "allocation_counter.h"
-#include "slate/strings.h"
 
 namespace {
 struct Row {
@@ -33,7 +36,7 @@ const Row rows[] = {
     {"ac", "a?c", false},
     {"\xc3\xa4", "?", false},
     {"\xc3\xa4", "??", true},
-    // "*" stands for any run
+    // "*" stands for any number of bytes
     {"", "*", true},
     {"abc", "*", true},
     {"a/b/c", "*", true},
@@ -97,7 +100,7 @@ TEST(Wildcard, MatchesAnyByte)
     EXPECT_TRUE(slate::wildcard_match("x\xff\xfey", "*\xff?y*"));
 }
 
-/// Slow and plainly right.
+/// Slow, but obviously right.
 bool matches_by_definition(std::string_view text, std::string_view pattern)
 {
     if (pattern.empty())
@@ -131,7 +134,7 @@ TEST(Wildcard, AgreesWithItsDefinition)
 TEST(Wildcard, FindsSegmentsOfAnyLength)
 {
     for (const std::size_t length : {1u, 2u, 63u, 64u, 65u, 127u, 128u, 129u, 500u}) {
-        // A segment with a "?" at either end and in the middle of distinct bytes.
+        // A segment with a "?" at both ends and in the middle, between bytes that differ.
         std::string place;
         for (std::size_t i = 0; i < length; ++i)
             place += static_cast<char>('b' + i % 7);
@@ -189,7 +192,7 @@ TEST(Wildcard, AllocatesNothingForSegmentsOfUpTo64Bytes)
 
     EXPECT_EQ(after - before, 0u);
     EXPECT_TRUE(literal_matches);
-    EXPECT_FALSE(wild_matches); // only "c" is left for the three bytes
+    EXPECT_FALSE(wild_matches); // only "c" is left for the last three bytes
     EXPECT_FALSE(no_match);
     const auto counted = std::make_unique<std::string>(100, 'x');
     EXPECT_GE(allocations() - after, 2u) << "the counter counts";

@@ -10,10 +10,12 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <zmq.hpp>
 
 #include "slate/dictionary.h"
 #include "slate/queue.h"
 #include "slate/uri.h"
+#include "support/log_capture.h"
 #include "tarn/internal/async.h"
 #include "tarn/tarn.h"
 
@@ -350,5 +352,19 @@ TEST(Symbols, OfRawClientsAndRoutersAreWhereProgramsLook)
              "RKNSt10filesystem7__cxx114pathE",
          })
         EXPECT_NE(dlsym(RTLD_DEFAULT, symbol), nullptr) << symbol;
+}
+
+TEST(Exceptions, OfTheLibraryAreCaughtByTheirTypes)
+{
+    const tarn_test::LogCapture logs;
+    const tarn::ZmqSubsystem subsystem;
+    const auto nowhere = slate::make_uri("ipc:///dev/null/nowhere.sock");
+    tarn::Context context;
+
+    EXPECT_THROW(tarn::make_relay(nowhere, nowhere), zmq::error_t);
+    EXPECT_THROW(tarn::make_relay(nowhere, nowhere), std::exception);
+    EXPECT_THROW(tarn::RoutePattern("/:a"), tarn::Exception);
+    EXPECT_THROW(tarn::make_bool_route("", "get", "/a", {})->post(context), std::exception);
+    EXPECT_THROW(tarn::Route("a", "get", "/a", tarn::Access::Public).get(context), tarn::MessageException);
 }
 } // namespace

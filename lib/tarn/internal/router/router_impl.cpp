@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <optional>
 
 #include <zmq.hpp>
 
@@ -22,15 +23,16 @@ namespace tarn_internal {
 namespace {
 std::atomic<int> instance{0};
 
-/// As it stands in endpoints: from the root, and without a slash at its end.
+/// The form that endpoints have: absolute, and without a trailing slash.
 std::filesystem::path normalise(const std::filesystem::path& directory)
 {
     auto result = std::filesystem::absolute(directory).lexically_normal();
     return result.has_filename() ? result : result.parent_path();
 }
 
-/// Whether somebody serves at an inproc endpoint.
-bool is_served(zmq::context_t& context, const slate::Uri& uri)
+/// Whether an inproc endpoint is bound; none if that can't be told now, for want of a descriptor for
+/// instance.
+std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri)
 {
     try {
         zmq::socket_t probe(context, zmq::socket_type::rep);
@@ -38,7 +40,7 @@ bool is_served(zmq::context_t& context, const slate::Uri& uri)
         return false;
     }
     catch (const zmq::error_t& error) {
-        return error.num() == EADDRINUSE;
+        return error.num() == EADDRINUSE ? std::optional(true) : std::nullopt;
     }
 }
 } // namespace
@@ -59,9 +61,9 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
       thread_(context_, slate::make_uri("inproc://" + uuid_)),
       server_(make_server(1, settings, {server_uri_}, relay_out, factory, routes)),
       factory_(factory),
-      serves_itself_(is_served(*context_, *server_uri_))
+      serves_itself_(inproc_is_bound(*context_, *server_uri_))
 {
-    thread_.start([this] { thread_entry(); });
+    thread_.start("tarn-router", [this] { thread_entry(); });
 }
 
 RouterImpl::~RouterImpl()
@@ -110,7 +112,7 @@ void RouterImpl::thread_entry()
         {
             Workers workers;
             workers.start(
-                workers_, [&] { worker_entry(this, workers); }, provider_);
+                workers_, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
             (void)workers.wait_for_all();
             run_proxy(front, back, control, "router", provider_);
         }
@@ -152,7 +154,7 @@ std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const R
     const bool own = std::any_of(router->uris_.begin(), router->uris_.end(),
                                  [&](const auto& uri) { return uri->to_string() == endpoint; });
     auto uri = own ? router->server_uri_ : slate::make_uri(endpoint);
-    if (!uri) // a name that no endpoint can have
+    if (!uri) // the name can't be part of an endpoint
         return {router->server_uri_, path};
     return {uri, "/" + slate::join(segments, "/")};
 }
@@ -160,16 +162,16 @@ std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const R
 std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request)
 {
     auto found = resolve(this, request);
-    // A request to an inproc endpoint that nobody serves would cost one of the context's sockets for good.
-    if (found.first == server_uri_ && !serves_itself_)
+    // A request to an inproc endpoint that isn't bound would use up one of the context's sockets for good.
+    if (found.first == server_uri_ && serves_itself_ == false)
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
 }
 
-/// Only the directory is looked at, not the socket in it.
+/// Looks only at the directory, not at the socket in it.
 bool RouterImpl::is_service(const std::string& name) const
 {
-    // No path may lead out of the run-time directory.
+    // No path may escape from the run-time directory.
     return name != "." && name != ".." && std::filesystem::exists(run_time_directory_ / name);
 }
 } // namespace tarn_internal

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,12 +18,12 @@
 namespace tarn_internal {
 class Workers;
 
-/// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which passes one request
-/// at a time on to the service that it is for. It keeps no table of requests: who asked is written in the
-/// frames that stand before the request.
+/// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which forwards one
+/// request at a time to its service. It keeps no table of requests: the frames in front of a request identify
+/// its sender.
 ///
-/// The router's own routes belong to a server inside it, at an inproc endpoint, to which requests are passed
-/// on like to any other.
+/// The router's own routes belong to a server inside it, at an inproc endpoint, which gets requests like any
+/// other service.
 class RouterImpl : public Router {
 public:
     RouterImpl(const std::shared_ptr<zmq::context_t>& context,
@@ -46,8 +47,8 @@ public:
 
 private:
     void thread_entry();
-    /// What resolve gives, for a worker. Throws MessageException, status 503, for what the router's own
-    /// server should answer if that has not started.
+    /// As resolve, for a worker. Throws MessageException, status 503, for a request to the router's own
+    /// server if that has not started.
     std::pair<Endpoint, std::string> find_service(const Request& request);
     static void worker_entry(RouterImpl* router, Workers& workers);
     /// Whether there is a service of that name.
@@ -64,6 +65,7 @@ private:
     ControlledThread thread_;
     const std::shared_ptr<Server> server_;
     const std::shared_ptr<MessageFactory> factory_;
-    const bool serves_itself_;
+    /// Whether the server inside has started; without a value it is presumed so.
+    const std::optional<bool> serves_itself_;
 };
 } // namespace tarn_internal

@@ -13,12 +13,12 @@
 
 namespace tarn_internal {
 namespace {
-/// What the way through the router is given of a request's time.
+/// The share of a request's time that the router keeps for itself.
 const slate::Duration router_share = slate::Milliseconds(500);
-/// For a request that left the router less than its share.
+/// The time for a request whose own is less than that share.
 const slate::Duration least_time = slate::Seconds(1);
 
-/// Whether it has a path to go by.
+/// Whether the message has a path.
 bool is_routable(const Message& message)
 {
     return message.type_case() != Message::TYPE_NOT_SET && !message.has_call() && !message.has_response();
@@ -85,7 +85,7 @@ void RouterWorker::take_request()
         send(*routed, answer, verbose);
 }
 
-/// Whatever goes wrong with one request ends that request only.
+/// A failure of one request ends that request only.
 RouterWorker::Answer RouterWorker::answer_or_fail(const zmq::message_t& payload, bool verbose) const
 {
     std::string path;
@@ -137,7 +137,7 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
     if (reply->status() == Status::RequestTimeout)
         slate::log_error(provider_, SLATE_HERE, "request timeout; ", path, " at the service ",
                          endpoint->to_string());
-    // The caller sees the path that it asked for. Anything but a response becomes an empty one.
+    // The caller gets the path that it asked for. Anything but a response becomes an empty one.
     reply->message->mutable_response()->mutable_head()->set_path(path);
     return {reply->message, path};
 }
@@ -145,7 +145,7 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
 RouterWorker::Answer RouterWorker::make_failure(Status status, const std::string& text,
                                                 const std::string& path) const
 {
-    // Not the request itself, which may be of any size.
+    // Logs the path instead of the request, which may have any size.
     slate::log_error(provider_, SLATE_HERE, text, "; request to \"", path, "\"");
     auto message = factory_->make_response(status);
     Response* response = message->mutable_response();
@@ -157,7 +157,7 @@ RouterWorker::Answer RouterWorker::make_failure(Status status, const std::string
 
 void RouterWorker::send(RoutedMessage& request, const Answer& answer, bool verbose)
 {
-    // Made before anything is sent, as a message that was begun must be ended.
+    // Serialised before anything is sent, because a multipart message that was begun must be completed.
     auto frame = to_frame(answer);
     for (zmq::message_t& part : request.way_back)
         requests_.send(part, zmq::send_flags::sndmore);

@@ -22,12 +22,11 @@ class Uri;
 namespace tarn_internal {
 struct RoutedMessage;
 
-/// One of a router's threads: takes a request, passes it on to the service that it is for, waits for the
-/// reply and hands that back.
+/// One of a router's threads: takes a request, forwards it to its service, waits for the reply and sends that
+/// back.
 ///
-/// Its socket is a ZMQ_DEALER, which leaves it to the worker to put the way back before a reply. A ZMQ_REP
-/// socket does that by itself, but can't stay silent: it would take no request after the first one without a
-/// reply.
+/// Its socket is a ZMQ_DEALER, so the worker itself puts the routing frames in front of a reply. A ZMQ_REP
+/// socket would do that, but it can't leave a request unanswered: it would accept no further one.
 class RouterWorker {
 public:
     /// Where to send a request, and the path that it carries there; see RouterImpl::resolve. What it throws
@@ -41,15 +40,14 @@ public:
     RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
                  std::shared_ptr<MessageFactory> factory, Resolve resolve, HasRuntime has_runtime);
 
-    /// Connects to where requests come from and to where the word to end does. False, with an error in the
-    /// log, if it can't.
+    /// Connects to the proxy and to the control channel. False, with an error in the log, if it can't.
     bool connect(const slate::Uri& requests, const slate::Uri& control);
 
-    /// Answers requests until it is told to end, or its sockets fail, which is an error in the log.
+    /// Answers requests until it is told to end. Also ends, with an error in the log, if its sockets fail.
     void run();
 
 private:
-    /// What a caller gets, and the path that it asked for. No message for nothing.
+    /// The reply to a caller (null: no reply), and the path that it asked for.
     struct Answer {
         std::shared_ptr<Message> message;
         std::string path;
@@ -69,6 +67,6 @@ private:
     const Resolve resolve_;
     const HasRuntime has_runtime_;
     zmq::socket_t requests_;
-    mutable zmq::socket_t control_; // which a request that waits looks at too
+    mutable zmq::socket_t control_; // a waiting request polls it too
 };
 } // namespace tarn_internal

@@ -13,13 +13,13 @@ class Dictionary;
 } // namespace slate
 
 namespace tarn_internal {
-/// Where the file of a large upload lies.
+/// Where the temporary file of a large upload is created.
 enum class TransferFile { InTemporaryFolder, BesideTemporaryFolder };
 
 /// Puts the chunks of uploads together, so that a route sees one put or post with the whole body.
 ///
 /// A chunk with number 0, or with the header that opens a transfer, begins one; an empty chunk ends it.
-/// Whatever goes wrong with a chunk, the handler's failure included, ends the transfer and deletes its file.
+/// Any failure of a chunk, the handler's included, ends the transfer and deletes its file.
 ///
 /// Threads: any. No lock is held while the handler runs.
 class ChunkedTransfers {
@@ -28,13 +28,13 @@ public:
     ChunkedTransfers(const slate::Dictionary& settings, std::shared_ptr<slate::Provider> provider,
                      std::shared_ptr<slate::Counter> err);
 
-    /// Takes a put or post that the route accepts, and calls `handler` now, or later with the whole body, or,
-    /// for a route that wants them, with each chunk. Throws MessageException for chunks that don't fit, and
-    /// what `handler` throws.
+    /// Takes a put or post that the route accepts. Calls `handler` at once if the request is not a chunk or
+    /// the route takes chunks, else with the last chunk and the whole body. Throws MessageException for a
+    /// chunk that doesn't fit, and what `handler` throws.
     void handle_write(Context& context, const Route& route, TransferFile place,
                       const std::function<void()>& handler);
 
-    /// Upkeep: discards sessions that are too many or too old. To be called after each request.
+    /// Discards sessions beyond the limit and expired ones. To be called after each request.
     void clean();
 
 private:

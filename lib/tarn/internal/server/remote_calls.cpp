@@ -41,8 +41,7 @@ void RemoteCalls::add(unsigned int number, const std::function<void(Message&)>& 
 
 void RemoteCalls::del(unsigned int number)
 {
-    std::function<void(Message&)>
-        deleted; // outlives the lock, as what it holds may use the server when it goes
+    std::function<void(Message&)> deleted; // outlives the lock, as its destructor may use the server
     const std::lock_guard lock(mutex_);
     slate::log_debug(provider_, SLATE_HERE, "del remote call: ", std::to_string(number));
     deleted = remote_calls_.del(number);
@@ -74,7 +73,7 @@ void RemoteCalls::handle_method_call(Context& context)
         set_result(message, Status::InternalServerError, error.what());
     }
     catch (...) {
-        // A function may throw anything; that must not end the process.
+        // A function may throw any type; that must not end the process.
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", "unknown exception");
         set_result(message, Status::InternalServerError, "unknown exception");
     }
@@ -94,7 +93,7 @@ void RemoteCalls::run(Message& message)
         lock.unlock();
 
     function(message);
-    // Whatever status the function wrote is overwritten: it fails by throwing.
+    // Overwrites a status that the function wrote: it reports failure by throwing.
     set_result(message, Status::Ok, "");
 }
 } // namespace tarn_internal

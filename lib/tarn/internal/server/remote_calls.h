@@ -14,12 +14,11 @@ class Provider;
 }
 
 namespace tarn_internal {
-/// The remote calls of one server: functions under numbers, an older way of being called than routes. Any
-/// thread.
+/// The remote calls of one server: functions by number, which are older than routes. Any thread.
 class RemoteCalls {
 public:
     enum class Lock {
-        /// One call at a time, and nobody adds or deletes meanwhile, the function itself included.
+        /// One call at a time; adding and deleting wait for it, so the function itself must not do either.
         HeldDuringCall,
         /// Calls run side by side, the same function included.
         ReleasedBeforeCall,
@@ -33,7 +32,7 @@ public:
     void suppress_warning();
 
     /// Answers the `call` in context.request: the reply is the same message, with its result filled in.
-    /// Whatever the function throws ends up in the result.
+    /// An exception of the function becomes the result.
     void handle_method_call(Context& context);
 
 private:

@@ -19,7 +19,7 @@ bool is_request(const Message& message)
     return !message.has_response() && message.type_case() != Message::TYPE_NOT_SET;
 }
 
-/// For handlers that write nothing.
+/// The reply of a handler that writes nothing.
 void preset_reply(Context& context)
 {
     context.reply.set_format_status(Format::Empty, Status::NoContent);
@@ -50,8 +50,7 @@ void RequestHandler::handle_request_reply(zmq::socket_t& socket)
         answer(context, debug);
     }
     catch (...) {
-        // Out of memory, for instance. The socket must not be left owing a reply: it would take no further
-        // request.
+        // For example out of memory. The socket needs a reply, or it would accept no further request.
         (void)send_msg(socket, factory_->make_response(Status::InternalServerError), provider_);
         throw;
     }
@@ -59,7 +58,7 @@ void RequestHandler::handle_request_reply(zmq::socket_t& socket)
     transfers_.clean();
 }
 
-/// The message, or null if there is none that parses.
+/// The message; null if the frame is empty or doesn't parse.
 std::shared_ptr<Message> RequestHandler::receive(zmq::socket_t& socket)
 {
     zmq::message_t frame;
@@ -97,7 +96,7 @@ void RequestHandler::answer(Context& context, bool debug)
         calls_.handle_method_call(context);
         return;
     }
-    // Stays as it is, status 404, if no route takes the request.
+    // Status 404, which stays if no route takes the request.
     context.reply.message = factory_->make_response(message, pid_);
     invoke_route(context);
 }
@@ -115,7 +114,7 @@ void RequestHandler::invoke_route(Context& context)
         set_failure(context, Status::InternalServerError, error.what());
     }
     catch (...) {
-        // An application may throw anything; that must not end the process.
+        // A handler may throw any type; that must not end the process.
         slate::log_error(provider_, SLATE_HERE, "InternalServerError", "; ", "unknown exception");
         set_failure(context, Status::InternalServerError, "unknown exception");
     }
@@ -162,7 +161,7 @@ void RequestHandler::handle_post(Context& context, Route& route)
 {
     require_verb(route.accepts_post, route, "POST");
     preset_reply(context);
-    // Intended: the file of a post lies beside the system's folder for temporary files, and not in it.
+    // Intended: the file of a post lies beside the system's temporary directory, and not in it.
     transfers_.handle_write(context, route, TransferFile::BesideTemporaryFolder,
                             [&] { route.post(context); });
 }
@@ -175,7 +174,7 @@ void RequestHandler::require_verb(bool accepted, const Route& route, std::string
             slate::trace_error(provider_, SLATE_HERE, "route [", route.name, "] doesn't support ", verb));
 }
 
-/// What the reply holds besides its status stays.
+/// Body and headers that are in the reply already stay.
 void RequestHandler::set_failure(Context& context, Status status, const std::string& text) const
 {
     if (!context.reply.message)
@@ -187,13 +186,13 @@ void RequestHandler::set_failure(Context& context, Status status, const std::str
 
 void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
 {
-    if (!context.reply.message) // a handler may have taken it away
+    if (!context.reply.message) // a handler may have removed it
         context.reply.message = factory_->make_response(Status::InternalServerError);
 
     if (!send_msg(socket, context.reply.message, provider_)) {
         slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
         counters_.err->increment();
-        // A reply that can't be serialised must not leave the socket owing one either.
+        // A reply that can't be serialised must not leave the socket without one.
         (void)send_msg(socket, factory_->make_response(Status::InternalServerError), provider_);
         return;
     }

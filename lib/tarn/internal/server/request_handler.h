@@ -16,7 +16,7 @@ class socket_t;
 }
 
 namespace tarn_internal {
-/// What every server does with one request: from the frame to a route's handler and back to a reply frame.
+/// How every server handles one request: from the frame to a route's handler and back to a reply frame.
 ///
 /// Threads: one for each socket; several may handle requests at once.
 class RequestHandler {

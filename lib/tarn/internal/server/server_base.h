@@ -16,8 +16,8 @@
 #include "tarn/server.h"
 
 namespace tarn_internal {
-/// What every server is made of: routes and remote calls, what it does with one request and with one
-/// published change, its provider and counters. The servers derived from it add sockets and threads.
+/// The parts that all servers share: routes and remote calls, the handling of one request and of one
+/// published change, provider and counters. The servers derived from it add sockets and threads.
 class ServerBase : public Server {
 public:
     void suppress_add_remote_call_warning() override;
@@ -32,14 +32,14 @@ protected:
                std::shared_ptr<const slate::Dictionary> settings, std::vector<Endpoint> uris,
                const std::shared_ptr<MessageFactory>& factory, Endpoint pubsub_uri, RemoteCalls::Lock policy);
 
-    /// Adds the routes that a server is made with, before it has a thread.
+    /// Adds the routes that a server is made with, before its threads start.
     void add_first(const std::vector<std::shared_ptr<Route>>& routes);
 
-    /// Tells the thread that hears published changes to read the topics of the routes again. Called with the
-    /// lock of the routes held, which keeps the channel to one thread at a time.
+    /// Tells the thread that receives published changes to read the topics of the routes again. Called with
+    /// the lock of the routes held, which keeps the channel to one thread at a time.
     virtual void notify_subscriber() = 0;
 
-    /// Takes one command off the channel of the thread that hears published changes. False at the end.
+    /// Takes one command off the channel of the thread that receives published changes. False at the end.
     bool handle_wake_up(zmq::socket_t& wake_up, zmq::socket_t& pubsub, ReadyFlag& listening);
 
     void remove_socket_files() const;

@@ -6,17 +6,17 @@
 #include "slate/provider.h"
 
 namespace tarn_internal {
-/// What a server counts on its provider.
+/// The counters on a server's provider.
 struct ServerCounters {
     /// "rx" and "tx" exist only for a server with endpoints; their pointers are null otherwise.
     ServerCounters(slate::Provider& provider, bool has_endpoints);
 
-    /// Requests and published changes that could not be handled, and replies that could not be sent.
+    /// Requests and published changes that failed, and replies that could not be sent.
     std::shared_ptr<slate::Counter> err;
-    /// Published changes taken in, and those of them that no route accepted.
+    /// Published changes received, and those of them that no route accepted.
     std::shared_ptr<slate::Counter> sub;
     std::shared_ptr<slate::Counter> dropped;
-    /// Requests taken in, and replies sent.
+    /// Requests received, and replies sent.
     std::shared_ptr<slate::Counter> rx;
     std::shared_ptr<slate::Counter> tx;
 };

@@ -10,9 +10,9 @@
 #include "slate/provider.h"
 
 namespace tarn_internal {
-/// The life of a server's thread: runs passes until one says false. A failure is logged and counted, and ends
-/// that pass only, so that the thread never dies of one. Only the end of the ZeroMQ context ends it too, as
-/// every further pass would fail at once.
+/// The loop of a server's thread: runs passes until one returns false. An exception is logged and counted,
+/// and ends only that pass, so the thread survives it. The end of the ZeroMQ context also ends the loop,
+/// because every further pass would fail at once.
 template <class Pass>
 void run_passes(const std::shared_ptr<slate::Provider>& provider, slate::Counter& err, Pass pass)
 {
@@ -34,7 +34,7 @@ void run_passes(const std::shared_ptr<slate::Provider>& provider, slate::Counter
             report(error.what());
         }
         catch (...) {
-            // An application's handler may throw anything; that must not end the process.
+            // A handler may throw any type; that must not end the process.
             report("unknown exception");
         }
     }

@@ -106,16 +106,16 @@ void Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
     }
 }
 
-/// The message behind the topic, or null if there is none that parses.
+/// The message behind the topic; null if it is missing or doesn't parse.
 std::shared_ptr<Message> Subscriber::receive(zmq::socket_t& socket)
 {
     zmq::message_t payload;
     try {
-        // Routing goes by the path in the message; the topic has done its work.
+        // Only the path in the message selects routes; ZeroMQ has used the topic for filtering.
         zmq::message_t topic;
         if (!socket.recv(topic))
             slate::log_debug(provider_, SLATE_HERE, "pub/sub in socket recv; no topic");
-        // Anybody can publish a lone frame: waiting for its second one would block the server for good.
+        // Any peer can publish a single frame: waiting for its second one would block the server for good.
         if (topic.more() && !receive_frame(socket, payload))
             slate::log_debug(provider_, SLATE_HERE, "pub/sub in socket recv; no payload");
     }

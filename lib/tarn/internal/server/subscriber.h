@@ -17,8 +17,8 @@ class socket_t;
 }
 
 namespace tarn_internal {
-/// What every server does with published changes: keeps a ZMQ_SUB socket subscribed to the topics of its
-/// routes, and hands each change to the routes that accept it.
+/// How every server handles published changes: keeps a ZMQ_SUB socket subscribed to the topics of its routes,
+/// and passes each change to the routes that accept it.
 ///
 /// Threads: the one that owns the socket.
 class Subscriber {
@@ -27,16 +27,16 @@ public:
     Subscriber(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
                const ServerCounters& counters, RouteList& routes);
 
-    /// Connects the socket and subscribes to what the routes need. False, with an error in the log, if it
+    /// Connects the socket and subscribes to the topics of the routes. False, with an error in the log, if it
     /// can't.
     bool init_publish_subscribe(zmq::socket_t& socket, const slate::Uri& uri);
 
-    /// The routes have changed. Subscribes before it unsubscribes where one topic covers others, so that no
-    /// change is lost. Throws zmq::error_t.
+    /// Follows a change of the routes. Where one topic covers others it subscribes before it unsubscribes, so
+    /// that no published change is lost. Throws zmq::error_t.
     void handle_subscription_change(zmq::socket_t& socket);
 
     /// Takes one published change off a socket that has one. A failure that a route reports by Exception is
-    /// logged and counted here; everything else gets out.
+    /// logged and counted here; other exceptions pass to the caller.
     void handle_publish_subscribe(zmq::socket_t& socket);
 
 private:

@@ -38,7 +38,7 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
             if (error.num() != EADDRINUSE || std::chrono::steady_clock::now() >= end)
                 throw;
         }
-        // There is no event to wait for: the release happens on a thread of libzmq that tells nobody.
+        // There is no event to wait for: a thread of libzmq releases the endpoint without notice.
         std::this_thread::sleep_for(pause);
     }
 }
@@ -56,7 +56,8 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
             return false;
         }
         slate::log_verbose(provider, SLATE_HERE, "bind: ", uri->to_string());
-        // Failures are logged there, and are no reason not to serve: a development machine has no such group.
+        // These functions log their failures. The server serves all the same: a development machine has no
+        // such group.
         (void)tarn::try_modify_socket_permissions(uri);
         (void)tarn::try_modify_socket_group(uri, tarn::socket_group);
     }
@@ -65,7 +66,7 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
 
 void limit_linger(zmq::socket_t& socket)
 {
-    // As long as clients wait by default. A context that is ending refuses, and drops what is left anyway.
+    // As long as clients wait by default. A context that is ending refuses, and drops unsent messages anyway.
     const int milliseconds = static_cast<int>(tarn::default_timeout().to_milliseconds());
     (void)zmq_setsockopt(socket.handle(), ZMQ_LINGER, &milliseconds, sizeof milliseconds);
 }

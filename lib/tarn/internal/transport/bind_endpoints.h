@@ -16,27 +16,27 @@ class socket_t;
 }
 
 namespace tarn_internal {
-/// False, with an error in the log that names the function that was called with them, if one of them is null,
-/// as slate::make_uri gives it for a text that is no endpoint.
+/// False, with an error in the log that names `function`, if one of the endpoints is null, which is what
+/// slate::make_uri gives for a text that is not an endpoint.
 bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function);
 
-/// Binds a socket to one endpoint; throws zmq::error_t. An endpoint in use is tried again for a quarter of a
-/// second: libzmq lets go of one only some time after its socket was closed, and who ends a server and makes
-/// it anew shouldn't meet the old one.
+/// Binds a socket to one endpoint; throws zmq::error_t. Retries an endpoint in use for a quarter of a second:
+/// libzmq releases one some time after its socket was closed, and a restarted server must not collide with
+/// its predecessor.
 void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 
-/// Binds a socket that takes requests to all endpoints, and opens the files of those that have one to the
-/// socket group. False, with an error in the log that tells which `kind` of socket it is, at the first that
-/// can't be bound; those before it stay bound until the socket closes.
+/// Binds a socket that receives requests to all endpoints, and gives the socket group access to their socket
+/// files. False, with an error in the log that names the `kind` of socket, at the first endpoint that can't
+/// be bound; those before it stay bound until the socket closes.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
                     const std::shared_ptr<slate::Provider>& provider);
 
-/// Gives what a socket at public endpoints has sent a limited time to leave, once it is closed: libzmq would
+/// Limits how long the closed socket of public endpoints waits for its last messages to leave: libzmq would
 /// wait for ever for a peer that filled the queue of its requests and then died with replies unread.
 void limit_linger(zmq::socket_t& socket);
 
-/// Binds the socket by which a proxy talks to its workers. False, with an error in the log, if it can't be
-/// bound.
+/// Binds the socket through which a proxy talks to its workers. False, with an error in the log, if it can't
+/// be bound.
 bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,
                  const std::shared_ptr<slate::Provider>& provider);
 } // namespace tarn_internal

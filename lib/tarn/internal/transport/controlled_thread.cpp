@@ -12,15 +12,16 @@
 #include "slate/uri.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
+#include "tarn/internal/utils/thread_name.h"
 
 namespace tarn_internal {
 namespace {
-/// How long a thread may take to hear "TERMINATE" before it is said again: briefly at first, for one that has
-/// only just started, and then at leisure, for one that is busy.
+/// How long the owner waits before it sends "TERMINATE" again: briefly at first, for a thread that has just
+/// started, then longer, for one that is busy.
 constexpr std::chrono::milliseconds first_patience{1};
 constexpr std::chrono::milliseconds longest_patience{20};
 
-/// Blocks the signals that are sent to a process for this thread and those that it starts; faults stay.
+/// Blocks process-directed signals for this thread and the threads that it starts, but not faults.
 class SignalsBlocked {
 public:
     SignalsBlocked()
@@ -77,12 +78,13 @@ ControlledThread::~ControlledThread()
     stop();
 }
 
-void ControlledThread::start(std::function<void()> body)
+void ControlledThread::start(const std::string& name, std::function<void()> body)
 {
     const SignalsBlocked blocked;
     std::promise<void> ended;
     ended_ = ended.get_future();
-    thread_ = std::thread([body = std::move(body), ended = std::move(ended)]() mutable {
+    thread_ = std::thread([name, body = std::move(body), ended = std::move(ended)]() mutable {
+        name_thread(name);
         body();
         ended.set_value();
     });

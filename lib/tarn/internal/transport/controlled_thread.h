@@ -22,12 +22,12 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
-// What is said over a control channel.
+// The commands on a control channel.
 inline constexpr const char* worker_listening = "worker-listening";
 inline constexpr const char* update_subscriptions = "update-subscriptions";
 inline constexpr const char* terminate = "TERMINATE";
 
-/// What a thread makes of it. Any other text ends the thread too.
+/// The meaning of a command. Any other text ends the thread too.
 enum class Command { Terminate, UpdateSubscriptions, WorkerListening };
 
 /// Tells one thread that another is ready. Any thread.
@@ -36,7 +36,7 @@ public:
     void set();
     void reset();
     bool is_set() const;
-    /// Whether it was set, now or within that time.
+    /// Waits until it is set, for that time at most; returns whether it is.
     bool wait(const slate::Duration& time) const;
 
 private:
@@ -45,14 +45,14 @@ private:
     bool set_ = false;
 };
 
-/// A thread of the library, and the inproc channel over which its owner tells it what to do, one frame of
-/// text at a time. The owner's end is a ZMQ_PUB socket; the thread, and threads of its own, connect ZMQ_SUB
-/// sockets to it.
+/// A thread of the library, and the inproc channel over which its owner sends it commands, one frame of text
+/// each. The owner's end is a ZMQ_PUB socket; the thread, and threads that it starts, connect ZMQ_SUB sockets
+/// to it.
 ///
-/// A published text is lost while no subscription stands and when the queue is full, so "TERMINATE" is said
-/// again until the thread has ended: stopping never hangs on a lost word.
+/// A published command is lost while there is no subscription and when the queue is full, so the owner
+/// repeats "TERMINATE" until the thread has ended: stopping never hangs on a lost command.
 ///
-/// Threads: send() may be called from any; the rest is the owner's.
+/// Threads: any may call send(); only the owner calls the rest.
 class ControlledThread {
 public:
     /// Binds the channel at an inproc endpoint; throws zmq::error_t.
@@ -60,10 +60,11 @@ public:
     /// Stops the thread.
     ~ControlledThread();
 
-    /// Starts the thread. Signals to the process are left to the application's own threads.
-    void start(std::function<void()> body);
+    /// Starts the thread under a name of 15 bytes at most. Its signals are blocked: they go to the
+    /// application's own threads.
+    void start(const std::string& name, std::function<void()> body);
 
-    /// False if the text could not be sent; that it was sent doesn't say that it was heard.
+    /// False if the command could not be sent. One that was sent may still be lost.
     bool send(const std::string& text);
 
     /// Ends the thread and waits until it has ended. Does nothing the second time.
@@ -87,7 +88,7 @@ bool connect_control(zmq::socket_t& socket, const slate::Uri& endpoint,
 /// Takes one text off the thread's end of a control channel.
 Command receive_command(zmq::socket_t& socket, const std::shared_ptr<slate::Provider>& provider);
 
-/// Says "worker-listening" over and over until the thread has heard it: what a ZMQ_PUB socket sends before
-/// the subscription has arrived is lost. False if it was not heard in 25.5 s.
+/// Repeats "worker-listening" until the thread has received it: a ZMQ_PUB socket loses what it sends before
+/// the subscription has arrived. False if that takes more than 25.5 s.
 bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait);
 } // namespace tarn_internal

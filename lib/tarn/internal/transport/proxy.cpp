@@ -12,15 +12,16 @@
 
 namespace tarn_internal {
 namespace {
-/// So many messages go one way before the other way has its turn.
+/// How many messages go in one direction before the other one has its turn.
 constexpr int burst = 100;
 
-/// One way through a proxy.
+/// One direction of a proxy.
 class Direction {
 public:
     Direction(zmq::socket_t& from, zmq::socket_t& to) : from_(from), to_(to) {}
 
-    /// Forwards one message. False if there is none, or it is not taken and so held back.
+    /// Forwards one message. False if there is none, or if the receiving side is full; the message is then
+    /// held.
     bool forward()
     {
         if (!held_ && !receive())
@@ -29,7 +30,7 @@ public:
         if (!send(*held_, more))
             return false;
         held_.reset();
-        while (more) { // the rest of it follows its first frame, or is dropped with it
+        while (more) { // further frames follow the first one, or are dropped with it
             zmq::message_t frame;
             (void)from_.recv(frame);
             more = frame.more();
@@ -38,7 +39,7 @@ public:
         return true;
     }
 
-    /// Whether a message waits for the other side to take it.
+    /// Whether a message waits for room on the receiving side.
     bool is_held() const { return held_.has_value(); }
 
 private:
@@ -62,12 +63,11 @@ private:
     std::optional<zmq::message_t> held_;
 };
 
-/// Waits until something can be done; false for "TERMINATE".
+/// Waits until a message can be forwarded; false for "TERMINATE".
 bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, const Direction& in,
                      const Direction& out)
 {
-    // While a message is held back, the side that it came from isn't listened to, and the other one is
-    // awaited.
+    // While a message is held, its source isn't read, and its destination is polled for room.
     const auto events = [](const Direction& from_here, const Direction& to_here) {
         return static_cast<short>((from_here.is_held() ? 0 : ZMQ_POLLIN) |
                                   (to_here.is_held() ? ZMQ_POLLOUT : 0));

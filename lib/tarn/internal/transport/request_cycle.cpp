@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <span>
 #include <utility>
 
 #include <zmq.hpp>
@@ -16,28 +18,102 @@
 
 namespace tarn_internal {
 namespace {
-/// Sending would block for as long as there is no peer at all.
+/// Whether the socket has a peer to send to within that time; sending would block without one.
 bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
 {
-    zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLOUT, 0};
-    zmq::poll(&item, 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
-    return (item.revents & ZMQ_POLLOUT) != 0;
+    zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLOUT, 0}};
+    poll_for(items, timeout);
+    return (items[0].revents & ZMQ_POLLOUT) != 0;
 }
 
-/// Whether something came within that time, which `stop` may cut short.
+/// Whether a reply arrived within that time, which `stop` may cut short.
 bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::socket_t* stop)
 {
     const slate::StopWatch watch(true);
     zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLIN, 0},
                                {stop ? stop->handle() : nullptr, 0, ZMQ_POLLIN, 0}};
-    zmq::poll(items, stop ? 2 : 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
+    poll_for(std::span(items).first(stop ? 2 : 1), timeout);
     if ((items[0].revents & ZMQ_POLLIN) == 0 && stop && (items[1].revents & ZMQ_POLLIN) != 0) {
         const auto rest = std::min(timeout - slate::Microseconds(watch.elapsed()), default_timeout());
-        zmq::poll(items, 1, std::chrono::milliseconds(poll_milliseconds(rest)));
+        poll_for(std::span(items).first(1), rest);
     }
     return (items[0].revents & ZMQ_POLLIN) != 0;
 }
+/// For one wait on a condition; the standard library's arithmetic overflows near its largest time.
+std::chrono::nanoseconds to_chrono(const slate::Duration& time)
+{
+    return std::chrono::nanoseconds(std::min(time, slate::Duration(std::chrono::hours(1))).to_nanoseconds());
+}
 } // namespace
+
+/// The time that a call has: so many waits of `timeout` each, less what it spent until its turn came.
+class RequestCycle::Patience {
+public:
+    Patience(const slate::Duration& timeout, unsigned int retries) : timeout_(timeout), waits_(retries + 1ULL)
+    {
+    }
+
+    /// For the next wait.
+    slate::Duration next_wait() const
+    {
+        return std::max(timeout_ - debt_, slate::Duration(slate::Seconds(0)));
+    }
+
+    /// The next wait is over. False if it was the last one.
+    bool use_wait()
+    {
+        debt_ = slate::Seconds(0);
+        return --waits_ > 0;
+    }
+
+    /// Spends time on waits: whole ones first. False once none is left.
+    bool spend(const slate::Duration& time)
+    {
+        debt_ += time;
+        while (waits_ > 0 && debt_ >= timeout_) {
+            debt_ -= timeout_;
+            --waits_;
+        }
+        return waits_ > 0;
+    }
+
+private:
+    const slate::Duration timeout_;
+    unsigned long long waits_;
+    slate::Duration debt_ = slate::Seconds(0); // of the next wait
+};
+
+/// The right to use the socket, which one call has at a time.
+class RequestCycle::Turn {
+public:
+    Turn(RequestCycle& cycle, Patience& patience) : cycle_(cycle)
+    {
+        std::unique_lock lock(cycle_.mutex_);
+        while (cycle_.busy_) {
+            const slate::StopWatch watch(true);
+            cycle_.idle_.wait_for(lock, to_chrono(patience.next_wait()));
+            if (!patience.spend(slate::Microseconds(watch.elapsed())))
+                return;
+        }
+        taken_ = cycle_.busy_ = true;
+    }
+    ~Turn()
+    {
+        if (!taken_)
+            return;
+        const std::lock_guard lock(cycle_.mutex_);
+        cycle_.busy_ = false;
+        cycle_.idle_.notify_one();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    bool taken() const { return taken_; }
+
+private:
+    RequestCycle& cycle_;
+    bool taken_ = false;
+};
 
 int next_client_instance()
 {
@@ -72,26 +148,32 @@ RequestCycle::~RequestCycle() = default;
 std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const slate::Duration& timeout,
                                                 zmq::socket_t* stop)
 {
-    const std::lock_guard lock(mutex_);
+    // A POST gets a single wait.
+    Patience patience(timeout, message.has_post() ? 0 : retries_);
+    const Turn turn(*this, patience);
+    if (!turn.taken()) {
+        slate::log_error(provider_, SLATE_HERE,
+                         "request timeout; other requests are under way, nothing sent: ", describe(message));
+        return make_reply(Status::RequestTimeout, LocalCause::NoAnswerInTime);
+    }
     try {
-        return exchange(message, timeout, stop);
+        return exchange(message, patience, stop);
     }
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
         err_->increment();
-        // Of unknown state: a socket that sent and did not receive would refuse every further request.
+        // Its state is unknown: a socket that has sent and not received would refuse every further request.
         socket_.reset();
         return make_reply(Status::RequestTimeout, LocalCause::SocketFailed);
     }
 }
 
-std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slate::Duration& timeout,
-                                              zmq::socket_t* stop)
+std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, Patience& patience, zmq::socket_t* stop)
 {
     if (!socket_)
         socket_ = create_socket();
-    if (!is_writable(*socket_, timeout)) {
-        // Nobody is there to send to, as after an inproc server has gone; only a new socket will find the
+    if (!is_writable(*socket_, patience.next_wait())) {
+        // The socket has no peer, as after the end of an inproc server; only a new socket can connect to the
         // next one.
         socket_.reset();
         return fail_to_send(message, LocalCause::NoSuchEndpoint);
@@ -104,15 +186,14 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     tx_->increment();
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
-    // happen twice. A POST is not even waited for again.
-    const unsigned int allowance = message.has_post() ? 0 : retries_;
-    for (unsigned int attempt = 0;; ++attempt) {
-        if (auto reply = wait_for_reply(*socket_, message, timeout, stop)) {
+    // happen twice.
+    for (;;) {
+        if (auto reply = wait_for_reply(*socket_, message, patience.next_wait(), stop)) {
             rx_->increment();
             return reply;
         }
         socket_ = create_socket();
-        if (attempt == allowance)
+        if (!patience.use_wait())
             return make_reply(Status::RequestTimeout, LocalCause::NoAnswerInTime);
     }
 }
@@ -129,7 +210,7 @@ std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalC
     return make_reply(Status::RequestTimeout, cause);
 }
 
-/// One wait on one socket. Null if nothing came.
+/// One wait on one socket. Null if no reply arrived.
 std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const Message& message,
                                                     const slate::Duration& timeout, zmq::socket_t* stop) const
 {

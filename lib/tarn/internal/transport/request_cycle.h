@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,13 +24,14 @@ namespace tarn_internal {
 /// The running number of the next "zmq.client".
 int next_client_instance();
 
-/// The exchange of one request for one reply over one ZMQ_REQ socket, which every client is built on.
+/// The exchange of one request for one reply over one ZMQ_REQ socket; the base of every client.
 ///
-/// The request is sent exactly once. Each wait that ends without a reply costs the socket, as a ZMQ_REQ
-/// socket that has sent and not received refuses to send again; further waits, on the new one, only decide
-/// how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
+/// The request is sent exactly once. Each wait that ends without a reply replaces the socket, because a
+/// ZMQ_REQ socket that has sent and not received refuses to send again; further waits, on the new one, only
+/// decide how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
 ///
-/// Threads: any; one exchange at a time, the others wait.
+/// Threads: any; one exchange at a time, the others wait for their turn. That time counts: a call whose whole
+/// time passes before its turn comes sends nothing.
 class RequestCycle {
 public:
     /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
@@ -39,7 +41,7 @@ public:
                  unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
     ~RequestCycle();
 
-    /// Never null: a failure is a reply of status 408. A frame that doesn't parse gives a reply without a
+    /// Never null: failures give a reply of status 408. A frame that doesn't parse gives a reply without a
     /// message.
     ///
     /// `stop`, if given, is a socket of the calling thread that becomes readable when that thread is to end.
@@ -47,15 +49,16 @@ public:
     std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout,
                                       zmq::socket_t* stop = nullptr);
 
-    /// A reply that no server gave: nothing but a status, and why.
+    /// A reply that no server sent: a status, and the cause.
     std::shared_ptr<Reply> make_reply(Status status, LocalCause cause) const;
 
     const Endpoint& uri() const { return uri_; }
     const MessageFactory& factory() const { return *factory_; }
 
 private:
-    std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout,
-                                    zmq::socket_t* stop);
+    class Patience;
+    class Turn;
+    std::shared_ptr<Reply> exchange(const Message& message, Patience& patience, zmq::socket_t* stop);
     std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
                                           const slate::Duration& timeout, zmq::socket_t* stop) const;
     std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause);
@@ -71,7 +74,9 @@ private:
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;
     const std::shared_ptr<slate::Counter> tx_;
-    std::mutex mutex_; // held for a whole exchange
+    std::mutex mutex_; // guards busy_
+    std::condition_variable idle_;
+    bool busy_ = false; // during a whole exchange, to which socket_ belongs meanwhile
     /// Null after it broke and could not be replaced; the next exchange tries again.
     std::unique_ptr<zmq::socket_t> socket_;
 };

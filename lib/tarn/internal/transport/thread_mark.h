@@ -6,7 +6,7 @@
 #include <utility>
 
 namespace tarn_internal {
-/// Marks the present thread as one that works for `owner`, for as long as it lives.
+/// Marks the current thread as one that works for `owner`, for the lifetime of the mark.
 class ThreadMark {
 public:
     explicit ThreadMark(const void* owner);
@@ -14,13 +14,13 @@ public:
     ThreadMark(const ThreadMark&) = delete;
     ThreadMark& operator=(const ThreadMark&) = delete;
 
-    /// Whether the present thread works for `owner`.
+    /// Whether the current thread works for `owner`.
     static bool is_set_for(const void* owner);
 };
 
-/// Makes an object that joins its threads when it goes. If its last owner is one of these threads, as when a
-/// handler holds the last pointer to its own server, the object goes on a thread of its own instead, once the
-/// handler is done.
+/// Makes an object whose destructor joins its threads. If one of these threads drops the last pointer, as a
+/// handler may do with its own server, the object is destroyed on a separate thread instead, after the
+/// handler.
 template <class Owner, class... Args>
 std::shared_ptr<Owner> make_with_threads(Args&&... args)
 {

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "slate/log.h"
+#include "tarn/internal/utils/thread_name.h"
 
 namespace tarn_internal {
 Workers::~Workers()
@@ -12,12 +13,15 @@ Workers::~Workers()
         thread.join();
 }
 
-void Workers::start(std::size_t count, const std::function<void()>& body,
+void Workers::start(std::size_t count, const std::string& name, const std::function<void()>& body,
                     const std::shared_ptr<slate::Provider>& provider)
 {
     try {
         while (threads_.size() < count)
-            threads_.emplace_back(body);
+            threads_.emplace_back([body, label = name + "-" + std::to_string(threads_.size())] {
+                name_thread(label);
+                body();
+            });
     }
     catch (const std::system_error& error) {
         slate::log_error(provider, SLATE_HERE, "cannot start all workers: ", error.what());

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -14,18 +15,18 @@ class Provider;
 }
 
 namespace tarn_internal {
-/// The threads behind a proxy, as the proxy's thread sees them. It starts them, waits until each has
-/// connected or given up before it forwards anything, as what comes earlier would all be handed to the first
-/// one, and joins them.
+/// The threads behind a proxy, owned by the proxy's thread. It starts them, waits until each has connected or
+/// given up, and joins them. It forwards nothing before that: the first worker would get all early requests.
 class Workers {
 public:
     ~Workers();
 
-    /// As many as there may be: a system that is short of threads gets fewer, and an error in the log.
-    void start(std::size_t count, const std::function<void()>& body,
+    /// Starts `count` threads, named `name` and their number, or fewer, with an error in the log, if the
+    /// system refuses more.
+    void start(std::size_t count, const std::string& name, const std::function<void()>& body,
                const std::shared_ptr<slate::Provider>& provider);
 
-    /// Each worker says once whether it has connected.
+    /// Each worker reports once whether it has connected.
     void report(bool connected);
 
     /// How many have connected, once all have reported.

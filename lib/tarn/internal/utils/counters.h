@@ -7,7 +7,7 @@
 #include "slate/provider.h"
 
 namespace tarn_internal {
-/// Counters as all objects of this library have them: cumulative, from 0, without a text.
+/// The counters of this library's objects: cumulative, from 0, without a text.
 inline std::shared_ptr<slate::Counter> add_counter(slate::Provider& provider, const std::string& name)
 {
     return provider.add_counter(name, slate::Rational<int>(0, 1), "", slate::CounterPolicy::Cumulative);

@@ -11,7 +11,7 @@
 
 namespace tarn_internal {
 namespace {
-// One TCP segment's worth of a body tells text from binary.
+// As much as one TCP segment carries is enough to tell text from binary.
 constexpr std::size_t max_scanned_bytes = 1447;
 
 std::string_view strip_byte_order_mark(std::string_view text)
@@ -43,7 +43,7 @@ bool is_enclosed(std::string_view text, char open, char close)
 /// Markup, PDF or JSON; Unknown for no verdict.
 Format sniff(std::string_view text)
 {
-    // Only as much as the longest marker and the character behind it is ever compared.
+    // The longest marker and the character behind it.
     constexpr std::size_t longest_beginning = 16;
 
     const auto begin = std::min(text.find_first_not_of("\t\n\f\r "), text.size());
@@ -53,7 +53,7 @@ Format sniff(std::string_view text)
     if (is_html(beginning))
         return Format::Html;
 
-    // From here on blanks count: JSON with a blank in front gets no verdict.
+    // From here on blanks matter: JSON with a leading blank gets no verdict.
     if (text.starts_with("%PDF-"))
         return Format::Pdf;
     if (is_enclosed(text, '{', '}') || is_enclosed(text, '[', ']'))
@@ -108,7 +108,7 @@ bool looks_like_json(std::string_view content)
 {
     if (content.empty())
         return false;
-    // An opening brace is enough; only behind a byte order mark, or for an array, the end is looked at.
+    // An opening brace is enough; the end matters only behind a byte order mark and for an array.
     if (content.front() == '{')
         return true;
     const auto text = strip_byte_order_mark(content);

@@ -11,7 +11,7 @@ namespace tarn_internal {
 /// `Text` or `Bin`. Reads 1,447 bytes at most, whatever the body's size.
 Format detect_format(std::string_view content);
 
-/// Whether a body of unknown format may be JSON or XML, at a glance.
+/// Whether a body of unknown format may be JSON or XML, by its first and last bytes.
 bool looks_like_json(std::string_view content);
 bool looks_like_xml(std::string_view content);
 } // namespace tarn_internal

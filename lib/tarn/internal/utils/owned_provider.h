@@ -7,7 +7,7 @@
 #include "slate/provider.h"
 
 namespace tarn_internal {
-/// A provider that is registered for as long as its owner lives, also if the owner's constructor throws.
+/// A provider that is registered for the lifetime of its owner, even if the owner's constructor throws.
 class OwnedProvider {
 public:
     OwnedProvider(const std::string& name, const std::string& instance)

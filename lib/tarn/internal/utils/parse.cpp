@@ -33,7 +33,7 @@ std::pair<std::string, bool> insert_query(std::string& url, const std::string& k
         if (present_key == key)
             return {present_value, false};
     }
-    // Not encoded this time: callers rely on the difference.
+    // Not encoded, unlike the first parameter: callers rely on the difference.
     url += "&" + key + "=" + value;
     return {value, true};
 }

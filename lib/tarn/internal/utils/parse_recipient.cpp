@@ -27,7 +27,8 @@ void parse_recipient(std::string_view recipient, std::string* to, std::string* p
             slate::log_error(SLATE_HERE, "invalid path string: ", recipient);
             return;
         }
-        // The places are fixed, whichever separator comes first in the text. at() refuses what is missing.
+        // The positions are fixed, whichever separator comes first in the text. at() throws for a missing
+        // piece.
         *path = pieces.at(0);
         if (has_to)
             *to = pieces.at(1);

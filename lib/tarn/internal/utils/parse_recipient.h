@@ -10,9 +10,9 @@ class Dictionary;
 }
 
 namespace tarn_internal {
-/// Takes a recipient such as "/a/b@1203,1207?format=json" apart: a path, then possibly "@" and the addressed
-/// process ids, then possibly "?" and a query. `*to` gets the ids as text, `*path` the path with a leading
-/// slash, and `params` the pairs of the query, nothing decoded; all three are emptied first.
+/// Parses a recipient such as "/a/b@1203,1207?format=json": a path, optionally "@" and the addressed process
+/// ids, optionally "?" and a query. `*to` gets the ids as text, `*path` the path with a leading slash, and
+/// `params` the undecoded pairs of the query; all three are emptied first.
 ///
 /// More than two separators: an error in the log, and the path stays empty. Fewer pieces than the separators
 /// promise, as in "@12": throws std::out_of_range.

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sends what protobuf logs on its own (invalid UTF-8 in a text, for instance) where all other lines go,
-// instead of to standard error, from the moment that the library is loaded.
+// Redirects protobuf's own log lines (about invalid UTF-8 in a text, for example) from standard error to the
+// log, as soon as the library is loaded.
 #include <google/protobuf/stubs/common.h>
 
 #if GOOGLE_PROTOBUF_VERSION >= 4022000
-// From 22.0 on protobuf logs through Abseil.
+// Protobuf 22.0 and later logs through Abseil.
 #define TARN_PROTOBUF_LOGS_THROUGH_ABSEIL 1
 #include <absl/log/globals.h>
 #include <absl/log/log_sink.h>
@@ -40,7 +40,7 @@ public:
 
 void redirect()
 {
-    // Never removed: protobuf may log until the process ends.
+    // Never removed, because protobuf may log until the process ends.
     static auto* const sink = new SlateSink;
     absl::AddLogSink(sink);
     absl::SetStderrThreshold(absl::LogSeverityAtLeast::kFatal);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/utils/send.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <utility>
@@ -40,7 +41,7 @@ std::optional<zmq::message_t> to_frame(const Message& message)
         return to_frame(with_text_as_bytes(message));
 
     zmq::message_t frame(message.ByteSizeLong());
-    // Protobuf counts in int; it would print what the size alone tells.
+    // Protobuf counts in int, and would print an error about a larger size.
     if (frame.size() > INT_MAX || !message.SerializeToArray(frame.data(), static_cast<int>(frame.size())))
         return std::nullopt;
     return frame;
@@ -62,12 +63,15 @@ bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::st
                 const std::shared_ptr<slate::Provider>& provider)
 {
     tsan_release(frame.data());
-    if (zmq_msg_send(frame.handle(), socket.handle(), flags) >= 0)
-        return true;
-    if (zmq_errno() != EAGAIN)
-        throw zmq::error_t();
-    slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
-    return false;
+    while (zmq_msg_send(frame.handle(), socket.handle(), flags) < 0) {
+        if (zmq_errno() == EINTR) // a signal; nothing was sent
+            continue;
+        if (zmq_errno() != EAGAIN)
+            throw zmq::error_t();
+        slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
+        return false;
+    }
+    return true;
 }
 
 bool send_msg(zmq::socket_t& socket, const Message& message, const std::shared_ptr<slate::Provider>& provider)

@@ -22,15 +22,15 @@ namespace tarn_internal {
 /// travels as bytes, with its format unchanged. Throws zmq::error_t if there is no memory for the frame.
 std::optional<zmq::message_t> to_frame(const Message& message);
 
-/// Puts one frame on a socket: as it is, a text without terminator, or a message as plain protobuf. The
-/// caller keeps the socket to one thread. They count nothing.
+/// Send one frame: the given one, a text without terminator, or a message as plain protobuf. The caller must
+/// not share the socket between threads. Callers count.
 ///
-/// False if nothing was sent: the socket would block (logged, through `provider` where there is one), or the
-/// message can't be serialised. Throws zmq::error_t if the socket is broken or the context is ending.
+/// False if nothing was sent: the socket would block (logged, through `provider` if given), or the message
+/// can't be serialised. Throws zmq::error_t if the socket is broken or the context is ending.
 bool send_str(zmq::socket_t& socket, const std::string& text);
 bool send_frame(zmq::socket_t& socket, zmq::message_t& frame,
                 const std::shared_ptr<slate::Provider>& provider);
-/// The same with flags of zmq_msg_send, and with a text of the caller's own to begin the log line.
+/// The same with flags of zmq_msg_send and with the caller's own text for the log line.
 bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::string_view text,
                 const std::shared_ptr<slate::Provider>& provider);
 bool send_msg(zmq::socket_t& socket, const Message& message,

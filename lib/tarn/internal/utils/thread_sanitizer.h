@@ -6,9 +6,9 @@
 #endif
 
 namespace tarn_internal {
-/// Tells the thread sanitizer that a frame's memory goes from one thread to another. An inproc socket passes
-/// it on as it is, and libzmq, which comes without instrumentation, doesn't show how it synchronises that.
-/// Nothing in any other build.
+/// Tell the thread sanitizer that a frame's memory passes from one thread to another. An inproc socket passes
+/// it without a copy, and libzmq is not instrumented, so the sanitizer can't see its synchronisation. They do
+/// nothing in other builds.
 inline void tsan_release([[maybe_unused]] void* memory)
 {
 #if defined(__SANITIZE_THREAD__)
