@@ -64,8 +64,8 @@ private:
     ScriptedPeer peer_;
 };
 
-/// Answers "/hello" and nothing else. Who has heard from it is connected, and what is sent then arrives even
-/// if nobody waits for long: a new socket would drop it with the unfinished connection.
+/// Answers "/hello" and nothing else. A client that has heard from it is connected, and what it sends then
+/// arrives even if it does not wait for long: a new socket would drop it with the unfinished connection.
 class PoliteSilentPeer : public ScriptedPeer {
 public:
     explicit PoliteSilentPeer(const std::shared_ptr<const slate::Uri>& uri)
@@ -130,7 +130,7 @@ TEST_F(AClient, IsMadeFromASocketPathAsAnIpcEndpoint)
     EXPECT_EQ(client->url()->to_string(), "ipc:///run/some.sock");
 }
 
-TEST_F(AClient, IsNotMadeFromAPathThatIsNoEndpoint)
+TEST_F(AClient, IsNotMadeFromAPathThatGivesNoValidEndpoint)
 {
     EXPECT_EQ(make_client(std::filesystem::path()), nullptr);
     EXPECT_EQ(make_client(std::filesystem::path("/a\nb")), nullptr);
@@ -138,7 +138,7 @@ TEST_F(AClient, IsNotMadeFromAPathThatIsNoEndpoint)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "failed to create ipc client ( /a\nb ): invalid uri"));
 }
 
-TEST_F(AClient, IsNotMadeFromNoEndpointAtAll)
+TEST_F(AClient, IsNotMadeFromANullEndpoint)
 {
     EXPECT_EQ(make_client(std::shared_ptr<const slate::Uri>()), nullptr);
     EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
@@ -402,7 +402,7 @@ TEST_F(AClient, AnswersARequestWithoutAMessageItself)
     EXPECT_TRUE(logs.lines().empty());
 }
 
-TEST_F(AClient, ThrowsForAProcessListThatIsNoNumbersAndStaysUsable)
+TEST_F(AClient, ThrowsForAProcessListThatIsNotOfNumbersAndStaysUsable)
 {
     RecordingPeer peer(uri, {reply_frame(Status::Ok)});
     const auto client = make_client(uri);
@@ -541,7 +541,7 @@ TEST_F(AClient, DoesNotWaitForANegativeTime)
     EXPECT_EQ(client->get("/a", nullptr, slate::Milliseconds(-5))->status(), Status::RequestTimeout);
 }
 
-TEST_F(AClient, GivesAReplyWithoutAMessageForAFrameThatIsNone)
+TEST_F(AClient, GivesAReplyWithoutAMessageForAFrameThatDoesNotParse)
 {
     RecordingPeer peer(uri, {"\xFF\xFF not a message"});
     const auto client = make_client(uri);
@@ -601,7 +601,7 @@ TEST_F(AClient, GivesUpTheRemainingWaitsWhenItsSocketBreaksInOneOfThem)
     const auto reply = client->get("/a", nullptr, slate::Seconds(20));
 
     EXPECT_EQ(reply->status(), Status::RequestTimeout);
-    EXPECT_EQ(counted("err"), 1u); // no new socket was to be had
+    EXPECT_EQ(counted("err"), 1u); // no new socket could be made
     const auto errors = logs.texts(slate::ErrorLevel);
     ASSERT_EQ(errors.size(), 2u);
     EXPECT_NE(errors[0].find("; request: get {"), std::string::npos) << errors[0];

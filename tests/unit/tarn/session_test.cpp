@@ -4,8 +4,8 @@
 #include <fstream>
 #include <limits>
 
-#include "support/environment.h"
 #include "slate/file.h"
+#include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
 #include "unit/tarn/thrown.h"
@@ -102,7 +102,7 @@ TEST_F(ATemporaryPath, RefusesAHiddenDestination)
               "The destination for the temporary file cannot be a hidden file!");
 }
 
-TEST_F(ATemporaryPath, IsNotToBeHadWithoutAFolderForTemporaryFiles)
+TEST_F(ATemporaryPath, IsNotMadeWithoutAFolderForTemporaryFiles)
 {
     const TemporaryFolderVariable variable(folder.path() / "missing");
 
