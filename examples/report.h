@@ -12,8 +12,7 @@
 /// The body of a reply, or an empty text.
 inline std::string text_of(const std::shared_ptr<tarn::Reply>& reply)
 {
-    const bool has_body = reply->message && reply->message->response().has_body();
-    return has_body ? reply->data() : std::string();
+    return reply->has_body() ? reply->data() : std::string();
 }
 
 inline bool is_number_from(const std::string& text, double least)

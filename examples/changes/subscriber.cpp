@@ -29,7 +29,7 @@ public:
 private:
     void show(const tarn::Context& change, const std::string& value)
     {
-        std::cout << "      " << change.params->get("what", "") << " is now " << value << std::endl;
+        std::cout << "      " << change.variable("what") << " is now " << value << std::endl;
         const std::lock_guard lock(mutex_);
         ++heard_;
         changed_.notify_all();

@@ -27,7 +27,7 @@ public:
     void put(tarn::Context& change) override
     {
         const std::lock_guard lock(mutex_);
-        heard_.insert(change.params->get("name", "") + " is now " + change.request.data());
+        heard_.insert(change.variable("name") + " is now " + change.request.data());
         changed_.notify_all();
     }
 
@@ -43,19 +43,12 @@ private:
     std::set<std::string> heard_;
 };
 
-std::shared_ptr<slate::Dictionary> accept(const std::string& formats)
-{
-    auto headers = slate::make_dictionary();
-    headers->set("accept", std::string_view(formats));
-    return headers;
-}
-
 void ask_every_service(tarn::Client& client, Report& report)
 {
     std::cout << "\nThe first segment of a path names the service\n";
     auto reply = client.get("/status/uptime");
     report.show("GET /status/uptime", reply, tarn::Status::Ok, is_number_from(text_of(reply), 1));
-    reply = client.get("/status/memory", accept("application/json"));
+    reply = client.get("/status/memory", slate::make_dictionary({{"accept", "application/json"}}));
     report.show("GET /status/memory  (accept: json)", reply, tarn::Status::Ok,
                 reply->is(tarn::Format::Json) && slate::starts_with(text_of(reply), "{\"total\": "));
     reply = client.get("/status/load/15");

@@ -11,15 +11,6 @@
 
 #include "../report.h"
 
-namespace {
-std::shared_ptr<slate::Dictionary> headers(const std::string& key, const std::string& value)
-{
-    auto result = slate::make_dictionary();
-    result->set(key, std::string_view(value));
-    return result;
-}
-} // namespace
-
 int main(int argc, char** argv)
 {
     if (argc != 2) {
@@ -50,7 +41,8 @@ int main(int argc, char** argv)
     reply = client->get("/memory?format=json");
     report.show("GET /memory?format=json", reply, tarn::Status::Ok,
                 reply->is(tarn::Format::Json) && slate::starts_with(text_of(reply), "{\"total\": "));
-    reply = client->get("/memory", headers("accept", "image/png, application/json; q=0.5"));
+    reply =
+        client->get("/memory", slate::make_dictionary({{"accept", "image/png, application/json; q=0.5"}}));
     report.show("GET /memory  (accept: ... json)", reply, tarn::Status::Ok, reply->is(tarn::Format::Json));
 
     std::cout << "\nA variable in the path\n";

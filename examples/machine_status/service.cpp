@@ -21,9 +21,9 @@ double read_number(const std::string& file, int position)
 }
 
 /// The load of the last 1, 5 or 15 minutes, as the path says.
-double load(tarn::Context& request)
+double load(tarn::Context& context)
 {
-    const std::string minutes = request.params->get("minutes", "");
+    const std::string minutes = context.variable("minutes");
     for (const auto& [name, position] : {std::pair("1", 0), std::pair("5", 1), std::pair("15", 2)}) {
         if (minutes == name)
             return read_number("/proc/loadavg", position);
@@ -36,21 +36,21 @@ class MemoryRoute : public tarn::Route {
 public:
     MemoryRoute() : Route("memory", "get", "/memory", tarn::Access::Public) {}
 
-    void get(tarn::Context& request) const override
+    void get(tarn::Context& context) const override
     {
         std::ifstream meminfo("/proc/meminfo");
         std::string label, unit;
         long total = 0, free = 0, available = 0;
         meminfo >> label >> total >> unit >> label >> free >> unit >> label >> available;
 
-        for (const tarn::Format format : request.request.formats()) {
+        for (const tarn::Format format : context.request.formats()) {
             if (format == tarn::Format::Json) {
-                request.reply.set_reply_json("{\"total\": " + std::to_string(total) +
+                context.reply.set_reply_json("{\"total\": " + std::to_string(total) +
                                              ", \"available\": " + std::to_string(available) + "}");
                 return;
             }
         }
-        request.reply.set_reply_text(std::to_string(available) + " of " + std::to_string(total) +
+        context.reply.set_reply_text(std::to_string(available) + " of " + std::to_string(total) +
                                      " KiB available");
     }
 };

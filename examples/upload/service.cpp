@@ -36,8 +36,7 @@ int main(int argc, char** argv)
     const TerminationSignal termination;
 
     tarn::ZmqSubsystem subsystem;
-    const auto server = subsystem.add_server(4, slate::make_uri("ipc://" + std::string(argv[1])));
-    server->add(std::make_shared<DropRoute>());
+    subsystem.serve(slate::make_uri("ipc://" + std::string(argv[1])), {std::make_shared<DropRoute>()}, 4);
     std::cout << "serving at " << argv[1] << std::endl;
     termination.wait();
 }

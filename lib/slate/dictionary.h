@@ -12,9 +12,10 @@
 #include "slate/strings.h"
 
 namespace slate {
-/// A flag, a character, an integer or a floating-point number.
+/// A flag, a character, an integer or a floating-point number; no wide character.
 template <class T>
-concept Arithmetic = std::is_arithmetic_v<T>;
+concept Arithmetic = std::is_arithmetic_v<T> && !std::is_same_v<T, wchar_t> && !std::is_same_v<T, char8_t> &&
+                     !std::is_same_v<T, char16_t> && !std::is_same_v<T, char32_t>;
 
 /// Texts under keys that are texts too: settings, headers, the variables of a path. Keys are compared
 /// exactly, byte by byte.

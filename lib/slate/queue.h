@@ -44,6 +44,7 @@ public:
     std::future<Result> future;
     /// For the submitter. The queue doesn't touch it.
     std::shared_ptr<void> attachment;
+    /// Unused; keeps the layout of installed programs.
     int reserved = 0;
     /// Set it to ask that the task be given up. A queue doesn't begin such a task; perform() may look at it
     /// from time to time and return early.

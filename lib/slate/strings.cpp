@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <system_error>
 #include <type_traits>
 
@@ -137,6 +139,15 @@ bool equals_ignoring_case(std::string_view a, std::string_view b)
 bool is_utf8(std::string_view text)
 {
     while (!text.empty()) {
+        // Most texts are ASCII, of which eight bytes are looked at together.
+        std::uint64_t word = 0;
+        if (text.size() >= sizeof word) {
+            std::memcpy(&word, text.data(), sizeof word);
+            if ((word & 0x8080808080808080U) == 0) {
+                text.remove_prefix(sizeof word);
+                continue;
+            }
+        }
         const std::size_t size = utf8_sequence(text);
         if (size == 0)
             return false;

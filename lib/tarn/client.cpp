@@ -14,12 +14,11 @@
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/request_cycle.h"
 #include "tarn/transfer/chunk_headers.h"
+#include "tarn/transfer/transfer_result.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 namespace {
-
-constexpr std::size_t max_chunk_bytes = 1048576;
 
 /// The next chunk of a stream: max_chunk_bytes, or less at its end.
 std::string read_chunk(std::istream& stream)
@@ -53,7 +52,7 @@ private:
 
 /// Sends a stream chunk by chunk, each by `send`, and an empty chunk at its end. Null if the stream fails.
 template <class Send>
-std::shared_ptr<Reply> upload(std::istream& body, slate::Dictionary& headers, Send send)
+std::shared_ptr<Reply> send_in_chunks(std::istream& body, slate::Dictionary& headers, Send send)
 {
     if (headers.has(chunk_header::transfer)) // the caller's own transfer
         return send(slate::slurp(body));
@@ -138,7 +137,7 @@ public:
     {
         if (!headers)
             return put(path, body, slate::make_dictionary(), timeout);
-        return or_bad_request(upload(body, *headers, [&](std::string&& chunk) {
+        return or_bad_request(send_in_chunks(body, *headers, [&](std::string&& chunk) {
             return put(path, std::move(chunk), headers, timeout);
         }));
     }
@@ -160,7 +159,7 @@ public:
     {
         if (!headers)
             return post(path, body, slate::make_dictionary(), timeout);
-        return or_bad_request(upload(body, *headers, [&](std::string&& chunk) {
+        return or_bad_request(send_in_chunks(body, *headers, [&](std::string&& chunk) {
             return post(path, std::move(chunk), headers, timeout);
         }));
     }

@@ -16,6 +16,13 @@
 #include "tarn/request.h"
 #include "tarn/types.h"
 
+namespace tarn_internal {
+/// A text, and nothing that is an endpoint already.
+template <class Text>
+concept EndpointText =
+    std::convertible_to<const Text&, std::string_view> && !std::convertible_to<const Text&, Endpoint>;
+} // namespace tarn_internal
+
 namespace tarn {
 class MessageFactory;
 
@@ -25,14 +32,14 @@ class MessageFactory;
 /// "/status/cpu@1203?format=json"; see MessageFactory. `headers` may be null.
 ///
 /// `timeout` is for one wait; positive infinity waits for ever. A call without an answer blocks for (retries
-/// + 1) x timeout, a POST for one timeout. The request is sent once, whatever the number of retries. A signal
-/// that interrupts a wait counts as a wait without an answer.
+/// + 1) x timeout, a POST for one timeout, and no longer if other threads use the client: the time until its
+/// turn counts. The request is sent once, whatever the number of retries. A signal doesn't shorten a wait.
 ///
 /// Errors: a failed exchange is returned, not thrown. The client then makes the reply itself: status 408 (no
-/// answer in time, or the socket failed) or 400 (nothing to send); Reply::is_local() and Reply::local_cause()
-/// tell such a reply from a server's. A frame that doesn't parse gives a reply without a message. Ask
-/// Reply::good() before using the body, or use Reply::text_or(). A recipient that can't be taken apart is a
-/// bug of the caller, and throws as MessageFactory says.
+/// answer in time, the socket failed, or the request is larger than 2 GiB) or 400 (nothing to send);
+/// Reply::is_local() and Reply::local_cause() tell such a reply from a server's. A frame that doesn't parse
+/// gives a reply without a message. Ask Reply::good() before using the body, or use Reply::text_or(). A
+/// recipient that can't be taken apart is a bug of the caller, and throws as MessageFactory says.
 ///
 /// Threads: may be shared. Requests go one at a time, so a slow one holds up the others; threads that must
 /// not wait for each other need a client each.
@@ -103,8 +110,8 @@ public:
                                                       const slate::Duration& timeout = default_timeout()) = 0;
 };
 
-/// A client of the server at an endpoint, or at the setting "relay_url". A server that isn't running is no
-/// error here.
+/// Makes a client of the server at `endpoint`; without one, at the endpoint of the setting "relay_url". The
+/// server need not be running.
 ///
 /// `retries` is how many further waits follow the first one. Without `factory` the client makes one. Null,
 /// with an error in the log, without a ZmqSubsystem or for an endpoint that is not valid. Throws zmq::error_t
@@ -114,21 +121,20 @@ public:
                                                   const std::shared_ptr<MessageFactory>& factory = nullptr);
 [[nodiscard]] std::shared_ptr<Client> make_client(unsigned int retries = default_retries(),
                                                   const std::shared_ptr<MessageFactory>& factory = nullptr);
-/// At the ipc socket of that path.
+/// At the ipc socket with that path.
 [[nodiscard]] std::shared_ptr<Client> make_client(const std::filesystem::path& path,
                                                   unsigned int retries = default_retries(),
                                                   const std::shared_ptr<MessageFactory>& factory = nullptr);
 
-/// At an endpoint where the text contains "://", else at the ipc socket of that path.
+/// `endpoint_or_path` is an endpoint if it contains "://", and otherwise the path of an ipc socket.
 [[nodiscard]] std::shared_ptr<Client> make_client_at(std::string_view endpoint_or_path, unsigned int retries,
                                                      const std::shared_ptr<MessageFactory>& factory);
 
 /// The same for a literal, a `const char*` or a string; a template, so that no other call is ambiguous.
-template <class Text>
-requires std::convertible_to<const Text&, std::string_view> &&(!std::is_null_pointer_v<Text>)
-    [[nodiscard]] std::shared_ptr<Client> make_client(
-        const Text& endpoint_or_path, unsigned int retries = default_retries(),
-        const std::shared_ptr<MessageFactory>& factory = nullptr)
+template <tarn_internal::EndpointText Text>
+[[nodiscard]] std::shared_ptr<Client> make_client(const Text& endpoint_or_path,
+                                                  unsigned int retries = default_retries(),
+                                                  const std::shared_ptr<MessageFactory>& factory = nullptr)
 {
     if constexpr (std::is_pointer_v<Text>) {
         if (!endpoint_or_path)

@@ -24,16 +24,18 @@ struct Context {
     std::shared_ptr<slate::Dictionary> params;
     /// The process id of the server.
     int pid = 0;
-    /// The variables of the path alone, by name, in the order of the pattern; variable() finds one.
+    /// The variables of the path alone, by name, in the order of the pattern; variable() finds one. If
+    /// several routes accept a published change, all their handlers see those of the last one; so do they in
+    /// `params`.
     std::vector<std::pair<std::string, std::string>> variables;
 
-    /// A variable that the route's pattern caught in the path (or its default), as it stands there,
-    /// undecoded; `dflt` if the path has none of that name. No header and no parameter of that name plays a
-    /// part.
+    /// The text of a variable of the route's pattern, undecoded: from the path, or else the pattern's
+    /// default, or else `dflt`. Headers and parameters of that name don't matter.
     std::string variable(std::string_view name, std::string_view dflt = {}) const;
 
-    /// The same as a value, read by slate::try_parse: `context.variable<int>("id")`. Throws MessageException,
-    /// status 400, for a text that isn't such a value, and for a missing variable without `dflt`.
+    /// The same, converted to T, read by slate::try_parse: `context.variable<int>("id")`. Throws
+    /// MessageException, status 400, for a text that isn't such a value, and for a missing variable without
+    /// `dflt`.
     template <class T>
     T variable(std::string_view name) const
     {

@@ -26,7 +26,7 @@ public:
     slate::TraceLevel level = slate::ErrorLevel;
 };
 
-/// A message could not be converted.
+/// A protobuf message could not be serialised or parsed.
 class SerdesException : public Exception {
 public:
     SerdesException(std::string message, const std::string& detail_text)
@@ -35,10 +35,11 @@ public:
     {
     }
 
+    /// Empty so far.
     std::string details;
 };
 
-/// The work queue is full.
+/// The work queue is full; thrown by ResourceBase::submit_work.
 class OverloadedException : public Exception {
 public:
     explicit OverloadedException(const std::string& text) : Exception(text) {}

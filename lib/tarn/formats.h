@@ -13,7 +13,7 @@
 
 namespace tarn_internal {
 /// From a MIME type, with or without parameters and possibly percent-encoded, or from a bare extension such
-/// as "json", or "none" or "empty". Compared with case.
+/// as "json", or "none" or "empty". Case matters.
 tarn::Format to_format(const std::string& text);
 
 /// By the file's extension, compared with case; `Bin` for a missing or unknown one.
@@ -40,8 +40,9 @@ std::string to_extension(Format format);
 /// Appends the format that a "Content-Type" value names, if it names one.
 void parse_content_type(std::string_view value, std::vector<Format>& formats);
 
-/// Appends the formats that an "Accept" value names, the preferred one first. Without q-factors they keep the
-/// order of the text. With q-factors, the last of several formats with the same factor replaces the others.
-/// Throws std::out_of_range for an item that consists of ";" alone.
+/// Appends the formats that an "Accept" value names, the preferred one first. A text without
+/// ";", "=" and the letter "q" keeps its order. Any other is sorted by q-factor (1 if missing), and the last
+/// of several formats with one factor replaces the others. Throws std::out_of_range for an item that consists
+/// of ";" alone.
 void parse_accept(std::string_view value, std::vector<Format>& formats);
 } // namespace tarn

@@ -4,8 +4,8 @@
 #include <iosfwd>
 #include <string>
 
-/// What a bare message holds, whatever its verb; Request and Reply are the views that handlers and clients
-/// use. The class itself, tarn::Message, stands in "tarn/proto/message.pb.h".
+/// Access to a bare message, whatever its verb; Request and Reply are the views that handlers and clients
+/// use. The class itself, tarn::Message, is declared in "tarn/proto/message.pb.h".
 
 namespace tarn {
 class Body;

@@ -26,9 +26,9 @@ namespace tarn {
 /// it; without either it is `Unknown`. The format decides whether a body goes into the bytes or the text
 /// field. A PUT or POST of format `Empty` has no body.
 ///
-/// Errors: Exception "Invalid 'to': ..." if a process id isn't a number; std::out_of_range for a recipient
-/// with fewer pieces than separators promise ("@12"); one with too many separators is logged and gets an
-/// empty path.
+/// Errors: Exception "Invalid 'to': ..." if a process id isn't a number; std::out_of_range if a part next to
+/// a separator is missing, as in "@12". A recipient with more than two separators is logged and gets an empty
+/// path.
 ///
 /// Threads: any, several at once.
 class MessageFactory {

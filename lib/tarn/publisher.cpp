@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/publisher.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <istream>
+#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -32,9 +35,13 @@ namespace {
 
 constexpr int linger_milliseconds = 250;
 
-/// 0, then ms/1024 to ms/2, each twice the one before: eleven delays.
-std::vector<std::uint32_t> handshake_delays(std::uint32_t milliseconds)
+/// 0, then ms/1024 to ms/2, each twice the one before: eleven delays. A negative time counts as 0, and
+/// infinity as the longest one of 32 bits.
+std::vector<std::uint32_t> handshake_delays(const slate::Duration& timeout)
 {
+    constexpr std::int64_t longest = std::numeric_limits<std::uint32_t>::max();
+    auto milliseconds =
+        static_cast<std::uint32_t>(std::clamp(timeout.to_milliseconds(), std::int64_t{0}, longest));
     std::vector<std::uint32_t> delays;
     for (int i = 0; i < 10; ++i)
         delays.insert(delays.begin(), milliseconds /= 2);
@@ -161,8 +168,7 @@ private:
     void ensure_connection()
     {
         unsigned int seen = 0;
-        for (const std::uint32_t delay :
-             handshake_delays(static_cast<std::uint32_t>(timeout_.to_milliseconds()))) {
+        for (const std::uint32_t delay : handshake_delays(timeout_)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
             const auto probe = factory_->make_put("relay?format=text", "hi", nullptr, timeout_);
             if (!probe)

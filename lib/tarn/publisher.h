@@ -21,8 +21,8 @@ class MessageFactory;
 ///
 /// The publisher makes each reply itself: status 200 means only that it handed the message to the socket.
 /// Without a relay or a subscriber the message is lost without an error. Status 400 reports a message that
-/// can't be published, 408 a socket whose queue is full. Throws zmq::error_t if the socket is broken, and
-/// what MessageFactory throws for a bad recipient. `headers` may be null.
+/// can't be published, 408 a socket whose queue is full, or a message larger than 2 GiB. Throws zmq::error_t
+/// if the socket is broken, and what MessageFactory throws for a bad recipient. `headers` may be null.
 ///
 /// Threads: may be shared. Lifetime: may outlive ZmqSubsystem. At its end the publisher waits 250 ms
 /// at most for its last messages to leave.
@@ -35,27 +35,27 @@ public:
     /// The endpoint of its socket.
     [[nodiscard]] virtual Endpoint url() const = 0;
 
-    [[nodiscard]] virtual std::shared_ptr<Reply> put(const std::string_view& path, const std::string& body,
-                                                     const Headers& headers = nullptr) = 0;
+    virtual std::shared_ptr<Reply> put(const std::string_view& path, const std::string& body,
+                                       const Headers& headers = nullptr) = 0;
     /// Reads the stream to its end; there are no chunks here.
-    [[nodiscard]] virtual std::shared_ptr<Reply> put(const std::string_view& path, std::istream& body,
-                                                     const Headers& headers = nullptr) = 0;
-    [[nodiscard]] virtual std::shared_ptr<Reply> del(const std::string_view& path,
-                                                     const Headers& headers = nullptr) = 0;
+    virtual std::shared_ptr<Reply> put(const std::string_view& path, std::istream& body,
+                                       const Headers& headers = nullptr) = 0;
+    virtual std::shared_ptr<Reply> del(const std::string_view& path, const Headers& headers = nullptr) = 0;
     /// Publishes the message that the request holds, a put or delete; its sender's tag becomes this
     /// publisher's.
-    [[nodiscard]] virtual std::shared_ptr<Reply> send(const Request& request) = 0;
+    virtual std::shared_ptr<Reply> send(const Request& request) = 0;
 };
 
-/// A publisher to the relay of the settings ("relay_sub" and "relay_url"), or, with `endpoint` and
-/// `stats_endpoint`, to the relay that takes published changes in at the one and answers for its statistics
-/// at the other, or, with `endpoint` alone, at an endpoint of its own, which subscribers connect to.
+/// Makes a publisher. With `endpoint` and `stats_endpoint` it connects to the relay that receives changes at
+/// the first and answers for its statistics at the second. With `endpoint` alone it binds that endpoint, and
+/// subscribers connect there. With neither it takes both endpoints from the settings "relay_sub" and
+/// "relay_url".
 ///
-/// A connection takes a while to stand, and what is sent before is lost. So, but for an endpoint of its own,
-/// the publisher asks for the relay's statistics until they show what it sends: eleven times, with growing
-/// gaps that add up to just under `timeout`. It finds a running relay within milliseconds. With a dead one,
-/// each of the eleven requests also blocks for (retries + 1) x timeout, so that a call with 4 s takes 4 + 11
-/// x 4 = 48 s without retries, and 4 + 11 x 12 = 136 s with two.
+/// What is sent before the connection is established is lost. So a publisher that connects asks for the
+/// relay's statistics until they show its own messages: eleven times, with growing pauses that add up to just
+/// under `timeout`. A running relay is found within milliseconds. With a dead one each of the eleven requests
+/// blocks for (retries + 1) x timeout: with 4 s, 48 s without retries and 136 s with two. A negative time
+/// counts as 0.
 ///
 /// Without `factory` the publisher makes one. Null, with an error in the log, without a ZmqSubsystem or if a
 /// setting is not an endpoint. Throws std::runtime_error if the relay isn't found, zmq::error_t if the socket

@@ -18,7 +18,8 @@ public:
     virtual ~Relay() = default;
 };
 
-/// A relay that takes published changes in at `relay_in` and puts them out at `relay_out` (neither null); the
+/// A relay that receives published changes at `relay_in` and forwards them to the subscribers at `relay_out`
+/// (neither null); the
 /// usual endpoints come from relay_sub_sock and relay_pub_sock. Null, with an error in the log, without a
 /// ZmqSubsystem. Throws zmq::error_t if an endpoint can't be bound. libzmq doesn't report an ipc path that
 /// another process serves: the relay takes such a path over.

@@ -3,6 +3,7 @@
 
 #include <list>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <utility>
 
@@ -13,6 +14,8 @@ namespace tarn {
 namespace {
 // Every publisher has a new tag, so the list needs a limit.
 constexpr std::size_t max_senders = 1000;
+// A publisher asks for the statistics only when it starts, so the entry of a silent one is useless.
+const slate::Duration max_silence = slate::Minutes(15);
 constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
 
 class RelayStatsRoute : public Route {
@@ -41,19 +44,21 @@ public:
     }
 
     /// A published message.
-    void put(Context& context) override { hear(context.request.head()); }
-    void del(Context& context) override { hear(context.request.head()); }
+    void put(Context& context) override { note_sender(context.request.head()); }
+    void del(Context& context) override { note_sender(context.request.head()); }
 
 private:
     struct Sender {
-        Identity id;
+        std::int32_t pid = 0;
+        std::string tag;
         std::int32_t packets = 0;
         slate::Duration last_seen;
     };
 
-    void hear(const Head& head)
+    void note_sender(const Head& head)
     {
-        if (head.path() != "/stats") // another service's change
+        // A change published below "/stats" is not a probe: that pattern is for requests through a router.
+        if (head.path() != "/stats")
             count(head.from());
     }
 
@@ -64,7 +69,7 @@ private:
         const std::lock_guard lock(mutex_);
         auto found = by_tag_.find(from.tag());
         if (found == by_tag_.end()) {
-            senders_.push_front({from, 0, {}});
+            senders_.push_front({from.pid(), from.tag(), 0, {}});
             found = by_tag_.emplace(from.tag(), senders_.begin()).first;
         }
         else {
@@ -74,9 +79,8 @@ private:
         found->second->packets =
             static_cast<std::int32_t>(static_cast<std::uint32_t>(found->second->packets) + 1);
         found->second->last_seen = now();
-        if (senders_.size() > max_senders) {
-            by_tag_.erase(senders_.back().id.tag());
-            senders_.pop_back();
+        while (senders_.size() > max_senders || is_silent(senders_.back())) {
+            forget_last();
         }
     }
 
@@ -85,12 +89,23 @@ private:
         Stats stats;
         const std::lock_guard lock(mutex_);
         for (const Sender& sender : senders_) {
+            if (is_silent(sender)) // and so are all behind it
+                break;
             Stat* stat = stats.add_stat();
-            *stat->mutable_id() = sender.id;
+            stat->mutable_id()->set_pid(sender.pid);
+            stat->mutable_id()->set_tag(sender.tag);
             stat->set_total_packets(sender.packets);
             stat->set_age((now() - sender.last_seen).to_string(0));
         }
         return stats;
+    }
+
+    bool is_silent(const Sender& sender) const { return now() - sender.last_seen > max_silence; }
+
+    void forget_last()
+    {
+        by_tag_.erase(senders_.back().tag);
+        senders_.pop_back();
     }
 
     slate::Duration now() const

@@ -19,6 +19,7 @@ namespace tarn {
 ///   server->add(tarn::make_relay_stats_route());
 ///
 /// It counts messages published below "/relay", which each publisher sends at its start. It distinguishes
-/// senders by their tag, and beyond a thousand it forgets the one that has been silent longest.
+/// senders by their tag, and beyond a thousand it forgets the one that has been silent longest, and each one
+/// after 15 minutes of silence.
 [[nodiscard]] std::shared_ptr<Route> make_relay_stats_route();
 } // namespace tarn

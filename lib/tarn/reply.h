@@ -16,25 +16,25 @@ bool Succeeded(Status status);
 /// Whether a message is a reply, or a call with a result, of such a status.
 bool Succeeded(const std::shared_ptr<Message>& message);
 
-/// Why a client made a reply itself.
+/// Why a reply was made in this process and not by a server.
 enum class LocalCause : int {
-    /// It did not: the reply came from a server.
+    /// A server's reply, or a publisher's report that its socket took the change.
     None = 0,
-    /// The request holds nothing that could be sent.
+    /// There is nothing that can be sent, or the caller's stream can't be read or written.
     InvalidRequest = 1,
-    /// Nothing came within the timeout and the retries.
+    /// No answer within the timeout and the retries; over ipc and tcp also if nobody serves the endpoint.
     NoAnswerInTime = 2,
-    /// The caller, or the end of its process, cancelled the request.
+    /// The caller stopped or aborted the transfer.
     Cancelled = 3,
-    /// More requests are under way than the client takes.
+    /// Other threads' requests kept the client busy for the whole time; nothing was sent.
     TooMany = 4,
-    /// The request is larger than a message can be.
+    /// The request is larger than a message can be (2 GiB).
     TooLarge = 5,
     /// ZeroMQ refused the socket, or to send on it.
     SocketFailed = 6,
-    /// Nobody serves the endpoint.
+    /// The server at an inproc endpoint has ended.
     NoSuchEndpoint = 7,
-    /// The caller may not connect to the endpoint.
+    /// Reserved for endpoints that the caller may not connect to.
     NotAllowed = 8,
 };
 
@@ -90,7 +90,7 @@ public:
     /// The body of a good reply; `dflt` if the reply is bad or has no body.
     std::string text_or(std::string dflt) const;
 
-    /// Whether the client made this reply itself, as no server answered, and why. No peer can forge either:
+    /// Whether the client made this reply itself, and why. No peer can forge either:
     /// neither is part of a message.
     bool is_local() const { return cause_ != LocalCause::None; }
     LocalCause local_cause() const { return cause_; }

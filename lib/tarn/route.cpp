@@ -13,9 +13,9 @@
 namespace tarn {
 namespace {
 /// Path variables win over query parameters, of which the first of a name counts; headers overwrite both.
-void merge_hdrs_params(slate::Dictionary& variables, const Message& message)
+void merge_params_and_headers(slate::Dictionary& variables, const Message& message)
 {
-    const Head* head = tarn_internal::find_head(message);
+    const Head* head = find_head(message);
     if (!head) {
         slate::log_error(SLATE_HERE, "tarn merge_hdrs_params unknown msg type: ", to_string(message));
         return;
@@ -104,6 +104,7 @@ std::vector<std::string> Route::complete_patterns() const
 
 void Route::prime(const std::shared_ptr<const slate::Dictionary>& server_settings)
 {
+    // Written only if it changes: a route that is added to a second server is in use on the first.
     if (settings != server_settings)
         settings = server_settings;
     for (RoutePattern& candidate : patterns)
@@ -157,7 +158,7 @@ bool Route::accept(Context& context) const
 
     // The path is compared in place, without a copy: most routes of a server don't match.
     const Message& message = *context.request.message;
-    const Head* head = tarn_internal::find_head(message);
+    const Head* head = find_head(message);
     const std::string unknown = head ? std::string() : context.request.path();
     const std::string& path = head ? head->path() : unknown;
     const auto matching =
@@ -167,7 +168,7 @@ bool Route::accept(Context& context) const
 
     context.variables = matching->variables_of(path);
     auto params = matching->parse(path, context.variables);
-    merge_hdrs_params(*params, message);
+    merge_params_and_headers(*params, message);
     context.params = std::move(params);
     accept_count->increment();
     return true;
@@ -177,7 +178,7 @@ bool Route::is_access_allowed(const Context& context) const
 {
     if (access == Access::Public)
         return true;
-    // Wanted: debug logging opens private routes to developers.
+    // Deliberate: while debug lines are logged, private routes are open to developers (docs/security.md).
     if (slate::is_logging_allowed(slate::DebugLevel))
         return true;
     try {

@@ -51,7 +51,8 @@ public:
 
     /// Fills the placeholders of the patterns. A server calls it with its settings when the route is added.
     /// Throws Exception if a setting is missing. A second call with the same settings changes nothing, so a
-    /// route may be added to several servers.
+    /// route may be added to several servers. It runs while the server's list of routes is locked, so it must
+    /// not call that server.
     virtual void prime(const std::shared_ptr<const slate::Dictionary>& server_settings);
 
     /// Whether put and post take each chunk of a large body as it arrives. By default they don't, and are
@@ -66,10 +67,10 @@ public:
     virtual void post(Context& context);
     virtual void del(Context& context);
 
-    /// Whether this route takes the request, by access and path; the verb plays no part. If so,
-    /// context.variables holds the path's variables, and context.params these, the decoded query parameters
-    /// (which a variable of the same name hides) and the headers (which hide both). Allocates nothing until a
-    /// pattern has matched.
+    /// Whether this route takes the request, by access and path; the verb doesn't matter. If so, fills
+    /// context.variables, and context.params with the variables, the decoded query parameters and the
+    /// headers; of one name a header wins over a variable, and a variable over a parameter. Allocates nothing
+    /// until a pattern has matched.
     bool accept(Context& context) const;
 
     /// A private route answers only the process that serves it. While debug logging is on, it answers every

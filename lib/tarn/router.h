@@ -38,10 +38,10 @@ class Router : public Server {};
 /// A router at `endpoints`. Null, with an error in the log, without a ZmqSubsystem, if an endpoint is null,
 /// or if the directory is empty.
 ///
-/// `settings` and `relay_out` are for the routes of its own, as for make_server. `run_time_directory` holds a
+/// `settings` and `relay_out` are for its own routes, as for make_server. `run_time_directory` holds a
 /// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and
-/// the router then serves nothing. Throws zmq::error_t if the sockets that it talks to its threads by can't
-/// be made.
+/// the router then serves nothing. Throws zmq::error_t if the sockets of its control
+/// channel can't be made.
 [[nodiscard]] std::shared_ptr<Router> make_router(
     const std::shared_ptr<const slate::Dictionary>& settings, const std::vector<Endpoint>& endpoints,
     const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory(),

@@ -33,7 +33,7 @@ std::shared_ptr<Server> make_server(unsigned long workers,
     const int id = instances++;
     const auto messages = factory ? factory : make_message_factory();
 
-    if (workers == 0) // a warning and not a correction: what follows refuses it
+    if (workers == 0) // only a warning: make_multi_threaded_server refuses it
         slate::log_warn(SLATE_HERE, "make_server, invalid worker count specified: ", "0");
     // Without an endpoint there is nothing for workers to do.
     if (workers == 1 || endpoints.empty())

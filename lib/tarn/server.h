@@ -50,10 +50,10 @@ public:
 /// A server at `endpoints` whose handlers run one at a time. Null, with an error in the log, without a
 /// ZmqSubsystem and for an endpoint that is null.
 ///
-/// `settings` are read for "session_ttl" and given to Route::prime. `relay_out` is where the relay puts
-/// published changes out; null subscribes to nothing. An endpoint that can't be bound is no exception but an
-/// error in the log, and the server then serves nothing; the call takes 25.5 s in that case. Throws
-/// zmq::error_t if the sockets that it talks to its thread by can't be made.
+/// `settings` are read for "session_ttl" and given to Route::prime. `relay_out` is where the relay
+/// forwards published changes; null subscribes to nothing. An endpoint that can't be bound is no exception
+/// but an error in the log, and the server then serves nothing; the call takes 25.5 s in that case. Throws
+/// zmq::error_t if the sockets of its control channel can't be made.
 [[nodiscard]] std::shared_ptr<Server> make_server(
     const std::shared_ptr<const slate::Dictionary>& settings, const std::vector<Endpoint>& endpoints,
     const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory());
@@ -68,7 +68,7 @@ public:
 
 /// The same with its routes from the first moment: it binds its endpoints only when all of them are in, so
 /// that no request meets status 404 while a service starts. A route that can't be added is an error in the
-/// log, as for Server::add. Whatever Route::prime throws passes out.
+/// log, as for Server::add. Passes on what Route::prime throws.
 [[nodiscard]] std::shared_ptr<Server> make_server(unsigned long workers,
                                                   const std::shared_ptr<const slate::Dictionary>& settings,
                                                   const std::vector<Endpoint>& endpoints,
@@ -76,7 +76,7 @@ public:
                                                   const std::shared_ptr<MessageFactory>& factory,
                                                   const std::vector<std::shared_ptr<Route>>& routes);
 
-/// A server without endpoints, which only hears the changes that the relay puts out at `relay_out`.
+/// A server without endpoints, which only receives the changes that the relay forwards at `relay_out`.
 [[nodiscard]] std::shared_ptr<Server> make_subscriber(
     const std::shared_ptr<const slate::Dictionary>& settings, const Endpoint& relay_out,
     const std::shared_ptr<MessageFactory>& factory = make_message_factory());

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// The whole interface in one include. Those who build on the parts that it is made of (a server of their
-/// own, a test kit) include "tarn/internal/internal.h" as well.
+/// The whole interface in one include. Code that builds on the library's parts, such as a server or a test
+/// kit of your own, also includes "tarn/internal/internal.h".
 
 #include "slate/slate.h"
 

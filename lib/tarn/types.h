@@ -18,5 +18,5 @@ using Headers = std::shared_ptr<slate::Dictionary>;
 } // namespace tarn
 
 namespace tarn_internal {
-using namespace tarn; // the parts speak of the interface's types
+using namespace tarn; // internal code uses the interface's types by their short names
 } // namespace tarn_internal

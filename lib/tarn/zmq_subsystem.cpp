@@ -101,6 +101,7 @@ std::shared_ptr<slate::Lazy<slate::Queue>> ZmqSubsystem::queue() const
 
 std::vector<std::shared_ptr<Server>> ZmqSubsystem::servers() const
 {
+    const std::lock_guard lock(mutex_);
     return servers_;
 }
 
@@ -194,6 +195,7 @@ Endpoint ZmqSubsystem::relay_pub_if_set() const
 
 std::shared_ptr<Server> ZmqSubsystem::keep(std::shared_ptr<Server> server)
 {
+    const std::lock_guard lock(mutex_);
     servers_.push_back(server);
     return server;
 }

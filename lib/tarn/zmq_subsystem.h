@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -50,7 +51,7 @@ public:
 
     /// Null before the first one was made and after one was destroyed.
     static ZmqSubsystem* self();
-    /// "ZeroMQ".
+    /// The name of the transport, "ZeroMQ".
     static std::string name();
     /// Of the ZeroMQ headers that this was built against, such as "4.3.4".
     static std::string version();
@@ -72,7 +73,8 @@ public:
     std::shared_ptr<Server> add_server(unsigned long workers, const std::vector<Endpoint>& endpoints,
                                        const Endpoint& relay_out);
 
-    /// The same with its routes from the first moment: no request meets status 404 while the service starts.
+    /// The same with routes: the endpoint is bound only when all of them are in, so that no request gets
+    /// status 404 while the service starts.
     std::shared_ptr<Server> serve(const Endpoint& endpoint, const std::vector<std::shared_ptr<Route>>& routes,
                                   unsigned long workers = 1);
     std::shared_ptr<Server> serve(const std::vector<Endpoint>& endpoints,
@@ -104,6 +106,7 @@ private:
     std::shared_ptr<slate::Dictionary> settings_;
     std::shared_ptr<slate::Lazy<slate::Queue>> queue_;
     std::vector<std::shared_ptr<Server>> servers_;
+    mutable std::mutex mutex_; // guards servers_: a handler may ask for them while another server is added
 
     static std::atomic<ZmqSubsystem*> self_;
 };

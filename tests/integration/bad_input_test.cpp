@@ -40,7 +40,7 @@ protected:
 };
 INSTANTIATE_SERVER_KINDS(AServerGiven);
 
-TEST_P(AServerGiven, BytesThatAreNoMessageAnswersBadRequest)
+TEST_P(AServerGiven, BytesThatAreNotAMessageAnswersBadRequest)
 {
     expect_refused_as_corrupt("\xFF\xFF\xFF\xFF");
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "rx: corrupt message; cannot deserialize it"));
@@ -89,7 +89,7 @@ TEST_P(AServerGiven, AMessageOfNoTypeAnswersBadRequest)
     expect_refused_as_corrupt("\x98\x06\x01");
 }
 
-TEST_P(AServerGiven, ATextBodyThatIsNoUtf8AnswersBadRequest)
+TEST_P(AServerGiven, ATextBodyThatIsNotUtf8AnswersBadRequest)
 {
     // put { head { path: "/a" } body { txt: "\xFF" } }, written out by hand as no sender would.
     expect_refused_as_corrupt(std::string("\x12\x0B\x0A\x04\x1A\x02/a\x12\x03\x12\x01\xFF", 13));

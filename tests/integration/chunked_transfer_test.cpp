@@ -967,7 +967,7 @@ TEST_P(AChunkedUpload, MayPauseForAsLongAsTheSettingsSay)
     EXPECT_LE(logged_expiry("begin: "), slate::Seconds(90) + now);
 }
 
-TEST_P(AChunkedUpload, MayPauseForAQuarterOfAnHourIfTheSettingIsNoTime)
+TEST_P(AChunkedUpload, MayPauseForAQuarterOfAnHourIfTheSettingIsNotADuration)
 {
     slate::set_log_level(slate::ExtremeLevel);
     const auto clock = slate::make_clock_factory()->make_clock();
@@ -1059,7 +1059,7 @@ TEST_P(AChunkedUpload, OutlivesItsTimeWhileTheServerIsIdleAndIsRemovedAfterTheNe
     EXPECT_TRUE(wait_until([&] { return removed(transfer); }));
 }
 
-TEST_P(AChunkedUpload, IsRemovedAfterAFrameThatIsNoRequestToo)
+TEST_P(AChunkedUpload, IsAlsoRemovedAfterAFrameThatIsNotARequest)
 {
     settings->set("session_ttl", "200ms");
     start();
@@ -1281,7 +1281,7 @@ TEST_P(AnUploadBesideOthers, KeepsNoneWaitingWhileItsFileIsWrittenAndSurvivesBei
     start();
     add_route("b", "/b");
     send(chunk(Verb::Put, "slow", 0, std::string(threshold + 1, 'x')));
-    // In place of the file, a pipe: who writes to it stands still until somebody reads.
+    // In place of the file, a pipe: a writer to it stands still until somebody reads.
     const fs::path file = only_file();
     fs::remove(file);
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);

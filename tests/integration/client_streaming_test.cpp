@@ -200,7 +200,7 @@ TEST_P(AStreamUpload, IsAbandonedWithoutAnEndIfTheOnlyChunkGetsABadReply)
     EXPECT_FALSE(has_chunk_headers());
 }
 
-TEST_P(AStreamUpload, IsAbandonedAtAReplyThatIsNoMessage)
+TEST_P(AStreamUpload, IsAbandonedAtAReplyThatIsNotAMessage)
 {
     TellingPeer peer(uri, std::vector<std::string>{"\xFF no message"});
     std::istringstream stream("body");
@@ -647,7 +647,7 @@ TEST_F(AStreamDownload, OfAnEmptyBodyIsEmpty)
     EXPECT_EQ(peer.count(), 1u);
 }
 
-TEST_F(AStreamDownload, EndsWithAReplyThatIsNoMessage)
+TEST_F(AStreamDownload, EndsWithAReplyThatIsNotAMessage)
 {
     TellingPeer peer(
         uri, std::vector<std::string>{chunk_reply("one", "id").SerializeAsString(), "\xFF no message"});

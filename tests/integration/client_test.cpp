@@ -64,8 +64,8 @@ private:
     ScriptedPeer peer_;
 };
 
-/// Answers "/hello" and nothing else. Who has heard from it is connected, and what is sent then arrives even
-/// if nobody waits for long: a new socket would drop it with the unfinished connection.
+/// Answers "/hello" and nothing else. A client that has heard from it is connected, and what it sends then
+/// arrives even if it does not wait for long: a new socket would drop it with the unfinished connection.
 class PoliteSilentPeer : public ScriptedPeer {
 public:
     explicit PoliteSilentPeer(const std::shared_ptr<const slate::Uri>& uri)
@@ -130,7 +130,7 @@ TEST_F(AClient, IsMadeFromASocketPathAsAnIpcEndpoint)
     EXPECT_EQ(client->url()->to_string(), "ipc:///run/some.sock");
 }
 
-TEST_F(AClient, IsNotMadeFromAPathThatIsNoEndpoint)
+TEST_F(AClient, IsNotMadeFromAPathThatGivesNoValidEndpoint)
 {
     EXPECT_EQ(make_client(std::filesystem::path()), nullptr);
     EXPECT_EQ(make_client(std::filesystem::path("/a\nb")), nullptr);
@@ -138,7 +138,7 @@ TEST_F(AClient, IsNotMadeFromAPathThatIsNoEndpoint)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "failed to create ipc client ( /a\nb ): invalid uri"));
 }
 
-TEST_F(AClient, IsNotMadeFromNoEndpointAtAll)
+TEST_F(AClient, IsNotMadeFromANullEndpoint)
 {
     EXPECT_EQ(make_client(std::shared_ptr<const slate::Uri>()), nullptr);
     EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
@@ -402,7 +402,7 @@ TEST_F(AClient, AnswersARequestWithoutAMessageItself)
     EXPECT_TRUE(logs.lines().empty());
 }
 
-TEST_F(AClient, ThrowsForAProcessListThatIsNoNumbersAndStaysUsable)
+TEST_F(AClient, ThrowsForAProcessListThatIsNotOfNumbersAndStaysUsable)
 {
     RecordingPeer peer(uri, {reply_frame(Status::Ok)});
     const auto client = make_client(uri);
@@ -541,7 +541,7 @@ TEST_F(AClient, DoesNotWaitForANegativeTime)
     EXPECT_EQ(client->get("/a", nullptr, slate::Milliseconds(-5))->status(), Status::RequestTimeout);
 }
 
-TEST_F(AClient, GivesAReplyWithoutAMessageForAFrameThatIsNone)
+TEST_F(AClient, GivesAReplyWithoutAMessageForAFrameThatDoesNotParse)
 {
     RecordingPeer peer(uri, {"\xFF\xFF not a message"});
     const auto client = make_client(uri);
@@ -601,7 +601,7 @@ TEST_F(AClient, GivesUpTheRemainingWaitsWhenItsSocketBreaksInOneOfThem)
     const auto reply = client->get("/a", nullptr, slate::Seconds(20));
 
     EXPECT_EQ(reply->status(), Status::RequestTimeout);
-    EXPECT_EQ(counted("err"), 1u); // no new socket was to be had
+    EXPECT_EQ(counted("err"), 1u); // no new socket could be made
     const auto errors = logs.texts(slate::ErrorLevel);
     ASSERT_EQ(errors.size(), 2u);
     EXPECT_NE(errors[0].find("; request: get {"), std::string::npos) << errors[0];
@@ -710,56 +710,92 @@ private:
     struct sigaction before_ {};
 };
 
-/// What `action` gives on a thread whose wait is interrupted, as soon as `may_begin` holds.
-template <class Action, class Condition>
-auto interrupted(Action action, Condition may_begin)
+/// The result of `action` on a thread that gets a signal every millisecond.
+template <class Action>
+auto under_signals(Action action)
 {
     const InterruptingSignal signal;
     std::packaged_task<decltype(action())()> task(action);
     auto result = task.get_future();
     std::thread caller(std::move(task));
-    EXPECT_TRUE(wait_until(may_begin));
     do {
-        pthread_kill(caller.native_handle(), SIGUSR1); // again if it came just before the wait
-    } while (result.wait_for(100ms) != std::future_status::ready);
+        pthread_kill(caller.native_handle(), SIGUSR1);
+    } while (result.wait_for(1ms) != std::future_status::ready);
     caller.join();
     return result.get();
 }
 
-TEST_F(AClient, CountsAWaitThatASignalInterruptsAsOneWithoutAnAnswer)
+TEST_F(AClient, WaitsForTheRestOfItsTimeThroughSignals)
 {
     SilentPeer peer(uri);
-    const auto client = make_client(uri, 0);
+    const auto client = make_client(uri, 1);
 
-    const auto reply =
-        interrupted([&] { return client->get("/a", nullptr, slate::Duration::positive_infinity()); },
-                    [&] { return peer.requests() == 1; });
+    const slate::StopWatch watch(true);
+    const auto reply = under_signals([&] { return client->get("/a", nullptr, slate::Milliseconds(100)); });
 
+    EXPECT_GE(watch.elapsed(), 190000);
     EXPECT_EQ(reply->status(), Status::RequestTimeout);
     EXPECT_EQ(reply->local_cause(), LocalCause::NoAnswerInTime);
-    EXPECT_EQ(logs.count(slate::ErrorLevel, "Interrupted system call; request: get {"), 1u);
-    EXPECT_EQ(logs.count(slate::ErrorLevel), 1u);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to get {"), 2u);
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 2u);
+    EXPECT_EQ(peer.requests(), 1u);
+}
+
+TEST_F(AClient, GetsEveryAnswerThroughSignals)
+{
+    auto server = make_server(settings, {uri}, nullptr);
+    const auto client = make_client(uri, 0);
+
+    const int good = under_signals([&] {
+        int answers = 0;
+        for (int i = 0; i < 2000; ++i)
+            answers += client->get("/index")->good() ? 1 : 0;
+        return answers;
+    });
+
+    EXPECT_EQ(good, 2000);
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
+
+TEST_F(AClient, WaitsForItsTurnNoLongerThanForAnAnswer)
+{
+    std::promise<void> go;
+    ScriptedPeer peer(uri, [gate = go.get_future().share()](const std::string&) {
+        gate.wait();
+        return std::vector{reply_frame(Status::Ok)};
+    });
+    const auto client = make_client(uri, 0);
+    auto first = std::async(std::launch::async, [&] {
+        return client->get("/first", nullptr, slate::Duration::positive_infinity());
+    });
+    ASSERT_TRUE(wait_until([&] { return counted("tx") == 1u; }));
+
+    const auto second = client->get("/second", nullptr, slate::Milliseconds(50));
+
+    EXPECT_EQ(second->status(), Status::RequestTimeout);
+    EXPECT_EQ(second->local_cause(), LocalCause::TooMany);
+    EXPECT_EQ(
+        logs.count(slate::ErrorLevel, "request timeout; other requests are under way, nothing sent: get {"),
+        1u);
     EXPECT_EQ(counted("tx"), 1u);
-    EXPECT_EQ(counted("rx"), 0u);
+    go.set_value();
+    EXPECT_TRUE(first.get()->good());
 }
 
 // A socket of unknown state is never used again.
 
-TEST_F(AClient, ReplacesASocketThatASignalInterruptedBeforeItSent)
+TEST_F(AClient, FindsTheNextServerAtAnInprocEndpoint)
 {
-    // This server goes, so the client waits for somebody to send to, on a socket that will never see the next
-    // server.
+    // This server goes, so the client waits for a peer, on a socket that will never see the next server.
     const auto inproc = scratch_endpoint("inproc");
     auto server = make_server(settings, {inproc}, nullptr);
     const auto client = make_client(inproc, 0);
     ASSERT_EQ(client->get("/index")->status(), Status::Ok);
     end_and_be_seen_to(server, inproc);
 
-    const auto reply =
-        interrupted([&] { return client->get("/gone", nullptr, slate::Duration::positive_infinity()); },
-                    [] { return true; });
+    const auto reply = under_signals([&] { return client->get("/gone", nullptr, slate::Milliseconds(100)); });
     EXPECT_EQ(reply->status(), Status::RequestTimeout);
-    EXPECT_EQ(reply->local_cause(), LocalCause::SocketFailed);
+    EXPECT_EQ(reply->local_cause(), LocalCause::NoSuchEndpoint);
 
     server = make_server(settings, {inproc}, nullptr);
     EXPECT_EQ(client->get("/index")->status(), Status::Ok);

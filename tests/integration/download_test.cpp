@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/transfer/download.h"
 
+#include <mutex>
 #include <sstream>
 #include <stop_token>
 #include <streambuf>
@@ -337,6 +338,7 @@ protected:
         server = make({uri});
         const auto route = make_test_route("a", "get", "/a");
         route->on_get = [this](Context& context) {
+            const std::lock_guard lock(mutex);
             if (!context.request.has_header(chunk_header::supported)) {
                 context.reply.set_reply_data(Format::Bin, body);
                 return;
@@ -351,8 +353,9 @@ protected:
         server->add(route);
     }
 
+    std::mutex mutex; // guards what is below, but for the server
     std::string body;
-    std::size_t given = 0; // the handler's
+    std::size_t given = 0; // by the handler
     std::shared_ptr<Server> server;
 };
 INSTANTIATE_SERVER_KINDS(ADownloadFromAServer);
@@ -362,10 +365,14 @@ TEST_P(ADownloadFromAServer, ArrivesWholeWhateverItsSize)
     const std::size_t chunk = max_chunk_bytes;
     for (const std::size_t size :
          {std::size_t{0}, std::size_t{1}, chunk - 1, chunk, chunk + 1, 2 * chunk, 3 * chunk + chunk / 2}) {
-        body.clear();
-        while (body.size() < size)
-            body += std::to_string(body.size()) + ",";
-        body.resize(size);
+        std::string expected;
+        while (expected.size() < size)
+            expected += std::to_string(expected.size()) + ",";
+        expected.resize(size);
+        {
+            const std::lock_guard lock(mutex);
+            body = expected;
+        }
         std::ostringstream out;
         DownloadOptions options;
         options.chunk_timeout = generous;
@@ -374,7 +381,7 @@ TEST_P(ADownloadFromAServer, ArrivesWholeWhateverItsSize)
 
         EXPECT_TRUE(result.good()) << size;
         EXPECT_EQ(result.bytes, size);
-        EXPECT_TRUE(out.str() == body) << size;
+        EXPECT_TRUE(out.str() == expected) << size;
     }
 }
 } // namespace

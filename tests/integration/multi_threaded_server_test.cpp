@@ -64,7 +64,7 @@ TEST_F(AMultiThreadedServer, IsNotMadeWithoutTheLibrary)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_server, tarn not / no longer initialized"));
 }
 
-TEST_F(AMultiThreadedServer, IsNotMadeWithLessThanTwoWorkers)
+TEST_F(AMultiThreadedServer, IsNotMadeWithFewerThanTwoWorkers)
 {
     EXPECT_EQ(make(0), nullptr);
     EXPECT_EQ(make(1), nullptr);
@@ -327,7 +327,7 @@ TEST_F(AMultiThreadedServer, EndsAndAnswersWhileAFloodWaitsBehindBusyWorkers)
     const std::string request = factory()->make_get("/index")->SerializeAsString();
     EXPECT_LT(flood.send_until_full([&](int) { return std::vector{""s, request}; }), 100000);
 
-    // Told to end while all is full, and let go only then.
+    // Told to end while all is full, and released only then.
     auto ending = std::async(std::launch::async, [&] { server.reset(); });
     EXPECT_EQ(ending.wait_for(100ms), std::future_status::timeout);
     gate.open();

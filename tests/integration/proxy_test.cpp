@@ -52,7 +52,7 @@ TEST_F(AProxy, PassesMessagesOnBothWaysWithAllTheirFrames)
     asker.send({"", "one", "two"});
     auto request = answerer.receive();
     ASSERT_TRUE(request.has_value());
-    ASSERT_EQ(request->size(), 4u); // who asked stands in front
+    ASSERT_EQ(request->size(), 4u); // the address of the sender stands in front
     EXPECT_EQ(std::vector<std::string>(request->begin() + 1, request->end()),
               (std::vector<std::string>{"", "one", "two"}));
     request->back() = "answer";

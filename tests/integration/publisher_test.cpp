@@ -108,7 +108,7 @@ TEST_F(APublisher, MissesTheSettingsOfTheRelayByName)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "settings missing relay_url"));
 }
 
-TEST_F(APublisher, WhoseEndpointCannotBeHadThrowsAndLeavesNoProvider)
+TEST_F(APublisher, WhoseEndpointCannotBeBoundThrowsAndLeavesNoProvider)
 {
     EXPECT_THROW(make_publisher(slate::make_uri("nonsense://x")), zmq::error_t);
     EXPECT_EQ(providers("zmq.publisher"), 0u);
@@ -136,7 +136,7 @@ TEST_F(APublisher, KeepsAskingUntilTheRelayShowsMovement)
 
     const auto publisher = make_publisher(uri, slate::Seconds(20), 0, stats_uri);
 
-    EXPECT_GE(peer.requests(), 2); // the number 0 is no movement
+    EXPECT_GE(peer.requests(), 2); // 0 does not count as movement
     EXPECT_EQ(counted("connect"), 1u);
     EXPECT_EQ(counted("tx"), 0u);
 }
@@ -192,7 +192,7 @@ INSTANTIATE_TEST_SUITE_P(Answers, APublisherThatIsAnswered,
                                            status_frame(Status::NotFound),       // no such path
                                            std::string("\xFF")));                // no message
 
-TEST_F(APublisher, GivesUpOnAStatisticThatIsNone)
+TEST_F(APublisher, GivesUpOnAReplyThatIsNotAStatistic)
 {
     Message message;
     message.mutable_response()->set_status(Status::Ok);
@@ -502,7 +502,7 @@ TEST_F(RelayStatistics, TakeNoSenderWithoutATagOrWithATagOfAnyLength)
     EXPECT_EQ(ask("/relay/stats").into<Stats>().stat_size(), 0);
 }
 
-TEST_F(APublisher, IsNotMadeIfTheSettingsNameNoEndpoint)
+TEST_F(APublisher, IsNotMadeIfASettingIsNotAnEndpoint)
 {
     settings->set("relay_sub", std::string_view(uri->to_string()));
     settings->set("relay_url", "nonsense");

@@ -64,7 +64,7 @@ TEST_F(ARawClient, IsMadeFromAnEndpointOrFromASocketPath)
               "ipc:///run/some.sock");
 }
 
-TEST_F(ARawClient, IsNotMadeFromWhatIsNoEndpoint)
+TEST_F(ARawClient, IsNotMadeFromWhatIsNotAnEndpoint)
 {
     EXPECT_EQ(make_raw_client(std::filesystem::path()), nullptr);
     EXPECT_EQ(make_raw_client(std::filesystem::path("/a\nb")), nullptr);

@@ -96,8 +96,7 @@ protected:
     Journal journal;
 };
 
-// --- Where a request goes
-// ---------------------------------------------------------------------------------
+// --- Where a request goes ----------------------------------------------------------------------------
 
 struct Way {
     std::string path;
@@ -359,8 +358,7 @@ TEST_F(ARouter, AnswersManyClientsOfManyServicesEachWithItsOwnReply)
     EXPECT_EQ(right, 400);
 }
 
-// --- Its own routes
-// ---------------------------------------------------------------------------------------
+// --- Its own routes ----------------------------------------------------------------------------------
 
 TEST_F(ARouter, AnswersWhatNamesNoServiceByRoutesOfItsOwn)
 {
@@ -519,7 +517,7 @@ TEST_F(ARouter, EndsIfAHandlerOfItsOwnDropsIt)
     EXPECT_TRUE(wait_until([] { return providers("zmq.server") == 0; }));
 }
 
-TEST_F(ARouter, HearsNoChangesFromARelayWhoseSettingIsNoEndpoint)
+TEST_F(ARouter, HearsNoChangesFromARelayWhoseSettingIsNotAnEndpoint)
 {
     settings->set("relay_pub", std::string_view("nonsense"));
     const auto made = runtime->add_router({uri}, run_time_directory);
@@ -551,8 +549,7 @@ TEST_F(ARouter, LetsPublishersAskForTheRelaysStatistics)
     EXPECT_EQ(make_client(uri)->get("/relay/stats")->into<Stats>().stat_size(), 1);
 }
 
-// --- How long a request may take
-// --------------------------------------------------------------------------
+// --- How long a request may take ---------------------------------------------------------------------
 
 struct Ttl {
     std::string asked;
@@ -618,8 +615,7 @@ TEST_F(ARouter, WaitsASecondForARequestOfLess)
     EXPECT_LT(watch.elapsed(), 3400000);
 }
 
-// --- What can go wrong
-// ------------------------------------------------------------------------------------
+// --- What can go wrong -------------------------------------------------------------------------------
 
 TEST_F(ARouter, FindsNothingForAPathWithoutSegments)
 {
@@ -745,7 +741,7 @@ TEST_F(ARouter, TakesMessagesAsAnyServerWouldWhateverTheirFrames)
         wait_until([&] { return logs.count(slate::WarnLevel, "failed to read request from client") == 3; }));
 }
 
-TEST_F(ARouter, RefusesWhatIsNoRequestByPathAndGoesOn)
+TEST_F(ARouter, RefusesWhatIsNotARequestWithAPathAndGoesOn)
 {
     start();
     Message call;
@@ -777,7 +773,7 @@ TEST_F(ARouter, ReportsAServiceWhoseReplyDoesNotParse)
     }
 }
 
-TEST_F(ARouter, MakesAnEmptyResponseOfAReplyThatIsNone)
+TEST_F(ARouter, MakesAnEmptyResponseOfAMessageThatIsNotAResponse)
 {
     start();
     Message call;
@@ -979,8 +975,7 @@ TEST_F(ARouter, LogsNoStepBelowTheVerboseLevel)
     EXPECT_EQ(logs.count(slate::VerboseLevel), 0u);
 }
 
-// --- Its life
-// ---------------------------------------------------------------------------------------------
+// --- Its life ----------------------------------------------------------------------------------------
 
 std::size_t threads_of_this_process()
 {
@@ -1015,7 +1010,7 @@ TEST_F(ARouter, IsNotMadeWithoutTheLibrary)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_router, tarn not / no longer initialized"));
 }
 
-TEST_F(ARouter, IsNotMadeForNoEndpoint)
+TEST_F(ARouter, IsNotMadeForANullEndpoint)
 {
     EXPECT_EQ(make_router(settings, {uri, nullptr}, nullptr, factory()), nullptr);
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_router, an endpoint is null"));
@@ -1230,7 +1225,7 @@ int enter_a_run_folder_of_our_own()
     const std::string user = std::to_string(getuid());
     const std::string group = std::to_string(getgid());
     if (unshare(CLONE_NEWNS) != 0) {
-        // Without privilege it takes a user namespace, in which we are who we were.
+        // Without privilege it takes a user namespace, in which the user stays the same.
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
             return errno;
         write_to("/proc/self/setgroups", "deny");
@@ -1249,8 +1244,8 @@ public:
     DefaultDirectory()
     {
         const int error = enter_a_run_folder_of_our_own();
-        // Where there are no mount namespaces, as in a build's own root, nobody minds if there was none
-        // before.
+        // Where there are no mount namespaces, as in a build's own root, that is no failure unless the folder
+        // was there before.
         if (error && (geteuid() != 0 || std::filesystem::exists(path_)))
             throw std::system_error(error, std::generic_category(), "no mount namespace of our own");
         std::filesystem::create_directories(path_ / "clock");

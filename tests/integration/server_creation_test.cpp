@@ -113,8 +113,7 @@ TEST_F(TheLibrary, HandsAPublishedChangeToASubscribersRoutes)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "request not initialized"));
 }
 
-// --- How many threads, and which changes
-// ----------------------------------------------------------------------
+// --- How many threads, and which changes -------------------------------------------------------------
 
 /// The counter "rx" exists for a server with endpoints, and the statistic of its time for the single-threaded
 /// kind.

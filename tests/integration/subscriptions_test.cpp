@@ -72,8 +72,7 @@ protected:
 };
 INSTANTIATE_SERVER_KINDS(ASubscription);
 
-// --- Which topics
-// ---------------------------------------------------------------------------------------------
+// --- Which topics ------------------------------------------------------------------------------------
 
 TEST_P(ASubscription, IsMadeForTheIndexFirstAndThenForEachRoute)
 {
@@ -192,8 +191,7 @@ TEST_P(ASubscription, MeetsAPublishedChangeAlsoWhileOtherRoutesComeAndGo)
     stop = true;
 }
 
-// --- What happens to a change
-// ---------------------------------------------------------------------------------
+// --- What happens to a change ------------------------------------------------------------------------
 
 TEST_P(ASubscription, HandsPutsAndDeletesToTheRouteWhateverItsVerbs)
 {
@@ -304,7 +302,7 @@ TEST_P(ASubscription, RefusesEverythingButPutAndDelete)
     EXPECT_EQ(counted("sub"), 0u);
 }
 
-TEST_P(ASubscription, RefusesWhatIsNoMessage)
+TEST_P(ASubscription, RefusesWhatIsNotAMessage)
 {
     server->add(hearing_route("a", "/a"));
     await_subscribed("/a");
@@ -407,7 +405,7 @@ TEST_P(ASubscription, NeverRunsAChangeBesideARequestOfTheSameRoute)
     EXPECT_FALSE(overlapped);
 }
 
-TEST_P(ASubscription, ToAnEndpointThatIsNoneIsReported)
+TEST_P(ASubscription, ToWhatIsNotAnEndpointIsReported)
 {
     // 25.5 s of patience are the price of finding out.
     uri = scratch_endpoint();

@@ -56,6 +56,9 @@ std::string name_of(Verb verb)
 /// Notes the id of the transfer that each request belongs to.
 class NotingFactory : public ForwardingFactory {
 public:
+    using ForwardingFactory::make_post;
+    using ForwardingFactory::make_put;
+
     MessagePtr make_put(std::string_view path, std::string&& body, const Headers& headers,
                         const slate::Duration& ttl) const override
     {
@@ -104,13 +107,15 @@ protected:
     {
         const auto handler = [this, answer](const std::string& verb) {
             return [this, answer, verb](Context& context) {
+                TestRoute::Handler next;
                 {
                     const std::lock_guard lock(mutex);
                     deliveries.push_back(
                         {verb, Request(std::make_shared<Message>(*context.request.message))});
+                    next = on_request_;
                 }
-                if (on_request)
-                    on_request(context);
+                if (next)
+                    next(context);
                 if (!answer.empty())
                     context.reply.set_reply_text(answer);
             };
@@ -120,6 +125,18 @@ protected:
         server->add(route);
     }
 
+    /// What the handlers do besides.
+    void on_request(const TestRoute::Handler& handler)
+    {
+        const std::lock_guard lock(mutex);
+        on_request_ = handler;
+    }
+
+    void forget_deliveries()
+    {
+        const std::lock_guard lock(mutex);
+        deliveries.clear();
+    }
     std::vector<Delivery> delivered() const
     {
         const std::lock_guard lock(mutex);
@@ -145,9 +162,9 @@ protected:
     const fs::path area = folder.path() / "area";
     const fs::path temporary = (fs::create_directories(area / "tmp"), area / "tmp");
     const TemporaryFolderVariable variable{temporary};
-    mutable std::mutex mutex; // guards deliveries
+    mutable std::mutex mutex; // guards deliveries and on_request_
     std::vector<Delivery> deliveries;
-    TestRoute::Handler on_request;  // set before requests come
+    TestRoute::Handler on_request_;
     std::shared_ptr<Server> server; // after what its handlers use
     std::shared_ptr<NotingFactory> factory = std::make_shared<NotingFactory>();
     std::shared_ptr<Client> client = make_client(uri, 0, factory);
@@ -161,7 +178,7 @@ TEST_P(AnUpload, OfAnySizeReachesItsRouteOnceAndWhole)
 {
     for (const Verb verb : verbs) {
         for (const std::size_t size : body_sizes) {
-            deliveries.clear();
+            forget_deliveries();
             const std::string body = body_of(size);
 
             Upload upload(client, "/a", nullptr, options_of(verb));
@@ -183,7 +200,7 @@ TEST_P(AnUpload, EndsWithOneEmptyChunkWhateverItsSize)
 {
     for (const Verb verb : verbs) {
         for (const std::size_t size : body_sizes) {
-            deliveries.clear();
+            forget_deliveries();
             Upload upload(client, "/chunks", nullptr, options_of(verb));
             EXPECT_TRUE(upload.write(body_of(size)));
 
@@ -209,7 +226,7 @@ TEST_P(AnUpload, OfAStreamIsThatOfItsRest)
 {
     for (const Verb verb : verbs) {
         for (const std::size_t size : body_sizes) {
-            deliveries.clear();
+            forget_deliveries();
             std::istringstream stream("head" + body_of(size));
             stream.ignore(4);
 
@@ -226,7 +243,7 @@ TEST_P(AnUpload, OfAStreamIsThatOfItsRest)
 TEST_P(AnUpload, OfManySmallWritesGoesInWholeChunks)
 {
     for (const Verb verb : verbs) {
-        deliveries.clear();
+        forget_deliveries();
         const std::string body = body_of(2500);
         Upload upload(client, "/chunks", nullptr, options_of(verb));
 
@@ -243,7 +260,7 @@ TEST_P(AnUpload, OfTextMayHaveACharacterOnACut)
 {
     const std::string body = std::string(mebibyte - 1, 'a') + "\xC3\xB6" + std::string(mebibyte, 'b');
     for (const Verb verb : verbs) {
-        deliveries.clear();
+        forget_deliveries();
         Upload upload(client, "/a?format=text", nullptr, options_of(verb, max_chunk_bytes));
 
         EXPECT_TRUE(upload.write(body));
@@ -263,7 +280,7 @@ TEST_P(AnUpload, CarriesTheCallersHeadersAndLeavesThemAlone)
     const Pairs own = {{"X-Own", "1"}, {"Accept", "text/plain"}};
     const auto headers = dictionary_of(own);
     for (const Verb verb : verbs) {
-        deliveries.clear();
+        forget_deliveries();
         Upload upload(client, "/a", headers, options_of(verb));
         headers->set("X-Own", "changed since"); // they are copied
         EXPECT_TRUE(upload.write(body_of(2500)));
@@ -296,9 +313,9 @@ TEST_P(AnUpload, TellsItsProgressInGrowingNumbers)
 
 TEST_P(AnUpload, ReportsTheRoutesRefusalOfTheWholeBody)
 {
-    on_request = [](const Context&) { throw MessageException(Status::InsufficientStorage, "full"); };
+    on_request([](const Context&) { throw MessageException(Status::InsufficientStorage, "full"); });
     for (const Verb verb : verbs) {
-        deliveries.clear();
+        forget_deliveries();
         Upload upload(client, "/a", nullptr, options_of(verb));
         EXPECT_TRUE(upload.write(body_of(2500)));
 
@@ -315,12 +332,12 @@ TEST_P(AnUpload, ReportsTheRoutesRefusalOfTheWholeBody)
 
 TEST_P(AnUpload, EndsWithTheFirstChunkThatTheRouteRefuses)
 {
-    on_request = [](const Context& context) {
+    on_request([](const Context& context) {
         if (context.request.chunk_number() == 1u)
             throw MessageException(Status::InsufficientStorage, "full");
-    };
+    });
     for (const Verb verb : verbs) {
-        deliveries.clear();
+        forget_deliveries();
         Upload upload(client, "/chunks", nullptr, options_of(verb));
 
         EXPECT_FALSE(upload.write(body_of(5000)));
@@ -339,7 +356,7 @@ TEST_P(AnUpload, EndsWithTheFirstChunkThatTheRouteRefuses)
 TEST_P(AnUpload, HasMoreTimeForItsLastStepThanForAChunk)
 {
     // What is tested is time, so this takes it: the handler is slower than a chunk may be.
-    on_request = [](const Context&) { std::this_thread::sleep_for(1500ms); };
+    on_request([](const Context&) { std::this_thread::sleep_for(1500ms); });
     ASSERT_TRUE(client->get("/index")->good()); // connected, so that no chunk is late
     auto options = options_of(Verb::Put);
     options.chunk_timeout = slate::Seconds(1);
@@ -476,7 +493,7 @@ TEST_P(AnAbandonedUpload, IsForgottenByTheServerIfItsStreamFails)
 
 class AnUploadOnTheWire : public RuntimeTest {
 protected:
-    /// Number and size of each chunk; a request that is a get is none.
+    /// Number and size of each chunk, whatever gets came before.
     using Chunks = std::vector<std::pair<std::string, std::size_t>>;
     static Chunks chunks(const TellingPeer& peer)
     {

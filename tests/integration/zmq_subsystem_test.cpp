@@ -326,7 +326,7 @@ TEST(TheRelaysEndpoints, AreMissedByName)
     EXPECT_EQ(logs.count(slate::ErrorLevel, "settings missing relay_"), 3u);
 }
 
-TEST(TheRelaysEndpoints, AreNullIfTheSettingIsNoEndpoint)
+TEST(TheRelaysEndpoints, AreNullIfTheSettingIsNotAnEndpoint)
 {
     const auto settings = slate::make_dictionary();
     settings->set("relay_pub", "nonsense");

@@ -39,7 +39,7 @@ private:
     std::optional<std::string> before_;
 };
 
-/// Lets no file of this process grow beyond so many bytes: what a full disk looks like to the one who writes.
+/// Lets no file of this process grow beyond so many bytes: what a full disk looks like to a writer.
 class FileSizeLimit {
 public:
     explicit FileSizeLimit(std::size_t bytes)
@@ -66,7 +66,7 @@ private:
     struct sigaction action_before_ {};
 };
 
-/// What lies below a folder and is no folder itself.
+/// What lies below a folder and is not a folder itself.
 inline std::vector<std::filesystem::path> files_below(const std::filesystem::path& folder)
 {
     std::vector<std::filesystem::path> files;

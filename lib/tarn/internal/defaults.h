@@ -15,8 +15,8 @@ slate::Duration default_timeout();
 /// How many further waits follow a client's first one: 2.
 unsigned int default_retries();
 
-/// The keys of the settings: the default endpoint for requests, the endpoints where the relay puts changes
-/// out and takes them in, and the time that default_session_ttl() stands for.
+/// The keys of the settings: where the relay's process answers requests, where the relay forwards changes,
+/// where it receives them, and how long a chunked transfer may pause.
 std::string relay_url();
 std::string relay_pub();
 std::string relay_sub();

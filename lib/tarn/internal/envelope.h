@@ -29,8 +29,9 @@ Body* find_mutable_body(Message& message);
 
 /// A view over a Message that doesn't care which verb it holds. Copies share the message.
 ///
-/// Without a message it is not initialized: an operation that can't answer then throws Exception, as each one
-/// says. The references given point into the message and live as long as it, unless it is changed.
+/// Without a message, head(), body(), data(), mutable_head(), mutable_body(), maybe_json(), maybe_xml(),
+/// save(), into() and the setters throw Exception; everything else gives an empty or default value.
+/// References point into the message, and stay good as long as it lives unchanged.
 ///
 /// Threads: belongs to the thread that handles the message.
 class Envelope {

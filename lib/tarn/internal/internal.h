@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// The parts that the interface is made of, for those who build on them: a server of their own, a test kit.
+/// The parts behind the interface, for code that builds on them, such as a server or a test kit of your own.
 /// Namespace tarn_internal may change with any release. These headers need cppzmq (zmq.hpp) as well.
 
 #include "tarn/internal/async.h"

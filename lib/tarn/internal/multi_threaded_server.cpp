@@ -33,7 +33,7 @@ MultiThreadedServer::MultiThreadedServer(int id, std::shared_ptr<zmq::context_t>
       worker_count_(workers),
       uuid_(slate::make_uuid()),
       dealer_uri_(inproc("dealer", uuid_)),
-      router_(context_, inproc("reqrep", uuid_))
+      front_(context_, inproc("reqrep", uuid_))
 {
     add_first(routes);
     start();
@@ -42,33 +42,40 @@ MultiThreadedServer::MultiThreadedServer(int id, std::shared_ptr<zmq::context_t>
 MultiThreadedServer::~MultiThreadedServer()
 {
     stop();
+    clear(); // while this is still a whole server: what routes and functions own may use it as it goes
 }
 
 void MultiThreadedServer::stop()
 {
-    router_.stop();
+    front_.stop();
     if (pubsub_)
         pubsub_->stop();
     remove_socket_files();
     pubsub_listening_.reset();
-    router_listening_.reset();
+    front_listening_.reset();
+}
+
+void MultiThreadedServer::clear()
+{
+    routes_.clear();
+    remote_calls_.clear();
 }
 
 void MultiThreadedServer::start()
 {
-    router_.start("tarn-front", [this] { listen_router(); });
+    front_.start("tarn-front", [this] { listen_front(); });
     if (pubsub_uri_) {
         pubsub_ = std::make_unique<ControlledThread>(context_, inproc("sub", uuid_));
         pubsub_->start("tarn-changes", [this] { listen_pubsub(); });
     }
-    const auto say = [this] {
+    const auto announce = [this] {
         if (pubsub_)
             (void)pubsub_->send(worker_listening);
     };
     const auto wait = [this](const slate::Duration& time) {
-        return router_listening_.wait(time) && (!pubsub_ || pubsub_listening_.wait(time));
+        return front_listening_.wait(time) && (!pubsub_ || pubsub_listening_.wait(time));
     };
-    if (!wait_until_listening(say, wait))
+    if (!wait_until_listening(announce, wait))
         slate::log_error(provider_, SLATE_HERE, "worker thread failed to start in expected timeframe");
 }
 
@@ -80,22 +87,22 @@ void MultiThreadedServer::notify_subscriber()
     (void)pubsub_->send(update_subscriptions);
 }
 
-void MultiThreadedServer::listen_router()
+void MultiThreadedServer::listen_front()
 {
     slate::log_debug(provider_, SLATE_HERE, "router thread entry");
     zmq::socket_t control(*context_, zmq::socket_type::sub);
-    zmq::socket_t front(*context_, zmq::socket_type::router);
+    zmq::socket_t requests(*context_, zmq::socket_type::router);
     zmq::socket_t back(*context_, zmq::socket_type::dealer);
 
-    if (connect_control(control, router_.endpoint(), provider_) &&
-        bind_endpoints(front, uris_, "rx", provider_) && bind_dealer(back, *dealer_uri_, provider_)) {
+    if (connect_control(control, front_.endpoint(), provider_) &&
+        bind_endpoints(requests, uris_, "rx", provider_) && bind_dealer(back, *dealer_uri_, provider_)) {
         Workers workers;
         workers.start(
             worker_count_, "tarn-worker", [&] { worker_entry(workers); }, provider_);
         if (workers.wait_for_all() > 0) {
-            router_listening_.set();
-            run_proxy(front, back, control, "request router", provider_);
-            limit_linger(front);
+            front_listening_.set();
+            run_proxy(requests, back, control, "request router", provider_);
+            limit_linger(requests);
         }
     }
     slate::log_debug(provider_, SLATE_HERE, "router thread exit");
@@ -109,7 +116,7 @@ void MultiThreadedServer::worker_entry(Workers& workers)
     try {
         zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
         zmq::socket_t requests(*context_, zmq::socket_type::rep);
-        connected = connect_control(wake_up, router_.endpoint(), provider_);
+        connected = connect_control(wake_up, front_.endpoint(), provider_);
         if (connected) {
             requests.connect(dealer_uri_->to_string());
             workers.report(true);

@@ -10,7 +10,7 @@
 namespace tarn_internal {
 class Workers;
 
-/// A server with many threads: a router thread passes requests to workers, in turn, busy or not, and a
+/// A server with many threads: a front thread passes requests to workers, in turn, busy or not, and a
 /// separate thread receives published changes. Handlers of different routes run side by side, those of one
 /// route one at a time.
 ///
@@ -30,11 +30,14 @@ public:
     /// harmless.
     void stop();
 
+    /// The routes go first here.
+    void clear() override;
+
 private:
     void start();
     void notify_subscriber() override;
 
-    void listen_router();
+    void listen_front();
     void worker_entry(Workers& workers);
     void serve(zmq::socket_t& wake_up, zmq::socket_t& requests);
     void listen_pubsub();
@@ -42,12 +45,12 @@ private:
     const unsigned long worker_count_;
     const slate::Uuid uuid_; // names all inproc endpoints of this server
     const Endpoint dealer_uri_;
-    ReadyFlag router_listening_;
+    ReadyFlag front_listening_;
     ReadyFlag pubsub_listening_;
-    // Last, as they use all of the above. The router's channel also reaches the proxy, so only "TERMINATE"
+    // Last, as they use all of the above. The front's channel also reaches the proxy, so only "TERMINATE"
     // goes there.
     std::unique_ptr<ControlledThread> pubsub_; // null without a relay to hear
-    ControlledThread router_;
+    ControlledThread front_;
 };
 
 /// As make_server; `id` is the instance of the server's provider "zmq.server". Null, with an

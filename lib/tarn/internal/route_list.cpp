@@ -40,7 +40,7 @@ void RouteList::invoke(Context& context, const Handler& handler)
 {
     Entry accepting;
     {
-        const std::shared_lock lock(lock_);
+        const auto lock = lock_for_lookup();
         const auto found = std::find_if(routes_.begin(), routes_.end(),
                                         [&](const Entry& entry) { return entry->route->accept(context); });
         if (found == routes_.end())
@@ -55,7 +55,7 @@ bool RouteList::invoke(Context& context)
 {
     std::vector<Entry> accepting;
     {
-        const std::shared_lock lock(lock_);
+        const auto lock = lock_for_lookup();
         std::copy_if(routes_.begin(), routes_.end(), std::back_inserter(accepting),
                      [&](const Entry& entry) { return entry->route->accept(context); });
     }
@@ -69,7 +69,7 @@ bool RouteList::invoke(Context& context)
 std::set<std::string> RouteList::topics() const
 {
     std::set<std::string> topics;
-    const std::shared_lock lock(lock_);
+    const auto lock = lock_for_lookup();
     for (const Entry& entry : routes_) {
         for (const RoutePattern& pattern : entry->route->patterns)
             topics.insert(to_topic(pattern.pattern));
@@ -84,7 +84,7 @@ bool RouteList::add(const std::shared_ptr<Route>& route)
         return false;
     }
 
-    const std::lock_guard lock(lock_);
+    const ChangeLock lock(*this);
     route->prime(settings_);
     if (std::any_of(routes_.begin(), routes_.end(),
                     [&](const Entry& entry) { return entry->route->name == route->name; })) {
@@ -101,7 +101,7 @@ void RouteList::del(const std::string& name)
 {
     Entry deleted; // outlives the lock, as it may be the last owner of the route
 
-    const std::lock_guard lock(lock_);
+    const ChangeLock lock(*this);
     const auto found = std::find_if(routes_.begin(), routes_.end(),
                                     [&](const Entry& entry) { return entry->route->name == name; });
     if (found != routes_.end()) {
@@ -116,7 +116,7 @@ void RouteList::clear()
 {
     std::vector<Entry> deleted{std::make_shared<LockableRoute>(index_route_)};
 
-    const std::lock_guard lock(lock_);
+    const ChangeLock lock(*this);
     routes_.swap(deleted);
     update_index([] {});
 }
@@ -127,6 +127,12 @@ std::vector<std::shared_ptr<const Route>> RouteList::routes() const
     for (const Entry& entry : routes_)
         result.push_back(entry->route);
     return result;
+}
+
+std::shared_lock<std::shared_mutex> RouteList::lock_for_lookup() const
+{
+    const std::lock_guard pass(gate_);
+    return std::shared_lock(lock_);
 }
 
 /// Gives the index the current list and calls `then`, while no handler of the index can run.

@@ -18,9 +18,9 @@ namespace tarn_internal {
 /// The routes of one server, in order of adding and with the index first, unique by name. Lookups run side by
 /// side, and so do the handlers of different routes, while the handlers of one route run one at a time.
 ///
-/// Locks: `lock` over the list, then a route's mutex. While a handler runs, only its route's mutex is held,
+/// Locks: `lock_` for the list, then a route's mutex. While a handler runs, only its route's mutex is held,
 /// so it may add, delete and clear routes, its own included. A change of the list also locks the index
-/// route's entry, wherever it stands, because the index reads the list.
+/// route's entry, if it is still there, because the index reads the list.
 class RouteList {
 public:
     using Handler = std::function<void(const std::shared_ptr<Route>&)>;
@@ -61,8 +61,20 @@ private:
     // Shared, so that an entry outlives its removal while its handler runs.
     using Entry = std::shared_ptr<LockableRoute>;
 
+    /// Held while the list changes: waits for lookups under way, and keeps new ones from starting.
+    struct ChangeLock {
+        explicit ChangeLock(const RouteList& list) : gate(list.gate_), lock(list.lock_) {}
+
+        const std::lock_guard<std::mutex> gate;
+        const std::lock_guard<std::shared_mutex> lock;
+    };
+    /// For a lookup.
+    std::shared_lock<std::shared_mutex> lock_for_lookup() const;
     void update_index(const std::function<void()>& then);
 
+    // Changes hold the gate while they wait for the lock, and lookups pass it: the lock alone prefers
+    // lookups, and a change would wait for as long as any of them overlap.
+    mutable std::mutex gate_;
     mutable std::shared_mutex lock_; // guards routes_
     const std::vector<Endpoint> uris_;
     const std::shared_ptr<const slate::Dictionary> settings_;

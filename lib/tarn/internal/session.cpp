@@ -80,6 +80,8 @@ void TransferBuffer::read(std::string* out) const
     out->resize(static_cast<std::size_t>(std::max<std::streamoff>(0, file.tellg())));
     file.seekg(0, std::ios::beg);
     file.read(out->data(), static_cast<std::streamsize>(out->size()));
+    if (!file) // else a handler would take a part for the whole
+        throw tarn::Exception(slate::trace_error(SLATE_HERE, "read failed: ", path.path.string()));
 }
 
 WriteSession::WriteSession(std::string transfer_id, slate::Duration expiry, TemporaryPath path)

@@ -45,7 +45,8 @@ struct TransferBuffer {
 
     /// Appends `data` to the file and empties it. Throws Exception if the file can't be opened or written.
     void flush() const;
-    /// Moves all data out; data that never was in a file isn't copied.
+    /// Moves all data out; data that was never in a file isn't copied. Throws Exception if the file can't be
+    /// read.
     void read(std::string* out) const;
 
     /// Reserved in full at first, which costs only address space until memory is written.
@@ -87,8 +88,8 @@ public:
         {
         }
 
-        std::mutex
-            mutex; // guards session, but for its id, which is constant, and its expiry, which the list guards
+        // Guards session, except its id, which is constant, and its expiry, which the list's mutex guards.
+        std::mutex mutex;
         Session session;
     };
     using Handle = std::shared_ptr<Entry>;

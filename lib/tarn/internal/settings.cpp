@@ -11,9 +11,8 @@ slate::Duration duration_setting(const slate::Dictionary& settings, const std::s
     if (!settings.has(key))
         return dflt;
     const std::string text = settings.get(key, "");
-    const auto value = slate::Duration::from(text, slate::Duration());
-    if (!value.is_not_initialized())
-        return value;
+    if (const auto value = slate::Duration::parse(text))
+        return *value;
     slate::log_error(SLATE_HERE, "setting is not a duration: ", key, " = ", text);
     return dflt;
 }

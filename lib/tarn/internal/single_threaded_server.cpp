@@ -55,6 +55,7 @@ SingleThreadedServer::SingleThreadedServer(int id, std::shared_ptr<zmq::context_
 SingleThreadedServer::~SingleThreadedServer()
 {
     listener_.stop();
+    clear(); // while this is still a whole server: what routes and functions own may use it as it goes
     remove_socket_files();
     listening_.reset();
 }
@@ -62,9 +63,9 @@ SingleThreadedServer::~SingleThreadedServer()
 void SingleThreadedServer::start()
 {
     listener_.start("tarn-server", [this] { listen(); });
-    const auto say = [this] { (void)listener_.send(worker_listening); };
+    const auto announce = [this] { (void)listener_.send(worker_listening); };
     const auto wait = [this](const slate::Duration& time) { return listening_.wait(time); };
-    if (!wait_until_listening(say, wait))
+    if (!wait_until_listening(announce, wait))
         slate::log_warn(provider_, SLATE_HERE, "worker thread failed to start in expected timeframe");
 }
 
@@ -78,25 +79,31 @@ void SingleThreadedServer::listen()
 {
     const ThreadMark mark(this);
     slate::log_debug(provider_, SLATE_HERE, "thread entry");
-    {
-        Sockets sockets(*context_);
-        if (init(sockets))
-            serve(sockets);
-        slate::log_debug(provider_, SLATE_HERE, "thread exit");
-    }
+    Sockets sockets(*context_);
+    if (init(sockets))
+        serve(sockets);
+    slate::log_debug(provider_, SLATE_HERE, "thread exit");
 }
 
 bool SingleThreadedServer::init(Sockets& sockets)
 {
-    const auto in_use = [&](zmq::socket_t& socket) {
+    const auto poll_it = [&](zmq::socket_t& socket) {
         sockets.items.push_back({socket.handle(), 0, ZMQ_POLLIN, 0});
-        return true;
     };
-    return connect_control(sockets.wake_up, listener_.endpoint(), provider_) && in_use(sockets.wake_up) &&
-           (!pubsub_uri_ ||
-            (subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_) && in_use(sockets.pubsub))) &&
-           (uris_.empty() ||
-            (bind_endpoints(sockets.reqrep, uris_, "rx", provider_) && in_use(sockets.reqrep)));
+    if (!connect_control(sockets.wake_up, listener_.endpoint(), provider_))
+        return false;
+    poll_it(sockets.wake_up);
+    if (pubsub_uri_) {
+        if (!subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_))
+            return false;
+        poll_it(sockets.pubsub);
+    }
+    if (!uris_.empty()) {
+        if (!bind_endpoints(sockets.reqrep, uris_, "rx", provider_))
+            return false;
+        poll_it(sockets.reqrep);
+    }
+    return true;
 }
 
 void SingleThreadedServer::serve(Sockets& sockets)

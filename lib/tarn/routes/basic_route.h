@@ -15,7 +15,7 @@ using ValueSetter = std::function<void(Context&, T)>;
 using ValueDeleter = std::function<void(Context&)>;
 
 /// A route for one value that the application keeps: GET answers with its text, PUT and POST parse a text and
-/// set the value, DELETE removes it.
+/// set the value, DELETE removes it. A published PUT or DELETE does the same.
 ///
 /// slate::try_parse reads the body's text, whole and untrimmed; a text that it refuses gives status 400. A
 /// function may be empty if the route never needs it; otherwise its call throws std::bad_function_call. The
@@ -42,7 +42,8 @@ private:
     void write(Context& context);
 };
 
-/// `methods` as for Route.
+/// A route for one value. `name` is unique within a server; `methods` as for Route, such as "get,put";
+/// `pattern` such as "/volume".
 [[nodiscard]] std::shared_ptr<Route> make_bool_route(const std::string& name, const std::string& methods,
                                                      const RoutePattern& pattern,
                                                      const ValueGetter<bool>& getter,

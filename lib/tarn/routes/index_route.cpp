@@ -56,7 +56,7 @@ bool wants_complete(const Context& context)
 {
     static constexpr std::string_view key = "complete";
 
-    const Head* head = context.request.message ? tarn_internal::find_head(*context.request.message) : nullptr;
+    const Head* head = context.request.message ? find_head(*context.request.message) : nullptr;
     if (head) {
         // Of several headers the last one counts, as in the dictionary.
         const auto header =

@@ -32,15 +32,15 @@ public:
     /// and for a null provider.
     FileStore(const std::filesystem::path& path, const std::shared_ptr<slate::Provider>& provider);
 
-    /// The file's bytes; none if there is no file. An empty file is an empty value.
+    /// The file's bytes; nothing if there is no file. An empty file is an empty value.
     std::optional<std::string> read(long revision) const;
     /// Creates the directory if it doesn't exist. Blocks until the bytes are on the disk; a power cut soon
     /// after may still remove a directory that was just created, with the file.
     void write(const std::string& data);
     /// Whether the path exists, even as a directory that was created since.
     bool exists(long revision) const;
-    /// A missing file is no error. Also removes what a killed writer left beside it. Doesn't wait for the
-    /// disk: a power cut soon after may bring the file back.
+    /// A missing file is not an error. Also removes the unfinished file of a writer that was killed. Doesn't
+    /// wait for the disk: a power cut soon after may bring the file back.
     void erase(PurgePolicy policy);
 
 private:

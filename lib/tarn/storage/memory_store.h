@@ -16,9 +16,8 @@ namespace tarn {
 /// One string in memory. FileStore and CachedFileStore have the same operations.
 ///
 /// One revision is kept: the `revision` of read and exists, and the policy of erase, are ignored.
-///
-/// Beware of an initial value: only a read takes it over. Until then write and erase don't touch it, so the
-/// next read returns it in place of what was written or erased. Read first if there is one.
+/// Beware of an initial value: it becomes current at the first read, and then replaces what was written or
+/// erased before. So read once before the first write.
 ///
 /// Threads: one at a time, for read too.
 class MemoryStore {
@@ -33,7 +32,7 @@ public:
     /// Makes the initial value the current one, if it was not taken over yet.
     void lazy_load() const;
 
-    /// The value; none if there is none.
+    /// The value, or nothing.
     std::optional<std::string> read(long revision) const;
     void write(const std::string& data);
     /// Whether there is a value, initial or current.

@@ -8,9 +8,9 @@
 #include "slate/log.h"
 #include "tarn/client.h"
 #include "tarn/exception.h"
+#include "tarn/internal/transfer_helpers.h"
 #include "tarn/proto/status.pb.h"
 #include "tarn/transfer/chunk_headers.h"
-#include "tarn/transfer/common.h"
 
 namespace tarn {
 using tarn_internal::copy_without_transfer;
@@ -52,8 +52,15 @@ public:
 
         std::string chunk = reply_->data();
         received_ += chunk.size();
-        if (options_.progress)
-            options_.progress(received_);
+        try {
+            if (options_.progress)
+                options_.progress(received_);
+        }
+        catch (...) {
+            end(make_local_reply(Status::RequestTimeout, LocalCause::Cancelled,
+                                 "the download was cancelled"));
+            throw; // and the chunk is lost
+        }
         return chunk;
     }
 

@@ -45,7 +45,8 @@ public:
     Download(const Download&) = delete;
     Download& operator=(const Download&) = delete;
 
-    /// The next chunk, never empty; none at the end, be it the body's or that of a download that failed.
+    /// The next chunk, never empty. Nothing at the end of the body and after a failure; result() tells which.
+    /// Blocks for (retries + 1) x chunk_timeout at most.
     [[nodiscard]] std::optional<std::string> read();
 
     /// How it ended, once read() has given none. A bad reply means that what was read is not the whole body.

@@ -12,7 +12,8 @@ namespace tarn {
 /// The size of a chunk unless an option says otherwise, and the largest one.
 inline constexpr std::size_t max_chunk_bytes = 1048576;
 
-/// Called after each chunk, on the thread that transfers, with the bytes that have arrived so far.
+/// Called after each chunk, on the thread that transfers, with the bytes acknowledged or received so far.
+/// What it throws passes to the caller.
 using TransferProgress = std::function<void(std::uint64_t bytes)>;
 
 /// How a transfer ended.

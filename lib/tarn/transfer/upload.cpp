@@ -11,10 +11,10 @@
 #include "slate/uuid.h"
 #include "tarn/client.h"
 #include "tarn/exception.h"
+#include "tarn/internal/transfer_helpers.h"
 #include "tarn/message_factory.h"
 #include "tarn/proto/status.pb.h"
 #include "tarn/transfer/chunk_headers.h"
-#include "tarn/transfer/common.h"
 
 namespace tarn {
 using tarn_internal::copy_without_transfer;
@@ -37,12 +37,18 @@ public:
 
     bool write(std::string_view bytes)
     {
-        while (!ended_ && !bytes.empty()) {
-            const auto part = bytes.substr(0, chunk_bytes_ - chunk_.size());
-            chunk_ += part;
-            bytes.remove_prefix(part.size());
-            if (chunk_.size() == chunk_bytes_)
-                send_chunk();
+        try {
+            while (!ended_ && !bytes.empty()) {
+                const auto part = bytes.substr(0, chunk_bytes_ - chunk_.size());
+                chunk_ += part;
+                bytes.remove_prefix(part.size());
+                if (chunk_.size() == chunk_bytes_)
+                    send_chunk();
+            }
+        }
+        catch (...) {
+            abort(); // the body would have a hole
+            throw;
         }
         return !ended_;
     }
@@ -138,6 +144,9 @@ Upload::~Upload()
     }
     catch (const std::exception& error) {
         slate::log_error(SLATE_HERE, "cannot abort upload: ", error.what());
+    }
+    catch (...) {
+        slate::log_error(SLATE_HERE, "cannot abort upload: unknown exception");
     }
 }
 

@@ -48,7 +48,7 @@ struct UploadOptions {
 /// that can't be taken apart. The constructor throws Exception without a client.
 ///
 /// Threads: one at a time. Lifetime: it keeps the client. An upload that is destroyed before finish() is
-/// aborted.
+/// aborted: if it has sent a chunk, it then sends one more request, and blocks as long as one chunk may take.
 class Upload {
 public:
     /// `headers`, which may be null, are copied; `path` is a recipient as for Client.
@@ -65,8 +65,9 @@ public:
     /// Sends the rest of the body and ends the transfer. The second call gives the same result again.
     [[nodiscard]] TransferResult finish();
 
-    /// Gives the upload up and asks the server to forget what it has; finish() then tells of a cancelled one.
-    /// Does nothing once the upload has ended.
+    /// Gives the upload up and asks the server to forget what it has; finish() then reports a cancelled
+    /// upload. If a chunk has been sent, this sends one more request, and blocks as long as one chunk may
+    /// take. Does nothing once the upload has ended.
     void abort();
 
     /// What the server has acknowledged so far.

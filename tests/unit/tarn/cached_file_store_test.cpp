@@ -236,7 +236,7 @@ TEST_F(ACachedFileStore, HasOneRevisionUnderAnyNumber)
     }
 }
 
-TEST_F(ACachedFileStore, IsNoPolymorphicType)
+TEST_F(ACachedFileStore, IsNotAPolymorphicType)
 {
     EXPECT_FALSE(std::is_polymorphic_v<CachedFileStore>);
 }

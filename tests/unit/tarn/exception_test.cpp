@@ -25,7 +25,7 @@ TEST(Exception, IsTheBaseOfTheWholeFamily)
     EXPECT_TRUE((std::is_base_of_v<tarn::Exception, tarn::OverloadedException>));
 }
 
-TEST(Exception, IsNoBaseOfTheErrorsOfZeroMq)
+TEST(Exception, IsNotTheBaseOfTheErrorsOfZeroMq)
 {
     EXPECT_FALSE((std::is_base_of_v<tarn::Exception, zmq::error_t>));
     EXPECT_TRUE((std::is_base_of_v<std::exception, zmq::error_t>));

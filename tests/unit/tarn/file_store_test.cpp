@@ -299,7 +299,7 @@ TEST_F(AFileStore, HasOneRevisionUnderAnyNumber)
     }
 }
 
-TEST_F(AFileStore, IsNoPolymorphicType)
+TEST_F(AFileStore, IsNotAPolymorphicType)
 {
     EXPECT_FALSE(std::is_polymorphic_v<FileStore>);
 }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "unit/slate/comma_locale.h"
 
 namespace {
 using tarn::Format;
@@ -263,7 +264,7 @@ INSTANTIATE_TEST_SUITE_P(PercentEncoded, FormatText,
                                          TextRow{"%6Ason", Format::Json}, TextRow{"%2A/%2A", Format::Any},
                                          // Decoded before it is cut.
                                          TextRow{"json%3Bx", Format::Json},
-                                         // A plus is no blank here.
+                                         // A plus does not stand for a blank here.
                                          TextRow{"image/svg+xml", Format::Svg},
                                          TextRow{"image%2Fsvg%2Bxml", Format::Svg},
                                          TextRow{"image/svg xml", Format::Unknown}));
@@ -313,7 +314,7 @@ INSTANTIATE_TEST_SUITE_P(
                     PathRow{"a.pb.bin.txt", Format::Text}, PathRow{"a.PB.BIN", Format::Bin},
                     // A dot in front makes a hidden file, and no extension.
                     PathRow{".json", Format::Bin}, PathRow{".x.json", Format::Json},
-                    // Words of other kinds are no extensions.
+                    // Words of other kinds are not extensions.
                     PathRow{"a.none", Format::Bin}, PathRow{"a.application", Format::Bin}));
 
 TEST(TranslationTable, ComesBackAsHexOnceItIsSaved)
@@ -432,6 +433,19 @@ INSTANTIATE_TEST_SUITE_P(WithTheLookOfFactors, AcceptValue,
                                          HeaderRow{"text/plain,text/csv,=", {Format::Csv}},
                                          HeaderRow{"text/plain,text/csv;", {Format::Csv}}));
 
+TEST(AcceptValue, IsReadAlikeWhateverTheLocale)
+{
+    const CommaLocale locale;
+    if (!locale.is_set())
+        GTEST_SKIP() << "the system can't compile locales";
+    Formats formats;
+
+    // With a decimal comma, all factors would be 0, and only the last format would be kept.
+    tarn::parse_accept("text/csv;q=0.5,json;q=0.9,text/plain;q=0.1", formats);
+
+    EXPECT_EQ(formats, (Formats{Format::Json, Format::Csv, Format::Text}));
+}
+
 TEST(AcceptValue, IsAppended)
 {
     Formats formats = {Format::Json};
@@ -483,14 +497,14 @@ TEST(AcceptValue, LogsNothingOfABadFactorWhileDebugLoggingIsOff)
     EXPECT_TRUE(log.lines().empty());
 }
 
-class AcceptValueWithAnEmptyPiece : public testing::TestWithParam<const char*> {};
+class AcceptValueWithAnEmptyItem : public testing::TestWithParam<const char*> {};
 
-TEST_P(AcceptValueWithAnEmptyPiece, IsRefused)
+TEST_P(AcceptValueWithAnEmptyItem, IsRefused)
 {
     Formats formats;
 
     EXPECT_THROW(tarn::parse_accept(GetParam(), formats), std::out_of_range);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, AcceptValueWithAnEmptyPiece, testing::Values(";", "text/plain,;", "; ;"));
+INSTANTIATE_TEST_SUITE_P(Values, AcceptValueWithAnEmptyItem, testing::Values(";", "text/plain,;", "; ;"));
 } // namespace

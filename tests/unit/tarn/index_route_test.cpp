@@ -281,7 +281,7 @@ TEST_F(CompleteIndex, IsNotWhatIsGivenWithoutBeingAskedFor)
     EXPECT_EQ(text(), as_written);
 }
 
-TEST_F(CompleteIndex, IsNotGivenForFalseOrForWhatIsNoFlag)
+TEST_F(CompleteIndex, IsNotGivenForFalseOrForWhatIsNotAFlag)
 {
     EXPECT_EQ(text(R"(params { key: "complete" value: "false" })"), as_written);
     EXPECT_EQ(text(R"(params { key: "complete" value: "0" })"), as_written);

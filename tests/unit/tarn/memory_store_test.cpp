@@ -182,7 +182,7 @@ TEST_F(AMemoryStore, LogsNothing)
     EXPECT_TRUE(logs.lines().empty());
 }
 
-TEST_F(AMemoryStore, IsNoPolymorphicType)
+TEST_F(AMemoryStore, IsNotAPolymorphicType)
 {
     EXPECT_FALSE(std::is_polymorphic_v<MemoryStore>);
 }

@@ -290,7 +290,7 @@ TEST_P(BuiltRequest, IsStillBuiltWithAnEmptyPathFromTooManySeparators)
     EXPECT_TRUE(log.has(slate::ErrorLevel, "invalid path string: /a@1@2@3"));
 }
 
-TEST_P(BuiltRequest, RefusesARecipientWithMissingPieces)
+TEST_P(BuiltRequest, RefusesARecipientWithMissingParts)
 {
     EXPECT_THROW((void)built("@12"), std::out_of_range);
 }

@@ -82,7 +82,16 @@ INSTANTIATE_TEST_SUITE_P(
                     // The places are fixed, whichever separator comes first.
                     Row{"/a?x=1@5", "/a", "x=1", {{"5", ""}}}));
 
-// Three pieces, but not of two kinds of separators: the last one goes.
+// Blanks around a part don't count, unless the path is all there is.
+INSTANTIATE_TEST_SUITE_P(Blanks, Recipient,
+                         testing::Values(Row{"/a @12 ?x", "/a", "12", {{"x", ""}}},
+                                         Row{" /a @ 1,2 ", "/a", "1,2", {}},
+                                         Row{"\t/a ? x=1&y=2 ", "/a", "", {{"x", "1"}, {"y", "2"}}},
+                                         Row{"/a b @12", "/a b", "12", {}},
+                                         Row{"/a?x= 1 &y", "/a", "", {{"x", " 1 "}, {"y", ""}}},
+                                         Row{"/a ", "/a ", "", {}}, Row{" /a", "/ /a", "", {}}));
+
+// Three parts, but not of two kinds of separators: the last one goes.
 INSTANTIATE_TEST_SUITE_P(RepeatedSeparators, Recipient,
                          testing::Values(Row{"/a?f=b?c", "/a", "", {{"f", "b"}}},
                                          Row{"/a@1@2", "/a", "1", {}}));
@@ -105,14 +114,14 @@ TEST_P(RecipientWithTooManySeparators, GivesNothingAndAnErrorInTheLog)
 INSTANTIATE_TEST_SUITE_P(Recipients, RecipientWithTooManySeparators,
                          testing::Values("/a@1@2@3", "/a?x?y?z", "/a@1?x?y", "a?x@1@2"));
 
-class RecipientWithMissingPieces : public testing::TestWithParam<const char*> {};
+class RecipientWithMissingParts : public testing::TestWithParam<const char*> {};
 
-TEST_P(RecipientWithMissingPieces, IsRefused)
+TEST_P(RecipientWithMissingParts, IsRefused)
 {
     EXPECT_THROW(Parts{GetParam()}, std::out_of_range);
 }
 
-INSTANTIATE_TEST_SUITE_P(Recipients, RecipientWithMissingPieces,
+INSTANTIATE_TEST_SUITE_P(Recipients, RecipientWithMissingParts,
                          testing::Values("@12", "?x=1", "/a@", "/a?", "@", "?", "@?", "/a@?x=1", "/a@1?",
                                          "@1?x=y"));
 } // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How long a resource waits for its works shows in what it asks of nanosleep, which this program replaces.
+// How long a resource waits for its tasks shows in what it asks of nanosleep, which this program replaces.
 #include "tarn/resource.h"
 
 #include <atomic>
@@ -191,7 +191,7 @@ public:
     Result perform() override { return Refused; }
 };
 
-/// A work that runs until it is let go.
+/// A task that runs until it is released.
 class Blocker {
 public:
     ~Blocker() { release(); }
@@ -668,7 +668,7 @@ TEST(EntityTag, IsRefusedForAFormatThatTheResourceLacks)
 
 // ---- work for the queue ---------------------------------------------------------------------------------
 
-/// Runs works at once, on the thread that submits them.
+/// Runs tasks at once, on the thread that submits them.
 class InlineQueue : public slate::Queue {
 public:
     Work submit(const Work& work) override
@@ -827,7 +827,7 @@ TEST_F(WorkOfAResource, IsRefusedByAFullQueue)
     EXPECT_EQ(resource.work_, (Works{running.work, waiting}));
     EXPECT_EQ(refused->future.get(), DeferredWork::Refused);
 
-    // There is room again once a work is done.
+    // There is room again once a task is done.
     running.release();
     waiting->future.wait();
     EXPECT_TRUE(resource.submit_work(make_work()));
@@ -920,7 +920,7 @@ TEST_F(WorkOfAResource, WithoutAStateThrowsWhenItIsHandedOver)
     EXPECT_EQ(inline_queue_->submitted, Works{work});
 }
 
-TEST_F(WorkOfAResource, FailsWithoutAQueueToBeHad)
+TEST_F(WorkOfAResource, FailsIfThereIsNoQueue)
 {
     BareResource resource;
     resource.queue_ = std::make_shared<slate::Lazy<slate::Queue>>(nullptr);
@@ -966,7 +966,7 @@ TEST_F(WorkOfAResource, IsKeptBeforeItIsHandedOver)
     EXPECT_TRUE(kept);
 }
 
-TEST_F(WorkOfAResource, IsHandedOverWithoutHoldingUpOthersWhoNeedTheQueue)
+TEST_F(WorkOfAResource, IsHandedOverWithoutHoldingUpOthersThatNeedTheQueue)
 {
     BareResource resource;
     use(resource, inline_queue_);
@@ -1038,7 +1038,7 @@ protected:
     std::unique_ptr<BareResource> resource_ = std::make_unique<BareResource>();
 };
 
-// All of them but the first, which is none.
+// All pauses between its looks; the first look comes without one.
 const std::vector<int> all_sleeps = {4, 9, 19, 39, 78, 156, 312, 625, 1250, 2500};
 
 TEST_F(TheEndOfAResource, ComesAtOnceWithoutWork)

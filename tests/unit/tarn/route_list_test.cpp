@@ -208,8 +208,7 @@ TEST_F(ARouteList, KeepsItsIndexCurrent)
     EXPECT_EQ(index(), "public  HEAD,GET   \"/index\"");
 }
 
-// --- Handlers that change the list
-// ----------------------------------------------------------------------------
+// --- Handlers that change the list -------------------------------------------------------------------
 
 /// What a handler does to its own list.
 class AHandler : public ARouteList, public ::testing::WithParamInterface<std::string> {
@@ -271,8 +270,7 @@ INSTANTIATE_TEST_SUITE_P(Changes, AHandler,
                          ::testing::Values("Add", "DelItself", "DelAnother", "DelTheIndex", "Clear"),
                          [](const auto& change) { return change.param; });
 
-// --- Locks
-// ----------------------------------------------------------------------------------------------------
+// --- Locks -------------------------------------------------------------------------------------------
 
 TEST_F(ARouteList, RunsHandlersOfOneRouteOneAtATimeAndHoldsUpNobodyElse)
 {
@@ -336,8 +334,7 @@ TEST_F(ARouteList, BearsLookupsChangesAndHandlersOnManyThreads)
     EXPECT_GT(found, 0);
 }
 
-// --- Published changes
-// ----------------------------------------------------------------------------------------
+// --- Published changes -------------------------------------------------------------------------------
 
 TEST_F(ARouteList, HandsAChangeToEveryRouteThatAcceptsItInOrder)
 {

@@ -98,7 +98,7 @@ INSTANTIATE_TEST_SUITE_P(Variables, MatchingPath,
                                          Matching{"/a/:id", "//a//7", {{"id", "7"}}},
                                          Matching{"/a/:id", "a/7", {{"id", "7"}}},
                                          Matching{"a/:id/", "/a/7", {{"id", "7"}}},
-                                         // Nothing is decoded, and every piece is a value.
+                                         // Nothing is decoded, and every segment is a value.
                                          Matching{"/a/:id", "/a/%37+x", {{"id", "%37+x"}}},
                                          Matching{"/a/:id", "/a/:id", {{"id", ":id"}}},
                                          Matching{"/a/:x/b/:y", "/a/1/b/2", {{"x", "1"}, {"y", "2"}}},
@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Matching{"/files/*", "/files/x", {{"*", "x"}}},
                     Matching{"/files/*", "/files/x/y", {{"rest", "x/y"}}, {"rest"}},
                     Matching{"/files/*", "/files/x", {{"rest", "x"}}, {"rest", "surplus"}},
-                    // Empty pieces of the rest are dropped.
+                    // Empty segments of the rest are dropped.
                     Matching{"/files/*", "/files//x//y/", {{"*", "x/y"}}},
                     Matching{"/logs/*.txt", "/logs/a/b.txt", {{"*.txt", "a/b.txt"}}},
                     Matching{"/logs/*.txt", "/logs/a//b.txt/", {{"*.txt", "a/b.txt"}}},
@@ -295,7 +295,7 @@ INSTANTIATE_TEST_SUITE_P(
         Compiled{"/a/*.txt", {"[a]  required literal", "[*.txt] *.txt required glob variable"}, true},
         Compiled{"/a/*/b", {"[a]  required literal", "[*/b] */b required glob variable"}, true},
         Compiled{"/a//*//b", {"[a]  required literal", "[*//b] *//b required glob variable"}, true},
-        // A name for a glob is none for a variable.
+        // A name for a glob does not name a variable.
         Compiled{"/a/:id", {"[a]  required literal", "[:id] id required variable"}, true, {"rest"}},
         // They look wrong, and are right.
         Compiled{"/a/()", {"[a]  required literal", "[()]  required literal"}, false},
@@ -373,7 +373,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, SplitPath,
                          testing::Values(Pieces{"/a/:id", "//a//7/", {"a", "7"}},
                                          Pieces{"/a/:id", "/a/7/8/9", {"a", "7", "8", "9"}},
                                          Pieces{"/a/:id", "", {}},
-                                         // The glob gets all that is left, as one piece.
+                                         // The glob gets all that is left, as one value.
                                          Pieces{"/a/*", "/a/x//y/z/", {"a", "x/y/z"}},
                                          Pieces{"/a/*", "/a/x", {"a", "x"}}, Pieces{"/a/*", "/a", {"a"}},
                                          Pieces{"/a/:id/*", "/a/1/2/3", {"a", "1", "2/3"}},
@@ -544,7 +544,7 @@ INSTANTIATE_TEST_SUITE_P(
         Primed{"//", "/", "/"}, Primed{"/a/(:id=42)", "/a/:id", "/a"}, Primed{"/a/(:id)", "/a/(:id)", "/a"},
         Primed{"/a/*", "/a/*", "/a/x/y"}, Primed{"/a/(*=x)", "/a/*", "/a"},
         Primed{"/a/:id/(<k>=x)", "/a/:id/b", "/a/1/b"}, Primed{"/a/(b=x)", "/a/b", "/a/b"},
-        // These are no placeholders.
+        // These are not placeholders.
         Primed{"/a/<none", "/a/<none", "/a/<none"}, Primed{"/a/x<none>", "/a/x<none>", "/a/x<none>"},
         Primed{"/a/:<none>", "/a/:<none>", "/a/7"}, Primed{"/a/(<none>)", "/a/(<none>)", "/a/(<none>)"},
         Primed{"/a/</:id", "/a/</:id", "/a/</7"}));

@@ -102,7 +102,7 @@ TEST_F(ATemporaryPath, RefusesAHiddenDestination)
               "The destination for the temporary file cannot be a hidden file!");
 }
 
-TEST_F(ATemporaryPath, IsNotToBeHadWithoutAFolderForTemporaryFiles)
+TEST_F(ATemporaryPath, IsNotMadeWithoutAFolderForTemporaryFiles)
 {
     const TemporaryFolderVariable variable(folder.path() / "missing");
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <optional>
 
 #include <zmq.hpp>
 
@@ -29,8 +30,9 @@ std::filesystem::path normalise(const std::filesystem::path& directory)
     return result.has_filename() ? result : result.parent_path();
 }
 
-/// Whether an inproc endpoint is bound.
-bool is_served(zmq::context_t& context, const slate::Uri& uri)
+/// Whether an inproc endpoint is bound; no value if that can't be found out, for example without a free file
+/// descriptor.
+std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri)
 {
     try {
         zmq::socket_t probe(context, zmq::socket_type::rep);
@@ -38,7 +40,7 @@ bool is_served(zmq::context_t& context, const slate::Uri& uri)
         return false;
     }
     catch (const zmq::error_t& error) {
-        return error.num() == EADDRINUSE;
+        return error.num() == EADDRINUSE ? std::optional(true) : std::nullopt;
     }
 }
 } // namespace
@@ -59,7 +61,7 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
       thread_(context_, slate::make_uri("inproc://" + uuid_)),
       server_(make_server(1, settings, {server_uri_}, relay_out, factory, routes)),
       factory_(factory),
-      serves_itself_(is_served(*context_, *server_uri_))
+      serves_itself_(inproc_is_bound(*context_, *server_uri_))
 {
     thread_.start("tarn-router", [this] { thread_entry(); });
 }
@@ -110,7 +112,7 @@ void RouterImpl::thread_entry()
         {
             Workers workers;
             workers.start(
-                workers_, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
+                worker_count, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
             (void)workers.wait_for_all();
             run_proxy(front, back, control, "router", provider_);
         }
@@ -122,14 +124,23 @@ void RouterImpl::thread_entry()
 
 void RouterImpl::worker_entry(RouterImpl* router, Workers& workers)
 {
-    RouterWorker worker(
-        router->context_, router->provider_, router->factory_,
-        [router](const Request& request) { return router->find_service(request); },
-        [] { return ZmqSubsystem::self() != nullptr; });
-    const bool connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
-    workers.report(connected);
-    if (connected)
-        worker.run();
+    bool connected = false;
+    try {
+        RouterWorker worker(
+            router->context_, router->provider_, router->factory_,
+            [router](const Request& request) { return router->find_service(request); },
+            [] { return ZmqSubsystem::self() != nullptr; });
+        connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
+        if (connected) {
+            workers.report(true);
+            worker.run();
+        }
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(router->provider_, SLATE_HERE, "cannot make a worker's sockets: ", error.what());
+    }
+    if (!connected)
+        workers.report(false);
 }
 
 std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const Request& request)
@@ -161,7 +172,7 @@ std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request
 {
     auto found = resolve(this, request);
     // A request to an inproc endpoint that isn't bound would use up one of the context's sockets for good.
-    if (found.first == server_uri_ && !serves_itself_)
+    if (found.first == server_uri_ && !serves_itself_.value_or(true))
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
 }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,7 +54,7 @@ private:
     /// Whether there is a service of that name.
     bool is_service(const std::string& name) const;
 
-    const std::size_t workers_ = 3;
+    static constexpr std::size_t worker_count = 3;
     const std::shared_ptr<zmq::context_t> context_;
     const std::string uuid_; // keeps the inproc endpoints apart from those of any other router
     const std::vector<Endpoint> uris_;
@@ -64,6 +65,7 @@ private:
     ControlledThread thread_;
     const std::shared_ptr<Server> server_;
     const std::shared_ptr<MessageFactory> factory_;
-    const bool serves_itself_;
+    /// Whether the server inside has started; no value: unknown, and treated as started.
+    const std::optional<bool> serves_itself_;
 };
 } // namespace tarn_internal

@@ -13,10 +13,10 @@
 
 namespace tarn_internal {
 namespace {
-/// The share of a request's time that the router keeps for itself.
+/// What the router subtracts from a request's ttl, to reply before the caller gives up.
 const slate::Duration router_share = slate::Milliseconds(500);
-/// The time for a request whose own is less than that share.
-const slate::Duration least_time = slate::Seconds(1);
+/// How long the router waits if the request's ttl is below router_share.
+const slate::Duration time_for_short_ttl = slate::Seconds(1);
 
 /// Whether the message has a path.
 bool is_routable(const Message& message)
@@ -188,7 +188,7 @@ slate::Duration RouterWorker::shorten_ttl(Request& request) const
     time -= router_share;
     if (time.is_negative()) {
         slate::log_warn(provider_, SLATE_HERE, "timeout is too small on request: ", request.to_string());
-        time = least_time;
+        time = time_for_short_ttl;
     }
     request.set_meta("ttl", time.to_string(0));
     return time;

@@ -161,7 +161,7 @@ void RequestHandler::handle_post(Context& context, Route& route)
 {
     require_verb(route.accepts_post, route, "POST");
     preset_reply(context);
-    // Intended: the file of a post lies beside the system's temporary directory, and not in it.
+    // Deliberate, see docs/servers.md: the file of a POST is made in the parent of the temporary directory.
     transfers_.handle_write(context, route, TransferFile::BesideTemporaryFolder,
                             [&] { route.post(context); });
 }
@@ -189,6 +189,7 @@ void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
     if (!context.reply.message) // a handler may have removed it
         context.reply.message = factory_->make_response(Status::InternalServerError);
 
+    move_invalid_text_to_bytes(*context.reply.message); // in place: it may be large
     if (!send_msg(socket, context.reply.message, provider_)) {
         slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
         counters_.err->increment();

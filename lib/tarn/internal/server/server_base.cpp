@@ -22,8 +22,9 @@ ServerBase::ServerBase(int id, std::shared_ptr<zmq::context_t> context,
       routes_(
           uris_, settings_, provider_, [this] { notify_subscriber(); }, [this] { notify_subscriber(); }),
       remote_calls_(policy, provider_),
-      requests_(settings_, factory, provider_, counters_, routes_, remote_calls_),
-      subscriber_(factory, provider_, counters_, routes_)
+      factory_(factory ? factory : make_message_factory()),
+      requests_(settings_, factory_, provider_, counters_, routes_, remote_calls_),
+      subscriber_(factory_, provider_, counters_, routes_)
 {
 }
 
@@ -54,8 +55,8 @@ void ServerBase::del(unsigned int number)
 
 void ServerBase::clear()
 {
-    routes_.clear();
     remote_calls_.clear();
+    routes_.clear();
 }
 
 void ServerBase::add_first(const std::vector<std::shared_ptr<Route>>& routes)

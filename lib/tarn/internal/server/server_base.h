@@ -46,12 +46,13 @@ protected:
 
     const std::shared_ptr<zmq::context_t> context_;
     const std::vector<Endpoint> uris_; // where requests come in
-    const Endpoint pubsub_uri_;        // where the relay puts published changes out; null for none
+    const Endpoint pubsub_uri_;        // where the relay forwards published changes; null for none
     const std::shared_ptr<const slate::Dictionary> settings_;
     const OwnedProvider provider_;
     const ServerCounters counters_;
     RouteList routes_;
     RemoteCalls remote_calls_;
+    const std::shared_ptr<MessageFactory> factory_;
     RequestHandler requests_;
     Subscriber subscriber_;
 };

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <exception>
 #include <utility>
 
 #include <zmq.hpp>
@@ -54,12 +55,6 @@ void ReadyFlag::reset()
     set_ = false;
 }
 
-bool ReadyFlag::is_set() const
-{
-    const std::lock_guard lock(mutex_);
-    return set_;
-}
-
 bool ReadyFlag::wait(const slate::Duration& time) const
 {
     std::unique_lock lock(mutex_);
@@ -85,7 +80,13 @@ void ControlledThread::start(const std::string& name, std::function<void()> body
     ended_ = ended.get_future();
     thread_ = std::thread([name, body = std::move(body), ended = std::move(ended)]() mutable {
         name_thread(name);
-        body();
+        try {
+            body();
+        }
+        catch (const std::exception& error) {
+            // For example out of sockets. The owner finds that nobody listens, and the process goes on.
+            slate::log_error(SLATE_HERE, name, " has ended: ", error.what());
+        }
         ended.set_value();
     });
 }
@@ -140,11 +141,12 @@ Command receive_command(zmq::socket_t& socket, const std::shared_ptr<slate::Prov
     return text == worker_listening ? Command::WorkerListening : Command::Terminate;
 }
 
-bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait)
+bool wait_until_listening(const std::function<void()>& announce,
+                          const std::function<bool(slate::Duration)>& wait)
 {
     // 20, 40, ... 1000 ms: fifty passes, 25.5 s in all.
     for (long milliseconds = 20; milliseconds <= 1000; milliseconds += 20) {
-        say();
+        announce();
         if (wait(slate::Milliseconds(milliseconds)))
             return true;
     }

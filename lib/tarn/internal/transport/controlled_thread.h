@@ -27,7 +27,7 @@ inline constexpr const char* worker_listening = "worker-listening";
 inline constexpr const char* update_subscriptions = "update-subscriptions";
 inline constexpr const char* terminate = "TERMINATE";
 
-/// The meaning of a command. Any other text ends the thread too.
+/// What a command asks for. Any other text ends the thread too.
 enum class Command { Terminate, UpdateSubscriptions, WorkerListening };
 
 /// Tells one thread that another is ready. Any thread.
@@ -35,7 +35,6 @@ class ReadyFlag {
 public:
     void set();
     void reset();
-    bool is_set() const;
     /// Waits until it is set, for that time at most; returns whether it is.
     bool wait(const slate::Duration& time) const;
 
@@ -60,7 +59,7 @@ public:
     /// Stops the thread.
     ~ControlledThread();
 
-    /// Starts the thread under a name of 15 bytes at most. Its signals are blocked: they go to the
+    /// Starts the thread under this name, cut to 15 bytes. Its signals are blocked: they go to the
     /// application's own threads.
     void start(const std::string& name, std::function<void()> body);
 
@@ -90,5 +89,6 @@ Command receive_command(zmq::socket_t& socket, const std::shared_ptr<slate::Prov
 
 /// Repeats "worker-listening" until the thread has received it: a ZMQ_PUB socket loses what it sends before
 /// the subscription has arrived. False if that takes more than 25.5 s.
-bool wait_until_listening(const std::function<void()>& say, const std::function<bool(slate::Duration)>& wait);
+bool wait_until_listening(const std::function<void()>& announce,
+                          const std::function<bool(slate::Duration)>& wait);
 } // namespace tarn_internal

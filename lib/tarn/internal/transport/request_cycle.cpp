@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <span>
 #include <utility>
 
 #include <zmq.hpp>
@@ -19,9 +21,9 @@ namespace {
 /// Whether the socket has a peer to send to within that time; sending would block without one.
 bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
 {
-    zmq::pollitem_t item = {socket.handle(), 0, ZMQ_POLLOUT, 0};
-    zmq::poll(&item, 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
-    return (item.revents & ZMQ_POLLOUT) != 0;
+    zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLOUT, 0}};
+    poll_for(items, timeout);
+    return (items[0].revents & ZMQ_POLLOUT) != 0;
 }
 
 /// Whether a reply arrived within that time, which `stop` may cut short.
@@ -30,14 +32,91 @@ bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::soc
     const slate::StopWatch watch(true);
     zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLIN, 0},
                                {stop ? stop->handle() : nullptr, 0, ZMQ_POLLIN, 0}};
-    zmq::poll(items, stop ? 2 : 1, std::chrono::milliseconds(poll_milliseconds(timeout)));
+    poll_for(std::span(items).first(stop ? 2 : 1), timeout);
     if ((items[0].revents & ZMQ_POLLIN) == 0 && stop && (items[1].revents & ZMQ_POLLIN) != 0) {
         const auto rest = std::min(timeout - slate::Microseconds(watch.elapsed()), default_timeout());
-        zmq::poll(items, 1, std::chrono::milliseconds(poll_milliseconds(rest)));
+        poll_for(std::span(items).first(1), rest);
     }
     return (items[0].revents & ZMQ_POLLIN) != 0;
 }
+/// For one wait on a condition; the standard library's arithmetic overflows near its largest time.
+std::chrono::nanoseconds to_chrono(const slate::Duration& time)
+{
+    return std::chrono::nanoseconds(std::min(time, slate::Duration(std::chrono::hours(1))).to_nanoseconds());
+}
 } // namespace
+
+/// How long a call may still wait: `retries` + 1 waits of `timeout` each, less the time until its turn.
+class RequestCycle::Patience {
+public:
+    Patience(const slate::Duration& timeout, unsigned int retries) : timeout_(timeout), waits_(retries + 1ULL)
+    {
+    }
+
+    /// How long the next wait may last.
+    slate::Duration next_wait() const
+    {
+        return std::max(timeout_ - spent_, slate::Duration(slate::Seconds(0)));
+    }
+
+    /// The next wait is over. False if it was the last one.
+    bool use_wait()
+    {
+        spent_ = slate::Seconds(0);
+        return --waits_ > 0;
+    }
+
+    /// Takes time off the waits that are left. False if nothing is left.
+    bool spend(const slate::Duration& time)
+    {
+        spent_ += time;
+        while (waits_ > 0 && spent_ >= timeout_) {
+            spent_ -= timeout_;
+            --waits_;
+        }
+        return waits_ > 0;
+    }
+
+private:
+    const slate::Duration timeout_;
+    unsigned long long waits_;
+    slate::Duration spent_ = slate::Seconds(0); // of the next wait
+};
+
+/// The right to use the socket, which one call has at a time.
+class RequestCycle::Turn {
+public:
+    Turn(RequestCycle& cycle, Patience& patience) : cycle_(cycle)
+    {
+        std::unique_lock lock(cycle_.mutex_);
+        while (cycle_.busy_) {
+            const slate::StopWatch watch(true);
+            cycle_.idle_.wait_for(lock, to_chrono(patience.next_wait()));
+            if (!patience.spend(slate::Microseconds(watch.elapsed()))) {
+                if (!cycle_.busy_) // the notification may have been meant for this call
+                    cycle_.idle_.notify_one();
+                return;
+            }
+        }
+        taken_ = cycle_.busy_ = true;
+    }
+    ~Turn()
+    {
+        if (!taken_)
+            return;
+        const std::lock_guard lock(cycle_.mutex_);
+        cycle_.busy_ = false;
+        cycle_.idle_.notify_one();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    bool taken() const { return taken_; }
+
+private:
+    RequestCycle& cycle_;
+    bool taken_ = false;
+};
 
 int next_client_instance()
 {
@@ -72,9 +151,16 @@ RequestCycle::~RequestCycle() = default;
 std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const slate::Duration& timeout,
                                                 zmq::socket_t* stop)
 {
-    const std::lock_guard lock(mutex_);
+    // A POST gets a single wait.
+    Patience patience(timeout, message.has_post() ? 0 : retries_);
+    const Turn turn(*this, patience);
+    if (!turn.taken()) {
+        slate::log_error(provider_, SLATE_HERE,
+                         "request timeout; other requests are under way, nothing sent: ", describe(message));
+        return make_reply(Status::RequestTimeout, LocalCause::TooMany);
+    }
     try {
-        return exchange(message, timeout, stop);
+        return exchange(message, patience, stop);
     }
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
@@ -85,12 +171,11 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     }
 }
 
-std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slate::Duration& timeout,
-                                              zmq::socket_t* stop)
+std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, Patience& patience, zmq::socket_t* stop)
 {
     if (!socket_)
         socket_ = create_socket();
-    if (!is_writable(*socket_, timeout)) {
+    if (!is_writable(*socket_, patience.next_wait())) {
         // The socket has no peer, as after the end of an inproc server; only a new socket can connect to the
         // next one.
         socket_.reset();
@@ -104,15 +189,14 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, const slat
     tx_->increment();
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
-    // happen twice. A POST gets a single wait.
-    const unsigned int allowance = message.has_post() ? 0 : retries_;
-    for (unsigned int attempt = 0;; ++attempt) {
-        if (auto reply = wait_for_reply(*socket_, message, timeout, stop)) {
+    // happen twice.
+    for (;;) {
+        if (auto reply = wait_for_reply(*socket_, message, patience.next_wait(), stop)) {
             rx_->increment();
             return reply;
         }
         socket_ = create_socket();
-        if (attempt == allowance)
+        if (!patience.use_wait())
             return make_reply(Status::RequestTimeout, LocalCause::NoAnswerInTime);
     }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,7 +30,8 @@ int next_client_instance();
 /// ZMQ_REQ socket that has sent and not received refuses to send again; further waits, on the new one, only
 /// decide how long a failing call blocks: (retries + 1) x timeout. A late reply is lost with its socket.
 ///
-/// Threads: any; one exchange at a time, the others wait.
+/// Threads: any; one exchange at a time, the others wait for their turn. That time counts: a call whose whole
+/// time passes before its turn comes sends nothing.
 class RequestCycle {
 public:
     /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
@@ -54,8 +56,9 @@ public:
     const MessageFactory& factory() const { return *factory_; }
 
 private:
-    std::shared_ptr<Reply> exchange(const Message& message, const slate::Duration& timeout,
-                                    zmq::socket_t* stop);
+    class Patience;
+    class Turn;
+    std::shared_ptr<Reply> exchange(const Message& message, Patience& patience, zmq::socket_t* stop);
     std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
                                           const slate::Duration& timeout, zmq::socket_t* stop) const;
     std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause);
@@ -71,7 +74,9 @@ private:
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;
     const std::shared_ptr<slate::Counter> tx_;
-    std::mutex mutex_; // held for a whole exchange
+    std::mutex mutex_; // guards busy_
+    std::condition_variable idle_;
+    bool busy_ = false; // during a whole exchange, to which socket_ belongs meanwhile
     /// Null after it broke and could not be replaced; the next exchange tries again.
     std::unique_ptr<zmq::socket_t> socket_;
 };

@@ -15,8 +15,9 @@ class Provider;
 }
 
 namespace tarn_internal {
-/// The threads behind a proxy, owned by the proxy's thread. It starts them, waits until each has connected or
-/// given up, and joins them. It forwards nothing before that: the first worker would get all early requests.
+/// The threads behind a proxy. The proxy's thread owns them: it starts them, waits until each has connected
+/// or failed, and joins them. It must not forward before that, or the first worker would get all early
+/// requests.
 class Workers {
 public:
     ~Workers();

@@ -14,8 +14,8 @@ namespace tarn_internal {
 /// ids, optionally "?" and a query. `*to` gets the ids as text, `*path` the path with a leading slash, and
 /// `params` the undecoded pairs of the query; all three are emptied first.
 ///
-/// More than two separators: an error in the log, and the path stays empty. Fewer pieces than the separators
-/// promise, as in "@12": throws std::out_of_range.
+/// More than two separators are an error in the log, and the path stays empty. Throws std::out_of_range if a
+/// part next to a separator is missing, as in "@12".
 void parse_recipient(std::string_view recipient, std::string* to, std::string* path,
                      const std::shared_ptr<slate::Dictionary>& params);
 } // namespace tarn_internal

@@ -2,14 +2,29 @@
 #include "tarn/internal/utils/receive.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "tarn/internal/utils/thread_sanitizer.h"
 
 namespace tarn_internal {
+namespace {
+/// One frame, even if a signal arrives: libzmq then gives up before it has taken anything.
+bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame)
+{
+    while (zmq_msg_recv(frame.handle(), socket.handle(), 0) < 0) {
+        if (zmq_errno() == EAGAIN)
+            return false;
+        if (zmq_errno() != EINTR)
+            throw zmq::error_t();
+    }
+    return true;
+}
+} // namespace
+
 bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
 {
-    if (!socket.recv(frame))
+    if (!receive_through_signals(socket, frame))
         return false;
     tsan_acquire(frame.data());
     drop_further_frames(socket, frame);
@@ -39,6 +54,17 @@ std::optional<RoutedMessage> receive_routed(zmq::socket_t& socket)
     if (!receive_frame(socket, message.payload))
         return std::nullopt;
     return message;
+}
+
+void poll_for(std::span<zmq::pollitem_t> items, const slate::Duration& timeout)
+{
+    const slate::StopWatch watch(true);
+    auto rest = timeout;
+    while (zmq_poll(items.data(), static_cast<int>(items.size()), poll_milliseconds(rest)) < 0) {
+        if (zmq_errno() != EINTR)
+            throw zmq::error_t();
+        rest = timeout - slate::Microseconds(watch.elapsed());
+    }
 }
 
 long poll_milliseconds(const slate::Duration& timeout)

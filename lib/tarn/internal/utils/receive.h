@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <vector>
 
 #include <zmq.hpp>
@@ -27,6 +28,9 @@ struct RoutedMessage {
 /// EAGAIN, and for a message without an empty frame or without a frame behind it, which is dropped; throws
 /// zmq::error_t.
 std::optional<RoutedMessage> receive_routed(zmq::socket_t& socket);
+
+/// Polls for that time at most. A signal doesn't shorten it; other errors throw zmq::error_t.
+void poll_for(std::span<zmq::pollitem_t> items, const slate::Duration& timeout);
 
 /// The time for zmq_poll in milliseconds: -1 for infinity, and 0 for negative times, which would otherwise
 /// wait for ever too.

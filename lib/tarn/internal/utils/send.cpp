@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/utils/send.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <utility>
@@ -23,27 +24,30 @@ bool has_invalid_text(const Message& message)
     return body && body->has_txt() && !slate::is_utf8(body->txt());
 }
 
-/// The same message with its body in `bin`; readers accept both. The format stays.
-Message with_text_as_bytes(const Message& message)
-{
-    Message copy = message;
-    Body* body = find_mutable_body(copy);
-    std::string bytes = std::move(*body->mutable_txt());
-    body->set_bin(std::move(bytes));
-    return copy;
-}
 } // namespace
 
 std::optional<zmq::message_t> to_frame(const Message& message)
 {
-    if (has_invalid_text(message))
-        return to_frame(with_text_as_bytes(message));
+    if (has_invalid_text(message)) {
+        Message copy = message;
+        move_invalid_text_to_bytes(copy);
+        return to_frame(copy);
+    }
 
     zmq::message_t frame(message.ByteSizeLong());
     // Protobuf counts in int, and would print an error about a larger size.
     if (frame.size() > INT_MAX || !message.SerializeToArray(frame.data(), static_cast<int>(frame.size())))
         return std::nullopt;
     return frame;
+}
+
+void move_invalid_text_to_bytes(Message& message)
+{
+    if (!has_invalid_text(message))
+        return;
+    Body* body = find_mutable_body(message);
+    std::string bytes = std::move(*body->mutable_txt());
+    body->set_bin(std::move(bytes));
 }
 
 bool send_str(zmq::socket_t& socket, const std::string& text)
@@ -62,12 +66,15 @@ bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::st
                 const std::shared_ptr<slate::Provider>& provider)
 {
     tsan_release(frame.data());
-    if (zmq_msg_send(frame.handle(), socket.handle(), flags) >= 0)
-        return true;
-    if (zmq_errno() != EAGAIN)
-        throw zmq::error_t();
-    slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
-    return false;
+    while (zmq_msg_send(frame.handle(), socket.handle(), flags) < 0) {
+        if (zmq_errno() == EINTR) // a signal; nothing was sent
+            continue;
+        if (zmq_errno() != EAGAIN)
+            throw zmq::error_t();
+        slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
+        return false;
+    }
+    return true;
 }
 
 bool send_msg(zmq::socket_t& socket, const Message& message, const std::shared_ptr<slate::Provider>& provider)

@@ -4,6 +4,7 @@
 #include <string>
 
 namespace tarn_internal {
-/// Names the current thread, as `top -H` and debuggers show it. The system cuts names at 15 bytes.
+/// Names the current thread, as `top -H` and debuggers show it; cuts the name to 15 bytes, the system's
+/// limit.
 void name_thread(const std::string& name);
 } // namespace tarn_internal

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tarn/transfer/common.h"
+#include "tarn/internal/transfer_helpers.h"
 
 #include <algorithm>
 
