@@ -263,10 +263,10 @@ Duration Duration::from_ticks(long double count, std::intmax_t numerator, std::i
 
     // Powers of ten are reduced first: 1000 is exact as a floating-point number, but 1 / 1000 isn't.
     const std::intmax_t common = std::gcd(denominator, std::intmax_t{second.nanoseconds});
-    const auto factor =
-        static_cast<long double>(numerator) * static_cast<long double>(second.nanoseconds / common);
-    const long double nanoseconds =
-        std::round(count * factor / static_cast<long double>(denominator / common));
+    const std::intmax_t multiplier = second.nanoseconds / common;
+    const std::intmax_t divisor = denominator / common;
+    const auto factor = static_cast<long double>(numerator) * static_cast<long double>(multiplier);
+    const long double nanoseconds = std::round(count * factor / static_cast<long double>(divisor));
 
     constexpr auto end = -static_cast<long double>(least); // one beyond the range, and exact in any format
     if (nanoseconds >= end)

@@ -146,7 +146,7 @@ std::uint64_t hash(std::string_view text)
 /// was left behind. A long name is cut, and the hash tells it from other names with the same beginning.
 std::string temporary_name(const std::string& name)
 {
-    const std::string whole = "." + name + ".tmp";
+    std::string whole = "." + name + ".tmp";
     if (whole.size() <= max_name_bytes)
         return whole;
 

@@ -43,7 +43,7 @@ public:
 
     std::string path() const override
     {
-        const std::string whole = address();
+        std::string whole = address();
         if (scheme() == "file")
             return whole;
         const auto slash = whole.find('/');

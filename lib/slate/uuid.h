@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "slate/require_cxx20.h"
+
 #include <array>
 #include <compare>
 #include <string>
