@@ -151,7 +151,9 @@ bool Reply::good() const
 
 std::string Reply::text_or(std::string dflt) const
 {
-    return good() && has_body() ? data() : std::move(dflt);
+    if (good() && has_body())
+        return data();
+    return dflt;
 }
 
 Response* Reply::mutable_response()

@@ -193,7 +193,7 @@ bool Route::is_access_allowed(const Context& context) const
 
 std::string add_route(const std::shared_ptr<Route>& route)
 {
-    const std::string name = route ? route->name : std::string();
+    std::string name = route ? route->name : std::string();
     const ZmqSubsystem* subsystem = ZmqSubsystem::self();
     if (!subsystem)
         throw Exception(slate::trace_error(SLATE_HERE, "cannot add route: ", name, "; tarn not initialized"));

@@ -78,9 +78,9 @@ ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::st
         throw MessageException(Status::Conflict,
                                slate::trace_error(SLATE_HERE, "transfer interrupted try again"));
     }
-    const auto begun = place == TransferFile::InTemporaryFolder
-                           ? sessions_.add(id, expires)
-                           : sessions_.add(id, expires, std::filesystem::temp_directory_path());
+    auto begun = place == TransferFile::InTemporaryFolder
+                     ? sessions_.add(id, expires)
+                     : sessions_.add(id, expires, std::filesystem::temp_directory_path());
     if (!begun)
         throw MessageException(Status::Conflict,
                                slate::trace_error(SLATE_HERE, "transfer already in progress"));

@@ -69,7 +69,7 @@ std::shared_ptr<Message> RequestHandler::receive(zmq::socket_t& socket)
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, "rx socket error; ", error.what());
     }
-    return frame.size() > 0 ? factory_->make_message(frame.data(), frame.size()) : nullptr;
+    return frame.empty() ? nullptr : factory_->make_message(frame.data(), frame.size());
 }
 
 void RequestHandler::answer(Context& context, bool debug)

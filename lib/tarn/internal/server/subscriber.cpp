@@ -122,7 +122,7 @@ std::shared_ptr<Message> Subscriber::receive(zmq::socket_t& socket)
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, "pub/sub in socket recv error: ", error.what());
     }
-    return payload.size() > 0 ? factory_->make_message(payload.data(), payload.size()) : nullptr;
+    return payload.empty() ? nullptr : factory_->make_message(payload.data(), payload.size());
 }
 
 void Subscriber::handle(Context& context)

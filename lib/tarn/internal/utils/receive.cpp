@@ -48,7 +48,7 @@ std::optional<RoutedMessage> receive_routed(zmq::socket_t& socket)
         zmq::message_t frame;
         if (!socket.recv(frame) || !frame.more())
             return std::nullopt;
-        delimited = frame.size() == 0;
+        delimited = frame.empty();
         message.way_back.push_back(std::move(frame));
     }
     if (!receive_frame(socket, message.payload))
