@@ -22,6 +22,7 @@
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/utils/counters.h"
+#include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
 #include "tarn/internal/utils/send.h"

@@ -5,6 +5,7 @@
 
 #include "support/peers.h"
 #include "support/runtime_test.h"
+#include "tarn/internal/utils/message_parts.h"
 
 namespace {
 using namespace std::chrono_literals;

@@ -13,6 +13,7 @@
 #include "tarn/exception.h"
 #include "tarn/formats.h"
 #include "tarn/internal/utils/detect_format.h"
+#include "tarn/internal/utils/message_parts.h"
 #include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
@@ -43,39 +44,6 @@ bool parse_json(const std::string& text, google::protobuf::Message* result)
     throw Exception(slate::trace_error(line, "Envelope::", operation, reason));
 }
 } // namespace
-
-Head* find_or_make_head(Message& message)
-{
-    switch (message.type_case()) {
-    case Message::kGet:
-        return message.mutable_get()->mutable_head();
-    case Message::kPut:
-        return message.mutable_put()->mutable_head();
-    case Message::kResponse:
-        return message.mutable_response()->mutable_head();
-    case Message::kDel:
-        return message.mutable_del()->mutable_head();
-    case Message::kPost:
-        return message.mutable_post()->mutable_head();
-    case Message::kHead:
-        return message.mutable_head();
-    case Message::kCall:
-    case Message::TYPE_NOT_SET:
-        break;
-    }
-    return nullptr;
-}
-
-Body* find_mutable_body(Message& message)
-{
-    if (!find_body(message))
-        return nullptr;
-    if (message.has_put())
-        return message.mutable_put()->mutable_body();
-    if (message.has_post())
-        return message.mutable_post()->mutable_body();
-    return message.mutable_response()->mutable_body();
-}
 
 const Head& Envelope::head() const
 {

@@ -22,11 +22,6 @@ enum Format : int;
 } // namespace tarn
 
 namespace tarn_internal {
-/// The head of a request or a response, made if it is not set; null for a `call` or a message with no `type`.
-Head* find_or_make_head(Message& message);
-/// The body of a put, post or response; null if it is not set.
-Body* find_mutable_body(Message& message);
-
 /// A view over a Message that doesn't care which verb it holds. Copies share the message.
 ///
 /// Without a message, head(), body(), data(), mutable_head(), mutable_body(), maybe_json(), maybe_xml(),

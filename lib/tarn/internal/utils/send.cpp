@@ -10,7 +10,7 @@
 
 #include "slate/log.h"
 #include "slate/strings.h"
-#include "tarn/internal/envelope.h"
+#include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/thread_sanitizer.h"
 #include "tarn/proto/message.pb.h"
 
