@@ -4,10 +4,14 @@
 #include <fstream>
 #include <limits>
 
+#include <gtest/gtest.h>
+
 #include "slate/file.h"
+#include "slate/provider.h"
 #include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
+#include "tarn/exception.h"
 #include "unit/tarn/thrown.h"
 
 namespace {
