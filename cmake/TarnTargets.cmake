@@ -9,8 +9,9 @@ endif()
 function(tarn_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   tarn_instrument(${target})
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
-                                           -Woverloaded-virtual -Wcast-align -Wformat=2)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+                                           -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
+                                           -Wformat=2)
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # GCC 12 sees overlapping copies in every string concatenation (its bug 105651), and endless ones.
     target_compile_options(${target} PRIVATE -Wno-restrict -Wno-stringop-overflow)

@@ -502,7 +502,9 @@ TEST_P(AChunkedUpload, OfTenMebibytesStaysInMemoryAndIsHandedOverWithoutACopy)
     const std::string body = body_of("body", threshold);
     for (const Verb verb : verbs) {
         for (int i = 0; i < 10; ++i) {
-            ASSERT_EQ(send(chunk(verb, name_of(verb), i, body.substr(i * mebibyte, mebibyte))).status(),
+            ASSERT_EQ(send(chunk(verb, name_of(verb), i,
+                                 body.substr(static_cast<std::size_t>(i) * mebibyte, mebibyte)))
+                          .status(),
                       Status::NoContent);
             EXPECT_TRUE(has_no_files());
         }
@@ -1369,19 +1371,20 @@ TEST_P(AnUploadBesideOthers, MayBeBegunAndEndedByManyAtOnce)
 
 TEST_P(AnUploadBesideOthers, EndsWellOrIsInterruptedWhenThereAreTooMany)
 {
-    constexpr int clients = 8;
-    constexpr int rounds = 3;
+    constexpr unsigned int clients = 8;
+    constexpr unsigned int rounds = 3;
     start();
     add_route("shared", "/shared");
-    for (int i = 0; i < clients; ++i)
+    for (unsigned int i = 0; i < clients; ++i)
         add_route("own" + std::to_string(i), "/own" + std::to_string(i));
 
-    const auto size_of = [](int client, int round) {
-        return client % 4 == round ? threshold + client + 1 : 1000u + client; // some go through a file
+    const auto size_of = [](unsigned int client, unsigned int round) {
+        return client % 4 == round ? threshold + client + 1
+                                   : std::size_t{1000} + client; // some go through a file
     };
     struct Outcome {
-        int good = 0;
-        int interrupted = 0;
+        std::size_t good = 0;
+        std::size_t interrupted = 0;
         std::vector<std::string> problems;
     };
     std::vector<Outcome> outcomes(clients);
@@ -1389,14 +1392,14 @@ TEST_P(AnUploadBesideOthers, EndsWellOrIsInterruptedWhenThereAreTooMany)
     // workers are at them.
     std::barrier<> all_begun(clients);
 
-    const auto upload = [&](int client) {
+    const auto upload = [&](unsigned int client) {
         Outcome& outcome = outcomes[client];
         RawPeer other(uri);
-        for (int round = 0; round < rounds; ++round) {
+        for (unsigned int round = 0; round < rounds; ++round) {
             std::vector<Chunk> parts(2);
             std::vector<std::string> bodies(2);
             std::vector<bool> running(2, true);
-            for (int k = 0; k < 2; ++k) {
+            for (unsigned int k = 0; k < 2; ++k) {
                 Chunk& part = parts[k];
                 part.id = std::to_string(client) + "-" + std::to_string(round) + "-" + std::to_string(k);
                 part.verb = (client + k + round) % 2 == 0 ? Verb::Put : Verb::Post;
@@ -1404,8 +1407,8 @@ TEST_P(AnUploadBesideOthers, EndsWellOrIsInterruptedWhenThereAreTooMany)
                 part.headers["X-Name"] = part.id;
                 bodies[k] = body_of(part.id, size_of(client, round));
             }
-            for (int step = 0; step < 4; ++step) {
-                for (int k = 0; k < 2; ++k) {
+            for (unsigned int step = 0; step < 4; ++step) {
+                for (unsigned int k = 0; k < 2; ++k) {
                     if (!running[k])
                         continue;
                     const std::size_t third = bodies[k].size() / 3;
@@ -1433,12 +1436,12 @@ TEST_P(AnUploadBesideOthers, EndsWellOrIsInterruptedWhenThereAreTooMany)
     };
     {
         std::vector<std::jthread> threads;
-        for (int client = 0; client < clients; ++client)
+        for (unsigned int client = 0; client < clients; ++client)
             threads.emplace_back(upload, client);
     }
 
-    int good = 0;
-    int cut = 0;
+    std::size_t good = 0;
+    std::size_t cut = 0;
     for (const Outcome& outcome : outcomes) {
         good += outcome.good;
         cut += outcome.interrupted;
@@ -1446,13 +1449,13 @@ TEST_P(AnUploadBesideOthers, EndsWellOrIsInterruptedWhenThereAreTooMany)
     }
     EXPECT_EQ(good + cut, clients * rounds * 2);
     EXPECT_GE(logs.count(slate::WarnLevel, "too many "), 1u);
-    EXPECT_EQ(counted("err"), static_cast<std::uint64_t>(cut));
+    EXPECT_EQ(counted("err"), cut);
     const auto got = deliveries.all();
-    EXPECT_EQ(got.size(), static_cast<std::size_t>(good));
+    EXPECT_EQ(got.size(), good);
     for (const Delivery& delivery : got) {
         const std::string name = delivery.request.header("X-Name", "");
-        const int client = name.at(0) - '0';
-        const int round = name.at(2) - '0';
+        const auto client = static_cast<unsigned int>(name.at(0) - '0');
+        const auto round = static_cast<unsigned int>(name.at(2) - '0');
         EXPECT_TRUE(delivery.body == body_of(name, size_of(client, round))) << name;
     }
     server.reset();
@@ -1497,7 +1500,7 @@ TEST(ElevenUploads, OfOneByteDoNotTakeTheMemoryThatIsReservedForThem)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer's memory is its own affair";
 #endif
-    for (const unsigned long workers : {1, 4}) {
+    for (const unsigned long workers : {1UL, 4UL}) {
         const ScratchFolder folder;
         const auto uri = slate::make_uri("ipc://" + (folder.path() / "s.sock").string());
         int pipe_ends[2];

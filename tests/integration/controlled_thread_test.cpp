@@ -3,6 +3,8 @@
 
 #include <future>
 
+#include <zmq.hpp>
+
 #include "support/runtime_test.h"
 
 namespace {

@@ -28,7 +28,7 @@ inline std::size_t providers(const std::string& name)
 {
     std::size_t count = 0;
     for (const slate::ProviderSnapshot& shown : slate::snapshot())
-        count += shown.name == name ? 1 : 0;
+        count += shown.name == name ? 1u : 0u;
     return count;
 }
 } // namespace tarn_test

@@ -16,6 +16,7 @@
 
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
+#include "tarn/exception.h"
 #include "tarn/proto/stats.pb.h"
 #include "unit/tarn/messages.h"
 #include "unit/tarn/thrown.h"

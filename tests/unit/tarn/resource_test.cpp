@@ -30,6 +30,7 @@
 #include "support/log_capture.h"
 #include "support/wait_until.h"
 #include "tarn/exception.h"
+#include "tarn/formats.h"
 #include "tarn/internal/async.h"
 #include "tarn/zmq_subsystem.h"
 #include "unit/tarn/thrown.h"

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "slate/provider.h"
 #include "support/log_capture.h"
 #include "tarn/message_factory.h"
 

@@ -4,10 +4,14 @@
 #include <fstream>
 #include <limits>
 
+#include <gtest/gtest.h>
+
 #include "slate/file.h"
+#include "slate/provider.h"
 #include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
+#include "tarn/exception.h"
 #include "unit/tarn/thrown.h"
 
 namespace {
@@ -425,8 +429,8 @@ TEST_F(AWriteSession, WritesToItsFileFromOneByteMoreThanTenMebibytes)
 TEST_F(AWriteSession, WritesToItsFileOverAndOver)
 {
     std::string body;
-    for (int i = 0; i < 5; ++i) {
-        const std::string chunk((7 << 20) + i, static_cast<char>('a' + i));
+    for (unsigned int i = 0; i < 5; ++i) {
+        const std::string chunk((std::size_t{7} << 20) + i, static_cast<char>('a' + i));
         session.append(chunk, i);
         body += chunk;
     }
@@ -633,13 +637,13 @@ TEST_F(ASessionList, DiscardsTheOldestSessionsBeyondTenWithTheirFiles)
     list.clean(provider);
 
     EXPECT_EQ(list.size(), 10u);
-    for (int i = 0; i < 13; ++i) {
+    for (unsigned int i = 0; i < 13; ++i) {
         EXPECT_EQ(has("id" + std::to_string(i)), i >= 3) << i;
         EXPECT_EQ(fs::exists(files[i]), i >= 3) << i;
     }
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 3u);
-    for (int i = 0; i < 3; ++i) {
+    for (unsigned int i = 0; i < 3; ++i) {
         EXPECT_EQ(lines[i].level, slate::WarnLevel);
         EXPECT_EQ(lines[i].text,
                   "too many file transfer sessions; discarding oldest: id" + std::to_string(i));

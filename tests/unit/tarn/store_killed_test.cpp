@@ -112,7 +112,7 @@ protected:
         int found_first = 0;
 
         for (int i = 0; i < kills; ++i) {
-            const pid_t child = start_writer<Store>(1 + random() % most_writes);
+            const pid_t child = start_writer<Store>(static_cast<unsigned int>(1 + random() % most_writes));
             const auto bytes = random() % (second.size() + 1);
             if (i % 3 != 0) // the others are killed as it comes
                 wait_until_written(bytes);
