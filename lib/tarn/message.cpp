@@ -60,12 +60,12 @@ std::ostream& operator<<(std::ostream& stream, const Message& message)
     using namespace tarn_internal;
 
     if (message.has_call())
-        return stream << message.call().ShortDebugString();
+        return stream << bounded_text(message.call());
 
     const Head* head = find_head(message);
     const bool maskable = message.has_get() || message.has_put() || message.has_post() || message.has_del();
     if (maskable && head && hidden_payload(head->path()))
-        return stream << head->ShortDebugString();
+        return stream << bounded_text(*head);
 
     if (const Body* body = find_body(message)) {
         if (body->txt().size() > max_logged_text)
@@ -73,6 +73,6 @@ std::ostream& operator<<(std::ostream& stream, const Message& message)
         if (body->bin().size() > max_logged_bytes)
             return stream << head_and_bytes(head ? *head : Head::default_instance(), body->bin());
     }
-    return stream << message.ShortDebugString();
+    return stream << bounded_text(message);
 }
 } // namespace tarn

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <random>
 
+#include "support/gate.h"
 #include "support/peers.h"
 #include "support/server_kinds.h"
 
@@ -173,5 +174,60 @@ TEST_P(AServerGiven, ARemoteCallAnswersTheCallWithItsResult)
     EXPECT_EQ(answer.call().result().status(), Status::Ok);
     EXPECT_EQ(answer.call().result().value(0).value(), "bytes");
     EXPECT_EQ(counted("err"), 0u);
+}
+
+TEST_P(AServerGiven, AMessageWithoutADelimiterFromAPeerThatIsGoneCostsNoOtherClientItsReply)
+{
+    Gate gate;
+    std::atomic<int> applied{0};
+    const auto route = make_test_route("slow", "put", "/slow");
+    route->on_put = [&](Context&) {
+        gate.pass();
+        ++applied;
+    };
+    ASSERT_TRUE(server->add(route));
+    RawPeer first(uri);
+    first.send(factory()->make_put("/slow", "x")->SerializeAsString());
+    ASSERT_TRUE(gate.await(1));
+
+    // What comes in meanwhile waits: rubbish of peers that go at once, and between it the requests of others.
+    std::vector<std::unique_ptr<RawPeer>> clients;
+    for (int i = 0; i < 10; ++i) {
+        {
+            zmq::context_t context;
+            zmq::socket_t hostile(context, zmq::socket_type::dealer);
+            hostile.connect(uri->to_string());
+            send_frames(hostile, {"no delimiter"});
+            send_frames(hostile, {"no", "delimiter"});
+        } // waits until all has been written
+        clients.push_back(std::make_unique<RawPeer>(uri));
+        clients.back()->send(factory()->make_put("/slow", "x")->SerializeAsString());
+    }
+    gate.open();
+
+    EXPECT_TRUE(first.receive().has_value());
+    for (const auto& client : clients)
+        EXPECT_TRUE(client->receive(std::chrono::seconds(4)).has_value());
+    EXPECT_EQ(applied, 11);
+}
+
+TEST_P(AServerGiven, ARequestThroughSeveralProxiesFindsTheWayBackThroughAllOfThem)
+{
+    RawPeer peer(uri, zmq::socket_type::dealer);
+    const auto request = factory()->make_get("/index")->SerializeAsString();
+    peer.send({"proxy 1", "proxy 2", "", request});
+    const auto reply = peer.receive();
+    ASSERT_TRUE(reply.has_value());
+    ASSERT_EQ(reply->size(), 4u);
+    EXPECT_EQ(reply->at(0), "proxy 1");
+    EXPECT_EQ(reply->at(1), "proxy 2");
+    EXPECT_EQ(reply->at(2), "");
+
+    // Nobody has a way that long.
+    std::vector<std::string> frames(40, "proxy");
+    frames.insert(frames.end(), {"", request});
+    peer.send(frames);
+    peer.send({"", request});
+    EXPECT_EQ(peer.receive().value_or(std::vector<std::string>()).size(), 2u);
 }
 } // namespace

@@ -3,6 +3,7 @@
 
 #include <future>
 
+#include "support/gate.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
 
@@ -25,36 +26,6 @@ protected:
     }
 
     std::shared_ptr<const slate::Uri> uri = scratch_endpoint();
-};
-
-/// A gate that handlers wait at.
-class Gate {
-public:
-    void pass()
-    {
-        std::unique_lock lock(mutex_);
-        ++waiting_;
-        changed_.notify_all();
-        changed_.wait(lock, [&] { return open_; });
-    }
-    void open()
-    {
-        const std::lock_guard lock(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    /// Whether so many come to wait.
-    bool await(int count, std::chrono::milliseconds limit = 20s)
-    {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return waiting_ >= count; });
-    }
-
-private:
-    std::mutex mutex_; // guards the two below
-    std::condition_variable changed_;
-    int waiting_ = 0;
-    bool open_ = false;
 };
 
 TEST_F(AMultiThreadedServer, IsNotMadeWithoutTheLibrary)
@@ -128,33 +99,85 @@ TEST_F(AMultiThreadedServer, RunsHandlersOfOneRouteOneAtATime)
     EXPECT_EQ(second.get(), Status::NoContent);
 }
 
-TEST_F(AMultiThreadedServer, HandsRequestsOutInTurnWhetherAWorkerIsBusyOrNot)
+TEST_F(AMultiThreadedServer, HandsRequestsToFreeWorkersOnly)
+{
+    const auto server = make(3);
+    Gate gate;
+    for (const std::string name : {"slow", "slower"}) {
+        const auto route = make_test_route(name, "get", "/" + name);
+        route->on_get = [&](Context&) { gate.pass(); };
+        server->add(route);
+    }
+    const auto ask_slow = [&](const char* path) { return make_client(uri)->get(path)->status(); };
+    auto slow = std::async(std::launch::async, ask_slow, "/slow");
+    auto slower = std::async(std::launch::async, ask_slow, "/slower");
+    ASSERT_TRUE(gate.await(2));
+
+    // One worker is left, which gets them all.
+    {
+        std::vector<std::jthread> clients;
+        std::atomic<int> answered{0};
+        for (int t = 0; t < 4; ++t)
+            clients.emplace_back([&] {
+                const auto client = make_client(uri);
+                for (int i = 0; i < 50; ++i)
+                    answered += client->get("/index")->good() ? 1 : 0;
+            });
+        EXPECT_TRUE(wait_until([&] { return answered == 200; }));
+    }
+    gate.open();
+    EXPECT_EQ(slow.get(), Status::NoContent);
+    EXPECT_EQ(slower.get(), Status::NoContent);
+}
+
+TEST_F(AMultiThreadedServer, AnswersWhatWaitedWhileAllWorkersWereBusy)
 {
     const auto server = make(2);
     Gate gate;
-    const auto route = make_test_route("slow", "get", "/slow");
-    route->on_get = [&](Context&) { gate.pass(); };
-    server->add(route);
-    auto slow = std::async(std::launch::async, [&] { return make_client(uri)->get("/slow")->status(); });
-    ASSERT_TRUE(gate.await(1));
+    for (int i = 0; i < 2; ++i) {
+        const auto route = make_test_route(std::to_string(i), "get", "/" + std::to_string(i));
+        route->on_get = [&](Context&) { gate.pass(); };
+        server->add(route);
+    }
+    RawPeer peer(uri, zmq::socket_type::dealer);
+    for (int i = 0; i < 2; ++i)
+        peer.send({"", factory()->make_get("/" + std::to_string(i))->SerializeAsString()});
+    ASSERT_TRUE(gate.await(2));
+    for (int i = 0; i < 100; ++i)
+        peer.send({"", factory()->make_get("/index")->SerializeAsString()});
 
-    // Of two requests in turn one meets the busy worker, and waits behind the slow handler.
-    const auto ask = [&] {
-        return make_client(uri, 0)->get("/index", nullptr, slate::Seconds(20))->status();
-    };
-    auto one = std::async(std::launch::async, ask);
-    auto other = std::async(std::launch::async, ask);
-    const auto served = [&] {
-        return (one.wait_for(0ms) == std::future_status::ready) +
-               (other.wait_for(0ms) == std::future_status::ready);
-    };
-    EXPECT_TRUE(wait_until([&] { return served() == 1; }));
-    EXPECT_EQ(one.wait_for(100ms) == std::future_status::ready,
-              other.wait_for(0ms) != std::future_status::ready);
+    EXPECT_FALSE(peer.receive(100ms).has_value());
     gate.open();
-    EXPECT_EQ(slow.get(), Status::NoContent);
-    EXPECT_EQ(one.get(), Status::Ok);
-    EXPECT_EQ(other.get(), Status::Ok);
+    for (int i = 0; i < 102; ++i)
+        EXPECT_TRUE(peer.receive().has_value()) << i;
+}
+
+TEST_F(AMultiThreadedServer, SendsRepliesAtOnceWhileItWaitsForASlowHandlerToEnd)
+{
+    auto server = make(2);
+    Gate first;
+    Gate second;
+    const auto add = [&](const std::string& name, Gate& gate) {
+        const auto route = make_test_route(name, "get", "/" + name);
+        route->on_get = [&](Context&) { gate.pass(); };
+        server->add(route);
+    };
+    add("first", first);
+    add("second", second);
+    const auto ask = [&](const char* path) { return make_client(uri)->get(path)->status(); };
+    auto one = std::async(std::launch::async, ask, "/first");
+    auto other = std::async(std::launch::async, ask, "/second");
+    ASSERT_TRUE(first.await(1));
+    ASSERT_TRUE(second.await(1));
+
+    auto ending = std::async(std::launch::async, [&] { server.reset(); });
+    EXPECT_EQ(ending.wait_for(100ms), std::future_status::timeout);
+    first.open();
+    EXPECT_EQ(one.get(), Status::NoContent);
+    EXPECT_EQ(ending.wait_for(0ms), std::future_status::timeout);
+    second.open();
+    EXPECT_EQ(other.get(), Status::NoContent);
+    ending.get();
 }
 
 TEST_F(AMultiThreadedServer, RunsRemoteCallsSideBySideTheSameFunctionIncluded)

@@ -1,15 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// What stands behind a router and a server with many threads: the proxy, its sockets and its workers.
 #include "tarn/internal/transport/proxy.h"
 
 #include <future>
 
 #include "support/peers.h"
 #include "support/runtime_test.h"
-#include "tarn/internal/router/router_worker.h"
-#include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/controlled_thread.h"
-#include "tarn/internal/transport/workers.h"
 
 namespace {
 using namespace std::chrono_literals;
@@ -119,32 +115,5 @@ TEST_F(AProxy, HasWhatStoppedItInTheLog)
     run_proxy(front, back, control, "test proxy", nullptr);
     EXPECT_TRUE(
         logs.has(slate::ErrorLevel, "test proxy has stopped working: Socket operation on non-socket"));
-}
-
-TEST_F(AProxy, IsNotGivenADealerThatCannotBeBound)
-{
-    zmq::socket_t first(*runtime->ctx(), zmq::socket_type::dealer);
-    zmq::socket_t second(*runtime->ctx(), zmq::socket_type::dealer);
-    const auto uri = scratch_endpoint("inproc");
-    EXPECT_TRUE(bind_dealer(first, *uri, nullptr));
-    EXPECT_FALSE(bind_dealer(second, *uri, nullptr));
-    EXPECT_EQ(logs.texts(slate::ErrorLevel),
-              std::vector<std::string>{"Failed to bind dealer socket: Address already in use"});
-}
-
-TEST_F(AProxy, WaitsForItsWorkersAlsoForThoseThatGiveUp)
-{
-    std::atomic<int> begun{0};
-    Workers workers;
-    workers.start(
-        5, "tarn-test", [&] { workers.report(begun++ < 3); }, nullptr);
-    EXPECT_EQ(workers.wait_for_all(), 3u);
-}
-
-TEST_F(AProxy, HasNoUseForARoutersWorkerThatCannotConnect)
-{
-    RouterWorker worker(runtime->ctx(), nullptr, factory(), {}, {});
-    EXPECT_FALSE(worker.connect(*slate::make_uri("nonsense://x"), thread.endpoint()));
-    EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>{"Protocol not supported"});
 }
 } // namespace

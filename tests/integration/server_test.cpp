@@ -7,6 +7,8 @@
 
 #include <sys/stat.h>
 
+#include "support/environment.h"
+#include "support/forwarding_factory.h"
 #include "support/peers.h"
 #include "support/server_kinds.h"
 #include "tarn/relay.h"
@@ -259,6 +261,45 @@ TEST_P(AServer, AnswersEveryOtherExceptionAsItsOwnFailure)
     }
     EXPECT_EQ(client->del("/a")->status(), Status::NotImplemented);
     EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+}
+
+TEST_P(AServer, AnswersWhateverIsThrownBesideTheHandlerAndGoesOn)
+{
+    class FailingFactory : public ForwardingFactory {
+        MessagePtr make_response(const MessagePtr&, int) const override { throw std::bad_alloc(); }
+        using ForwardingFactory::make_response;
+    };
+    const auto failing = std::make_shared<FailingFactory>();
+    const auto server =
+        GetParam().workers == 1
+            ? tarn_internal::make_single_threaded_server(id, settings, {uri}, nullptr, failing)
+            : tarn_internal::make_multi_threaded_server(id, GetParam().workers, settings, {uri}, nullptr,
+                                                        failing);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(make_client(uri, 0)->get("/index")->status(), Status::InternalServerError);
+    EXPECT_TRUE(will_have_counted("err", 5));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "std::bad_alloc"));
+}
+
+TEST_P(AServer, AnswersWhenTheMemoryDoesNotSufficeForTheReply)
+{
+    if (allocator_aborts)
+        GTEST_SKIP() << "a sanitizer's allocator ends the process";
+    const auto server = make({uri});
+    const auto route = make_test_route("large", "get", "/large");
+    route->on_get = [](Context& context) { context.reply.set_reply_text(std::string(150 << 20, 'x')); };
+    server->add(route);
+    const auto client = make_client(uri, 0);
+    ASSERT_EQ(client->get("/index")->status(), Status::Ok);
+    {
+        // Suffices for the body, and not for the frame as well.
+        const AddressSpaceLimit limit(std::size_t{220} << 20);
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(client->get("/large", nullptr, slate::Seconds(20))->status(),
+                      Status::InternalServerError);
+        EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+    }
+    EXPECT_EQ(client->get("/large", nullptr, slate::Seconds(20))->data().size(), std::size_t{150} << 20);
 }
 
 TEST_P(AServer, KeepsWhatAHandlerHadSetBeforeItFailed)

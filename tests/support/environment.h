@@ -5,12 +5,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace tarn_test {
 /// Makes a path the system's folder for temporary files, for as long as it lives. Set it while no other
@@ -64,6 +67,36 @@ public:
 private:
     rlimit before_{};
     struct sigaction action_before_ {};
+};
+
+/// Whether the allocator ends the process where another one would report that there is no memory.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool allocator_aborts = true;
+#else
+inline constexpr bool allocator_aborts = false;
+#endif
+
+/// Lets this process have so many bytes of address space more than now.
+class AddressSpaceLimit {
+public:
+    explicit AddressSpaceLimit(std::size_t bytes)
+    {
+        if (getrlimit(RLIMIT_AS, &before_) != 0)
+            throw std::system_error(errno, std::generic_category(), "can't read the limit");
+        std::size_t pages = 0;
+        if (!(std::ifstream("/proc/self/statm") >> pages))
+            throw std::runtime_error("can't read the size of this process");
+        const rlimit limit = {pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes,
+                              before_.rlim_max};
+        if (setrlimit(RLIMIT_AS, &limit) != 0)
+            throw std::system_error(errno, std::generic_category(), "can't set the limit");
+    }
+    ~AddressSpaceLimit() { setrlimit(RLIMIT_AS, &before_); }
+    AddressSpaceLimit(const AddressSpaceLimit&) = delete;
+    AddressSpaceLimit& operator=(const AddressSpaceLimit&) = delete;
+
+private:
+    rlimit before_{};
 };
 
 /// What lies below a folder and is not a folder itself.

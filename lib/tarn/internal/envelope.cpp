@@ -234,16 +234,16 @@ std::string Envelope::to_string() const
     if (!message)
         return {};
     if (message->has_call())
-        return message->call().ShortDebugString();
+        return bounded_text(message->call());
     if (hidden_payload(path()))
-        return head().ShortDebugString();
+        return bounded_text(head());
 
     const Body* body = find_body(*message);
     if (body && body->has_bin() && body->ByteSizeLong() > max_logged_bytes)
         return head_and_bytes(head(), body->bin());
     if (body && body->has_txt() && body->txt().size() > max_logged_text)
         return head_and_text(head(), body->txt());
-    return message->ShortDebugString();
+    return bounded_text(*message);
 }
 
 bool Envelope::parse_body(google::protobuf::Message* result) const

@@ -10,7 +10,8 @@
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
-#include "tarn/internal/transport/proxy.h"
+#include "tarn/internal/transport/dispatcher.h"
+#include "tarn/internal/transport/front.h"
 #include "tarn/internal/transport/thread_mark.h"
 #include "tarn/internal/transport/workers.h"
 
@@ -91,59 +92,34 @@ void MultiThreadedServer::listen_front()
 {
     slate::log_debug(provider_, SLATE_HERE, "router thread entry");
     zmq::socket_t control(*context_, zmq::socket_type::sub);
-    zmq::socket_t requests(*context_, zmq::socket_type::router);
-    zmq::socket_t back(*context_, zmq::socket_type::dealer);
+    Front front(*context_);
+    Dispatcher dispatcher(*context_, front, provider_);
 
-    if (connect_control(control, front_.endpoint(), provider_) &&
-        bind_endpoints(requests, uris_, "rx", provider_) && bind_dealer(back, *dealer_uri_, provider_)) {
+    if (connect_control(control, front_.endpoint(), provider_) && front.bind(uris_, "rx", provider_) &&
+        dispatcher.bind(*dealer_uri_)) {
         Workers workers;
-        workers.start(
-            worker_count_, "tarn-worker", [&] { worker_entry(workers); }, provider_);
-        if (workers.wait_for_all() > 0) {
+        const auto serve = [this](WorkerSocket& socket) { worker_entry(socket); };
+        workers.start(worker_count_, "tarn-worker", *context_, dealer_uri_, serve, provider_);
+        if (const auto connected = workers.wait_for_all(); connected > 0) {
             front_listening_.set();
-            run_proxy(requests, back, control, "request router", provider_);
-            limit_linger(requests);
+            dispatcher.run(control, connected, "request router");
         }
     }
     slate::log_debug(provider_, SLATE_HERE, "router thread exit");
 }
 
-void MultiThreadedServer::worker_entry(Workers& workers)
+void MultiThreadedServer::worker_entry(WorkerSocket& socket)
 {
     const ThreadMark mark(this);
     slate::log_debug(provider_, SLATE_HERE, "worker thread entry");
-    bool connected = false;
-    try {
-        zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
-        zmq::socket_t requests(*context_, zmq::socket_type::rep);
-        connected = connect_control(wake_up, front_.endpoint(), provider_);
-        if (connected) {
-            requests.connect(dealer_uri_->to_string());
-            workers.report(true);
-            serve(wake_up, requests);
-        }
-    }
-    catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, "Failed to connect dealer socket: ", error.what());
-        connected = false;
-    }
-    if (!connected)
-        workers.report(false);
-    slate::log_debug(provider_, SLATE_HERE, "worker thread exit");
-}
-
-void MultiThreadedServer::serve(zmq::socket_t& wake_up, zmq::socket_t& requests)
-{
     run_passes(provider_, *counters_.err, [&] {
-        zmq::pollitem_t items[] = {{wake_up.handle(), 0, ZMQ_POLLIN, 0},
-                                   {requests.handle(), 0, ZMQ_POLLIN, 0}};
-        zmq::poll(items, 2, std::chrono::milliseconds(-1));
-        if (items[0].revents & ZMQ_POLLIN) // whatever it says
+        auto request = socket.next();
+        if (!request)
             return false;
-        if (items[1].revents & ZMQ_POLLIN)
-            requests_.handle_request_reply(requests);
+        requests_.handle(request->payload, [&](zmq::message_t& reply) { socket.reply(*request, reply); });
         return true;
     });
+    slate::log_debug(provider_, SLATE_HERE, "worker thread exit");
 }
 
 void MultiThreadedServer::listen_pubsub()

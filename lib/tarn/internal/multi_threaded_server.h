@@ -8,14 +8,14 @@
 #include "tarn/internal/server/server_base.h"
 
 namespace tarn_internal {
-class Workers;
+class WorkerSocket;
 
-/// A server with many threads: a front thread passes requests to workers, in turn, busy or not, and a
-/// separate thread receives published changes. Handlers of different routes run side by side, those of one
-/// route one at a time.
+/// A server with many threads: a front thread hands each request to a worker that is free, and a separate
+/// thread receives published changes. Handlers of different routes run side by side, those of one route one
+/// at a time.
 ///
 /// A slow route occupies one worker; further requests for it wait on its mutex, each occupying another
-/// worker, and requests for other routes that are passed to such a worker wait behind it.
+/// worker. While none is free, requests wait in the queues of their senders.
 class MultiThreadedServer : public ServerBase {
 public:
     /// As SingleThreadedServer, with at least two `workers`.
@@ -25,9 +25,8 @@ public:
                         unsigned long workers, const std::vector<std::shared_ptr<Route>>& routes = {});
     ~MultiThreadedServer() override;
 
-    /// Ends all threads, after the requests in hand, and removes the socket files. A reply that a worker
-    /// gives after this has begun may be lost. A stopped server doesn't serve again; stopping it twice is
-    /// harmless.
+    /// Ends all threads, after the requests in hand, whose replies leave at once, and removes the socket
+    /// files. A stopped server doesn't serve again; stopping it twice is harmless.
     void stop();
 
     /// The routes go first here.
@@ -38,8 +37,7 @@ private:
     void notify_subscriber() override;
 
     void listen_front();
-    void worker_entry(Workers& workers);
-    void serve(zmq::socket_t& wake_up, zmq::socket_t& requests);
+    void worker_entry(WorkerSocket& socket);
     void listen_pubsub();
 
     const unsigned long worker_count_;
@@ -47,8 +45,7 @@ private:
     const Endpoint dealer_uri_;
     ReadyFlag front_listening_;
     ReadyFlag pubsub_listening_;
-    // Last, as they use all of the above. The front's channel also reaches the proxy, so only "TERMINATE"
-    // goes there.
+    // Last, as they use all of the above. Only "TERMINATE" goes to the front.
     std::unique_ptr<ControlledThread> pubsub_; // null without a relay to hear
     ControlledThread front_;
 };

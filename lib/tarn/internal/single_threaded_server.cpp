@@ -12,6 +12,7 @@
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/front.h"
 #include "tarn/internal/transport/thread_mark.h"
 
 namespace tarn_internal {
@@ -19,7 +20,7 @@ struct SingleThreadedServer::Sockets {
     explicit Sockets(zmq::context_t& context)
         : wake_up(context, zmq::socket_type::sub),
           pubsub(context, zmq::socket_type::sub),
-          reqrep(context, zmq::socket_type::rep)
+          front(context)
     {
     }
 
@@ -34,7 +35,7 @@ struct SingleThreadedServer::Sockets {
 
     zmq::socket_t wake_up;
     zmq::socket_t pubsub;
-    zmq::socket_t reqrep;
+    Front front;
     std::vector<zmq::pollitem_t> items; // of the sockets that are in use
 };
 
@@ -99,9 +100,9 @@ bool SingleThreadedServer::init(Sockets& sockets)
         poll_it(sockets.pubsub);
     }
     if (!uris_.empty()) {
-        if (!bind_endpoints(sockets.reqrep, uris_, "rx", provider_))
+        if (!sockets.front.bind(uris_, "rx", provider_))
             return false;
-        poll_it(sockets.reqrep);
+        poll_it(sockets.front.socket());
     }
     return true;
 }
@@ -112,7 +113,6 @@ void SingleThreadedServer::serve(Sockets& sockets)
     handle_ms_ = provider_->add_statistic("handle_ms", 1, 10000, 100, "", 1.0);
 
     run_passes(provider_, *counters_.err, [&] { return serve_once(sockets); });
-    limit_linger(sockets.reqrep);
 }
 
 /// One pass: at most one message of each socket. False at the end.
@@ -125,10 +125,17 @@ bool SingleThreadedServer::serve_once(Sockets& sockets)
     const slate::StopWatch watch(true);
     if (sockets.is_readable(sockets.pubsub))
         subscriber_.handle_publish_subscribe(sockets.pubsub);
-    if (sockets.is_readable(sockets.reqrep))
-        requests_.handle_request_reply(sockets.reqrep);
+    if (sockets.is_readable(sockets.front.socket()))
+        handle_request(sockets.front.socket());
     handle_ms_->record(watch.elapsed() / 1000);
     return true;
+}
+
+void SingleThreadedServer::handle_request(zmq::socket_t& front)
+{
+    if (auto request = receive_request(front, provider_))
+        requests_.handle(request->payload,
+                         [&](zmq::message_t& reply) { send_reply(front, *request, reply); });
 }
 
 std::shared_ptr<Server> make_single_threaded_server(int id,

@@ -33,6 +33,7 @@ private:
     bool init(Sockets& sockets);
     void serve(Sockets& sockets);
     bool serve_once(Sockets& sockets);
+    void handle_request(zmq::socket_t& front);
 
     ReadyFlag listening_;
     std::shared_ptr<slate::Statistic> handle_ms_;

@@ -14,8 +14,8 @@
 #include "slate/uuid.h"
 #include "tarn/exception.h"
 #include "tarn/internal/router/router_worker.h"
-#include "tarn/internal/transport/bind_endpoints.h"
-#include "tarn/internal/transport/proxy.h"
+#include "tarn/internal/transport/dispatcher.h"
+#include "tarn/internal/transport/front.h"
 #include "tarn/internal/transport/workers.h"
 #include "tarn/zmq_subsystem.h"
 
@@ -103,44 +103,27 @@ void RouterImpl::clear()
 
 void RouterImpl::thread_entry()
 {
-    zmq::socket_t front(*context_, zmq::socket_type::router);
-    zmq::socket_t back(*context_, zmq::socket_type::dealer);
+    Front front(*context_);
+    Dispatcher dispatcher(*context_, front, provider_);
     zmq::socket_t control(*context_, zmq::socket_type::sub);
 
-    if (bind_endpoints(front, uris_, "router", provider_) && bind_dealer(back, *dealer_uri_, provider_) &&
+    if (front.bind(uris_, "router", provider_) && dispatcher.bind(*dealer_uri_) &&
         connect_control(control, thread_.endpoint(), provider_)) {
-        {
-            Workers workers;
-            workers.start(
-                worker_count, "tarn-forward", [&] { worker_entry(this, workers); }, provider_);
-            (void)workers.wait_for_all();
-            run_proxy(front, back, control, "router", provider_);
-        }
-        forward_the_rest(back, front); // what the workers have answered since
-        limit_linger(front);
+        Workers workers;
+        const auto serve = [this](WorkerSocket& socket) { worker_entry(this, socket); };
+        workers.start(worker_count, "tarn-forward", *context_, dealer_uri_, serve, provider_);
+        dispatcher.run(control, workers.wait_for_all(), "router");
     }
     slate::log_debug(provider_, SLATE_HERE, "thread exit");
 }
 
-void RouterImpl::worker_entry(RouterImpl* router, Workers& workers)
+void RouterImpl::worker_entry(RouterImpl* router, WorkerSocket& socket)
 {
-    bool connected = false;
-    try {
-        RouterWorker worker(
-            router->context_, router->provider_, router->factory_,
-            [router](const Request& request) { return router->find_service(request); },
-            [] { return ZmqSubsystem::self() != nullptr; });
-        connected = worker.connect(*router->dealer_uri_, router->thread_.endpoint());
-        if (connected) {
-            workers.report(true);
-            worker.run();
-        }
-    }
-    catch (const zmq::error_t& error) {
-        slate::log_error(router->provider_, SLATE_HERE, "cannot make a worker's sockets: ", error.what());
-    }
-    if (!connected)
-        workers.report(false);
+    RouterWorker worker(
+        router->context_, router->provider_, router->factory_,
+        [router](const Request& request) { return router->find_service(request); },
+        [] { return ZmqSubsystem::self() != nullptr; }, socket);
+    worker.run();
 }
 
 std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const Request& request)

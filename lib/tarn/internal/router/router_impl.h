@@ -16,11 +16,10 @@
 #include "tarn/types.h"
 
 namespace tarn_internal {
-class Workers;
+class WorkerSocket;
 
-/// The router: a proxy between its public ZMQ_ROUTER socket and the workers, each of which forwards one
-/// request at a time to its service. It keeps no table of requests: the frames in front of a request identify
-/// its sender.
+/// The router: a public front and three workers, each of which forwards one request at a time to its service.
+/// It keeps no table of requests: the frames in front of a request identify its sender.
 ///
 /// The router's own routes belong to a server inside it, at an inproc endpoint, which gets requests like any
 /// other service.
@@ -50,7 +49,7 @@ private:
     /// As resolve, for a worker. Throws MessageException, status 503, for a request to the router's own
     /// server if that has not started.
     std::pair<Endpoint, std::string> find_service(const Request& request);
-    static void worker_entry(RouterImpl* router, Workers& workers);
+    static void worker_entry(RouterImpl* router, WorkerSocket& socket);
     /// Whether there is a service of that name.
     bool is_service(const std::string& name) const;
 

@@ -6,8 +6,8 @@
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/transport/request_cycle.h"
-#include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/proto/message.pb.h"
 
@@ -27,62 +27,59 @@ bool is_routable(const Message& message)
 
 RouterWorker::RouterWorker(const std::shared_ptr<zmq::context_t>& context,
                            std::shared_ptr<slate::Provider> provider, std::shared_ptr<MessageFactory> factory,
-                           Resolve resolve, HasRuntime has_runtime)
+                           Resolve resolve, HasRuntime has_runtime, WorkerSocket& socket)
     : context_(context),
       provider_(std::move(provider)),
       factory_(std::move(factory)),
       resolve_(std::move(resolve)),
       has_runtime_(std::move(has_runtime)),
-      requests_(*context_, zmq::socket_type::dealer),
-      control_(*context_, zmq::socket_type::sub)
+      failure_(factory_->make_response(Status::InternalServerError)->SerializeAsString()),
+      socket_(socket)
 {
-}
-
-bool RouterWorker::connect(const slate::Uri& requests, const slate::Uri& control)
-{
-    try {
-        requests_.connect(requests.to_string());
-        control_.connect(control.to_string());
-        control_.set(zmq::sockopt::subscribe, "");
-        return true;
-    }
-    catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what());
-        return false;
-    }
 }
 
 void RouterWorker::run()
 {
-    try {
-        for (;;) {
-            zmq::pollitem_t items[] = {{control_.handle(), 0, ZMQ_POLLIN, 0},
-                                       {requests_.handle(), 0, ZMQ_POLLIN, 0}};
-            zmq::poll(items, 2, std::chrono::milliseconds(-1));
-            if (items[0].revents & ZMQ_POLLIN) // whatever it says
+    for (;;) {
+        try {
+            auto request = socket_.next();
+            if (!request)
                 return;
-            if (items[1].revents & ZMQ_POLLIN)
-                take_request();
+            handle(*request);
         }
-    }
-    catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what());
+        catch (const zmq::error_t& error) {
+            slate::log_error(provider_, SLATE_HERE, error.what());
+            if (error.num() == ETERM)
+                return;
+        }
+        catch (const std::exception& error) { // for example out of memory for the report of a failure
+            slate::log_error(provider_, SLATE_HERE, error.what());
+        }
     }
 }
 
-void RouterWorker::take_request()
+void RouterWorker::handle(IncomingRequest& request)
 {
-    auto routed = receive_routed(requests_);
-    if (!routed) {
-        slate::log_warn(provider_, SLATE_HERE, "failed to read request from client");
-        return;
-    }
-
     const bool verbose = slate::is_logging_allowed(slate::VerboseLevel);
-    const Answer answer = answer_or_fail(routed->payload, verbose);
-    // A frame that doesn't parse gets no reply; its sender times out.
-    if (answer.message)
-        send(*routed, answer, verbose);
+    Answer answer;
+    zmq::message_t reply;
+    try {
+        answer = answer_or_fail(request.payload, verbose);
+        if (!answer.message) // a frame that doesn't parse gets no reply; its sender times out
+            return;
+        reply = to_frame(answer);
+    }
+    catch (...) {
+        // For example out of memory. Most of it may be what the service replied.
+        answer = Answer();
+        reply = zmq::message_t(failure_);
+        socket_.reply(request, reply);
+        throw;
+    }
+    socket_.reply(request, reply);
+    if (verbose)
+        slate::log_verbose(provider_, SLATE_HERE,
+                           "tx: ", describe(*answer.message, hidden_payload(answer.path)));
 }
 
 /// A failure of one request ends that request only.
@@ -130,7 +127,7 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
 
     RequestCycle service("zmq.client", next_client_instance(), context_, endpoint, 0, make_message_factory(),
                          secret);
-    const auto reply = service.read_reply(*request.message, time, &control_);
+    const auto reply = service.read_reply(*request.message, time, &socket_.end());
     if (!reply->message)
         return make_failure(Status::BadGateway, "corrupt reply from the service at " + endpoint->to_string(),
                             path);
@@ -153,17 +150,6 @@ RouterWorker::Answer RouterWorker::make_failure(Status status, const std::string
     if (!path.empty())
         response->mutable_head()->set_path(path);
     return {message, path};
-}
-
-void RouterWorker::send(RoutedMessage& request, const Answer& answer, bool verbose)
-{
-    // Serialised before anything is sent, because a multipart message that was begun must be completed.
-    auto frame = to_frame(answer);
-    for (zmq::message_t& part : request.way_back)
-        requests_.send(part, zmq::send_flags::sndmore);
-    if (send_frame(requests_, frame, provider_) && verbose)
-        slate::log_verbose(provider_, SLATE_HERE,
-                           "tx: ", describe(*answer.message, hidden_payload(answer.path)));
 }
 
 zmq::message_t RouterWorker::to_frame(const Answer& answer) const

@@ -16,17 +16,14 @@
 
 namespace slate {
 class Provider;
-class Uri;
-} // namespace slate
+}
 
 namespace tarn_internal {
-struct RoutedMessage;
+struct IncomingRequest;
+class WorkerSocket;
 
 /// One of a router's threads: takes a request, forwards it to its service, waits for the reply and sends that
 /// back.
-///
-/// Its socket is a ZMQ_DEALER, so the worker itself puts the routing frames in front of a reply. A ZMQ_REP
-/// socket would do that, but it can't leave a request unanswered: it would accept no further one.
 class RouterWorker {
 public:
     /// Where to send a request, and the path that it carries there; see RouterImpl::resolve. What it throws
@@ -36,14 +33,13 @@ public:
     /// Whether the library is still at work in this process: without it no request is passed on.
     using HasRuntime = std::function<bool()>;
 
-    /// Throws zmq::error_t if its sockets can't be made.
+    /// `socket`, through which requests come, must outlive the worker.
     RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
-                 std::shared_ptr<MessageFactory> factory, Resolve resolve, HasRuntime has_runtime);
+                 std::shared_ptr<MessageFactory> factory, Resolve resolve, HasRuntime has_runtime,
+                 WorkerSocket& socket);
 
-    /// Connects to the proxy and to the control channel. False, with an error in the log, if it can't.
-    bool connect(const slate::Uri& requests, const slate::Uri& control);
-
-    /// Answers requests until it is told to end. Also ends, with an error in the log, if its sockets fail.
+    /// Answers requests until the socket says that this is the end. A failure of one request is logged, and
+    /// ends that request only; the end of the ZeroMQ context ends the worker.
     void run();
 
 private:
@@ -53,11 +49,10 @@ private:
         std::string path;
     };
 
-    void take_request();
+    void handle(IncomingRequest& request);
     Answer answer_or_fail(const zmq::message_t& payload, bool verbose) const;
     Answer pass_on(Request& request, const std::string& path, bool verbose) const;
     Answer make_failure(Status status, const std::string& text, const std::string& path) const;
-    void send(RoutedMessage& request, const Answer& answer, bool verbose);
     zmq::message_t to_frame(const Answer& answer) const;
     slate::Duration shorten_ttl(Request& request) const;
 
@@ -66,7 +61,7 @@ private:
     const std::shared_ptr<MessageFactory> factory_;
     const Resolve resolve_;
     const HasRuntime has_runtime_;
-    zmq::socket_t requests_;
-    mutable zmq::socket_t control_; // a waiting request polls it too
+    const std::string failure_; // a serialised reply, which needs no memory to be made
+    WorkerSocket& socket_;
 };
 } // namespace tarn_internal

@@ -8,7 +8,6 @@
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "tarn/exception.h"
-#include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/proto/message.pb.h"
 
@@ -36,42 +35,44 @@ RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& s
       routes_(routes),
       calls_(calls),
       pid_(factory_->finder()->my_pid()),
+      failure_(factory_->make_response(Status::InternalServerError)->SerializeAsString()),
       transfers_(*settings, provider_, counters_.err)
 {
 }
 
-void RequestHandler::handle_request_reply(zmq::socket_t& socket)
+void RequestHandler::handle(const zmq::message_t& request, const SendReply& send)
 {
     const bool debug = slate::is_logging_allowed(slate::DebugLevel);
     Context context;
     context.pid = pid_;
+    std::optional<zmq::message_t> reply;
     try {
-        context.request.message = receive(socket);
+        if (!request.empty())
+            context.request.message = factory_->make_message(request.data(), request.size());
         answer(context, debug);
+        reply = to_reply_frame(context);
     }
     catch (...) {
-        // For example out of memory. The socket needs a reply, or it would accept no further request.
-        (void)send_msg(socket, factory_->make_response(Status::InternalServerError), provider_);
+        // For example out of memory. Most of it may be what request and reply hold.
+        context = Context();
+        send_failure(send);
         throw;
     }
-    send(socket, context, debug);
+    if (reply) {
+        send(*reply);
+        if (debug)
+            slate::log_debug(provider_, SLATE_HERE, "tx: ", context.reply.to_string());
+        counters_.tx->increment();
+    }
+    else {
+        slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
+        counters_.err->increment();
+        send_failure(send);
+    }
     transfers_.clean();
 }
 
-/// The message; null if the frame is empty or doesn't parse.
-std::shared_ptr<Message> RequestHandler::receive(zmq::socket_t& socket)
-{
-    zmq::message_t frame;
-    try {
-        if (!receive_frame(socket, frame))
-            slate::log_debug(provider_, SLATE_HERE, "rx socket recv; no data");
-    }
-    catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, "rx socket error; ", error.what());
-    }
-    return frame.empty() ? nullptr : factory_->make_message(frame.data(), frame.size());
-}
-
+/// Writes the reply of one request into `context`.
 void RequestHandler::answer(Context& context, bool debug)
 {
     const auto& message = context.request.message;
@@ -184,21 +185,18 @@ void RequestHandler::set_failure(Context& context, Status status, const std::str
     response->set_status_message(slate::to_utf8(text));
 }
 
-void RequestHandler::send(zmq::socket_t& socket, Context& context, bool debug)
+/// None if the reply is too large to be serialised.
+std::optional<zmq::message_t> RequestHandler::to_reply_frame(Context& context) const
 {
     if (!context.reply.message) // a handler may have removed it
         context.reply.message = factory_->make_response(Status::InternalServerError);
-
     move_invalid_text_to_bytes(*context.reply.message); // in place: it may be large
-    if (!send_msg(socket, context.reply.message, provider_)) {
-        slate::log_warn(provider_, SLATE_HERE, "unable to send reply; client died?");
-        counters_.err->increment();
-        // A reply that can't be serialised must not leave the socket without one.
-        (void)send_msg(socket, factory_->make_response(Status::InternalServerError), provider_);
-        return;
-    }
-    if (debug)
-        slate::log_debug(provider_, SLATE_HERE, "tx: ", context.reply.to_string());
-    counters_.tx->increment();
+    return to_frame(*context.reply.message);
+}
+
+void RequestHandler::send_failure(const SendReply& send) const
+{
+    zmq::message_t reply(failure_);
+    send(reply);
 }
 } // namespace tarn_internal

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,13 +14,13 @@
 #include "tarn/message_factory.h"
 
 namespace zmq {
-class socket_t;
+class message_t;
 }
 
 namespace tarn_internal {
 /// How every server handles one request: from the frame to a route's handler and back to a reply frame.
 ///
-/// Threads: one for each socket; several may handle requests at once.
+/// Threads: any; several may handle requests at once.
 class RequestHandler {
 public:
     /// `routes`, `calls` and `counters` must outlive the handler; the counters need "rx" and "tx".
@@ -26,13 +28,16 @@ public:
                    std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
                    const ServerCounters& counters, RouteList& routes, RemoteCalls& calls);
 
-    /// Takes one request off a ZMQ_REP socket that has one, answers it, whatever it is, and then discards
-    /// chunked transfers that have expired: an idle server never does. Passes on only zmq::error_t from
-    /// sending, and what the message factory throws.
-    void handle_request_reply(zmq::socket_t& socket);
+    /// Sends the frame of a reply, and uses it up. May throw zmq::error_t.
+    using SendReply = std::function<void(zmq::message_t& reply)>;
+
+    /// Answers one request, whatever it is, and then discards chunked transfers that have expired: an idle
+    /// server never does. `send` is called once, also if an exception leaves this function, out of memory for
+    /// example: the caller then gets status 500. Passes on only what `send`, the message factory and a lack
+    /// of memory throw.
+    void handle(const zmq::message_t& request, const SendReply& send);
 
 private:
-    std::shared_ptr<Message> receive(zmq::socket_t& socket);
     void answer(Context& context, bool debug);
     void invoke_route(Context& context);
     void dispatch(Context& context, Route& route);
@@ -40,7 +45,8 @@ private:
     void handle_post(Context& context, Route& route);
     void require_verb(bool accepted, const Route& route, std::string_view verb) const;
     void set_failure(Context& context, Status status, const std::string& text) const;
-    void send(zmq::socket_t& socket, Context& context, bool debug);
+    std::optional<zmq::message_t> to_reply_frame(Context& context) const;
+    void send_failure(const SendReply& send) const;
 
     const std::shared_ptr<MessageFactory> factory_;
     const std::shared_ptr<slate::Provider> provider_;
@@ -48,6 +54,7 @@ private:
     RouteList& routes_;
     RemoteCalls& calls_;
     const int pid_;
+    const std::string failure_; // a serialised reply, which needs no memory to be made
     ChunkedTransfers transfers_;
 };
 } // namespace tarn_internal

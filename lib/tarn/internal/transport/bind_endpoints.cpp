@@ -70,17 +70,4 @@ void limit_linger(zmq::socket_t& socket)
     const int milliseconds = static_cast<int>(tarn::default_timeout().to_milliseconds());
     (void)zmq_setsockopt(socket.handle(), ZMQ_LINGER, &milliseconds, sizeof milliseconds);
 }
-
-bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,
-                 const std::shared_ptr<slate::Provider>& provider)
-{
-    try {
-        socket.bind(uri.to_string());
-        return true;
-    }
-    catch (const zmq::error_t& error) {
-        slate::log_error(provider, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
-        return false;
-    }
-}
 } // namespace tarn_internal

@@ -34,9 +34,4 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
 /// Limits how long the closed socket of public endpoints waits for its last messages to leave: libzmq would
 /// wait for ever for a peer that filled the queue of its requests and then died with replies unread.
 void limit_linger(zmq::socket_t& socket);
-
-/// Binds the socket through which a proxy talks to its workers. False, with an error in the log, if it can't
-/// be bound.
-bool bind_dealer(zmq::socket_t& socket, const slate::Uri& uri,
-                 const std::shared_ptr<slate::Provider>& provider);
 } // namespace tarn_internal

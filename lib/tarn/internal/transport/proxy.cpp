@@ -105,11 +105,4 @@ void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control
         }
     }
 }
-
-void forward_the_rest(zmq::socket_t& from, zmq::socket_t& to)
-{
-    Direction way(from, to);
-    while (way.forward()) {
-    }
-}
 } // namespace tarn_internal

@@ -19,7 +19,4 @@ namespace tarn_internal {
 /// other direction goes on, and so does `control`. zmq_proxy_steerable would block in its send for ever.
 void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, std::string_view what,
                const std::shared_ptr<slate::Provider>& provider);
-
-/// Forwards the messages that have arrived so far, in one direction. Throws zmq::error_t.
-void forward_the_rest(zmq::socket_t& from, zmq::socket_t& to);
 } // namespace tarn_internal

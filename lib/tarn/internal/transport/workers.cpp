@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/transport/workers.h"
 
+#include <optional>
 #include <system_error>
 
 #include "slate/log.h"
+#include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/utils/thread_name.h"
 
 namespace tarn_internal {
@@ -13,19 +15,34 @@ Workers::~Workers()
         thread.join();
 }
 
-void Workers::start(std::size_t count, const std::string& name, const std::function<void()>& body,
-                    const std::shared_ptr<slate::Provider>& provider)
+void Workers::start(std::size_t count, const std::string& name, zmq::context_t& context, Endpoint dispatcher,
+                    const Serve& serve, const std::shared_ptr<slate::Provider>& provider)
 {
     try {
         while (threads_.size() < count)
-            threads_.emplace_back([body, label = name + "-" + std::to_string(threads_.size())] {
+            threads_.emplace_back([=, &context, this, label = name + "-" + std::to_string(threads_.size())] {
                 name_thread(label);
-                body();
+                run(context, *dispatcher, serve, provider);
             });
     }
     catch (const std::system_error& error) {
         slate::log_error(provider, SLATE_HERE, "cannot start all workers: ", error.what());
     }
+}
+
+void Workers::run(zmq::context_t& context, const slate::Uri& dispatcher, const Serve& serve,
+                  const std::shared_ptr<slate::Provider>& provider)
+{
+    std::optional<WorkerSocket> socket;
+    try {
+        socket.emplace(context, dispatcher);
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider, SLATE_HERE, "Failed to connect dealer socket: ", error.what());
+    }
+    report(socket.has_value());
+    if (socket)
+        serve(*socket);
 }
 
 void Workers::report(bool connected)

@@ -8,10 +8,9 @@
 #include "tarn/internal/utils/thread_sanitizer.h"
 
 namespace tarn_internal {
-namespace {
-/// One frame, even if a signal arrives: libzmq then gives up before it has taken anything.
 bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame)
 {
+    // Interrupted by a signal, libzmq gives up before it has taken anything.
     while (zmq_msg_recv(frame.handle(), socket.handle(), 0) < 0) {
         if (zmq_errno() == EAGAIN)
             return false;
@@ -20,7 +19,6 @@ bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame)
     }
     return true;
 }
-} // namespace
 
 bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
 {
@@ -38,22 +36,6 @@ void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame)
         zmq::message_t dropped;
         more = socket.recv(dropped) && dropped.more();
     }
-}
-
-std::optional<RoutedMessage> receive_routed(zmq::socket_t& socket)
-{
-    RoutedMessage message;
-    bool delimited = false;
-    while (!delimited) {
-        zmq::message_t frame;
-        if (!socket.recv(frame) || !frame.more())
-            return std::nullopt;
-        delimited = frame.empty();
-        message.way_back.push_back(std::move(frame));
-    }
-    if (!receive_frame(socket, message.payload))
-        return std::nullopt;
-    return message;
 }
 
 void poll_for(std::span<zmq::pollitem_t> items, const slate::Duration& timeout)

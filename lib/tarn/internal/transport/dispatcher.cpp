@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/transport/dispatcher.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <span>
+#include <utility>
+
+#include "slate/log.h"
+#include "slate/uri.h"
+#include "tarn/internal/utils/receive.h"
+#include "tarn/internal/utils/send.h"
+
+namespace tarn_internal {
+namespace {
+// What a worker says in a message of one frame; replies have more frames than one.
+constexpr std::string_view is_free = "free";
+constexpr std::string_view has_ended = "ended";
+
+/// The peer's and the empty one; a router on the way adds one more.
+constexpr std::size_t usual_routing_frames = 4;
+
+/// How many messages go in one direction before the other one has its turn.
+constexpr int burst = 100;
+
+bool is_readable(const zmq::pollitem_t& item)
+{
+    return (item.revents & ZMQ_POLLIN) != 0;
+}
+} // namespace
+
+Dispatcher::Dispatcher(zmq::context_t& context, Front& front, std::shared_ptr<slate::Provider> provider)
+    : front_(front),
+      provider_(std::move(provider)),
+      back_(context, zmq::socket_type::router)
+{
+    // A request for a worker that is no more comes back, and goes to the next one.
+    back_.set(zmq::sockopt::router_mandatory, true);
+}
+
+bool Dispatcher::bind(const slate::Uri& endpoint)
+{
+    try {
+        back_.bind(endpoint.to_string());
+        return true;
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider_, SLATE_HERE, "Failed to bind dealer socket: ", error.what());
+        return false;
+    }
+}
+
+void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_view what)
+{
+    running_ = workers;
+    while (running_ > 0) {
+        try {
+            if (!serve_once(control))
+                end_workers();
+        }
+        catch (const zmq::error_t& error) {
+            slate::log_error(provider_, SLATE_HERE, what, " has stopped working: ", error.what());
+            return; // the context is ending, which ends the workers too
+        }
+        catch (const std::exception& error) { // out of memory for one request, which is lost
+            slate::log_error(provider_, SLATE_HERE, what, ": ", error.what());
+        }
+    }
+}
+
+/// One pass. False once a command has arrived.
+bool Dispatcher::serve_once(zmq::socket_t& control)
+{
+    zmq::pollitem_t items[] = {{back_.handle(), 0, ZMQ_POLLIN, 0},
+                               {control.handle(), 0, ZMQ_POLLIN, 0},
+                               {front_.socket().handle(), 0, ZMQ_POLLIN, 0}};
+    const std::size_t count = ending_ ? 1 : free_.empty() ? 2 : 3;
+    poll_for(std::span(items).first(count), slate::Duration::positive_infinity());
+
+    if (is_readable(items[0]))
+        take_replies();
+    if (is_readable(items[1]))
+        return false;
+    if (is_readable(items[2]))
+        hand_out_requests();
+    return true;
+}
+
+void Dispatcher::hand_out_requests()
+{
+    for (int i = 0; i < burst && !free_.empty(); ++i) {
+        auto request = receive_request(front_.socket(), provider_);
+        if (!request)
+            return;
+        for (bool handed_out = false; !handed_out && !free_.empty();) {
+            const WorkerId worker = std::move(free_.front());
+            free_.pop_front();
+            handed_out = hand_out(*request, worker);
+        }
+    }
+}
+
+/// False if there is no such worker any more.
+bool Dispatcher::hand_out(IncomingRequest& request, const WorkerId& worker)
+{
+    // libzmq drops what it knows of the peer when a message is sent on, so the address travels as a frame.
+    zmq::message_t address(request.peer_address);
+    if (!start_message(worker))
+        return false;
+    for (zmq::message_t& frame : request.way_back)
+        (void)back_.send(frame, zmq::send_flags::sndmore);
+    (void)back_.send(address, zmq::send_flags::sndmore);
+    (void)back_.send(request.payload, zmq::send_flags::none);
+    return true;
+}
+
+void Dispatcher::take_replies()
+{
+    for (int i = 0; i < burst && take_message(); ++i) {
+    }
+}
+
+/// Takes one message of a worker. False if there is none.
+bool Dispatcher::take_message()
+{
+    zmq::message_t id;
+    zmq::message_t frame;
+    if (!back_.recv(id, zmq::recv_flags::dontwait) || !back_.recv(frame))
+        return false;
+    const WorkerId worker = id.to_string();
+    if (!frame.more()) {
+        take_word(worker, frame.to_string_view());
+        return true;
+    }
+    // A full queue belongs to a peer that doesn't read: the front drops what is meant for it.
+    (void)front_.socket().send(frame, zmq::send_flags::sndmore | zmq::send_flags::dontwait);
+    do {
+        (void)back_.recv(frame);
+        const auto more = frame.more() ? zmq::send_flags::sndmore : zmq::send_flags::none;
+        (void)front_.socket().send(frame, more | zmq::send_flags::dontwait);
+    } while (back_.get(zmq::sockopt::rcvmore));
+    set_free(worker);
+    return true;
+}
+
+void Dispatcher::take_word(const WorkerId& worker, std::string_view word)
+{
+    if (word == is_free) {
+        set_free(worker);
+        return;
+    }
+    known_.erase(worker);
+    std::erase(free_, worker);
+    --running_;
+}
+
+void Dispatcher::set_free(const WorkerId& worker)
+{
+    known_.insert(worker);
+    if (ending_)
+        tell_to_end(worker);
+    else
+        free_.push_back(worker);
+}
+
+void Dispatcher::end_workers()
+{
+    ending_ = true;
+    // One that is busy hears it too, and can cut a wait short. One that isn't known yet will be told.
+    for (const WorkerId& worker : known_)
+        tell_to_end(worker);
+}
+
+/// Sends the frame that names the receiver. False if there is no such worker any more.
+bool Dispatcher::start_message(const WorkerId& worker)
+{
+    zmq::message_t id(worker);
+    while (zmq_msg_send(id.handle(), back_.handle(), ZMQ_SNDMORE) < 0) {
+        if (zmq_errno() == EHOSTUNREACH)
+            return false;
+        if (zmq_errno() != EINTR)
+            throw zmq::error_t();
+    }
+    return true;
+}
+
+void Dispatcher::tell_to_end(const WorkerId& worker)
+{
+    zmq::message_t nothing;
+    if (start_message(worker))
+        (void)back_.send(nothing, zmq::send_flags::none);
+}
+
+WorkerSocket::WorkerSocket(zmq::context_t& context, const slate::Uri& endpoint)
+    : socket_(context, zmq::socket_type::dealer)
+{
+    socket_.connect(endpoint.to_string());
+}
+
+WorkerSocket::~WorkerSocket()
+{
+    try {
+        (void)send_str(socket_, std::string(has_ended));
+    }
+    catch (const zmq::error_t&) {
+        // The context is ending, and the dispatcher with it.
+    }
+}
+
+std::optional<IncomingRequest> WorkerSocket::next()
+{
+    if (!free_) {
+        (void)send_str(socket_, std::string(is_free));
+        free_ = true;
+    }
+    IncomingRequest request;
+    request.way_back.reserve(
+        usual_routing_frames); // out of memory between two frames, they would be mixed up
+    zmq::message_t frame;
+    if (!receive_through_signals(socket_, frame) || !frame.more())
+        return std::nullopt; // the word that ends the worker
+    while (!request.way_back.emplace_back(std::move(frame)).empty())
+        (void)socket_.recv(frame);
+    zmq::message_t address;
+    (void)socket_.recv(address);
+    (void)receive_frame(socket_, request.payload);
+    request.peer_address = address.to_string();
+    free_ = false;
+    return request;
+}
+
+void WorkerSocket::reply(IncomingRequest& request, zmq::message_t& reply)
+{
+    send_reply(socket_, request, reply);
+    free_ = true;
+}
+} // namespace tarn_internal

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <zmq.hpp>
+
+#include "tarn/types.h"
+
+namespace slate {
+class Provider;
+}
+
+namespace tarn_internal {
+/// One request as it came in, with all that is needed to answer it.
+struct IncomingRequest {
+    /// The routing frames that a reply begins with, up to and including the empty one that ends them.
+    std::vector<zmq::message_t> way_back;
+    zmq::message_t payload;
+    /// libzmq's property "Peer-Address" of the connection: for ipc it ends in ":uid:gid:pid" of the process
+    /// that connected, for tcp it is the numeric address; empty for inproc.
+    std::string peer_address;
+};
+
+/// Receives the next request from a socket that adds a routing frame. Doesn't wait. None if there is none,
+/// and, with a warning in the log, for a message that nobody can answer: without an empty frame, without a
+/// frame behind it, or with more than 32 routing frames. Such a message is dropped, as are frames behind the
+/// payload. Throws zmq::error_t.
+std::optional<IncomingRequest> receive_request(zmq::socket_t& socket,
+                                               const std::shared_ptr<slate::Provider>& provider);
+
+/// Sends a reply the way that the request came, and uses up both. A reply to a peer that has gone is lost
+/// without notice. Throws zmq::error_t.
+void send_reply(zmq::socket_t& socket, IncomingRequest& request, zmq::message_t& reply);
+
+/// The public side of every server: one ZMQ_ROUTER socket, bound to all its endpoints.
+///
+/// Unlike a ZMQ_REP socket it owes nobody a reply. On a ZMQ_REP socket, a malformed message or a lost
+/// connection of one peer can cost another one its reply, and a request that isn't answered blocks all
+/// others. Peers see no difference.
+///
+/// Threads: for one thread.
+class Front {
+public:
+    /// Throws zmq::error_t if the socket can't be made.
+    explicit Front(zmq::context_t& context);
+    /// Replies that haven't left yet still leave, for some seconds at most; see limit_linger.
+    ~Front();
+    Front(const Front&) = delete;
+    Front& operator=(const Front&) = delete;
+
+    /// See bind_endpoints.
+    bool bind(const std::vector<Endpoint>& endpoints, std::string_view kind,
+              const std::shared_ptr<slate::Provider>& provider);
+
+    /// To be polled for requests.
+    zmq::socket_t& socket() { return socket_; }
+
+private:
+    zmq::socket_t socket_;
+};
+} // namespace tarn_internal
