@@ -271,6 +271,15 @@ std::vector<std::shared_ptr<LogSink>> set_log_sinks(std::vector<std::shared_ptr<
     return *list;
 }
 
+/// The beginning of a text that is too long, without a cut character, and how long it was.
+static std::string clip(std::string_view text)
+{
+    std::size_t end = max_log_text;
+    while (end > max_log_text - 4 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80)
+        --end;
+    return std::string(text.substr(0, end)) + "… (" + std::to_string(text.size()) + " bytes)";
+}
+
 void log(TraceLevel level, SourceLine source, std::string_view text)
 {
     log(nullptr, level, source, text);
@@ -282,6 +291,9 @@ void log(const std::shared_ptr<Provider>& provider, TraceLevel level, SourceLine
     if (in_sink || !is_logging_allowed(level))
         return;
     try {
+        const std::string clipped = text.size() > max_log_text ? clip(text) : std::string();
+        if (!clipped.empty())
+            text = clipped;
         const std::string name = provider ? provider->name() : std::string();
         const auto sinks = current_sinks();
         const SinkScope scope;

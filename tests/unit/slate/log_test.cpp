@@ -169,6 +169,18 @@ TEST(LogLevel, HasAName)
     EXPECT_EQ(slate::to_string(static_cast<slate::TraceLevel>(-1)), "unknown");
 }
 
+TEST(LogText, IsCutBeyondEightKilobytesBetweenTwoCharacters)
+{
+    LogCapture logs;
+    const std::string longest(slate::max_log_text, 'x');
+    slate::log_error(SLATE_HERE, longest);
+    slate::log_error(SLATE_HERE, longest, "y");
+    slate::log_error(SLATE_HERE, longest.substr(2), "\xE2\x82\xAC");
+    EXPECT_EQ(logs.texts(slate::ErrorLevel),
+              (Texts{longest, longest + "… (8193 bytes)", longest.substr(2) + "… (8193 bytes)"}));
+    EXPECT_EQ(slate::trace_error(SLATE_HERE, longest, "y"), longest + "y");
+}
+
 TEST(SourceLine, NamesFileAndLine)
 {
     const slate::SourceLine here = SLATE_HERE;
