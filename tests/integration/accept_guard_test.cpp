@@ -85,8 +85,12 @@ private:
         }
         if (write(ready_[1], "x", 1) != 1)
             _exit(1);
-        for (;;)
-            pause();
+        for (;;) { // and asks for more
+            usleep(20000);
+            const int connection = socket(AF_UNIX, SOCK_STREAM, 0);
+            (void)!connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+            close(connection);
+        }
     }
 
     std::array<int, 2> ready_{};
@@ -111,7 +115,6 @@ TEST_P(AServerWithoutDescriptors, ServesThoseWhoAreConnectedAndLaterOthersAgain)
         const DescriptorLimit limit(256);
         const ConnectionHoarder hoarder(uri->path(), 1000);
         EXPECT_TRUE(wait_until([&] { // it reports once a second
-            const ConnectionHoarder another(uri->path(), 1);
             return !logs.texts(slate::WarnLevel).empty() &&
                    logs.texts(slate::WarnLevel)
                        .back()
