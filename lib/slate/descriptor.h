@@ -27,7 +27,7 @@ public:
     Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept
     {
-        std::swap(number_, other.number_);
+        Descriptor old(std::exchange(number_, std::exchange(other.number_, -1)));
         return *this;
     }
     ~Descriptor()

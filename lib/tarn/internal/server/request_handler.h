@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tarn/internal/route_list.h"
 #include "tarn/internal/server/chunked_transfer.h"
@@ -21,10 +22,12 @@ namespace tarn_internal {
 /// Threads: one for each socket; several may handle requests at once.
 class RequestHandler {
 public:
-    /// `routes`, `calls` and `counters` must outlive the handler; the counters need "rx" and "tx".
+    /// `endpoints` are those of its server. `routes`, `calls` and `counters` must outlive the handler; the
+    /// counters need "rx" and "tx".
     RequestHandler(const std::shared_ptr<const slate::Dictionary>& settings,
                    std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-                   const ServerCounters& counters, RouteList& routes, RemoteCalls& calls);
+                   const std::vector<Endpoint>& endpoints, const ServerCounters& counters, RouteList& routes,
+                   RemoteCalls& calls);
 
     /// Takes one request off a ZMQ_REP socket that has one, answers it, whatever it is, and then discards
     /// chunked transfers that have expired: an idle server never does. Passes on only zmq::error_t from
