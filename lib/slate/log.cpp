@@ -8,21 +8,11 @@
 #include <new>
 #include <utility>
 
-#include <spdlog/common.h>
-#include <spdlog/details/log_msg.h>
-#include <spdlog/sinks/sink.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
-#include <spdlog/sinks/syslog_sink.h>
-#include <syslog.h>
-
 #include "slate/provider.h"
 
 namespace slate {
 namespace {
 constexpr std::array<std::string_view, 6> level_names{"extreme", "debug", "verbose", "info", "warn", "error"};
-
-// "%n" stands for the name of a logger. We pass our own name of the level there, and the sink colours it.
-constexpr const char* stderr_pattern = "%Y-%m-%d %H:%M:%S.%e %^%n%$ %v";
 
 using SinkList = std::vector<std::shared_ptr<LogSink>>;
 
@@ -66,132 +56,6 @@ void write_to(LogSink& sink, const LogRecord& record)
         // A failure to log can't be logged. The other sinks still get the line.
     }
 }
-
-std::string_view base_name(const char* file)
-{
-    const std::string_view path(file ? file : "");
-    return path.substr(path.rfind('/') + 1);
-}
-
-void append_hex(std::string& out, unsigned char byte)
-{
-    constexpr std::string_view digits = "0123456789abcdef";
-    out += "\\x";
-    out += digits[byte >> 4];
-    out += digits[byte & 0xf];
-}
-
-/// Appends text from any source such that it stays within its line and can't control a terminal. Some
-/// terminals also obey the control characters U+0080 to U+009F, which have two bytes in UTF-8.
-void append_escaped(std::string& out, std::string_view text)
-{
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\n') {
-            out += "\\n";
-        }
-        else if (byte(i) < 0x20 || byte(i) == 0x7f) {
-            append_hex(out, byte(i));
-        }
-        else if (byte(i) == 0xc2 && i + 1 < text.size() && byte(i + 1) >= 0x80 && byte(i + 1) <= 0x9f) {
-            append_hex(out, byte(i));
-            append_hex(out, byte(++i));
-        }
-        else {
-            out += text[i];
-        }
-    }
-}
-
-std::string to_line(const LogRecord& record)
-{
-    std::string line;
-    line.reserve(record.provider.size() + record.text.size() + 64);
-    if (!record.provider.empty()) {
-        line += '[';
-        append_escaped(line, record.provider);
-        line += "] ";
-    }
-    append_escaped(line, record.text);
-    line += " (";
-    append_escaped(line, base_name(record.source.file()));
-    line += ':';
-    line += std::to_string(record.source.line());
-    line += ')';
-    return line;
-}
-
-/// The level that determines the colour, and the priority in the system log.
-spdlog::level::level_enum spdlog_level(TraceLevel level)
-{
-    switch (level) {
-    case ExtremeLevel:
-        return spdlog::level::trace;
-    case DebugLevel:
-    case VerboseLevel:
-        return spdlog::level::debug;
-    case InfoLevel:
-        return spdlog::level::info;
-    case WarnLevel:
-        return spdlog::level::warn;
-    case ErrorLevel:
-        break;
-    }
-    return level < ExtremeLevel ? spdlog::level::trace : spdlog::level::err;
-}
-
-spdlog::string_view_t to_view(std::string_view text)
-{
-    return {text.data(), text.size()};
-}
-
-void write_line(spdlog::sinks::sink& sink, const LogRecord& record)
-{
-    const std::string line = to_line(record);
-    sink.log({to_view(to_string(record.level)), spdlog_level(record.level), to_view(line)});
-}
-
-class StderrSink : public LogSink {
-public:
-    StderrSink() { sink_.set_pattern(stderr_pattern); }
-
-    void write(const LogRecord& record) override { write_line(sink_, record); }
-
-private:
-    spdlog::sinks::stderr_color_sink_mt sink_;
-};
-
-/// The connection to the system log, of which a process has only one.
-struct Syslog {
-    std::mutex mutex; // guards sink, and is held while it writes
-    std::unique_ptr<spdlog::sinks::syslog_sink_mt> sink;
-};
-
-/// Never destroyed, for the same reason as state().
-Syslog& system_log()
-{
-    static Syslog* const instance = new Syslog;
-    return *instance;
-}
-
-class SyslogSink : public LogSink {
-public:
-    explicit SyslogSink(const std::string& ident)
-    {
-        const std::lock_guard lock(system_log().mutex);
-        // The old sink goes first, since its destructor would close the new connection.
-        system_log().sink.reset();
-        system_log().sink = std::make_unique<spdlog::sinks::syslog_sink_mt>(ident, LOG_PID, LOG_USER,
-                                                                            /*enable_formatting=*/false);
-    }
-
-    void write(const LogRecord& record) override
-    {
-        const std::lock_guard lock(system_log().mutex);
-        if (system_log().sink)
-            write_line(*system_log().sink, record);
-    }
-};
 
 class CallbackSink : public LogSink {
 public:
@@ -244,16 +108,6 @@ void set_log_level(TraceLevel level)
 bool is_logging_allowed(TraceLevel level)
 {
     return level >= lowest_level.load(std::memory_order_relaxed);
-}
-
-std::shared_ptr<LogSink> make_stderr_sink()
-{
-    return std::make_shared<StderrSink>();
-}
-
-std::shared_ptr<LogSink> make_syslog_sink(const std::string& ident)
-{
-    return std::make_shared<SyslogSink>(ident);
 }
 
 std::shared_ptr<LogSink> make_callback_sink(std::function<void(const LogRecord&)> callback)

@@ -82,15 +82,23 @@ public:
 /// A sink that writes lines to standard error: time, level (coloured on a terminal), provider, text and
 /// source. Line breaks and control characters in them are escaped. It is the only sink until set_log_sinks()
 /// is called.
+///
+/// It never waits for a reader. A line that a pipe, a socket or a stopped terminal has no room for is lost,
+/// and counted in the next one: "12 lines lost, ...".
+///
+/// Of equal lines it writes 20 within ten seconds, so that nobody can fill a disk with them, and leaves out
+/// the rest. How many that were follows with the next line that comes after the ten seconds: "980 equal lines
+/// left out". Lines are equal if level, provider and place in the source are, whatever they say; below
+/// InfoLevel only if the text is equal too. It remembers the last 256 places.
 std::shared_ptr<LogSink> make_stderr_sink();
 
 /// A sink that writes lines to the system log, escaped in the same way, with the priority that suits the
 /// level. `ident` is the program's name there. A process has only one connection to the system log, so the
-/// sink made last determines the name for all.
+/// sink made last determines the name for all. Lines are lost and left out as those of make_stderr_sink are.
 std::shared_ptr<LogSink> make_syslog_sink(const std::string& ident);
 
-/// A sink that passes lines to a function, for applications that show them and for tests. What holds for
-/// LogSink::write holds for the function.
+/// A sink that passes lines to a function, for applications that show them and for tests. It leaves none out.
+/// What holds for LogSink::write holds for the function.
 std::shared_ptr<LogSink> make_callback_sink(std::function<void(const LogRecord&)> callback);
 
 /// Replaces all sinks and returns the previous ones. Null pointers in the list are ignored, and with an empty

@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/publisher.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <istream>
-#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include <zmq.hpp>
 
@@ -20,8 +17,11 @@
 #include "slate/uuid.h"
 #include "tarn/client.h"
 #include "tarn/internal/runtime.h"
+#include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/controlled_thread.h"
 #include "tarn/internal/utils/counters.h"
+#include "tarn/internal/utils/handshake_delays.h"
 #include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
@@ -33,22 +33,7 @@
 
 namespace tarn {
 namespace {
-
 constexpr int linger_milliseconds = 250;
-
-/// 0, then ms/1024 to ms/2, each twice the one before: eleven delays. A negative time counts as 0, and
-/// infinity as the longest one of 32 bits.
-std::vector<std::uint32_t> handshake_delays(const slate::Duration& timeout)
-{
-    constexpr std::int64_t longest = std::numeric_limits<std::uint32_t>::max();
-    auto milliseconds =
-        static_cast<std::uint32_t>(std::clamp(timeout.to_milliseconds(), std::int64_t{0}, longest));
-    std::vector<std::uint32_t> delays;
-    for (int i = 0; i < 10; ++i)
-        delays.insert(delays.begin(), milliseconds /= 2);
-    delays.insert(delays.begin(), 0);
-    return delays;
-}
 
 /// The reason why a message can't be published; empty if it can.
 std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
@@ -86,13 +71,15 @@ public:
           connect_(tarn_internal::add_counter(*provider_, "connect")),
           connect_error_(tarn_internal::add_error_counter(*provider_, "connect_error")),
           socket_(*context_, zmq::socket_type::pub),
-          client_(stats_endpoint ? make_client(stats_endpoint, retries, factory_) : nullptr)
+          client_(stats_endpoint ? make_client(stats_endpoint, retries, factory_) : nullptr),
+          listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
         if (client_)
             socket_.connect(uri_->to_string());
         else
             tarn_internal::bind_when_free(socket_, *uri_);
         socket_.set(zmq::sockopt::linger, linger_milliseconds);
+        listener_.start("tarn-publisher", [this, events = socket_.get(zmq::sockopt::fd)] { listen(events); });
         if (client_)
             ensure_connection();
     }
@@ -165,11 +152,33 @@ private:
         return tarn_internal::send_frame(socket_, frame, flags, "dropped message", provider_);
     }
 
+    /// Takes subscriptions off the socket as they come, which the socket itself does only while it is used.
+    /// While nothing is published, those of subscribers that come and go would fill its queue, and later ones
+    /// would be lost for good: the publisher would never send them anything.
+    void listen(int events)
+    {
+        zmq::socket_t control(*context_, zmq::socket_type::sub);
+        if (!tarn_internal::connect_control(control, listener_.endpoint(), provider_))
+            return;
+        tarn_internal::run_passes(provider_, *err_, [&] {
+            zmq::pollitem_t items[] = {{control.handle(), 0, ZMQ_POLLIN, 0},
+                                       {nullptr, events, ZMQ_POLLIN, 0}};
+            zmq::poll(items, 2, std::chrono::milliseconds(-1));
+            if ((items[0].revents & ZMQ_POLLIN) != 0) // whatever it says
+                return false;
+            if (items[1].revents != 0) {
+                const std::lock_guard lock(mutex_);
+                (void)socket_.get(zmq::sockopt::events); // asking is what makes the socket look
+            }
+            return true;
+        });
+    }
+
     /// Publishes probes until the relay's statistics show them. Throws if they never do.
     void ensure_connection()
     {
         unsigned int seen = 0;
-        for (const std::uint32_t delay : handshake_delays(timeout_)) {
+        for (const std::uint32_t delay : tarn_internal::handshake_delays(timeout_)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
             const auto probe = factory_->make_put("relay?format=text", "hi", nullptr, timeout_);
             if (!probe)
@@ -210,7 +219,7 @@ private:
 
     static std::atomic<int> instance;
 
-    std::mutex mutex_; // keeps the two frames of a message together on socket_
+    std::mutex mutex_; // guards socket_, and keeps the two frames of a message together on it
     const std::shared_ptr<zmq::context_t> context_;
     const slate::Duration timeout_;
     const std::shared_ptr<MessageFactory> factory_;
@@ -222,7 +231,8 @@ private:
     const std::shared_ptr<slate::Counter> connect_;
     const std::shared_ptr<slate::Counter> connect_error_;
     zmq::socket_t socket_;
-    const std::shared_ptr<Client> client_; // null for a publisher that binds
+    const std::shared_ptr<Client> client_;     // null for a publisher that binds
+    tarn_internal::ControlledThread listener_; // last, as it uses socket_
 };
 
 std::atomic<int> PublisherImpl::instance{0};

@@ -24,8 +24,9 @@ class MessageFactory;
 /// can't be published, 408 a socket whose queue is full, or a message larger than 2 GiB. Throws zmq::error_t
 /// if the socket is broken, and what MessageFactory throws for a bad recipient. `headers` may be null.
 ///
-/// Threads: may be shared. Lifetime: may outlive ZmqSubsystem. At its end the publisher waits 250 ms
-/// at most for its last messages to leave.
+/// Threads: may be shared. It has a thread of its own, which takes subscriptions as they come and sleeps
+/// while none do. Lifetime: may outlive ZmqSubsystem. At its end the publisher waits 250 ms at most for its
+/// last messages to leave.
 class Publisher {
 public:
     virtual ~Publisher() = default;

@@ -20,7 +20,11 @@ constexpr std::size_t max_tag_bytes = 64; // a uuid has 36
 
 class RelayStatsRoute : public Route {
 public:
-    RelayStatsRoute() : Route("relay/stats", "get", {"/relay", "/relay/stats", "/stats"}, Access::Public) {}
+    explicit RelayStatsRoute(std::shared_ptr<const slate::Clock> clock)
+        : Route("relay/stats", "get", {"/relay", "/relay/stats", "/stats"}, Access::Public),
+          clock_(std::move(clock))
+    {
+    }
 
     void get(Context& context) const override
     {
@@ -113,7 +117,7 @@ private:
         return slate::clock_ticks_to_duration(clock_->ticks(), clock_->frequency());
     }
 
-    const std::shared_ptr<slate::Clock> clock_ = slate::make_clock_factory()->make_clock();
+    const std::shared_ptr<const slate::Clock> clock_;
     mutable std::mutex mutex_;  // guards the two below: a route may be added to several servers
     std::list<Sender> senders_; // most recently heard first
     std::unordered_map<std::string, std::list<Sender>::iterator> by_tag_;
@@ -122,6 +126,11 @@ private:
 
 std::shared_ptr<Route> make_relay_stats_route()
 {
-    return std::make_shared<RelayStatsRoute>();
+    return make_relay_stats_route(slate::make_clock_factory()->make_clock());
+}
+
+std::shared_ptr<Route> make_relay_stats_route(const std::shared_ptr<const slate::Clock>& clock)
+{
+    return std::make_shared<RelayStatsRoute>(clock);
 }
 } // namespace tarn

@@ -6,6 +6,10 @@
 
 #include "tarn/route.h"
 
+namespace slate {
+class Clock;
+}
+
 namespace tarn {
 /// The route that every publisher asks at its start: it counts the published messages of each sender and
 /// answers "/relay/stats" with a Stats message, in protobuf or JSON as the request prefers. It also answers
@@ -22,4 +26,6 @@ namespace tarn {
 /// senders by their tag, and beyond a thousand it forgets the one that has been silent longest, and each one
 /// after 15 minutes of silence.
 [[nodiscard]] std::shared_ptr<Route> make_relay_stats_route();
+/// The same by a clock of the caller's, which must not be null: a test need not wait for 15 minutes.
+[[nodiscard]] std::shared_ptr<Route> make_relay_stats_route(const std::shared_ptr<const slate::Clock>& clock);
 } // namespace tarn

@@ -18,6 +18,7 @@
 #include "support/environment.h"
 #include "support/peers.h"
 #include "support/server_kinds.h"
+#include "tarn/internal/server/temporary_file_list.h"
 
 namespace {
 using namespace std::chrono_literals;
@@ -1524,6 +1525,60 @@ TEST(ElevenUploads, OfOneByteDoNotTakeTheMemoryThatIsReservedForThem)
 
         RecordProperty("kibibytes_with_" + std::to_string(workers) + "_workers", static_cast<int>(grown));
         EXPECT_LT(grown, 20u * 1024);
+    }
+}
+
+/// A service that is killed in the middle of an upload of each kind.
+void kill_in_the_middle(const std::shared_ptr<const slate::Uri>& uri, unsigned long workers)
+{
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        slate::set_log_sinks({});
+        ZmqSubsystem subsystem;
+        const auto server = subsystem.serve(uri, {make_test_route("a", "put,post", "/a")}, workers);
+        RawPeer peer(uri);
+        for (const Verb verb : verbs) {
+            for (const std::string part : {"1", "2"})
+                exchange_on(
+                    peer, message_of(chunk(verb, name_of(verb) + part, 0, std::string(threshold + 1, 'x'))));
+        }
+        (void)!write(ready[1], "x", 1);
+        while (true)
+            pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    kill(child, SIGKILL);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+}
+
+TEST(AKilledService, LeavesNoUploadsBehindItsNextStart)
+{
+    for (const unsigned long workers : {1UL, 4UL}) {
+        const ScratchFolder folder;
+        const fs::path area = make_folder(folder.path() / "area");
+        const TemporaryFolderVariable variable(make_folder(area / "tmp"));
+        const auto uri = slate::make_uri("ipc://" + (folder.path() / "s.sock").string());
+        const fs::path list = tarn_internal::TemporaryFileList::for_endpoints({uri})->path();
+        std::ofstream(area / "precious") << "x";
+
+        for (int i = 0; i < 3; ++i) {
+            kill_in_the_middle(uri, workers);
+            EXPECT_EQ(files_below(area).size(), 1u + 4u); // and not more with each kill
+            EXPECT_TRUE(fs::exists(list));
+        }
+        const LogCapture logs;
+        ZmqSubsystem subsystem;
+        const auto server = subsystem.serve(uri, {make_test_route("a", "put,post", "/a")}, workers);
+
+        EXPECT_EQ(files_below(area), std::vector{area / "precious"});
+        EXPECT_FALSE(fs::exists(list));
     }
 }
 } // namespace

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/publisher.h"
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
+#include <thread>
 
+#include "slate/clock.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
 #include "tarn/internal/utils/message_parts.h"
@@ -32,6 +36,17 @@ Stats stats_of(const std::string& tag, int packets)
     own->mutable_id()->set_tag(tag);
     own->set_total_packets(packets);
     return stats;
+}
+
+/// The folder of a thread in /proc; empty if there is none of that name.
+std::filesystem::path thread_of_this_process(const std::string& name)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string line;
+        if (std::getline(std::ifstream(task.path() / "comm"), line) && line == name)
+            return task.path();
+    }
+    return {};
 }
 
 class APublisher : public RuntimeTest {
@@ -204,6 +219,12 @@ TEST_F(APublisher, GivesUpOnAReplyThatIsNotAStatistic)
     EXPECT_THROW(make_publisher(uri, slate::Milliseconds(50), 0, stats_uri), std::runtime_error);
     EXPECT_EQ(peer.requests(), 11);
     EXPECT_EQ(logs.count(slate::ErrorLevel, "envelope.as<T> not possible: "), 11u);
+}
+
+TEST_F(APublisher, TakesANegativeTimeForNone)
+{
+    EXPECT_THROW(make_publisher(uri, slate::Milliseconds(-4000), 0, stats_uri), std::runtime_error);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 11u);
 }
 
 TEST_F(APublisher, ToADeadRelayWaitsForEachOfElevenAnswers)
@@ -432,7 +453,14 @@ protected:
         return context.reply;
     }
 
-    std::shared_ptr<Route> route = make_relay_stats_route();
+    struct SetClock : slate::Clock {
+        unsigned long ticks() const override { return ticks_; }
+        unsigned long frequency() const override { return 1; }
+        unsigned long ticks_ = 0;
+    };
+
+    std::shared_ptr<SetClock> clock = std::make_shared<SetClock>();
+    std::shared_ptr<Route> route = make_relay_stats_route(clock);
 };
 
 TEST_F(RelayStatistics, CountTheMessagesOfEachSender)
@@ -496,6 +524,44 @@ TEST_F(RelayStatistics, ForgetTheSenderThatWasSilentLongestBeyondAThousand)
         EXPECT_NE(stat.id().tag(), "0");
 }
 
+TEST_F(RelayStatistics, KeepOnlyThePidAndTheTagOfASender)
+{
+    Context context;
+    context.request.message = factory()->make_put("/relay", "x");
+    Identity* from = tarn_internal::find_or_make_head(*context.request.message)->mutable_from();
+    from->set_pid(4711);
+    from->set_tag("a");
+    from->GetReflection()->MutableUnknownFields(from)->AddLengthDelimited(999)->assign(100'000, 'x');
+    route->put(context);
+
+    const auto stats = ask("/relay/stats").into<Stats>();
+    ASSERT_EQ(stats.stat_size(), 1);
+    Identity kept;
+    kept.set_pid(4711);
+    kept.set_tag("a");
+    EXPECT_EQ(stats.stat(0).id().SerializeAsString(), kept.SerializeAsString());
+}
+
+TEST_F(RelayStatistics, ForgetASenderAfterFifteenMinutesOfSilence)
+{
+    count("silent");
+    clock->ticks_ = 10 * 60;
+    count("heard");
+    clock->ticks_ = 15 * 60;
+    EXPECT_EQ(ask("/relay/stats").into<Stats>().stat_size(), 2);
+    clock->ticks_ = 15 * 60 + 1;
+    auto stats = ask("/relay/stats").into<Stats>();
+    ASSERT_EQ(stats.stat_size(), 1);
+    EXPECT_EQ(stats.stat(0).id().tag(), "heard");
+    EXPECT_EQ(slate::Duration::from(stats.stat(0).age(), {}), slate::Seconds(5 * 60 + 1));
+
+    count("heard");
+    count("silent"); // begins at 1 again, since its old entry is gone
+    stats = ask("/relay/stats").into<Stats>();
+    ASSERT_EQ(stats.stat_size(), 2);
+    EXPECT_EQ(stats.stat(0).total_packets(), 1);
+}
+
 TEST_F(RelayStatistics, TakeNoSenderWithoutATagOrWithATagOfAnyLength)
 {
     count("");
@@ -538,5 +604,103 @@ TEST_F(APublisher, LogsWhatItSendsAtTheExtremeLevel)
     slate::set_log_level(slate::ExtremeLevel);
     publisher->put("/a", "x");
     EXPECT_EQ(logs.count(slate::ExtremeLevel, "sent: put {"), 1u);
+}
+
+// --- Subscribers that come and go ---------------------------------------------------------------------
+
+/// A publisher that sends nothing for long, while others subscribe and unsubscribe.
+class AnIdlePublisher : public APublisher {
+protected:
+    AnIdlePublisher()
+    {
+        // Shows all that a publisher is told, and so when it has been told.
+        observer.set(zmq::sockopt::rcvhwm, 0);
+        observer.set(zmq::sockopt::linger, 0);
+    }
+
+    /// Waits until the observer has been told that often, and returns the last thing that it was.
+    std::string await(int count)
+    {
+        std::string told;
+        for (; count > 0; --count) {
+            if (::testing::Test::HasFailure() || !is_readable(observer, 20s)) {
+                ADD_FAILURE() << "nothing comes";
+                return told;
+            }
+            told = receive_frames(observer).at(0);
+        }
+        return told;
+    }
+
+    bool reaches(Publisher& publisher, zmq::socket_t& subscriber, const std::string& path)
+    {
+        return wait_until(
+            [&] {
+                publisher.put(path, "x");
+                return is_readable(subscriber, 10ms);
+            },
+            5s);
+    }
+
+    zmq::socket_t observer{context, zmq::socket_type::xpub};
+};
+
+TEST_F(AnIdlePublisher, HearsOfASubscriberAfterManyThousandsThatHaveComeAndGone)
+{
+    constexpr int restarts = 40'000;
+    constexpr int burst = 200; // less than any queue on the way takes
+    const auto relay_out = scratch_endpoint();
+    const auto relay = make_relay(uri, relay_out);
+    const auto server = runtime->add_server({stats_uri}, relay_out);
+    server->add(make_relay_stats_route());
+    const auto publisher = make_publisher(uri, slate::Seconds(20), 0, stats_uri);
+    observer.connect(uri->to_string());
+    // The server's subscriptions come first; the last one is ours.
+    zmq::socket_t restarting(context, zmq::socket_type::sub);
+    restarting.connect(relay_out->to_string());
+    restarting.set(zmq::sockopt::subscribe, "/first");
+    while (await(1) != "\x01/first") {
+    }
+
+    for (int i = 0; i < restarts; i += burst) {
+        (void)is_readable(restarting, 0ms); // a socket learns only then that there is room for more
+        for (int n = 0; n < burst; ++n) {
+            restarting.set(zmq::sockopt::subscribe, "/restarting");
+            restarting.set(zmq::sockopt::unsubscribe, "/restarting");
+        }
+        (void)await(2 * burst);
+    }
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(relay_out->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "/a");
+    EXPECT_EQ(await(1), "\x01/a");
+
+    EXPECT_TRUE(reaches(*publisher, subscriber, "/a"));
+}
+
+TEST_F(AnIdlePublisher, SleepsWhileNothingComes)
+{
+    const auto publisher = make_publisher(uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+    const auto thread = thread_of_this_process("tarn-publisher");
+    ASSERT_FALSE(thread.empty());
+    const auto wake_ups = [&] {
+        std::ifstream status(thread / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("voluntary_ctxt_switches:"))
+                return line;
+        }
+        return std::string();
+    };
+
+    // Nothing tells that a thread goes on sleeping; one that looks now and then would be seen in this time.
+    std::string before;
+    EXPECT_TRUE(wait_until([&] {
+        before = wake_ups();
+        std::this_thread::sleep_for(500ms);
+        return wake_ups() == before;
+    }));
+    EXPECT_FALSE(before.empty());
 }
 } // namespace

@@ -7,7 +7,9 @@
 
 #include <dlfcn.h>
 #include <grp.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -37,10 +39,20 @@ using namespace tarn;
 using namespace tarn_test;
 using Uri = std::shared_ptr<const slate::Uri>;
 
-/// A file in the place of a socket: the three functions see no difference.
+/// Binds a socket, whose file stays.
+void make_socket(const std::filesystem::path& path)
+{
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(socket);
+}
+
 class ASocketFile : public ::testing::Test {
 protected:
-    ASocketFile() { std::ofstream(path.string()) << "x"; }
+    ASocketFile() { make_socket(path); }
 
     struct stat status() const
     {
@@ -48,6 +60,16 @@ protected:
         EXPECT_EQ(stat(path.c_str(), &info), 0);
         return info;
     }
+
+    static gid_t group_of(const std::filesystem::path& path)
+    {
+        struct stat info {};
+        EXPECT_EQ(stat(path.c_str(), &info), 0);
+        return info.st_gid;
+    }
+
+    /// A group that this process may give its files, and another than its own if it is root.
+    static gid_t other_group() { return geteuid() == 0 ? 1 : getgid(); }
 
     LogCapture logs;
     ScratchFolder folder;
@@ -129,6 +151,47 @@ TEST_F(ASocketFile, ThatIsAFullFolderIsNotRemoved)
     EXPECT_FALSE(try_cleanup_socket_file(uri));
     EXPECT_EQ(logs.count(slate::WarnLevel, "failed to remove " + folder.path().string() + "; "), 1u);
     EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(ASocketFile, ThatIsALinkLeadsTheChangeNowhere)
+{
+    const auto precious = folder.path() / "precious";
+    std::ofstream(precious.string()) << "x";
+    ASSERT_EQ(chmod(precious.c_str(), 0600), 0);
+    const auto before = group_of(precious);
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(precious, path);
+
+    for (const Uri& uri : {ipc, file}) {
+        EXPECT_FALSE(try_modify_socket_permissions(uri));
+        EXPECT_FALSE(try_modify_socket_group(uri, getgrgid(other_group())->gr_name));
+    }
+
+    EXPECT_EQ(std::filesystem::status(precious).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(group_of(precious), before);
+    EXPECT_EQ(logs.count(slate::WarnLevel, "failed to adjust permissions on " + path.string() + "; "), 2u);
+    EXPECT_EQ(logs.count(slate::WarnLevel, "failed to set group for " + path.string() +
+                                               "; chown failed with: Too many levels of symbolic links"),
+              2u);
+}
+
+TEST_F(ASocketFile, ThatIsAnotherFileIsNotChanged)
+{
+    std::filesystem::remove(path);
+    std::ofstream(path.string()) << "x";
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+
+    EXPECT_FALSE(try_modify_socket_permissions(ipc));
+    EXPECT_FALSE(try_modify_socket_group(ipc, getgrgid(other_group())->gr_name));
+    EXPECT_EQ(status().st_mode & 07777, 0600u);
+
+    // A "file" URI names a file, but not one that has another name too.
+    EXPECT_TRUE(try_modify_socket_permissions(file));
+    EXPECT_EQ(status().st_mode & 07777, 0775u);
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    std::filesystem::create_hard_link(path, folder.path() / "other name");
+    EXPECT_FALSE(try_modify_socket_permissions(file));
+    EXPECT_EQ(status().st_mode & 07777, 0600u);
 }
 
 TEST(AnEndpointWithoutAFile, IsLeftAloneWithoutAWord)

@@ -1,12 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/session.h"
 
-#include <fstream>
+#include <string_view>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "slate/descriptor.h"
+#include "slate/file.h"
 #include "slate/strings.h"
 #include "slate/uuid.h"
 #include "tarn/exception.h"
+#include "tarn/internal/server/temporary_file_list.h"
 
 namespace tarn_internal {
 namespace {
@@ -32,6 +39,11 @@ TemporaryPath::TemporaryPath(const std::filesystem::path& destination)
             SLATE_HERE, "The destination for the temporary file cannot be a hidden file!"));
 }
 
+struct TransferBuffer::File {
+    slate::Descriptor descriptor;
+    std::size_t size = 0;
+};
+
 TransferBuffer::TransferBuffer(TemporaryPath temporary_path) : path(std::move(temporary_path))
 {
     data.reserve(max_data_in_memory);
@@ -39,49 +51,77 @@ TransferBuffer::TransferBuffer(TemporaryPath temporary_path) : path(std::move(te
 
 TransferBuffer::~TransferBuffer()
 {
-    if (keep_file)
-        return;
     try {
-        std::filesystem::remove(path.path);
+        if (!keep_file)
+            std::filesystem::remove(path.path);
     }
     catch (...) {
         slate::log_error(SLATE_HERE, "~TransferBuffer caught exception");
     }
+    if (list_)
+        list_->remove(path.path);
+}
+
+void TransferBuffer::list_in(std::shared_ptr<TemporaryFileList> list)
+{
+    list_ = std::move(list);
 }
 
 void TransferBuffer::flush() const
 {
-    // A failure shows when the file is opened.
-    std::error_code ignored;
-    std::filesystem::create_directories(path.path.parent_path(), ignored);
+    if (!file_)
+        make_file();
+    std::string_view rest = data;
+    while (!rest.empty()) {
+        const ssize_t written = slate::retry_interrupted(
+            [&] { return write(file_->descriptor.get(), rest.data(), rest.size()); });
+        if (written <= 0)
+            throw tarn::Exception(slate::trace_error(SLATE_HERE, "flush failed, out of disk space?"));
+        rest.remove_prefix(static_cast<std::size_t>(written));
+    }
+    file_->size += data.size();
+    data.clear();
+}
 
-    std::ofstream file(path.path, std::ios::out | std::ios::app | std::ios::binary);
-    if (!file)
+void TransferBuffer::make_file() const
+{
+    try {
+        slate::powersafe_create_directories(path.path.parent_path());
+    }
+    catch (const std::filesystem::filesystem_error&) {
+        // Shows when the file is opened.
+    }
+    if (list_)
+        list_->add(path.path);
+    slate::Descriptor made(
+        open(path.path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!made.is_open()) {
+        if (list_)
+            list_->remove(path.path);
         throw tarn::Exception(
             slate::trace_error(SLATE_HERE, "flush failed, failed to open: ", path.path.string()));
-    file.write(data.data(), static_cast<std::streamsize>(data.size()));
-    file.close();
-    if (file.fail())
-        throw tarn::Exception(slate::trace_error(SLATE_HERE, "flush failed, out of disk space?"));
-    data.clear();
+    }
+    file_ = std::make_shared<File>(File{std::move(made)});
 }
 
 void TransferBuffer::read(std::string* out) const
 {
-    std::error_code ignored; // a file whose status can't be read was never created
-    if (!std::filesystem::exists(path.path, ignored)) {
+    if (!file_) {
         out->swap(data);
         data.clear();
         return;
     }
     flush();
-    std::ifstream file(path.path, std::ios::in | std::ios::binary);
-    file.seekg(0, std::ios::end);
-    out->resize(static_cast<std::size_t>(std::max<std::streamoff>(0, file.tellg())));
-    file.seekg(0, std::ios::beg);
-    file.read(out->data(), static_cast<std::streamsize>(out->size()));
-    if (!file) // else a handler would take a part for the whole
-        throw tarn::Exception(slate::trace_error(SLATE_HERE, "read failed: ", path.path.string()));
+    out->resize(file_->size);
+    for (std::size_t done = 0; done < out->size();) {
+        const ssize_t count = slate::retry_interrupted([&] {
+            return pread(file_->descriptor.get(), out->data() + done, out->size() - done,
+                         static_cast<off_t>(done));
+        });
+        if (count <= 0) // else a handler would take a part for the whole
+            throw tarn::Exception(slate::trace_error(SLATE_HERE, "read failed: ", path.path.string()));
+        done += static_cast<std::size_t>(count);
+    }
 }
 
 WriteSession::WriteSession(std::string transfer_id, slate::Duration expiry, TemporaryPath path)

@@ -22,6 +22,8 @@ class Provider;
 }
 
 namespace tarn_internal {
+class TemporaryFileList;
+
 /// A name for a temporary file; it creates no file. The name is hidden and ends in a UUID.
 struct TemporaryPath {
     /// In the system's temporary directory.
@@ -34,7 +36,8 @@ struct TemporaryPath {
 };
 
 /// The data of one transfer: in memory at first, and beyond max_data_in_memory in a temporary file, which the
-/// destructor removes.
+/// destructor removes. Only this process's user may read the file. It is opened by name only once, when it is
+/// made, so nobody can put another one, or a link, in its place.
 struct TransferBuffer {
     static constexpr std::size_t max_data_in_memory = 10485760;
 
@@ -43,7 +46,10 @@ struct TransferBuffer {
     TransferBuffer(const TransferBuffer&) = delete;
     TransferBuffer& operator=(const TransferBuffer&) = delete;
 
-    /// Appends `data` to the file and empties it. Throws Exception if the file can't be opened or written.
+    /// Has the file listed for as long as it exists. Call it before the first flush; null lists nothing.
+    void list_in(std::shared_ptr<TemporaryFileList> list);
+
+    /// Appends `data` to the file and empties it. Throws Exception if the file can't be made or written.
     void flush() const;
     /// Moves all data out; data that was never in a file isn't copied. Throws Exception if the file can't be
     /// read.
@@ -54,6 +60,14 @@ struct TransferBuffer {
     TemporaryPath path;
     /// Makes the destructor leave the file.
     bool keep_file = false;
+
+private:
+    struct File;
+
+    void make_file() const;
+
+    mutable std::shared_ptr<File> file_; // null until the first flush
+    std::shared_ptr<TemporaryFileList> list_;
 };
 
 /// One upload in progress.

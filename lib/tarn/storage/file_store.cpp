@@ -23,13 +23,13 @@ std::optional<std::string> FileStore::read(long revision) const
 {
     if (!exists(revision))
         return std::nullopt;
-    return slate::slurp_file<std::string>(path_.string(), std::ios_base::binary);
+    return slate::slurp_trusted_file(path_);
 }
 
 void FileStore::write(const std::string& data)
 {
     if (const auto folder = path_.parent_path(); !std::filesystem::exists(folder))
-        std::filesystem::create_directories(folder);
+        slate::powersafe_create_directories(folder);
     slate::powersafe_write(path_, [&](std::ofstream& stream) {
         stream.write(data.data(), static_cast<std::streamsize>(data.size()));
     });
@@ -44,6 +44,6 @@ bool FileStore::exists(long /*revision*/) const
 void FileStore::erase(PurgePolicy /*policy*/)
 {
     slate::remove_powersafe_leftover(path_); // erased data must not survive in an unfinished write
-    std::filesystem::remove(path_);
+    (void)slate::powersafe_remove(path_); // a missing file is not an error
 }
 } // namespace tarn

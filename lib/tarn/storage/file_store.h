@@ -21,6 +21,9 @@ namespace tarn {
 ///
 /// Errors: failures of the file system throw std::filesystem::filesystem_error, with path and reason.
 ///
+/// The file may be a symbolic link, but in a folder that others may write to only one of this process's user,
+/// of root or of the folder's owner: see slate::slurp_trusted_file.
+///
 /// If a write fails in its last step, the sync of its directory, the new content is in place nevertheless.
 ///
 /// Threads: one at a time. Processes that share a file see each other's complete writes, but nothing keeps
@@ -34,13 +37,13 @@ public:
 
     /// The file's bytes; nothing if there is no file. An empty file is an empty value.
     std::optional<std::string> read(long revision) const;
-    /// Creates the directory if it doesn't exist. Blocks until the bytes are on the disk; a power cut soon
-    /// after may still remove a directory that was just created, with the file.
+    /// Creates the directory if it doesn't exist. Blocks until the bytes, and a new directory's name, are on
+    /// the disk, and for slate::powersafe_patience at most while another process writes the file.
     void write(const std::string& data);
     /// Whether the path exists, even as a directory that was created since.
     bool exists(long revision) const;
-    /// A missing file is not an error. Also removes the unfinished file of a writer that was killed. Doesn't
-    /// wait for the disk: a power cut soon after may bring the file back.
+    /// A missing file is not an error. Also removes the unfinished file of a writer that was killed. Blocks
+    /// until the removal is on the disk; if only this last step fails, the file is gone nevertheless.
     void erase(PurgePolicy policy);
 
 private:

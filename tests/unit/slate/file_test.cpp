@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <ios>
 #include <sstream>
 #include <stdexcept>
@@ -16,6 +17,7 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -29,6 +31,7 @@
 #include <unistd.h>
 
 #include "slate/strings.h"
+#include "support/clock_jump.h"
 #include "support/scratch_folder.h"
 #include "support/wait_until.h"
 
@@ -53,7 +56,24 @@ public:
         reason_ = reason;
     }
 
+    /// Calls a function before each call of that name.
+    void before(const std::string& name, std::function<void()> action)
+    {
+        awaited_ = name;
+        action_ = std::move(action);
+    }
+
     const Names& made() const { return made_; }
+
+    /// The folders that were synced.
+    const Names& synced_folders() const { return synced_folders_; }
+
+    static void note_synced_folder(int file)
+    {
+        if (of_this_thread)
+            of_this_thread->synced_folders_.push_back(
+                fs::read_symlink("/proc/self/fd/" + std::to_string(file)).string());
+    }
 
     /// How many times any thread has asked for a lock.
     static std::atomic<int> locks;
@@ -66,6 +86,8 @@ public:
         if (!of_this_thread)
             return 0;
         of_this_thread->made_.push_back(name);
+        if (of_this_thread->awaited_ == name)
+            of_this_thread->action_();
         return of_this_thread->failing_ == name ? of_this_thread->reason_ : 0;
     }
 
@@ -73,6 +95,9 @@ private:
     static thread_local SystemCalls* of_this_thread;
 
     Names made_;
+    Names synced_folders_;
+    std::string awaited_;
+    std::function<void()> action_;
     std::string failing_;
     int reason_ = 0;
 };
@@ -101,13 +126,16 @@ int fsync(int file)
     struct stat status {};
     const bool is_folder = fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
     const int reason = SystemCalls::make(is_folder ? "fsync folder" : "fsync file");
+    if (is_folder)
+        SystemCalls::note_synced_folder(file);
     return reason ? refuse(reason) : static_cast<int>(syscall(SYS_fsync, file));
 }
 
-int rename(const char* from, const char* to) noexcept
+int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept
 {
     const int reason = SystemCalls::make("rename");
-    return reason ? refuse(reason) : renameat(AT_FDCWD, from, AT_FDCWD, to);
+    return reason ? refuse(reason)
+                  : static_cast<int>(syscall(SYS_renameat2, from_folder, from, to_folder, to, 0));
 }
 
 int fchown(int file, uid_t owner, gid_t group) noexcept
@@ -597,16 +625,209 @@ TEST_F(PowersafeWrite, IsNotDisturbedByARemovalOfLeftovers)
     EXPECT_EQ(files(scratch_.path()), Names{"file"});
 }
 
-TEST_F(PowersafeWrite, FollowsNoLinkInPlaceOfItsTemporaryFile)
+TEST_F(PowersafeWrite, FollowsNoLinkInPlaceOfItsTemporaryFileAndRemovesIt)
 {
     const auto precious = scratch_.path() / "precious";
     put(precious, "precious");
-    fs::create_symlink(precious, scratch_.path() / ".file.tmp");
+    for (const fs::path& target : {precious, scratch_.path() / "missing", scratch_.path()}) {
+        fs::create_symlink(target, scratch_.path() / ".file.tmp");
 
-    expect_write_error(path_, ELOOP);
+        write(path_, "new");
 
+        EXPECT_EQ(content(path_), "new");
+        EXPECT_EQ(content(precious), "precious");
+        EXPECT_EQ(files(scratch_.path()), (Names{"file", "precious"}));
+    }
+}
+
+TEST_F(PowersafeWrite, PassesAFolderInPlaceOfItsTemporaryFileBy)
+{
+    const auto folder = scratch_.path() / ".file.tmp";
+    fs::create_directory(folder);
+
+    write(path_, "old"); // an empty folder goes
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+
+    fs::create_directory(folder);
+    put(folder / "precious", "precious");
+    put(scratch_.path() / ".file.1.tmp", "left by a crash");
+    write(path_, "new");
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(content(folder / "precious"), "precious");
+    EXPECT_EQ(files(scratch_.path()), (Names{".file.tmp", "file"}));
+
+    for (const char* name : {".file.1.tmp", ".file.2.tmp", ".file.3.tmp"})
+        fs::create_directories(scratch_.path() / name / "full");
+    expect_write_error(path_, EISDIR);
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, RemovesAPipeOrSocketInPlaceOfItsTemporaryFile)
+{
+    ASSERT_EQ(mkfifo((scratch_.path() / ".file.tmp").c_str(), 0600), 0);
+
+    write(path_, "new");
+
+    EXPECT_EQ(content(path_), "new");
+    EXPECT_EQ(files(scratch_.path()), Names{"file"});
+}
+
+TEST_F(PowersafeWrite, KeepsANewFilePrivateUntilItIsComplete)
+{
+    const UmaskScope mask(002);
+
+    slate::powersafe_write(path_, [&](std::ofstream& out) {
+        out << "new";
+        EXPECT_EQ(mode_of(scratch_.path() / ".file.tmp"), 0600u);
+    });
+
+    EXPECT_EQ(mode_of(path_), 0664u);
+}
+
+TEST_F(PowersafeWrite, OpensItsTemporaryFileByNameOnlyOnce)
+{
+    ASSERT_EQ(chmod(scratch_.path().c_str(), 0777), 0);
+
+    // By another user than root, who could open it by name whatever its mode.
+    EXPECT_EQ(without_privileges([&] {
+                  SystemCalls calls;
+                  calls.before("flock", [&] { (void)!chmod((scratch_.path() / ".file.tmp").c_str(), 0); });
+                  write(path_, "new");
+              }),
+              0);
+
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, WaitsOnlyTenSecondsForALockThatSomebodyElseHolds)
+{
+    put(path_, "old");
+    const auto temporary = scratch_.path() / ".file.tmp";
+    put(temporary, "half");
+    const int other = open(temporary.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+
+    for (const bool writes : {true, false}) {
+        tarn_test::ClockJump clock;
+        std::atomic<bool> done{false};
+        int locks = SystemCalls::locks;
+        std::thread waiting([&] {
+            if (writes)
+                expect_write_error(path_, ETIMEDOUT);
+            else
+                slate::remove_powersafe_leftover(path_);
+            done = true;
+        });
+        EXPECT_TRUE(tarn_test::wait_until([&] { return SystemCalls::locks > locks; }));
+        clock.add(slate::powersafe_patience / 2);
+        locks = SystemCalls::locks;
+        EXPECT_TRUE(tarn_test::wait_until([&] { return SystemCalls::locks > locks + 1; }));
+        EXPECT_FALSE(done);
+        clock.add(slate::powersafe_patience / 2);
+        waiting.join();
+    }
+
+    EXPECT_EQ(content(path_), "old");
+    EXPECT_EQ(files(scratch_.path()), (Names{".file.tmp", "file"}));
+    close(other);
+    write(path_, "new");
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, FollowsALinkOfAnotherUserOnlyWhereNobodyElseMayPlantOne)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root may make files of another user";
+    constexpr uid_t somebody = 12345;
+    constexpr uid_t owner = 12346;
+    const auto folder = scratch_.path() / "folder";
+    fs::create_directory(folder);
+    const auto precious = scratch_.path() / "precious";
+    put(precious, "precious");
+    const auto link = folder / "link";
+    fs::create_symlink(precious, link);
+    ASSERT_EQ(lchown(link.c_str(), somebody, somebody), 0);
+    ASSERT_EQ(chown(folder.c_str(), owner, owner), 0);
+
+    for (const mode_t mode : {0777u, 01777u, 0775u}) {
+        ASSERT_EQ(chmod(folder.c_str(), mode), 0);
+        expect_write_error(link, EACCES);
+        expect_error(link, EACCES, [&] { slate::slurp_trusted_file(link); });
+    }
     EXPECT_EQ(content(precious), "precious");
+    EXPECT_EQ(content(link), "precious"); // of any file, whoever planted a link to it
+
+    // Nobody else may write to the folder; the folder's owner has made the link; we have.
+    ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
+    EXPECT_EQ(slate::slurp_trusted_file(link), "precious");
+    ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
+    for (const uid_t user : {owner, geteuid()}) {
+        ASSERT_EQ(lchown(link.c_str(), user, user), 0);
+        EXPECT_EQ(slate::slurp_trusted_file(link), content(precious));
+        write(link, "by " + std::to_string(user));
+        EXPECT_EQ(content(precious), "by " + std::to_string(user));
+    }
+}
+
+TEST_F(PowersafeWrite, FollowsNoLinkOfAnotherUserAtTheEndOfItsOwn)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root may make files of another user";
+    const auto open_folder = scratch_.path() / "open";
+    fs::create_directory(open_folder);
+    ASSERT_EQ(chmod(open_folder.c_str(), 0777), 0);
+    put(scratch_.path() / "precious", "precious");
+    fs::create_symlink("../precious", open_folder / "link");
+    ASSERT_EQ(lchown((open_folder / "link").c_str(), 12345, 12345), 0);
+    fs::create_symlink("open/link", path_);
+
+    expect_write_error(path_, EACCES);
+    expect_error(path_, EACCES, [&] { slate::slurp_trusted_file(path_); });
+
+    EXPECT_EQ(content(scratch_.path() / "precious"), "precious");
+}
+
+using PowersafeRemove = Slurp;
+
+TEST_F(PowersafeRemove, ReachesTheDisk)
+{
+    put(path_, "old");
+
+    SystemCalls calls;
+    EXPECT_TRUE(slate::powersafe_remove(path_));
+    EXPECT_FALSE(slate::powersafe_remove(path_));
+    EXPECT_FALSE(slate::powersafe_remove(scratch_.path() / "missing" / "file"));
+
     EXPECT_FALSE(fs::exists(path_));
+    EXPECT_EQ(calls.synced_folders(), Names(2, scratch_.path().string()));
+    calls.fail("fsync folder", EIO);
+    expect_error(path_, EIO, [&] { slate::powersafe_remove(path_); });
+}
+
+using PowersafeCreateDirectories = Slurp;
+
+TEST_F(PowersafeCreateDirectories, BringsEachNewNameToTheDisk)
+{
+    const std::string top = scratch_.path().string();
+
+    const SystemCalls calls;
+    slate::powersafe_create_directories(scratch_.path() / "a" / "b" / "c" / "");
+    EXPECT_TRUE(fs::is_directory(scratch_.path() / "a" / "b" / "c"));
+    EXPECT_EQ(calls.synced_folders(), (Names{top, top + "/a", top + "/a/b"}));
+
+    slate::powersafe_create_directories(scratch_.path() / "a" / "b");
+    EXPECT_EQ(calls.synced_folders().size(), 3u); // nothing new
+}
+
+TEST_F(PowersafeCreateDirectories, TellsWhyItCannot)
+{
+    put(path_, "no folder");
+    EXPECT_THROW(slate::powersafe_create_directories(path_), fs::filesystem_error);
+    EXPECT_THROW(slate::powersafe_create_directories(path_ / "below"), fs::filesystem_error);
+    EXPECT_THROW(slate::powersafe_create_directories(""), fs::filesystem_error);
+    SystemCalls calls;
+    calls.fail("fsync folder", EIO);
+    EXPECT_THROW(slate::powersafe_create_directories(scratch_.path() / "new"), fs::filesystem_error);
 }
 
 TEST_F(PowersafeWrite, NeverMixesTheContentsOfThreads)
@@ -736,7 +957,8 @@ TEST_F(PowersafeWrite, ReachesTheDiskInAnOrderThatSurvivesAPowerCut)
     {
         const SystemCalls calls;
         write(path_, "new");
-        EXPECT_EQ(calls.made(), (Names{"flock", "fsync file", "rename", "fsync folder"}));
+        EXPECT_EQ(calls.made(), (Names{"flock", "fchmod", "fsync file", "rename", "fsync folder"}));
+        EXPECT_EQ(calls.synced_folders(), Names{scratch_.path().string()});
     }
     const SystemCalls calls;
     write(path_, "newer");

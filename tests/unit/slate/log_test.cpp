@@ -3,14 +3,17 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ios>
 #include <memory>
 #include <ostream>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,60 +22,38 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pty.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "slate/file.h"
 #include "slate/provider.h"
+#include "support/clock_jump.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
 
 namespace {
-struct SyslogLine {
-    int priority;
-    std::string text;
-};
-
-std::string syslog_ident;
-std::vector<SyslogLine> syslog_lines;
-
-[[gnu::format(printf, 2, 0)]] void keep_syslog_line(int priority, const char* format, va_list arguments)
-{
-    char text[1024];
-    std::vsnprintf(text, sizeof(text), format, arguments);
-    syslog_lines.push_back({priority, text});
-}
+std::string system_log_path; // of a socket that stands in for the system's
 } // namespace
 
-// These take the place of the C library's functions, so that the tests don't write to the system log.
-extern "C" {
-void openlog(const char* ident, int, int)
+// Takes the place of the C library's function, so that the tests don't write to the system log.
+extern "C" int connect(int socket, const struct sockaddr* address, socklen_t size)
 {
-    syslog_ident = ident;
-}
-
-void closelog()
-{
-    syslog_ident.clear();
-}
-
-void syslog(int priority, const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    keep_syslog_line(priority, format, arguments);
-    va_end(arguments);
-}
-
-// A hardened build calls this instead of syslog.
-[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    keep_syslog_line(priority, format, arguments);
-    va_end(arguments);
-}
+    sockaddr_un unix_address{};
+    std::memcpy(&unix_address, address, std::min<std::size_t>(size, sizeof unix_address));
+    if (unix_address.sun_family == AF_UNIX && std::string_view(unix_address.sun_path) == "/dev/log") {
+        unix_address.sun_path[system_log_path.copy(unix_address.sun_path, sizeof unix_address.sun_path - 1)] =
+            '\0';
+        size = sizeof unix_address;
+    }
+    return static_cast<int>(syscall(SYS_connect, socket, &unix_address, size));
 }
 
 namespace {
@@ -131,6 +112,56 @@ std::string stderr_line(slate::TraceLevel level, const std::string& text,
         time.begin(), time.end(), [](char c) { return c >= '1' && c <= '9'; }, '0');
     EXPECT_EQ(time, time_shape);
     return line.substr(time.size());
+}
+
+/// Lines of different places.
+void log_many_lines(int count, std::size_t length = 100)
+{
+    for (int i = 0; i < count; ++i)
+        slate::log(slate::WarnLevel, slate::SourceLine("many.cpp", i), std::string(length, 'x'));
+}
+
+/// A pipe that standard error goes to, and that nobody reads but the test.
+class StderrPipe {
+public:
+    StderrPipe() { EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0); }
+    ~StderrPipe()
+    {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    StderrPipe(const StderrPipe&) = delete;
+    StderrPipe& operator=(const StderrPipe&) = delete;
+
+    int writing_end() const { return ends_[1]; }
+
+    /// What is in the pipe.
+    std::string read() const
+    {
+        std::string text;
+        pollfd readable{ends_[0], POLLIN, 0};
+        char buffer[4096];
+        while (poll(&readable, 1, 0) == 1) {
+            const ssize_t count = ::read(ends_[0], buffer, sizeof buffer);
+            if (count <= 0)
+                break;
+            text.append(buffer, static_cast<std::size_t>(count));
+        }
+        return text;
+    }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+/// The texts of lines on standard error that contain a word.
+std::size_t count_lines(const std::string& text, const std::string& word)
+{
+    std::size_t lines = 0;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines += line.find(word) != std::string::npos ? 1u : 0u;
+    return lines;
 }
 
 TEST(LogLevel, IsInfoAtFirst)
@@ -549,38 +580,123 @@ TEST(StderrSink, IsColouredOnATerminalOnly)
     EXPECT_EQ(stderr_line(slate::ErrorLevel, "text").find('\x1b'), std::string::npos);
 }
 
+/// A daemon of the system log, which reads only when it is asked to.
+class SystemLog {
+public:
+    SystemLog()
+    {
+        system_log_path = (folder_.path() / "log").string();
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        system_log_path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    ~SystemLog() { close(socket_); }
+    SystemLog(const SystemLog&) = delete;
+    SystemLog& operator=(const SystemLog&) = delete;
+
+    /// All that has come.
+    Texts read() const
+    {
+        Texts messages;
+        std::string message(300'000, '\0');
+        for (ssize_t size = 0; (size = recv(socket_, message.data(), message.size(), MSG_DONTWAIT)) >= 0;)
+            messages.push_back(message.substr(0, static_cast<std::size_t>(size)));
+        return messages;
+    }
+
+private:
+    const tarn_test::ScratchFolder folder_;
+    const int socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+};
+
+/// A message without its time, whose shape it checks.
+std::string without_time(const std::string& message)
+{
+    const std::regex shape("(<\\d+>)[A-Z][a-z]{2} [ 1-3]\\d \\d{2}:\\d{2}:\\d{2} ([^]*)");
+    std::smatch parts;
+    EXPECT_TRUE(std::regex_match(message, parts, shape)) << message;
+    return parts[1].str() + parts[2].str();
+}
+
 TEST(SyslogSink, GivesEachLineItsPriority)
 {
+    const SystemLog system_log;
     const LogCapture restore;
-    syslog_lines.clear();
     slate::set_log_level(slate::ExtremeLevel);
     slate::set_log_sinks({slate::make_syslog_sink("program")});
 
     for (const auto level : levels)
         slate::log(level, slate::SourceLine("lib/file.cpp", 12), "a %s\nb");
 
-    ASSERT_EQ(syslog_lines.size(), 6u);
+    const Texts messages = system_log.read();
+    ASSERT_EQ(messages.size(), 6u);
     const int priorities[] = {LOG_DEBUG, LOG_DEBUG, LOG_DEBUG, LOG_INFO, LOG_WARNING, LOG_ERR};
-    for (std::size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(syslog_lines[i].priority, priorities[i]);
-        EXPECT_EQ(syslog_lines[i].text, "a %s\\nb (file.cpp:12)");
-    }
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_EQ(without_time(messages[i]), "<" + std::to_string(LOG_USER | priorities[i]) + ">program[" +
+                                                 std::to_string(getpid()) + "]: a %s\\nb (file.cpp:12)");
 }
 
 TEST(SyslogSink, IsNamedByTheLastOneMade)
 {
+    const SystemLog system_log;
     const LogCapture restore;
-    syslog_lines.clear();
 
     auto first = slate::make_syslog_sink("first");
-    EXPECT_EQ(syslog_ident, "first");
     slate::set_log_sinks({slate::make_syslog_sink("second")});
-    EXPECT_EQ(syslog_ident, "second");
     first.reset();
-    EXPECT_EQ(syslog_ident, "second");
 
     slate::log_info(SLATE_HERE, "a");
-    EXPECT_EQ(syslog_lines.size(), 1u);
+    const Texts messages = system_log.read();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_NE(messages[0].find(" second["), std::string::npos) << messages[0];
+}
+
+TEST(SyslogSink, FindsADaemonThatWasStartedAgain)
+{
+    const LogCapture restore;
+    auto system_log = std::make_unique<SystemLog>();
+    slate::set_log_sinks({slate::make_syslog_sink("program")});
+    slate::log_info(SLATE_HERE, "first");
+    system_log.reset();
+    slate::log_info(SLATE_HERE, "to nobody");
+    system_log = std::make_unique<SystemLog>();
+    slate::log_info(SLATE_HERE, "second");
+
+    const Texts messages = system_log->read();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_NE(messages[0].find("1 line lost, the system log was full"), std::string::npos) << messages[0];
+    EXPECT_NE(messages[1].find("second"), std::string::npos) << messages[1];
+}
+
+TEST(SyslogSink, NeverWaitsForADaemonThatHangs)
+{
+    const SystemLog system_log;
+    const LogCapture restore;
+    slate::set_log_sinks({slate::make_syslog_sink("program")});
+
+    log_many_lines(2000);
+
+    const std::size_t taken = system_log.read().size();
+    EXPECT_LT(taken, 2000u);
+    slate::log_info(SLATE_HERE, "again");
+    const Texts messages = system_log.read();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_NE(messages[0].find(std::to_string(2000 - taken) + " lines lost"), std::string::npos)
+        << messages[0];
+}
+
+TEST(SyslogSink, CutsALineThatTheSystemLogDoesNotTake)
+{
+    const SystemLog system_log;
+    const LogCapture restore;
+    slate::set_log_sinks({slate::make_syslog_sink("program")});
+
+    slate::log_info(SLATE_HERE, std::string(10'000'000, 'x'));
+
+    const Texts messages = system_log.read();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].size(), 8u * 1024);
 }
 
 struct LogsInItsDestructor {
@@ -640,5 +756,280 @@ TEST(StderrSink, EscapesControlCharactersBeyondAscii)
               "info a\\xc2\\x80z \\xc2\\x9b2J \\xc2\\x9f (file.cpp:12)\n");
     EXPECT_EQ(stderr_line(slate::InfoLevel, "\xc2\xa0 \xc3\x80 \xe2\x82\x9b \xc2"),
               "info \xc2\xa0 \xc3\x80 \xe2\x82\x9b \xc2 (file.cpp:12)\n");
+}
+
+// --- A reader that doesn't read -----------------------------------------------------------------------
+
+/// Logs more than `taken` can hold, and then, when it has been read, one more line.
+std::string log_too_much(std::size_t length)
+{
+    const LogCapture restore;
+    const StderrPipe pipe;
+    std::string text;
+    {
+        const Redirection redirection(pipe.writing_end());
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        log_many_lines(2000, length);
+        text = pipe.read();
+        slate::log_error(SLATE_HERE, "again");
+        text += pipe.read();
+    }
+    EXPECT_EQ(fcntl(pipe.writing_end(), F_GETFL) & O_NONBLOCK, 0); // others share it
+    return text;
+}
+
+TEST(StderrSink, NeverWaitsForAPipeThatNobodyReads)
+{
+    const std::string text = log_too_much(100);
+
+    const std::size_t written = count_lines(text, "many.cpp");
+    EXPECT_GT(written, 100u);
+    EXPECT_EQ(
+        count_lines(text, "warn " + std::to_string(2000 - written) + " lines lost, standard error was full"),
+        1u);
+    EXPECT_TRUE(text.find("error again") != std::string::npos);
+    EXPECT_EQ(count_lines(text, "xx"), written); // no line in part
+}
+
+TEST(StderrSink, LosesNothingToAReaderThatReads)
+{
+    const LogCapture restore;
+    const StderrPipe pipe;
+    std::atomic<bool> done{false};
+    std::string text;
+    {
+        const Redirection redirection(pipe.writing_end());
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        std::thread reader([&] {
+            while (!done)
+                text += pipe.read();
+            text += pipe.read();
+        });
+        log_many_lines(2000, 3000); // a hundred times what the pipe holds
+        done = true;
+        reader.join();
+    }
+    // All, but on a machine that lets the reader wait.
+    EXPECT_GT(count_lines(text, "many.cpp"), 1000u);
+}
+
+TEST(StderrSink, EndsALineThatDidNotFitAsAWhole)
+{
+    const std::string text = log_too_much(10'000); // more than a pipe takes at once
+
+    EXPECT_EQ(count_lines(text, "lines lost"), 1u);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_TRUE(line.starts_with("20")) << line.substr(0, 100);
+}
+
+TEST(StderrSink, NeverWaitsForAPipeThatItMayNotOpenAgain)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root may become another user";
+    const StderrPipe pipe;
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(pipe.writing_end(), STDERR_FILENO);
+        if (fchmod(pipe.writing_end(), 0600) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+            _exit(1);
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        log_many_lines(2000);
+        _exit(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK) < 0 ? 0 : 2);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+
+    EXPECT_EQ(status, 0);
+    const std::string text = pipe.read();
+    EXPECT_GE(count_lines(text, "many.cpp"), 10u);
+    EXPECT_TRUE(text.ends_with(")\n"));
+}
+
+TEST(StderrSink, NeverWaitsForASocketThatNobodyReads)
+{
+    const LogCapture restore;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    {
+        const Redirection redirection(ends[1]);
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        log_many_lines(5000, 1000);
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(StderrSink, NeverWaitsForATerminalThatWasStopped)
+{
+    int master = -1;
+    int terminal = -1;
+    ASSERT_EQ(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
+    for (const bool as_another_user : {false, true}) {
+        if (as_another_user && geteuid() != 0)
+            continue;
+        ASSERT_EQ(tcflow(terminal, TCOOFF), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            dup2(terminal, STDERR_FILENO);
+            if (as_another_user && (fchmod(terminal, 0600) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
+                _exit(1);
+            slate::set_log_sinks({slate::make_stderr_sink()});
+            log_many_lines(100);
+            if (tcflow(STDERR_FILENO, TCOON) != 0)
+                _exit(2);
+            slate::log_error(SLATE_HERE, "again");
+            _exit(0);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        std::string text;
+        for (char byte = 0; text.find("again") == std::string::npos && read(master, &byte, 1) == 1;)
+            text += byte;
+        EXPECT_EQ(count_lines(text, "100 lines lost"), 1u) << text;
+    }
+    close(terminal);
+    close(master);
+}
+
+// --- Equal lines --------------------------------------------------------------------------------------
+
+class EqualLines : public testing::Test {
+protected:
+    EqualLines() { slate::set_log_sinks({slate::make_stderr_sink()}); }
+
+    static void repeat(int count, slate::TraceLevel level = slate::WarnLevel, int line = 1)
+    {
+        for (int i = 0; i < count; ++i)
+            slate::log(level, slate::SourceLine("equal.cpp", line), "bad request " + std::to_string(i));
+    }
+
+    const LogCapture restore_;
+    tarn_test::ClockJump clock_;
+    const StderrPipe pipe_;
+    const Redirection redirection_{pipe_.writing_end()};
+};
+
+TEST_F(EqualLines, AreLeftOutFromTheTwentyFirstInTenSecondsWhateverTheySay)
+{
+    repeat(20);
+    EXPECT_EQ(count_lines(pipe_.read(), "equal.cpp"), 20u);
+    repeat(500);
+    EXPECT_EQ(pipe_.read(), "");
+    clock_.add(std::chrono::seconds(9));
+    repeat(1);
+    EXPECT_EQ(pipe_.read(), "");
+}
+
+TEST_F(EqualLines, AreWrittenAgainAfterTenSecondsBehindTheNumberOfThoseLeftOut)
+{
+    repeat(521);
+    pipe_.read();
+    clock_.add(std::chrono::seconds(10));
+
+    repeat(30);
+
+    const std::string text = pipe_.read();
+    EXPECT_EQ(count_lines(text, "bad request"), 20u);
+    EXPECT_EQ(text.find("warn 501 equal lines left out (equal.cpp:1)\n"),
+              std::string("0000-00-00 00:00:00.000 ").size())
+        << text;
+}
+
+TEST_F(EqualLines, AreCountedWhenAnotherLineIsLoggedLater)
+{
+    repeat(21);
+    slate::log_info(SLATE_HERE, "another");
+    std::string text = pipe_.read();
+    EXPECT_EQ(count_lines(text, "another"), 1u);
+    EXPECT_EQ(count_lines(text, "left out"), 0u); // or lines in turn would be as many as before
+
+    clock_.add(std::chrono::seconds(10));
+    slate::log_info(SLATE_HERE, "another one");
+    text = pipe_.read();
+    EXPECT_EQ(count_lines(text, "warn 1 equal line left out (equal.cpp:1)"), 1u);
+    EXPECT_EQ(count_lines(text, "another one"), 1u);
+    clock_.add(std::chrono::seconds(10));
+    slate::log_info(SLATE_HERE, "a third");
+    EXPECT_EQ(count_lines(pipe_.read(), "left out"), 0u); // once is enough
+}
+
+TEST_F(EqualLines, AreCountedWhenTheSinkGoes)
+{
+    repeat(25);
+    pipe_.read();
+    slate::set_log_sinks({});
+    EXPECT_EQ(count_lines(pipe_.read(), "5 equal lines left out"), 1u);
+}
+
+TEST_F(EqualLines, HaveTheSameLevelProviderAndPlace)
+{
+    const auto provider = slate::add_provider("log.equal", "", false);
+    repeat(20);
+    repeat(1);
+    repeat(1, slate::ErrorLevel);
+    repeat(1, slate::WarnLevel, 2);
+    slate::log(provider, slate::WarnLevel, slate::SourceLine("equal.cpp", 1), "bad request");
+    slate::log(slate::WarnLevel, slate::SourceLine("other.cpp", 1), "bad request");
+    slate::remove_provider(provider->name());
+
+    EXPECT_EQ(count_lines(pipe_.read(), "bad request"), 24u);
+}
+
+TEST_F(EqualLines, BelowInfoHaveTheSameTextToo)
+{
+    slate::set_log_level(slate::ExtremeLevel);
+    repeat(50, slate::DebugLevel);
+    EXPECT_EQ(count_lines(pipe_.read(), "bad request"), 50u);
+    for (int i = 0; i < 50; ++i)
+        slate::log_debug(SLATE_HERE, "the same");
+    EXPECT_EQ(count_lines(pipe_.read(), "the same"), 20u);
+}
+
+TEST_F(EqualLines, AreForgottenBeyondTheLast256Places)
+{
+    repeat(21);
+    pipe_.read();
+    for (int i = 0; i < 256; ++i) {
+        slate::log(slate::WarnLevel, slate::SourceLine("many.cpp", i), "x");
+        if (i == 254) {
+            EXPECT_EQ(count_lines(pipe_.read(), "left out"), 0u);
+        }
+    }
+    EXPECT_EQ(count_lines(pipe_.read(), "1 equal line left out"), 1u);
+}
+
+TEST_F(EqualLines, ReachTheSinksOfTheApplicationOneByOne)
+{
+    int lines = 0;
+    slate::set_log_sinks({slate::make_callback_sink([&](const auto&) { ++lines; })});
+    repeat(1000);
+    EXPECT_EQ(lines, 1000);
+}
+
+TEST_F(EqualLines, AreLeftOutInTheSystemLogToo)
+{
+    const SystemLog system_log;
+    slate::set_log_sinks({slate::make_syslog_sink("program")});
+    slate::log_info(SLATE_HERE, "first"); // counts what tests before have left out
+    for (int i = 0; i < 2; ++i)           // a line may have to wait for the counts
+        (void)system_log.read();
+
+    repeat(5, slate::ErrorLevel, __LINE__);
+    EXPECT_EQ(system_log.read().size(), 5u);
+    std::size_t written = 0;
+    for (int i = 0; i < 40; ++i) { // one by one, as the socket's queue is short
+        repeat(1, slate::ErrorLevel, 4711);
+        written += system_log.read().size();
+    }
+    EXPECT_EQ(written, 20u);
+    clock_.add(std::chrono::seconds(10));
+    slate::log_info(SLATE_HERE, "another");
+    const Texts messages = system_log.read();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_NE(messages[0].find("20 equal lines left out"), std::string::npos) << messages[0];
 }
 } // namespace

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "slate/file.h"
 #include "slate/provider.h"
@@ -46,6 +48,19 @@ std::vector<std::string> files(const fs::path& folder)
     return names;
 }
 
+/// While it exists, notes the folders that are synced.
+struct SyncedFolders {
+    SyncedFolders() { active = this; }
+    ~SyncedFolders() { active = nullptr; }
+    SyncedFolders(const SyncedFolders&) = delete;
+    SyncedFolders& operator=(const SyncedFolders&) = delete;
+
+    static SyncedFolders* active;
+
+    std::vector<std::string> names;
+};
+SyncedFolders* SyncedFolders::active = nullptr;
+
 /// The reason of the filesystem_error that an action throws, with nothing logged; none if it throws none.
 template <class Action>
 std::error_code refusal(Action action)
@@ -62,6 +77,18 @@ std::error_code refusal(Action action)
     return code;
 }
 
+} // namespace
+
+// In place of the C library's.
+extern "C" int fsync(int file)
+{
+    if (const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(file));
+        SyncedFolders::active && fs::is_directory(path))
+        SyncedFolders::active->names.push_back(path.string());
+    return static_cast<int>(syscall(SYS_fsync, file));
+}
+
+namespace {
 class AFileStore : public testing::Test {
 protected:
     ~AFileStore() override { slate::remove_provider(provider_->name()); }
@@ -234,7 +261,8 @@ TEST_F(AFileStore, LeavesTheOldFileIfTheNewOneFails)
 {
     FileStore store = make();
     store.write("old");
-    fs::create_symlink("elsewhere", scratch_.path() / ".file.tmp"); // where the new one is written
+    for (const char* name : {".file.tmp", ".file.1.tmp", ".file.2.tmp", ".file.3.tmp"})
+        fs::create_directories(scratch_.path() / name / "in the way"); // where the new one is written
 
     EXPECT_TRUE(refusal([&] { store.write("new"); }));
 
@@ -272,11 +300,55 @@ TEST_F(AFileStore, ErasesItsFileWhateverStandsBesideIt)
 {
     FileStore store = make();
     store.write("a");
-    fs::create_symlink("elsewhere", scratch_.path() / ".file.tmp");
+    fs::create_directories(scratch_.path() / ".file.tmp" / "in the way");
 
     EXPECT_FALSE(refusal([&] { store.erase(PurgePolicy::KeepHistory); }));
 
     EXPECT_EQ(files(scratch_.path()), std::vector<std::string>{".file.tmp"});
+}
+
+TEST_F(AFileStore, ErasesAsDurablyAsItWrites)
+{
+    FileStore store = make();
+    const SyncedFolders synced;
+    store.write("a");
+    EXPECT_EQ(synced.names, std::vector<std::string>{scratch_.path().string()});
+
+    store.erase(PurgePolicy::KeepHistory);
+
+    EXPECT_EQ(synced.names, std::vector<std::string>(2, scratch_.path().string()));
+}
+
+TEST_F(AFileStore, BringsTheFoldersThatItMakesToTheDisk)
+{
+    FileStore store(scratch_.path() / "x/y/z", provider_);
+
+    const SyncedFolders synced;
+    store.write("a");
+
+    const std::string top = scratch_.path().string();
+    EXPECT_EQ(synced.names, (std::vector<std::string>{top, top + "/x", top + "/x/y"}));
+}
+
+TEST_F(AFileStore, ReadsAndWritesNothingBehindALinkThatSomebodyElsePlanted)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root may make files of another user";
+    const auto folder = scratch_.path() / "open";
+    fs::create_directory(folder);
+    fs::permissions(folder, fs::perms::all);
+    put(scratch_.path() / "precious", "precious");
+    FileStore store(folder / "value", provider_);
+    fs::create_symlink("../precious", folder / "value");
+    ASSERT_EQ(lchown((folder / "value").c_str(), 12345, 12345), 0);
+
+    EXPECT_EQ(refusal([&] { store.read(0); }), std::errc::permission_denied);
+    EXPECT_EQ(refusal([&] { store.write("new"); }), std::errc::permission_denied);
+
+    EXPECT_EQ(content(scratch_.path() / "precious"), "precious");
+    store.erase(PurgePolicy::KeepHistory); // the link itself
+    store.write("new");
+    EXPECT_EQ(content(folder / "value"), "new");
 }
 
 TEST_F(AFileStore, PassesOnThatItsFileCannotBeErased)

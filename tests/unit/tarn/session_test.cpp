@@ -5,6 +5,7 @@
 #include <limits>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "slate/file.h"
 #include "slate/provider.h"
@@ -12,6 +13,7 @@
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
 #include "tarn/exception.h"
+#include "tarn/internal/server/temporary_file_list.h"
 #include "unit/tarn/thrown.h"
 
 namespace {
@@ -247,6 +249,75 @@ TEST_F(ATransferBuffer, DeletesItsFileWhenItGoes)
         ASSERT_TRUE(fs::exists(file));
     }
     EXPECT_FALSE(fs::exists(file));
+}
+
+TEST_F(ATransferBuffer, KeepsItsFilePrivate)
+{
+    const mode_t before = umask(0);
+    const TransferBuffer buffer(temporary);
+    buffer.data = "x";
+    buffer.flush();
+    umask(before);
+
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+}
+
+TEST_F(ATransferBuffer, WritesToNoFileThatItHasNotMade)
+{
+    const fs::path precious = folder.path() / "precious";
+    std::ofstream(precious) << "precious";
+    fs::create_symlink(precious, file);
+    {
+        const TransferBuffer buffer(temporary);
+        buffer.data = "x";
+        EXPECT_EQ(logged_and_thrown<tarn::Exception>([&] { buffer.flush(); }),
+                  "flush failed, failed to open: " + file.string());
+    }
+    EXPECT_EQ(content(precious), "precious");
+
+    fs::create_hard_link(precious, file);
+    {
+        const TransferBuffer buffer(temporary);
+        buffer.data = "x";
+        EXPECT_THROW(buffer.flush(), tarn::Exception);
+    }
+    EXPECT_EQ(content(precious), "precious");
+}
+
+TEST_F(ATransferBuffer, StaysWithItsFileIfAnotherOneTakesItsPlace)
+{
+    const fs::path precious = folder.path() / "precious";
+    std::ofstream(precious) << "precious";
+    const TransferBuffer buffer(temporary);
+    buffer.data = "one,";
+    buffer.flush();
+    fs::remove(file);
+    fs::create_symlink(precious, file);
+
+    buffer.data = "two";
+    buffer.flush();
+    std::string out;
+    buffer.read(&out);
+
+    EXPECT_EQ(out, "one,two");
+    EXPECT_EQ(content(precious), "precious");
+}
+
+TEST_F(ATransferBuffer, IsListedForAsLongAsItHasAFile)
+{
+    const auto list = std::make_shared<TemporaryFileList>(folder.path() / "list");
+    {
+        TransferBuffer buffer(temporary);
+        buffer.list_in(list);
+        EXPECT_FALSE(fs::exists(list->path()));
+
+        buffer.data = "x";
+        buffer.flush();
+        buffer.data = "y";
+        buffer.flush();
+        EXPECT_EQ(content(list->path()), file.string() + "\n");
+    }
+    EXPECT_FALSE(fs::exists(list->path()));
 }
 
 TEST_F(ATransferBuffer, LeavesItsFileIfItIsToldTo)

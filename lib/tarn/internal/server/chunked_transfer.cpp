@@ -8,6 +8,7 @@
 #include "tarn/exception.h"
 #include "tarn/formats.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/server/temporary_file_list.h"
 #include "tarn/internal/settings.h"
 #include "tarn/proto/message.pb.h"
 #include "tarn/transfer/chunk_headers.h"
@@ -15,12 +16,16 @@
 namespace tarn_internal {
 ChunkedTransfers::ChunkedTransfers(const slate::Dictionary& settings,
                                    std::shared_ptr<slate::Provider> provider,
-                                   std::shared_ptr<slate::Counter> err)
+                                   std::shared_ptr<slate::Counter> err,
+                                   const std::vector<Endpoint>& endpoints)
     : session_ttl_(duration_setting(settings, tarn::session_ttl(), tarn::default_session_ttl())),
       provider_(std::move(provider)),
       err_(std::move(err)),
+      files_(TemporaryFileList::for_endpoints(endpoints)),
       sessions_(slate::make_clock_factory()->make_clock())
 {
+    if (files_)
+        files_->sweep();
 }
 
 void ChunkedTransfers::handle_write(Context& context, const Route& route, TransferFile place,
@@ -84,6 +89,10 @@ ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::st
     if (!begun)
         throw MessageException(Status::Conflict,
                                slate::trace_error(SLATE_HERE, "transfer already in progress"));
+    {
+        const std::lock_guard lock(begun->mutex);
+        begun->session.buffer.list_in(files_);
+    }
     slate::log_extreme(provider_, SLATE_HERE, "begin: ", sessions_.to_text(*begun));
     return begun;
 }

@@ -3,9 +3,11 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "tarn/internal/session.h"
 #include "tarn/route.h"
+#include "tarn/types.h"
 
 namespace slate {
 class Counter;
@@ -24,9 +26,10 @@ enum class TransferFile { InTemporaryFolder, BesideTemporaryFolder };
 /// Threads: any. No lock is held while the handler runs.
 class ChunkedTransfers {
 public:
-    /// `settings` are read for "session_ttl".
+    /// `settings` are read for "session_ttl". Removes the files of uploads that an ended process of the
+    /// service at these endpoints has left.
     ChunkedTransfers(const slate::Dictionary& settings, std::shared_ptr<slate::Provider> provider,
-                     std::shared_ptr<slate::Counter> err);
+                     std::shared_ptr<slate::Counter> err, const std::vector<Endpoint>& endpoints);
 
     /// Takes a put or post that the route accepts. Calls `handler` at once if the request is not a chunk or
     /// the route takes chunks, else with the last chunk and the whole body. Throws MessageException for a
@@ -50,6 +53,7 @@ private:
     const slate::Duration session_ttl_; // how long a transfer may pause
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<slate::Counter> err_;
+    const std::shared_ptr<TemporaryFileList> files_; // null if nothing is listed
     Sessions sessions_;
 };
 } // namespace tarn_internal

@@ -27,7 +27,8 @@ void preset_reply(Context& context)
 
 RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& settings,
                                std::shared_ptr<MessageFactory> factory,
-                               std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
+                               std::shared_ptr<slate::Provider> provider,
+                               const std::vector<Endpoint>& endpoints, const ServerCounters& counters,
                                RouteList& routes, RemoteCalls& calls)
     : factory_(std::move(factory)),
       provider_(std::move(provider)),
@@ -36,7 +37,7 @@ RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& s
       calls_(calls),
       pid_(factory_->finder()->my_pid()),
       failure_(factory_->make_response(Status::InternalServerError)->SerializeAsString()),
-      transfers_(*settings, provider_, counters_.err)
+      transfers_(*settings, provider_, counters_.err, endpoints)
 {
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tarn/internal/route_list.h"
 #include "tarn/internal/server/chunked_transfer.h"
@@ -23,10 +24,12 @@ namespace tarn_internal {
 /// Threads: any; several may handle requests at once.
 class RequestHandler {
 public:
-    /// `routes`, `calls` and `counters` must outlive the handler; the counters need "rx" and "tx".
+    /// `endpoints` are those of its server. `routes`, `calls` and `counters` must outlive the handler; the
+    /// counters need "rx" and "tx".
     RequestHandler(const std::shared_ptr<const slate::Dictionary>& settings,
                    std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-                   const ServerCounters& counters, RouteList& routes, RemoteCalls& calls);
+                   const std::vector<Endpoint>& endpoints, const ServerCounters& counters, RouteList& routes,
+                   RemoteCalls& calls);
 
     /// Sends the frame of a reply, and uses it up. May throw zmq::error_t.
     using SendReply = std::function<void(zmq::message_t& reply)>;

@@ -23,7 +23,7 @@ ServerBase::ServerBase(int id, std::shared_ptr<zmq::context_t> context,
           uris_, settings_, provider_, [this] { notify_subscriber(); }, [this] { notify_subscriber(); }),
       remote_calls_(policy, provider_),
       factory_(factory ? factory : make_message_factory()),
-      requests_(settings_, factory_, provider_, counters_, routes_, remote_calls_),
+      requests_(settings_, factory_, provider_, uris_, counters_, routes_, remote_calls_),
       subscriber_(factory_, provider_, counters_, routes_)
 {
 }

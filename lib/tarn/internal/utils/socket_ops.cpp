@@ -7,9 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <grp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "slate/descriptor.h"
 #include "slate/log.h"
 #include "slate/uri.h"
 
@@ -23,6 +26,29 @@ std::string socket_file(const Endpoint& uri)
     if (uri->scheme() == "ipc")
         return slate::make_uri("file://" + uri->address())->path();
     return uri->scheme() == "file" ? uri->path() : std::string();
+}
+
+/// A socket file, opened such that what is changed is what was looked at: its path can lead elsewhere the
+/// next moment. Not open, with errno, if there is no socket, for example a link that somebody has put in its
+/// place. A "file" URI names a file that nobody binds, which may be a regular one, but none that has another
+/// name too.
+slate::Descriptor open_socket_file(const slate::Uri& uri, const std::string& path)
+{
+    slate::Descriptor file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!file.is_open() || fstat(file.get(), &status) != 0)
+        return slate::Descriptor();
+    const bool is_file = uri.scheme() == "file" && S_ISREG(status.st_mode) && status.st_nlink == 1;
+    if (S_ISSOCK(status.st_mode) || is_file)
+        return file;
+    errno = S_ISLNK(status.st_mode) ? ELOOP : ENOTSOCK;
+    return slate::Descriptor();
+}
+
+/// fchmod takes no descriptor that was opened for its path only, but this name of it leads to the same file.
+std::string name_of(const slate::Descriptor& file)
+{
+    return "/proc/self/fd/" + std::to_string(file.get());
 }
 
 std::string error_text(int error)
@@ -39,8 +65,12 @@ bool try_modify_socket_permissions(const Endpoint& uri)
     if (path.empty())
         return false;
     try {
-        std::filesystem::permissions(path, perms::owner_all | perms::group_all | perms::others_read |
-                                               perms::others_exec);
+        const slate::Descriptor file = open_socket_file(*uri, path);
+        if (!file.is_open())
+            throw std::filesystem::filesystem_error("not a socket that can be opened", path,
+                                                    std::error_code(errno, std::generic_category()));
+        std::filesystem::permissions(name_of(file), perms::owner_all | perms::group_all | perms::others_read |
+                                                        perms::others_exec);
         return true;
     }
     catch (const std::filesystem::filesystem_error& error) {
@@ -65,7 +95,9 @@ bool try_modify_socket_group(const Endpoint& uri, const std::string_view& group)
         slate::log_warn(SLATE_HERE, "failed to set group for ", path, "; group does not exist");
         return false;
     }
-    if (chown(path.c_str(), static_cast<uid_t>(-1), found->gr_gid) != 0) {
+    const slate::Descriptor file = open_socket_file(*uri, path);
+    if (!file.is_open() ||
+        fchownat(file.get(), "", static_cast<uid_t>(-1), found->gr_gid, AT_EMPTY_PATH) != 0) {
         slate::log_warn(SLATE_HERE, "failed to set group for ", path,
                         "; chown failed with: ", error_text(errno));
         return false;

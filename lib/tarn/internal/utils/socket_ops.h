@@ -12,7 +12,8 @@ class Uri;
 
 /// Operations on the file behind an "ipc" endpoint; a "file" URI names such a file directly. They report
 /// failures by a warning in the log and false, and never throw. Any other endpoint has no file and gives
-/// false without a log line. Any thread.
+/// false without a log line. Mode and group change only for a socket, whatever takes its path meanwhile. Any
+/// thread.
 
 namespace tarn {
 /// The group of a device's sockets, whose members may connect to them.
