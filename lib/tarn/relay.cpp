@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/relay.h"
 
+#include <cstdint>
+#include <vector>
+
 #include <zmq.hpp>
 
 #include "slate/log.h"
@@ -10,7 +13,7 @@
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/controlled_thread.h"
 #include "tarn/internal/transport/proxy.h"
-#include "tarn/internal/utils/socket_ops.h"
+#include "tarn/internal/utils/socket_file.h"
 
 namespace tarn {
 namespace {
@@ -27,23 +30,29 @@ public:
           xpub_(*context_, zmq::socket_type::xpub),
           thread_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
-        bind(xsub_, *sub_uri_);
-        bind(xpub_, *pub_uri_);
+        // libzmq releases a subscription by a recursion as deep as its topic is long, and a topic is no more
+        // than one segment of a path. It closes the connection of a peer that sends more.
+        xpub_.set(zmq::sockopt::maxmsgsize, max_subscription_bytes);
+        bind(xsub_, sub_uri_);
+        bind(xpub_, pub_uri_);
         thread_.start("tarn-relay", [this] { listen(); });
     }
 
     ~RelayImpl() override
     {
         thread_.stop();
-        (void)try_cleanup_socket_file(sub_uri_);
-        (void)try_cleanup_socket_file(pub_uri_);
+        for (const SocketFile& file : files_)
+            file.remove();
     }
 
 private:
-    static void bind(zmq::socket_t& socket, const slate::Uri& uri)
+    static constexpr std::int64_t max_subscription_bytes = 4096;
+
+    void bind(zmq::socket_t& socket, const Endpoint& uri)
     {
-        slate::log_debug(SLATE_HERE, "bind ", uri.to_string());
-        bind_when_free(socket, uri);
+        slate::log_debug(SLATE_HERE, "bind ", uri->to_string());
+        bind_when_free(socket, *uri);
+        files_.emplace_back(uri);
     }
 
     void listen()
@@ -61,6 +70,7 @@ private:
     // The owner makes and binds them; once the thread has started, only the thread uses them.
     zmq::socket_t xsub_;
     zmq::socket_t xpub_;
+    std::vector<SocketFile> files_;
     ControlledThread thread_; // last, as it uses all of the above
 };
 } // namespace

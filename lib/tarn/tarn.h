@@ -13,6 +13,7 @@
 #include "tarn/message.h"
 #include "tarn/message_factory.h"
 #include "tarn/policies.h"
+#include "tarn/probe.h"
 #include "tarn/proto/message.pb.h"
 #include "tarn/proto/routing.pb.h"
 #include "tarn/proto/stats.pb.h"

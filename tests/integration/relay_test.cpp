@@ -56,6 +56,47 @@ TEST_F(ARelay, ForwardsWhatIsAskedForAndNothingElse)
     EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{"/wanted/too", "3", "third"}));
 }
 
+// libzmq releases each subscription of a peer that goes by a recursion over its bytes.
+TEST_F(ARelay, SurvivesSubscriptionsWithoutMeasureAndTakesLongOnes)
+{
+    const auto relay = make_relay(sub_uri, pub_uri);
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.set(zmq::sockopt::linger, 0);
+    publisher.connect(sub_uri->to_string());
+    {
+        zmq::context_t own;
+        zmq::socket_t subscriber(own, zmq::socket_type::sub);
+        subscriber.connect(pub_uri->to_string());
+        subscriber.set(zmq::sockopt::subscribe, "/" + std::string(150000, 'x'));
+        subscriber.set(zmq::sockopt::linger, 500);
+    }
+    const std::string topic = "/" + std::string(4000, 'y');
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, topic);
+    await_subscription(publisher, topic);
+    send_frames(publisher, {topic, "1"});
+    ASSERT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
+    EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{topic, "1"}));
+    zmq::socket_t other(context, zmq::socket_type::sub);
+    other.connect(pub_uri->to_string());
+    other.set(zmq::sockopt::subscribe, "/" + std::string(5000, 'z'));
+    other.set(zmq::sockopt::subscribe, "/later");
+    EXPECT_FALSE(is_readable(publisher, std::chrono::milliseconds(200)));
+}
+
+TEST_F(ARelay, LeavesTheSocketFilesOfItsSuccessorAlone)
+{
+    auto first = make_relay(sub_uri, pub_uri);
+    auto second = make_relay(sub_uri, pub_uri);
+    first.reset();
+    EXPECT_TRUE(std::filesystem::exists(sub_uri->path()));
+    EXPECT_TRUE(std::filesystem::exists(pub_uri->path()));
+    second.reset();
+    EXPECT_FALSE(std::filesystem::exists(sub_uri->path()));
+    EXPECT_FALSE(std::filesystem::exists(pub_uri->path()));
+}
+
 TEST_F(ARelay, LogsItsEndpoints)
 {
     slate::set_log_level(slate::DebugLevel);

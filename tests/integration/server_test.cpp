@@ -76,6 +76,16 @@ TEST_P(AServer, RemovesItsSocketFileWhenItEnds)
     EXPECT_FALSE(std::filesystem::exists(uri->path()));
 }
 
+TEST_P(AServer, LeavesTheSocketFileOfItsSuccessorAlone)
+{
+    auto first = make({uri});
+    auto second = make({uri});
+    first.reset();
+    EXPECT_EQ(make_client(uri, 0)->get("/index")->status(), Status::Ok);
+    second.reset();
+    EXPECT_FALSE(std::filesystem::exists(uri->path()));
+}
+
 TEST_P(AServer, HasAProviderWithItsCountersWhileItLives)
 {
     auto server = make({uri});

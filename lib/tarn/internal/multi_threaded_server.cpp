@@ -51,7 +51,6 @@ void MultiThreadedServer::stop()
     front_.stop();
     if (pubsub_)
         pubsub_->stop();
-    remove_socket_files();
     pubsub_listening_.reset();
     front_listening_.reset();
 }
@@ -105,6 +104,7 @@ void MultiThreadedServer::listen_front()
             dispatcher.run(control, connected, "request router");
         }
     }
+    front.remove_socket_files();
     slate::log_debug(provider_, SLATE_HERE, "router thread exit");
 }
 

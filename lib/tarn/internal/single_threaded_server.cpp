@@ -57,7 +57,6 @@ SingleThreadedServer::~SingleThreadedServer()
 {
     listener_.stop();
     clear(); // while this is still a whole server: what routes and functions own may use it as it goes
-    remove_socket_files();
     listening_.reset();
 }
 
@@ -83,6 +82,7 @@ void SingleThreadedServer::listen()
     Sockets sockets(*context_);
     if (init(sockets))
         serve(sockets);
+    sockets.front.remove_socket_files();
     slate::log_debug(provider_, SLATE_HERE, "thread exit");
 }
 

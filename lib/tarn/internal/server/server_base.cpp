@@ -6,7 +6,6 @@
 #include <zmq.hpp>
 
 #include "slate/dictionary.h"
-#include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
 ServerBase::ServerBase(int id, std::shared_ptr<zmq::context_t> context,
@@ -78,11 +77,5 @@ bool ServerBase::handle_wake_up(zmq::socket_t& wake_up, zmq::socket_t& pubsub, R
         break;
     }
     return false;
-}
-
-void ServerBase::remove_socket_files() const
-{
-    for (const auto& uri : uris_)
-        (void)tarn::try_cleanup_socket_file(uri);
 }
 } // namespace tarn_internal

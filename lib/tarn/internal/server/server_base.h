@@ -42,8 +42,6 @@ protected:
     /// Takes one command off the channel of the thread that receives published changes. False at the end.
     bool handle_wake_up(zmq::socket_t& wake_up, zmq::socket_t& pubsub, ReadyFlag& listening);
 
-    void remove_socket_files() const;
-
     const std::shared_ptr<zmq::context_t> context_;
     const std::vector<Endpoint> uris_; // where requests come in
     const Endpoint pubsub_uri_;        // where the relay forwards published changes; null for none

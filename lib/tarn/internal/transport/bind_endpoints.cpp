@@ -44,11 +44,12 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
 }
 
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
-                    const std::shared_ptr<slate::Provider>& provider)
+                    const std::shared_ptr<slate::Provider>& provider, std::vector<SocketFile>& files)
 {
     for (const auto& uri : uris) {
         try {
             bind_when_free(socket, *uri);
+            files.emplace_back(uri);
         }
         catch (const zmq::error_t& error) {
             slate::log_error(provider, SLATE_HERE, "Failed to bind ", kind, " socket: ", error.what());

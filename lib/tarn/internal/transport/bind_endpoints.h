@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tarn/internal/utils/socket_file.h"
 #include "tarn/types.h"
 
 namespace slate {
@@ -27,9 +28,10 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 
 /// Binds a socket that receives requests to all endpoints, and gives the socket group access to their socket
 /// files. False, with an error in the log that names the `kind` of socket, at the first endpoint that can't
-/// be bound; those before it stay bound until the socket closes.
+/// be bound; those before it stay bound until the socket closes. `files` gets the files of those that are
+/// bound.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
-                    const std::shared_ptr<slate::Provider>& provider);
+                    const std::shared_ptr<slate::Provider>& provider, std::vector<SocketFile>& files);
 
 /// Limits how long the closed socket of public endpoints waits for its last messages to leave: libzmq would
 /// wait for ever for a peer that filled the queue of its requests and then died with replies unread.

@@ -65,6 +65,13 @@ Front::~Front()
 bool Front::bind(const std::vector<Endpoint>& endpoints, std::string_view kind,
                  const std::shared_ptr<slate::Provider>& provider)
 {
-    return bind_endpoints(socket_, endpoints, kind, provider);
+    return bind_endpoints(socket_, endpoints, kind, provider, files_);
+}
+
+void Front::remove_socket_files()
+{
+    for (const SocketFile& file : files_)
+        file.remove();
+    files_.clear();
 }
 } // namespace tarn_internal

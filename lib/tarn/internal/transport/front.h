@@ -9,6 +9,7 @@
 
 #include <zmq.hpp>
 
+#include "tarn/internal/utils/socket_file.h"
 #include "tarn/types.h"
 
 namespace slate {
@@ -53,14 +54,18 @@ public:
     Front(const Front&) = delete;
     Front& operator=(const Front&) = delete;
 
-    /// See bind_endpoints.
+    /// See bind_endpoints. The front notes the socket files of all endpoints that it binds.
     bool bind(const std::vector<Endpoint>& endpoints, std::string_view kind,
               const std::shared_ptr<slate::Provider>& provider);
+
+    /// Removes the socket files, for new clients to find no server rather than one that doesn't answer.
+    void remove_socket_files();
 
     /// To be polled for requests.
     zmq::socket_t& socket() { return socket_; }
 
 private:
     zmq::socket_t socket_;
+    std::vector<SocketFile> files_;
 };
 } // namespace tarn_internal
