@@ -21,9 +21,8 @@ using namespace tarn_internal;
 
 class RelayImpl : public Relay {
 public:
-    RelayImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& relay_in,
-              const Endpoint& relay_out)
-        : context_(context),
+    RelayImpl(const Runtime& runtime, const Endpoint& relay_in, const Endpoint& relay_out)
+        : context_(runtime.context),
           sub_uri_(relay_in),
           pub_uri_(relay_out),
           xsub_(*context_, zmq::socket_type::xsub),
@@ -33,6 +32,7 @@ public:
         // libzmq releases a subscription by a recursion as deep as its topic is long, and a topic is no more
         // than one segment of a path. It closes the connection of a peer that sends more.
         xpub_.set(zmq::sockopt::maxmsgsize, max_subscription_bytes);
+        limit_frames(xsub_, *runtime.settings);
         bind(xsub_, sub_uri_);
         bind(xpub_, pub_uri_);
         thread_.start("tarn-relay", [this] { listen(); });
@@ -80,6 +80,6 @@ std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& rela
     const auto runtime = find_runtime("make_relay");
     if (!runtime)
         return nullptr;
-    return std::make_shared<RelayImpl>(runtime->context, relay_in, relay_out);
+    return std::make_shared<RelayImpl>(*runtime, relay_in, relay_out);
 }
 } // namespace tarn

@@ -4,6 +4,7 @@
 #include "support/gate.h"
 #include "support/peers.h"
 #include "support/server_kinds.h"
+#include "tarn/transfer/chunk_headers.h"
 
 namespace {
 using namespace tarn;
@@ -137,8 +138,8 @@ TEST_P(AServerGiven, MessagesNestedWithoutEndAnswersBadRequest)
 
 TEST_P(AServerGiven, AVeryLongPathAnswersNotFound)
 {
-    EXPECT_EQ(make_client(uri)->get("/" + std::string(1 << 20, 'a'))->status(), Status::NotFound);
-    EXPECT_EQ(make_client(uri)->get("/" + std::string(1 << 20, '/'))->status(), Status::NotFound);
+    EXPECT_EQ(make_client(uri)->get("/" + std::string(65535, 'a'))->status(), Status::NotFound);
+    EXPECT_EQ(make_client(uri)->get("/" + std::string(65535, '/'))->status(), Status::NotFound);
     expect_alive();
 }
 
@@ -229,5 +230,55 @@ TEST_P(AServerGiven, ARequestThroughSeveralProxiesFindsTheWayBackThroughAllOfThe
     peer.send(frames);
     peer.send({"", request});
     EXPECT_EQ(peer.receive().value_or(std::vector<std::string>()).size(), 2u);
+}
+
+TEST_P(AServerGiven, MoreThanARequestMayHoldRefusesItAndGoesOn)
+{
+    Message message;
+    message.mutable_get()->mutable_head()->set_path("/" + std::string(70000, 'x'));
+    Message answer = answer_to(message.SerializeAsString());
+    EXPECT_EQ(answer.response().status(), Status::UriTooLong);
+    EXPECT_EQ(answer.response().status_message(), "path of more than 65536 bytes");
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "rx: refused: path of more than 65536 bytes"));
+
+    message.mutable_get()->mutable_head()->set_path("/index");
+    for (int i = 0; i < 100000; ++i)
+        message.mutable_get()->mutable_head()->add_headers();
+    answer = answer_to(message.SerializeAsString());
+    EXPECT_EQ(answer.response().status(), Status::RequestHeaderFieldsTooLarge);
+    EXPECT_EQ(answer.response().status_message(), "more than 1024 headers");
+    EXPECT_EQ(counted("err"), 2u);
+    EXPECT_EQ(counted("rx"), 0u);
+    expect_alive();
+}
+
+TEST_P(AServerGiven, ATransferIdWithoutMeasureAnswersBadRequest)
+{
+    ASSERT_TRUE(server->add(make_test_route("drop", "put", "/drop")));
+    const auto put = [&](std::size_t size) {
+        const auto headers = slate::make_dictionary(
+            {{chunk_header::number, "0"}, {chunk_header::transfer, std::string(size, 'i')}});
+        return make_client(uri)->put("/drop", "x", headers);
+    };
+    EXPECT_EQ(put(256)->status(), Status::NoContent);
+    const auto refused = put(257);
+    EXPECT_EQ(refused->status(), Status::BadRequest);
+    EXPECT_EQ(refused->status_message(), "transfer id of more than 256 bytes");
+}
+
+TEST_P(AServerGiven, ALargerFrameThanItsSettingAllowsDropsTheConnectionBeforeItTakesMemory)
+{
+    settings->set("max_frame_bytes", "100000");
+    const auto endpoint = scratch_endpoint();
+    const auto limited = make({endpoint});
+    const auto drop = make_test_route("drop", "put", "/drop");
+    drop->on_put = [](Context&) {};
+    ASSERT_TRUE(limited->add(drop));
+    const auto put = [&](std::size_t size, const slate::Duration& patience) {
+        return make_client(endpoint, 0)->put("/drop", std::string(size, 'x'), nullptr, patience)->status();
+    };
+    EXPECT_EQ(put(90000, slate::Seconds(20)), Status::NoContent);
+    EXPECT_EQ(put(110000, slate::Milliseconds(200)), Status::RequestTimeout);
+    EXPECT_EQ(put(90000, slate::Seconds(20)), Status::NoContent);
 }
 } // namespace

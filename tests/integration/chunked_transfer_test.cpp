@@ -984,6 +984,31 @@ TEST_P(AChunkedUpload, MayPauseForAQuarterOfAnHourIfTheSettingIsNotADuration)
     EXPECT_LE(logged_expiry("begin: "), slate::Minutes(15) + now);
 }
 
+TEST_P(AChunkedUpload, IsRefusedBeyondTheSizeThatTheSettingsAllow)
+{
+    settings->set("max_transfer_bytes", "15");
+    start();
+    EXPECT_EQ(send(chunk(Verb::Put, "t", 0, "0123456789")).status(), Status::NoContent);
+    EXPECT_EQ(send(chunk(Verb::Put, "t", 1, "01234")).status(), Status::NoContent);
+    const Response refused = send(chunk(Verb::Put, "t", 2, "5"));
+    EXPECT_EQ(refused.status(), Status::PayloadTooLarge);
+    EXPECT_EQ(refused.status_message(), "transfer of more than 15 bytes");
+    EXPECT_EQ(send(chunk(Verb::Put, "t", 3, "")).status(), Status::Conflict);
+}
+
+TEST_P(AChunkedUpload, HasNoLimitIfTheSettingIsNotANumber)
+{
+    for (const std::string text : {"15 bytes", "-1", "0", "", "99999999999999999999"}) {
+        settings->set("max_transfer_bytes", std::string_view(text));
+        logs.clear();
+        server.reset();
+        start();
+        EXPECT_TRUE(
+            logs.has(slate::ErrorLevel, "setting is not a number of bytes: max_transfer_bytes = " + text));
+        EXPECT_EQ(send(chunk(Verb::Put, "t", 0, "0123456789012345")).status(), Status::NoContent);
+    }
+}
+
 TEST_P(AChunkedUpload, LivesLongerWithEachChunk)
 {
     slate::set_log_level(slate::ExtremeLevel);

@@ -28,7 +28,7 @@ protected:
         std::promise<std::size_t> ready;
         thread.start("tarn-test", [this, count, serve, &ready] {
             zmq::socket_t control(*runtime->ctx(), zmq::socket_type::sub);
-            Front front(*runtime->ctx());
+            Front front(*runtime->ctx(), *settings);
             Dispatcher dispatcher(*runtime->ctx(), front, nullptr);
             ASSERT_TRUE(front.bind({uri}, "rx", nullptr));
             ASSERT_TRUE(dispatcher.bind(*back));
@@ -161,7 +161,7 @@ TEST_F(ADispatcher, EndsAtOnceHoweverSoonItIsTold)
         const Endpoint workers_at = scratch_endpoint("inproc");
         own.start("tarn-test", [&] {
             zmq::socket_t control(*runtime->ctx(), zmq::socket_type::sub);
-            Front front(*runtime->ctx());
+            Front front(*runtime->ctx(), *settings);
             Dispatcher dispatcher(*runtime->ctx(), front, nullptr);
             ASSERT_TRUE(dispatcher.bind(*workers_at) && connect_control(control, own.endpoint(), nullptr));
             Workers workers;
@@ -181,7 +181,7 @@ TEST_F(ADispatcher, EndsAtOnceHoweverSoonItIsTold)
 TEST_F(ADispatcher, HasWhatStoppedItInTheLog)
 {
     zmq::context_t context;
-    Front front(context);
+    Front front(context, *settings);
     Dispatcher dispatcher(context, front, nullptr);
     zmq::socket_t control(context, zmq::socket_type::sub);
     context.shutdown();
@@ -191,7 +191,7 @@ TEST_F(ADispatcher, HasWhatStoppedItInTheLog)
 
 TEST_F(ADispatcher, ReportsAnEndpointThatCannotBeBound)
 {
-    Front front(*runtime->ctx());
+    Front front(*runtime->ctx(), *settings);
     Dispatcher first(*runtime->ctx(), front, nullptr);
     Dispatcher second(*runtime->ctx(), front, nullptr);
     EXPECT_TRUE(first.bind(*back));

@@ -741,6 +741,22 @@ TEST_F(ARouter, TakesMessagesAsAnyServerWouldWhateverTheirFrames)
         wait_until([&] { return logs.count(slate::WarnLevel, "failed to read request from client") == 3; }));
 }
 
+TEST_F(ARouter, RefusesMoreThanARequestMayHoldItself)
+{
+    start();
+    Message message;
+    message.mutable_get()->mutable_head()->set_path("/" + std::string(70000, 'x'));
+    Reply reply = exchange(message.SerializeAsString());
+    EXPECT_EQ(reply.status(), Status::UriTooLong);
+    EXPECT_EQ(reply.status_message(), "path of more than 65536 bytes");
+    message.mutable_get()->mutable_head()->set_path("/index");
+    for (int i = 0; i < 2000; ++i)
+        message.mutable_get()->mutable_head()->add_params();
+    reply = exchange(message.SerializeAsString());
+    EXPECT_EQ(reply.status(), Status::RequestHeaderFieldsTooLarge);
+    EXPECT_EQ(exchange(get_with_ttl("/index", "20s")).status(), Status::Ok);
+}
+
 TEST_F(ARouter, RefusesWhatIsNotARequestWithAPathAndGoesOn)
 {
     start();

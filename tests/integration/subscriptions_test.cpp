@@ -268,6 +268,21 @@ TEST_P(ASubscription, DropsWhatNoRouteAccepts)
     EXPECT_EQ(logs.count(slate::DebugLevel, "dropped: put {"), 1u);
 }
 
+TEST_P(ASubscription, DropsAChangeThatHoldsMoreThanItMay)
+{
+    ASSERT_TRUE(server->add(hearing_route("a", "/a")));
+    await_subscribed("/a");
+    Message large;
+    large.mutable_put()->mutable_head()->set_path("/a");
+    for (int i = 0; i < 2000; ++i)
+        large.mutable_put()->mutable_head()->add_headers();
+    publish("/a", large.SerializeAsString());
+    EXPECT_TRUE(will_have_counted("dropped", 1));
+    EXPECT_TRUE(logs.has(slate::WarnLevel, "dropped a published change: more than 1024 headers"));
+    EXPECT_EQ(counted("sub"), 0u);
+    EXPECT_TRUE(heard.entries().empty());
+}
+
 TEST_P(ASubscription, SkipsAPrivateRouteForAChangeOfAnotherProcess)
 {
     const auto route = std::make_shared<TestRoute>("p", "get", RoutePattern("/p"), Access::Private);

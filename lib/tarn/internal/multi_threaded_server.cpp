@@ -91,7 +91,7 @@ void MultiThreadedServer::listen_front()
 {
     slate::log_debug(provider_, SLATE_HERE, "router thread entry");
     zmq::socket_t control(*context_, zmq::socket_type::sub);
-    Front front(*context_);
+    Front front(*context_, *settings_);
     Dispatcher dispatcher(*context_, front, provider_);
 
     if (connect_control(control, front_.endpoint(), provider_) && front.bind(uris_, "rx", provider_) &&
@@ -128,6 +128,7 @@ void MultiThreadedServer::listen_pubsub()
     slate::log_debug(provider_, SLATE_HERE, "pub/sub thread entry");
     zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
     zmq::socket_t pubsub(*context_, zmq::socket_type::sub);
+    limit_frames(pubsub, *settings_);
     if (connect_control(wake_up, pubsub_->endpoint(), provider_) &&
         subscriber_.init_publish_subscribe(pubsub, *pubsub_uri_)) {
         run_passes(provider_, *counters_.err, [&] {

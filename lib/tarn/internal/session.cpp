@@ -104,6 +104,11 @@ void TransferBuffer::make_file() const
     file_ = std::make_shared<File>(File{std::move(made)});
 }
 
+std::size_t TransferBuffer::size() const
+{
+    return data.size() + (file_ ? file_->size : 0);
+}
+
 void TransferBuffer::read(std::string* out) const
 {
     if (!file_) {

@@ -51,6 +51,8 @@ struct TransferBuffer {
 
     /// Appends `data` to the file and empties it. Throws Exception if the file can't be made or written.
     void flush() const;
+    /// How much it holds, in the file and in memory.
+    std::size_t size() const;
     /// Moves all data out; data that was never in a file isn't copied. Throws Exception if the file can't be
     /// read.
     void read(std::string* out) const;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 #include "slate/duration.h"
@@ -14,4 +16,8 @@ namespace tarn_internal {
 /// a duration.
 slate::Duration duration_setting(const slate::Dictionary& settings, const std::string& key,
                                  const slate::Duration& dflt);
+
+/// The setting `key` as a number of bytes; none if it is absent, and, with an error in the log, if its text
+/// isn't a positive whole number.
+std::optional<std::size_t> size_setting(const slate::Dictionary& settings, const std::string& key);
 } // namespace tarn_internal

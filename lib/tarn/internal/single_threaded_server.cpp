@@ -14,22 +14,22 @@
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/front.h"
 #include "tarn/internal/transport/thread_mark.h"
+#include "tarn/internal/utils/receive.h"
 
 namespace tarn_internal {
 struct SingleThreadedServer::Sockets {
-    explicit Sockets(zmq::context_t& context)
+    Sockets(zmq::context_t& context, const slate::Dictionary& settings)
         : wake_up(context, zmq::socket_type::sub),
           pubsub(context, zmq::socket_type::sub),
-          front(context)
+          front(context, settings)
     {
+        limit_frames(pubsub, settings);
     }
-
-    void poll() { zmq::poll(items, std::chrono::milliseconds(-1)); }
 
     bool is_readable(const zmq::socket_t& socket) const
     {
         return std::any_of(items.begin(), items.end(), [&](const zmq::pollitem_t& item) {
-            return item.socket == socket.handle() && (item.revents & ZMQ_POLLIN) != 0;
+            return item.socket == socket.handle() && tarn_internal::is_readable(item);
         });
     }
 
@@ -79,7 +79,7 @@ void SingleThreadedServer::listen()
 {
     const ThreadMark mark(this);
     slate::log_debug(provider_, SLATE_HERE, "thread entry");
-    Sockets sockets(*context_);
+    Sockets sockets(*context_, *settings_);
     if (init(sockets))
         serve(sockets);
     sockets.front.remove_socket_files();
@@ -118,7 +118,9 @@ void SingleThreadedServer::serve(Sockets& sockets)
 /// One pass: at most one message of each socket. False at the end.
 bool SingleThreadedServer::serve_once(Sockets& sockets)
 {
-    sockets.poll();
+    poll_for(sockets.items, memory_.wait_time());
+    if (std::none_of(sockets.items.begin(), sockets.items.end(), tarn_internal::is_readable))
+        memory_.give_back();
     if (sockets.is_readable(sockets.wake_up) && !handle_wake_up(sockets.wake_up, sockets.pubsub, listening_))
         return false;
 
@@ -133,9 +135,14 @@ bool SingleThreadedServer::serve_once(Sockets& sockets)
 
 void SingleThreadedServer::handle_request(zmq::socket_t& front)
 {
-    if (auto request = receive_request(front, provider_))
-        requests_.handle(request->payload,
-                         [&](zmq::message_t& reply) { send_reply(front, *request, reply); });
+    auto request = receive_request(front, provider_);
+    if (!request)
+        return;
+    memory_.note(request->payload.size());
+    requests_.handle(request->payload, [&](zmq::message_t& reply) {
+        memory_.note(reply.size());
+        send_reply(front, *request, reply);
+    });
 }
 
 std::shared_ptr<Server> make_single_threaded_server(int id,

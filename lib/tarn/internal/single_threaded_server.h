@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tarn/internal/server/server_base.h"
+#include "tarn/internal/utils/memory_return.h"
 
 namespace tarn_internal {
 /// A server with one thread, the listener, which runs all handlers, one at a time.
@@ -36,6 +37,7 @@ private:
     void handle_request(zmq::socket_t& front);
 
     ReadyFlag listening_;
+    MemoryReturn memory_;
     std::shared_ptr<slate::Statistic> handle_ms_;
     ControlledThread listener_; // last, as it uses all of the above
 };

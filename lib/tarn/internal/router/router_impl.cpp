@@ -8,6 +8,7 @@
 
 #include <zmq.hpp>
 
+#include "slate/dictionary.h"
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "slate/uri.h"
@@ -52,6 +53,7 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
                        const std::filesystem::path& run_time_directory,
                        const std::vector<std::shared_ptr<Route>>& routes)
     : context_(context),
+      settings_(settings ? settings : slate::make_dictionary()),
       uuid_(slate::make_uuid().to_string()),
       uris_(endpoints),
       dealer_uri_(slate::make_uri("inproc://dealer/" + uuid_)),
@@ -103,7 +105,7 @@ void RouterImpl::clear()
 
 void RouterImpl::thread_entry()
 {
-    Front front(*context_);
+    Front front(*context_, *settings_);
     Dispatcher dispatcher(*context_, front, provider_);
     zmq::socket_t control(*context_, zmq::socket_type::sub);
 

@@ -55,6 +55,7 @@ private:
 
     static constexpr std::size_t worker_count = 3;
     const std::shared_ptr<zmq::context_t> context_;
+    const std::shared_ptr<const slate::Dictionary> settings_;
     const std::string uuid_; // keeps the inproc endpoints apart from those of any other router
     const std::vector<Endpoint> uris_;
     const Endpoint dealer_uri_;

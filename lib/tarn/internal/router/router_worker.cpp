@@ -8,6 +8,7 @@
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/transport/request_cycle.h"
+#include "tarn/internal/utils/request_bounds.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/proto/message.pb.h"
 
@@ -87,6 +88,8 @@ RouterWorker::Answer RouterWorker::answer_or_fail(const zmq::message_t& payload,
 {
     std::string path;
     try {
+        if (const auto excess = find_excess(payload.data(), payload.size()))
+            return make_failure(excess->status, excess->text, path);
         Request request(factory_->make_message(payload.data(), payload.size()));
         if (verbose)
             slate::log_verbose(provider_, SLATE_HERE, "rx: ", request.to_string());

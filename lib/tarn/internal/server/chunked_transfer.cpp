@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/server/chunked_transfer.h"
 
+#include <cstdint>
 #include <utility>
 
 #include "slate/dictionary.h"
@@ -10,6 +11,7 @@
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/server/temporary_file_list.h"
 #include "tarn/internal/settings.h"
+#include "tarn/internal/utils/request_bounds.h"
 #include "tarn/proto/message.pb.h"
 #include "tarn/transfer/chunk_headers.h"
 
@@ -19,6 +21,7 @@ ChunkedTransfers::ChunkedTransfers(const slate::Dictionary& settings,
                                    std::shared_ptr<slate::Counter> err,
                                    const std::vector<Endpoint>& endpoints)
     : session_ttl_(duration_setting(settings, tarn::session_ttl(), tarn::default_session_ttl())),
+      max_transfer_bytes_(size_setting(settings, "max_transfer_bytes").value_or(SIZE_MAX)),
       provider_(std::move(provider)),
       err_(std::move(err)),
       files_(TemporaryFileList::for_endpoints(endpoints)),
@@ -38,6 +41,10 @@ void ChunkedTransfers::handle_write(Context& context, const Route& route, Transf
         handler();
         return;
     }
+    if (id.size() > max_transfer_id_bytes)
+        throw MessageException(Status::BadRequest,
+                               slate::trace_error(provider_, SLATE_HERE, "transfer id of more than ",
+                                                  std::to_string(max_transfer_id_bytes), " bytes"));
     try {
         handle_chunk(context, id, place, handler);
     }
@@ -62,6 +69,10 @@ void ChunkedTransfers::handle_chunk(Context& context, const std::string& id, Tra
     {
         const std::lock_guard lock(entry->mutex);
         entry->session.append(context.request.data(), chunk);
+        if (entry->session.buffer.size() > max_transfer_bytes_)
+            throw MessageException(Status::PayloadTooLarge,
+                                   slate::trace_error(provider_, SLATE_HERE, "transfer of more than ",
+                                                      std::to_string(max_transfer_bytes_), " bytes"));
     }
     sessions_.set_expiry(*entry, expires); // every chunk extends the session's life
 

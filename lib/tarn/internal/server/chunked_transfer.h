@@ -26,8 +26,8 @@ enum class TransferFile { InTemporaryFolder, BesideTemporaryFolder };
 /// Threads: any. No lock is held while the handler runs.
 class ChunkedTransfers {
 public:
-    /// `settings` are read for "session_ttl". Removes the files of uploads that an ended process of the
-    /// service at these endpoints has left.
+    /// `settings` are read for "session_ttl" and "max_transfer_bytes". Removes the files of uploads that an
+    /// ended process of the service at these endpoints has left.
     ChunkedTransfers(const slate::Dictionary& settings, std::shared_ptr<slate::Provider> provider,
                      std::shared_ptr<slate::Counter> err, const std::vector<Endpoint>& endpoints);
 
@@ -51,6 +51,7 @@ private:
     slate::Duration expiry() const;
 
     const slate::Duration session_ttl_; // how long a transfer may pause
+    const std::size_t max_transfer_bytes_;
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<TemporaryFileList> files_; // null if nothing is listed

@@ -8,6 +8,7 @@
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "tarn/exception.h"
+#include "tarn/internal/utils/request_bounds.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/proto/message.pb.h"
 
@@ -48,9 +49,14 @@ void RequestHandler::handle(const zmq::message_t& request, const SendReply& send
     context.pid = pid_;
     std::optional<zmq::message_t> reply;
     try {
-        if (!request.empty())
-            context.request.message = factory_->make_message(request.data(), request.size());
-        answer(context, debug);
+        if (const auto excess = find_excess(request.data(), request.size())) {
+            refuse(context, *excess);
+        }
+        else {
+            if (!request.empty())
+                context.request.message = factory_->make_message(request.data(), request.size());
+            answer(context, debug);
+        }
         reply = to_reply_frame(context);
     }
     catch (...) {
@@ -71,6 +77,14 @@ void RequestHandler::handle(const zmq::message_t& request, const SendReply& send
         send_failure(send);
     }
     transfers_.clean();
+}
+
+void RequestHandler::refuse(Context& context, const Excess& excess) const
+{
+    slate::log_error(provider_, SLATE_HERE, "rx: refused: ", excess.text);
+    counters_.err->increment();
+    context.reply.message = factory_->make_response(excess.status);
+    context.reply.message->mutable_response()->set_status_message(excess.text);
 }
 
 /// Writes the reply of one request into `context`.

@@ -19,6 +19,8 @@ class message_t;
 }
 
 namespace tarn_internal {
+struct Excess;
+
 /// How every server handles one request: from the frame to a route's handler and back to a reply frame.
 ///
 /// Threads: any; several may handle requests at once.
@@ -41,6 +43,7 @@ public:
     void handle(const zmq::message_t& request, const SendReply& send);
 
 private:
+    void refuse(Context& context, const Excess& excess) const;
     void answer(Context& context, bool debug);
     void invoke_route(Context& context);
     void dispatch(Context& context, Route& route);

@@ -9,6 +9,7 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "tarn/internal/utils/receive.h"
+#include "tarn/internal/utils/request_bounds.h"
 
 namespace tarn_internal {
 namespace {
@@ -97,7 +98,14 @@ void Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
     Context context;
     context.pid = pid_;
     try {
-        context.request.message = receive(socket);
+        const zmq::message_t payload = receive(socket);
+        if (const auto excess = find_excess(payload.data(), payload.size())) {
+            slate::log_warn(provider_, SLATE_HERE, "dropped a published change: ", excess->text);
+            counters_.dropped->increment();
+            return;
+        }
+        if (!payload.empty())
+            context.request.message = factory_->make_message(payload.data(), payload.size());
         handle(context);
     }
     catch (const Exception& error) {
@@ -106,8 +114,8 @@ void Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
     }
 }
 
-/// The message behind the topic; null if it is missing or doesn't parse.
-std::shared_ptr<Message> Subscriber::receive(zmq::socket_t& socket)
+/// The frame behind the topic; empty if it is missing.
+zmq::message_t Subscriber::receive(zmq::socket_t& socket)
 {
     zmq::message_t payload;
     try {
@@ -122,7 +130,7 @@ std::shared_ptr<Message> Subscriber::receive(zmq::socket_t& socket)
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, "pub/sub in socket recv error: ", error.what());
     }
-    return payload.empty() ? nullptr : factory_->make_message(payload.data(), payload.size());
+    return payload;
 }
 
 void Subscriber::handle(Context& context)

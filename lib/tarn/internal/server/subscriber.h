@@ -13,8 +13,9 @@ namespace slate {
 class Uri;
 }
 namespace zmq {
+class message_t;
 class socket_t;
-}
+} // namespace zmq
 
 namespace tarn_internal {
 /// How every server handles published changes: keeps a ZMQ_SUB socket subscribed to the topics of its routes,
@@ -40,7 +41,7 @@ public:
     void handle_publish_subscribe(zmq::socket_t& socket);
 
 private:
-    std::shared_ptr<Message> receive(zmq::socket_t& socket);
+    zmq::message_t receive(zmq::socket_t& socket);
     void handle(Context& context);
     bool is_for_this_process(const Head& head) const;
 

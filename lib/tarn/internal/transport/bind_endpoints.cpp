@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 
 #include <zmq.hpp>
@@ -12,6 +13,7 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/settings.h"
 #include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
@@ -63,6 +65,12 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
         (void)tarn::try_modify_socket_group(uri, tarn::socket_group);
     }
     return true;
+}
+
+void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings)
+{
+    if (const auto bytes = size_setting(settings, "max_frame_bytes"))
+        socket.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(*bytes));
 }
 
 void limit_linger(zmq::socket_t& socket)

@@ -9,6 +9,7 @@
 #include "tarn/types.h"
 
 namespace slate {
+class Dictionary;
 class Provider;
 class Uri;
 } // namespace slate
@@ -32,6 +33,10 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 /// bound.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
                     const std::shared_ptr<slate::Provider>& provider, std::vector<SocketFile>& files);
+
+/// Has libzmq close the connection of a peer that sends a larger frame than the setting "max_frame_bytes"
+/// allows, before it takes memory for it.
+void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings);
 
 /// Limits how long the closed socket of public endpoints waits for its last messages to leave: libzmq would
 /// wait for ever for a peer that filled the queue of its requests and then died with replies unread.

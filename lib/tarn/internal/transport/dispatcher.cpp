@@ -23,11 +23,6 @@ constexpr std::size_t usual_routing_frames = 4;
 
 /// How many messages go in one direction before the other one has its turn.
 constexpr int burst = 100;
-
-bool is_readable(const zmq::pollitem_t& item)
-{
-    return (item.revents & ZMQ_POLLIN) != 0;
-}
 } // namespace
 
 Dispatcher::Dispatcher(zmq::context_t& context, Front& front, std::shared_ptr<slate::Provider> provider)
@@ -76,7 +71,9 @@ bool Dispatcher::serve_once(zmq::socket_t& control)
                                {control.handle(), 0, ZMQ_POLLIN, 0},
                                {front_.socket().handle(), 0, ZMQ_POLLIN, 0}};
     const std::size_t count = ending_ ? 1 : free_.empty() ? 2 : 3;
-    poll_for(std::span(items).first(count), slate::Duration::positive_infinity());
+    poll_for(std::span(items).first(count), memory_.wait_time());
+    if (std::none_of(items, items + count, is_readable))
+        memory_.give_back();
 
     if (is_readable(items[0]))
         take_replies();
@@ -105,6 +102,7 @@ void Dispatcher::hand_out_requests()
 bool Dispatcher::hand_out(IncomingRequest& request, const WorkerId& worker)
 {
     // libzmq drops what it knows of the peer when a message is sent on, so the address travels as a frame.
+    memory_.note(request.payload.size());
     zmq::message_t address(request.peer_address);
     if (!start_message(worker))
         return false;
@@ -137,6 +135,7 @@ bool Dispatcher::take_message()
     (void)front_.socket().send(frame, zmq::send_flags::sndmore | zmq::send_flags::dontwait);
     do {
         (void)back_.recv(frame);
+        memory_.note(frame.size());
         const auto more = frame.more() ? zmq::send_flags::sndmore : zmq::send_flags::none;
         (void)front_.socket().send(frame, more | zmq::send_flags::dontwait);
     } while (back_.get(zmq::sockopt::rcvmore));

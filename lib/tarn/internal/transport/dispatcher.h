@@ -12,6 +12,7 @@
 #include <zmq.hpp>
 
 #include "tarn/internal/transport/front.h"
+#include "tarn/internal/utils/memory_return.h"
 
 namespace slate {
 class Provider;
@@ -58,6 +59,7 @@ private:
     zmq::socket_t back_;
     std::set<WorkerId> known_;
     std::deque<WorkerId> free_; // the one that has been free longest first
+    MemoryReturn memory_;
     std::size_t running_ = 0;
     bool ending_ = false;
 };

@@ -55,7 +55,11 @@ void send_reply(zmq::socket_t& socket, IncomingRequest& request, zmq::message_t&
     (void)socket.send(reply, zmq::send_flags::dontwait);
 }
 
-Front::Front(zmq::context_t& context) : socket_(context, zmq::socket_type::router) {}
+Front::Front(zmq::context_t& context, const slate::Dictionary& settings)
+    : socket_(context, zmq::socket_type::router)
+{
+    limit_frames(socket_, settings);
+}
 
 Front::~Front()
 {

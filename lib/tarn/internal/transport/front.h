@@ -13,8 +13,9 @@
 #include "tarn/types.h"
 
 namespace slate {
+class Dictionary;
 class Provider;
-}
+} // namespace slate
 
 namespace tarn_internal {
 /// One request as it came in, with all that is needed to answer it.
@@ -47,8 +48,8 @@ void send_reply(zmq::socket_t& socket, IncomingRequest& request, zmq::message_t&
 /// Threads: for one thread.
 class Front {
 public:
-    /// Throws zmq::error_t if the socket can't be made.
-    explicit Front(zmq::context_t& context);
+    /// `settings` are read for "max_frame_bytes". Throws zmq::error_t if the socket can't be made.
+    Front(zmq::context_t& context, const slate::Dictionary& settings);
     /// Replies that haven't left yet still leave, for some seconds at most; see limit_linger.
     ~Front();
     Front(const Front&) = delete;

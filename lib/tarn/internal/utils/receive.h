@@ -18,6 +18,12 @@ bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame);
 /// Drops the remaining frames of a message, of which `frame` was read last.
 void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame);
 
+/// Whether the last poll found something to receive.
+inline bool is_readable(const zmq::pollitem_t& item)
+{
+    return (item.revents & ZMQ_POLLIN) != 0;
+}
+
 /// Polls for that time at most. A signal doesn't shorten it; other errors throw zmq::error_t.
 void poll_for(std::span<zmq::pollitem_t> items, const slate::Duration& timeout);
 

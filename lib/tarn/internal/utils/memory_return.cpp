@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/utils/memory_return.h"
+
+#include <cstdlib> // which says whether this is the GNU C library
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
+namespace tarn_internal {
+namespace {
+/// What is smaller is freed and used again within the memory that a process keeps anyway.
+constexpr std::size_t large_message = 256 * 1024;
+} // namespace
+
+void MemoryReturn::note(std::size_t bytes)
+{
+    pending_ = pending_ || bytes >= large_message;
+}
+
+slate::Duration MemoryReturn::wait_time() const
+{
+    return pending_ ? slate::Duration(slate::Seconds(1)) : slate::Duration::positive_infinity();
+}
+
+void MemoryReturn::give_back()
+{
+    pending_ = false;
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
+} // namespace tarn_internal
