@@ -6,10 +6,13 @@
 #include <optional>
 #include <string>
 
+#include <google/protobuf/util/json_util.h>
+
 #include "fuzz/input.h"
 #include "fuzz/quiet.h"
 #include "fuzz/require.h"
 #include "tarn/exception.h"
+#include "tarn/formats.h"
 #include "tarn/proto/message.pb.h"
 #include "tarn/proto/routing.pb.h"
 #include "tarn/proto/stats.pb.h"
@@ -33,6 +36,25 @@ std::optional<T> into(const tarn::Reply& reply)
     }
 }
 
+/// Whether the body is a message, by the reply's format or else by its "Content-Type". Bytes are read from
+/// the field for bytes alone, and JSON from either.
+template <class T>
+bool expect_message(const tarn::Reply& reply)
+{
+    T message;
+    const auto is_binary = [&] { return message.ParseFromString(reply.body().bin()); };
+    const auto is_json = [&] {
+        return google::protobuf::util::JsonStringToMessage(reply.data(), &message).ok();
+    };
+    const bool says_binary = reply.is(Format::Proto) || reply.is(Format::Bin);
+    if ((says_binary && is_binary()) || (reply.is(Format::Json) && is_json()))
+        return true;
+    const Format declared = tarn::to_format(reply.header("Content-Type", ""));
+    if (declared == Format::Proto || declared == Format::Bin)
+        return is_binary();
+    return (declared == Format::Json || reply.maybe_json()) && is_json();
+}
+
 /// JSON leaves out what the schema doesn't know.
 template <class T>
 std::string known_part(T message)
@@ -45,6 +67,7 @@ template <class T>
 void check(const tarn::Reply& reply)
 {
     const auto message = into<T>(reply);
+    require(message.has_value() == expect_message<T>(reply), "exactly what protobuf reads is a message");
     const auto pointer = reply.as<T>();
     require(message.has_value() == (pointer != nullptr), "both say whether the body is a message");
     if (!message)

@@ -40,17 +40,17 @@ std::mt19937 random_numbers(1);
 // For the signal handler.
 const std::uint8_t* current_data = nullptr;
 std::size_t current_size = 0;
-const char* const failed_input = "fuzz-failed-input";
+std::string failed_input; // the name of its file
 
 /// Leaves the input that failed in the working directory, by functions that a signal handler may call.
 void write_failed_input()
 {
-    const int file = open(failed_input, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int file = open(failed_input.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (file < 0)
         return;
     const bool written = write(file, current_data, current_size) == static_cast<ssize_t>(current_size);
     close(file);
-    constexpr char text[] = "fuzz: the input is in the file fuzz-failed-input of the working directory\n";
+    constexpr char text[] = "fuzz: the working directory has the input, as *.failed-input\n";
     if (written)
         (void)!write(STDERR_FILENO, text, sizeof text - 1);
 }
@@ -162,6 +162,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: %s FOLDER|FILE\n", argv[0]);
         return 2;
     }
+    failed_input = std::filesystem::path(argv[0]).filename().string() + ".failed-input";
     for (const int number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
         std::signal(number, handle_signal);
     if (__sanitizer_set_death_callback)
