@@ -86,13 +86,18 @@ void publish(tarn::Route& route, bool deletes, const std::string& path, const st
         route.put(context);
 }
 
-/// More senders than there is place for, if it is done twice.
-void publish_crowd(tarn::Route& route, Model& model, int first, const std::string& path)
+/// More senders than there is place for, if it is done twice. Shorter than so many calls of publish.
+void publish_crowd(tarn::Route& route, Model& model, int first)
 {
+    tarn::Context context;
+    context.request.message = std::make_shared<tarn::Message>();
+    tarn::Head* head = context.request.message->mutable_put()->mutable_head();
+    head->set_path(counted_path);
     for (int tag = first; tag < first + 600; ++tag) {
-        publish(route, false, path, std::to_string(tag), tag);
-        if (path == counted_path)
-            model.note(std::to_string(tag), tag);
+        head->mutable_from()->set_tag(std::to_string(tag));
+        head->mutable_from()->set_pid(tag);
+        route.put(context);
+        model.note(std::to_string(tag), tag);
     }
 }
 
@@ -119,18 +124,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Model model;
     tarn_fuzz::Input input(data, size);
     int crowds = 0;
+    int questions = 0;
 
     for (int i = 0; i < 200 && !input.empty(); ++i) {
         const std::uint8_t operation = input.byte();
         const std::string path = operation & 16 ? "/stats" : operation & 32 ? "/other" : counted_path;
         const bool counts = path == counted_path;
-        // Rare, since it takes long.
+        // Crowds, and questions about them, are limited, since they take long.
         if (operation % 64 == 1 && ++crowds <= 2) {
-            publish_crowd(*route, model, input.byte() * 100, path);
+            publish_crowd(*route, model, input.byte() * 100);
             continue;
         }
         switch (operation % 8) {
         case 0:
+            if (++questions > 8)
+                break;
             ask(*route, model, operation & 64 ? "application/json" : operation & 128 ? "text/plain" : "");
             break;
         case 2: {
