@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Frames into a server, with one thread or with several, that has routes of every kind.
-// Input: one byte (1: several threads, 2: all log lines, 4: each frame has a second one), and frames.
+// Input: one byte (1: several threads, 2: all log lines, 4: each frame has a second one, 8: requests come
+// through proxies, between messages that are no requests), and frames.
 
 #include <memory>
 #include <string>
@@ -123,9 +124,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 reset.response().status() == tarn::Status::NoContent,
             "the server works", reset.ShortDebugString());
 
+    const auto way_back =
+        options & 8 ? std::vector<std::string>{"proxy", "\xFF"} : std::vector<std::string>();
     for (const std::string& frame : frames) {
-        client.send(options & 4 ? std::vector<std::string>{frame, "more"} : std::vector<std::string>{frame});
-        check_answer(frame, client.receive());
+        if (options & 8 && !frame.empty())
+            client.send_without_end({frame, "more"});
+        client.send(options & 4 ? std::vector<std::string>{frame, "more"} : std::vector<std::string>{frame},
+                    way_back);
+        check_answer(frame, client.receive(way_back));
     }
     for (const std::string& frame : frames)
         end_transfer(client, frame);

@@ -69,19 +69,30 @@ public:
         socket_.connect(endpoint);
     }
 
-    void send(std::vector<std::string> frames)
+    /// Sends a request behind the way back of its answer, as if it came through proxies.
+    void send(const std::vector<std::string>& frames, const std::vector<std::string>& way_back = {})
     {
-        frames.insert(frames.begin(), ""); // ends the way back, as a client's own socket does
-        send_frames(socket_, frames);
+        std::vector<std::string> message = way_back;
+        message.emplace_back(); // ends the way back, as a client's own socket does
+        message.insert(message.end(), frames.begin(), frames.end());
+        send_frames(socket_, message);
     }
 
+    /// Sends what is no request, as nothing ends the way back.
+    void send_without_end(const std::vector<std::string>& frames) { send_frames(socket_, frames); }
+
     /// The one frame of the next answer.
-    std::string receive()
+    std::string receive(const std::vector<std::string>& way_back = {})
     {
         require(is_readable(socket_, patience), "every request is answered");
-        const auto frames = receive_frames(socket_);
-        require(frames.size() == 2 && frames[0].empty(), "an answer is one frame");
-        return frames[1];
+        auto message = receive_frames(socket_);
+        require(message.size() == way_back.size() + 2, "an answer is one frame");
+        const std::string answer = message.back();
+        message.pop_back();
+        require(message.back().empty(), "behind an empty one");
+        message.pop_back();
+        require(message == way_back, "and goes back the way that its request came");
+        return answer;
     }
 
     std::string exchange(const std::string& frame)
