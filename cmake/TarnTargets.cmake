@@ -18,7 +18,7 @@ function(tarn_compile_options target)
   endif()
 endfunction()
 
-# Sanitizers and coverage, for generated code too.
+# Sanitizers, fuzzing and coverage, for generated code too.
 function(tarn_instrument target)
   # Log lines and assertions name files as they stand in the repository, wherever that is built.
   target_compile_options(${target} PRIVATE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
@@ -30,6 +30,11 @@ function(tarn_instrument target)
       target_compile_options(${target} PRIVATE -fno-sanitize=vptr)
     endif()
     target_link_options(${target} PRIVATE -fsanitize=${TARN_SANITIZE})
+  endif()
+  if(TARN_FUZZ)
+    # Counts what an input reaches, for libFuzzer, which only the programs in fuzz/ link.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+    target_link_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
   endif()
   if(TARN_COVERAGE)
     target_compile_options(${target} PRIVATE --coverage)
