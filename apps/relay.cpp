@@ -12,14 +12,16 @@
 
 #include <tarn/tarn.h>
 
-#include "wait_for_signal.h"
+#include "start.h"
+#include "termination_signal.h"
 
 namespace {
 void run(const TerminationSignal& termination, const std::shared_ptr<const slate::Uri>& endpoint,
          const std::shared_ptr<const slate::Uri>& relay_in,
          const std::shared_ptr<const slate::Uri>& relay_out)
 {
-    tarn::ZmqSubsystem subsystem;
+    start::refuse_if_served({endpoint, relay_in, relay_out});
+    tarn::ZmqSubsystem subsystem(start::make_settings());
     const auto relay = tarn::make_relay(relay_in, relay_out);
     const auto server = subsystem.add_server({endpoint}, relay_out);
     server->add(tarn::make_relay_stats_route());
@@ -37,6 +39,7 @@ int main(int argc, char** argv)
         return 2;
     }
     const TerminationSignal termination;
+    start::raise_descriptor_limit();
     const auto endpoint = slate::make_uri(argv[1]);
     const auto relay_in = slate::make_uri(argv[2]);
     const auto relay_out = slate::make_uri(argv[3]);

@@ -17,13 +17,15 @@
 
 #include <tarn/tarn.h>
 
-#include "wait_for_signal.h"
+#include "start.h"
+#include "termination_signal.h"
 
 namespace {
 void run(const TerminationSignal& termination, const std::filesystem::path& directory,
          const std::vector<std::shared_ptr<const slate::Uri>>& endpoints)
 {
-    tarn::ZmqSubsystem subsystem;
+    start::refuse_if_served(endpoints);
+    tarn::ZmqSubsystem subsystem(start::make_settings());
     const auto router = subsystem.add_router(endpoints, directory);
     for (const auto& endpoint : endpoints) {
         // Another process may hold the endpoint, or have taken over its path. "." never names a service, so
@@ -44,6 +46,7 @@ int main(int argc, char** argv)
         return 2;
     }
     const TerminationSignal termination;
+    start::raise_descriptor_limit();
     std::vector<std::shared_ptr<const slate::Uri>> endpoints;
     for (int i = 2; i < argc; ++i) {
         endpoints.push_back(slate::make_uri(argv[i]));

@@ -12,7 +12,7 @@
 
 #include <tarn/tarn.h>
 
-#include "wait_for_signal.h"
+#include "termination_signal.h"
 
 namespace {
 /// Whether a terminal can show the body. A body need not declare whether it is text.

@@ -8,7 +8,7 @@
 
 #include <tarn/tarn.h>
 
-#include "../../apps/wait_for_signal.h"
+#include "../../apps/termination_signal.h"
 
 namespace {
 double read_number(const std::string& file, int position)

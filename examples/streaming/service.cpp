@@ -5,7 +5,7 @@
 
 #include <iostream>
 
-#include "../../apps/wait_for_signal.h"
+#include "../../apps/termination_signal.h"
 #include "routes.h"
 
 int main(int argc, char** argv)

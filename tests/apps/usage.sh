@@ -45,6 +45,24 @@ refuse 1 "*tarn_relay: *" "$relay" "ipc://$work/a.sock" "ipc://$work/missing/b.s
 serve "relaying from ipc://$work/b.sock to ipc://$work/c.sock" \
     "$relay" "ipc://$work/a.sock" "ipc://$work/b.sock" "ipc://$work/c.sock"
 
+# A program leaves those alone who serve already, and names them.
+mkfifo "$work/first"
+"$relay" "ipc://$work/a.sock" "ipc://$work/b.sock" "ipc://$work/c.sock" >"$work/first" 2>/dev/null &
+first=$!
+read -r line <"$work/first"
+for taken in a b c; do
+    refuse 1 "tarn_router: ipc://$work/$taken.sock is served already, by process $first" \
+        "$router" "$work" "ipc://$work/new.sock" "ipc://$work/$taken.sock"
+done
+refuse 1 "tarn_relay: ipc://$work/b.sock is served already, by process $first" \
+    "$relay" "ipc://$work/d.sock" "ipc://$work/b.sock" "ipc://$work/e.sock"
+limit=$(awk '/Max open files/ { print $4, $5 }' "/proc/$first/limits")
+# shellcheck disable=SC2086  # two words
+set -- $limit
+[ "$1" = "$2" ] || { echo "FAILED: file descriptors are limited to $1 instead of $2"; exit 1; }
+kill "$first"
+wait "$first"
+
 refuse 2 "usage: tarn_watch *" "$watch"
 refuse 2 "usage: tarn_watch *" "$watch" nonsense
 refuse 2 "usage: tarn_watch *" "$watch" "ipc://$work/a.sock" /a /b

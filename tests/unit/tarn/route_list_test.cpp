@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/route_list.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <future>
 #include <thread>
@@ -9,6 +10,7 @@
 
 #include "slate/provider.h"
 #include "support/log_capture.h"
+#include "support/wait_until.h"
 #include "tarn/message_factory.h"
 
 namespace {
@@ -408,5 +410,40 @@ TEST_F(ARouteList, SkipsAPrivateRouteInAChangeOfAnotherProcess)
     message->mutable_put()->mutable_head()->mutable_from()->set_pid(pid);
     Context own = context_of(message);
     EXPECT_TRUE(list.invoke(own));
+}
+
+// The lock of the C library lets readers in before a writer that waits, so a flood of requests could keep it
+// out.
+TEST_F(ARouteList, LetsAChangeInBetweenLookupsThatNeverPause)
+{
+    for (int i = 0; i < 100; ++i)
+        list.add(noted(std::to_string(i), "/x/:a/y/:b/" + std::to_string(i)));
+    std::string path;
+    for (int i = 0; i < 5000; ++i)
+        path += "/x";
+    std::atomic<int> lookups{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            Context context = context_of(factory->make_get(path));
+            while (!stop) {
+                list.invoke(context, [](const std::shared_ptr<Route>&) {});
+                ++lookups;
+            }
+        });
+    EXPECT_TRUE(wait_until([&] { return lookups > 100; }));
+
+    int lookups_during_changes = 0;
+    constexpr int changes = 50;
+    for (int i = 0; i < changes; ++i) {
+        const int before = lookups;
+        list.add(noted("new", "/new"));
+        list.del("new");
+        lookups_during_changes += lookups - before;
+    }
+    stop = true;
+    // Those under way, and what runs while the system doesn't run this thread.
+    EXPECT_LT(lookups_during_changes, changes * 100);
 }
 } // namespace
