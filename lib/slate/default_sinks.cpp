@@ -317,17 +317,23 @@ private:
     bool send(const LogRecord& record)
     {
         std::string message = header_of(record.level) + to_line(record);
+        int error = send_cut(message);
+        if (error != 0 && error != EAGAIN && error != EMSGSIZE && connect_socket())
+            error = send_cut(message); // the first line, or the daemon has been started again
+        return error == 0;
+    }
+
+    /// Sends a message, or the beginning of one that is too long.
+    int send_cut(std::string& message) const
+    {
         int error = try_send(message);
-        if (error == EAGAIN && lost_ == 0 && wait_for_room(socket_.get(), patience))
-            error = try_send(message);
         if (error == EMSGSIZE) {
             message.resize(std::min(message.size(), max_syslog_bytes));
             error = try_send(message);
         }
-        if (error == 0 || error == EAGAIN || error == EMSGSIZE)
-            return error == 0;
-        // The daemon has been restarted, or there was none.
-        return connect_socket() && try_send(message) == 0;
+        if (error == EAGAIN && lost_ == 0 && wait_for_room(socket_.get(), patience))
+            error = try_send(message);
+        return error;
     }
 
     /// 0, or an errno.

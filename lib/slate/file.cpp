@@ -273,8 +273,9 @@ private:
         }
         if (S_ISDIR(status.st_mode))
             return unlinkat(folder_.get(), temporary_.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT;
+        Descriptor leftover; // keeps its lock until the file is unlinked
         if (S_ISREG(status.st_mode)) {
-            const Descriptor leftover = open_leftover();
+            leftover = open_leftover();
             const int error = leftover.is_open() ? 0 : errno;
             if (error == ENOENT)
                 return true;

@@ -44,6 +44,6 @@ bool FileStore::exists(long /*revision*/) const
 void FileStore::erase(PurgePolicy /*policy*/)
 {
     slate::remove_powersafe_leftover(path_); // erased data must not survive in an unfinished write
-    (void)slate::powersafe_remove(path_); // a missing file is not an error
+    (void)slate::powersafe_remove(path_);    // a missing file is not an error
 }
 } // namespace tarn

@@ -29,17 +29,17 @@ std::string socket_file(const Endpoint& uri)
 }
 
 /// A socket file, opened such that what is changed is what was looked at: its path can lead elsewhere the
-/// next moment. Not open, with errno, if there is no socket, for example a link that somebody has put in its
-/// place. A "file" URI names a file that nobody binds, which may be a regular one, but none that has another
-/// name too.
+/// next moment. Not open, with errno, if there is something else in its place, for example a link, or a
+/// further name of somebody's socket. A "file" URI names a file that nobody binds, which may be a regular
+/// one.
 slate::Descriptor open_socket_file(const slate::Uri& uri, const std::string& path)
 {
     slate::Descriptor file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!file.is_open() || fstat(file.get(), &status) != 0)
         return slate::Descriptor();
-    const bool is_file = uri.scheme() == "file" && S_ISREG(status.st_mode) && status.st_nlink == 1;
-    if (S_ISSOCK(status.st_mode) || is_file)
+    const bool is_expected = S_ISSOCK(status.st_mode) || (uri.scheme() == "file" && S_ISREG(status.st_mode));
+    if (is_expected && status.st_nlink == 1)
         return file;
     errno = S_ISLNK(status.st_mode) ? ELOOP : ENOTSOCK;
     return slate::Descriptor();
