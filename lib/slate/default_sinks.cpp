@@ -43,9 +43,6 @@ constexpr const char* syslog_socket = "/dev/log";
 // How long a line waits for a reader that has kept up until now.
 constexpr std::chrono::milliseconds patience{100};
 
-// What is left of a message that the system log doesn't take as a whole.
-constexpr std::size_t max_syslog_bytes = 8 * 1024;
-
 std::string_view base_name(const char* file)
 {
     const std::string_view path(file ? file : "");
@@ -316,21 +313,17 @@ private:
 
     bool send(const LogRecord& record)
     {
-        std::string message = header_of(record.level) + to_line(record);
-        int error = send_cut(message);
-        if (error != 0 && error != EAGAIN && error != EMSGSIZE && connect_socket())
-            error = send_cut(message); // the first line, or the daemon has been started again
+        const std::string message = header_of(record.level) + to_line(record);
+        int error = send_patiently(message);
+        if (error != 0 && error != EAGAIN && connect_socket())
+            error = send_patiently(message); // the first line, or the daemon has been started again
         return error == 0;
     }
 
-    /// Sends a message, or the beginning of one that is too long.
-    int send_cut(std::string& message) const
+    /// Sends a message; waits a moment for room if there was room for all messages until now. 0, or an errno.
+    int send_patiently(const std::string& message) const
     {
         int error = try_send(message);
-        if (error == EMSGSIZE) {
-            message.resize(std::min(message.size(), max_syslog_bytes));
-            error = try_send(message);
-        }
         if (error == EAGAIN && lost_ == 0 && wait_for_room(socket_.get(), patience))
             error = try_send(message);
         return error;

@@ -29,17 +29,15 @@ std::string socket_file(const Endpoint& uri)
 }
 
 /// A socket file, opened such that what is changed is what was looked at: its path can lead elsewhere the
-/// next moment. Not open, with errno, if there is something else in its place, for example a link, or a
-/// further name of somebody's socket. A "file" URI names a file that nobody binds, which may be a regular
-/// one.
-slate::Descriptor open_socket_file(const slate::Uri& uri, const std::string& path)
+/// next moment. A regular file will do too. Not open, with errno, if there is something else in its place,
+/// for example a link, or a further name of somebody's file.
+slate::Descriptor open_socket_file(const std::string& path)
 {
     slate::Descriptor file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!file.is_open() || fstat(file.get(), &status) != 0)
         return slate::Descriptor();
-    const bool is_expected = S_ISSOCK(status.st_mode) || (uri.scheme() == "file" && S_ISREG(status.st_mode));
-    if (is_expected && status.st_nlink == 1)
+    if ((S_ISSOCK(status.st_mode) || S_ISREG(status.st_mode)) && status.st_nlink == 1)
         return file;
     errno = S_ISLNK(status.st_mode) ? ELOOP : ENOTSOCK;
     return slate::Descriptor();
@@ -65,7 +63,7 @@ bool try_modify_socket_permissions(const Endpoint& uri)
     if (path.empty())
         return false;
     try {
-        const slate::Descriptor file = open_socket_file(*uri, path);
+        const slate::Descriptor file = open_socket_file(path);
         if (!file.is_open())
             throw std::filesystem::filesystem_error("not a socket that can be opened", path,
                                                     std::error_code(errno, std::generic_category()));
@@ -95,7 +93,7 @@ bool try_modify_socket_group(const Endpoint& uri, const std::string_view& group)
         slate::log_warn(SLATE_HERE, "failed to set group for ", path, "; group does not exist");
         return false;
     }
-    const slate::Descriptor file = open_socket_file(*uri, path);
+    const slate::Descriptor file = open_socket_file(path);
     if (!file.is_open() ||
         fchownat(file.get(), "", static_cast<uid_t>(-1), found->gr_gid, AT_EMPTY_PATH) != 0) {
         slate::log_warn(SLATE_HERE, "failed to set group for ", path,
