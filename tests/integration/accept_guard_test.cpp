@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include "support/environment.h"
 #include "support/server_kinds.h"
 #include "tarn/relay.h"
 
@@ -22,25 +23,6 @@ constexpr bool calls_are_intercepted = true;
 #else
 constexpr bool calls_are_intercepted = false;
 #endif
-
-/// Lets this process have so many file descriptors.
-class DescriptorLimit {
-public:
-    explicit DescriptorLimit(rlim_t count)
-    {
-        getrlimit(RLIMIT_NOFILE, &before_);
-        const rlimit limit = {count, before_.rlim_max};
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
-            throw std::runtime_error("can't set the limit");
-    }
-    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-
-    DescriptorLimit(const DescriptorLimit&) = delete;
-    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-
-private:
-    rlimit before_{};
-};
 
 /// Another process that holds as many connections to one socket file as it can get, up to a number.
 class ConnectionHoarder {

@@ -99,6 +99,25 @@ private:
     rlimit before_{};
 };
 
+/// Lets this process have so many file descriptors.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(rlim_t count)
+    {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit limit = {count, before_.rlim_max};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            throw std::system_error(errno, std::generic_category(), "can't set the limit");
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    rlimit before_{};
+};
+
 /// What lies below a folder and is not a folder itself.
 inline std::vector<std::filesystem::path> files_below(const std::filesystem::path& folder)
 {

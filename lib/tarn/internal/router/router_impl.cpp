@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <optional>
 
 #include <zmq.hpp>
 
@@ -15,6 +13,7 @@
 #include "slate/uuid.h"
 #include "tarn/exception.h"
 #include "tarn/internal/router/router_worker.h"
+#include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/transport/front.h"
 #include "tarn/internal/transport/workers.h"
@@ -29,20 +28,6 @@ std::filesystem::path normalise(const std::filesystem::path& directory)
 {
     auto result = std::filesystem::absolute(directory).lexically_normal();
     return result.has_filename() ? result : result.parent_path();
-}
-
-/// Whether an inproc endpoint is bound; no value if that can't be found out, for example without a free file
-/// descriptor.
-std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri)
-{
-    try {
-        zmq::socket_t probe(context, zmq::socket_type::rep);
-        probe.bind(uri.to_string());
-        return false;
-    }
-    catch (const zmq::error_t& error) {
-        return error.num() == EADDRINUSE ? std::optional(true) : std::nullopt;
-    }
 }
 } // namespace
 

@@ -67,6 +67,18 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
     return true;
 }
 
+std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri)
+{
+    try {
+        zmq::socket_t probe(context, zmq::socket_type::rep);
+        probe.bind(uri.to_string());
+        return false;
+    }
+    catch (const zmq::error_t& error) {
+        return error.num() == EADDRINUSE ? std::optional(true) : std::nullopt;
+    }
+}
+
 void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings)
 {
     if (const auto bytes = size_setting(settings, "max_frame_bytes"))

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -14,8 +15,9 @@ class Provider;
 class Uri;
 } // namespace slate
 namespace zmq {
+class context_t;
 class socket_t;
-}
+} // namespace zmq
 
 namespace tarn_internal {
 /// False, with an error in the log that names `function`, if one of the endpoints is null, which is what
@@ -33,6 +35,10 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 /// bound.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
                     const std::shared_ptr<slate::Provider>& provider, std::vector<SocketFile>& files);
+
+/// Whether an inproc endpoint is bound; no value if that can't be found out, for example without a free file
+/// descriptor.
+std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri);
 
 /// Has libzmq close the connection of a peer that sends a larger frame than the setting "max_frame_bytes"
 /// allows, before it takes memory for it.
