@@ -31,6 +31,11 @@ TEST(AMemoryReturn, WaitsWithoutEndUntilALargeMessageHasBeenHandled)
     EXPECT_EQ(memory.wait_time(), slate::Seconds(1));
     memory.give_back();
     EXPECT_TRUE(memory.wait_time().is_positive_infinity());
+    for (int i = 0; i < 9999; ++i)
+        memory.note(1);
+    EXPECT_TRUE(memory.wait_time().is_positive_infinity());
+    memory.note(1);
+    EXPECT_EQ(memory.wait_time(), slate::Seconds(1));
 }
 
 TEST(AMemoryReturn, GivesBackWhatABurstHasLeft)

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/transport/proxy.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -9,6 +12,8 @@
 
 #include "slate/log.h"
 #include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/utils/memory_return.h"
+#include "tarn/internal/utils/receive.h"
 
 namespace tarn_internal {
 namespace {
@@ -20,23 +25,25 @@ class Direction {
 public:
     Direction(zmq::socket_t& from, zmq::socket_t& to) : from_(from), to_(to) {}
 
-    /// Forwards one message. False if there is none, or if the receiving side is full; the message is then
-    /// held.
-    bool forward()
+    /// Forwards one message, and gives its size. None if there is none, or if the receiving side is full; the
+    /// message is then held.
+    std::optional<std::size_t> forward()
     {
         if (!held_ && !receive())
-            return false;
+            return std::nullopt;
         bool more = held_->more();
+        std::size_t bytes = held_->size();
         if (!send(*held_, more))
-            return false;
+            return std::nullopt;
         held_.reset();
         while (more) { // further frames follow the first one, or are dropped with it
             zmq::message_t frame;
             (void)from_.recv(frame);
             more = frame.more();
+            bytes += frame.size();
             (void)send(frame, more);
         }
-        return true;
+        return bytes;
     }
 
     /// Whether a message waits for room on the receiving side.
@@ -65,7 +72,7 @@ private:
 
 /// Waits until a message can be forwarded; false for "TERMINATE".
 bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, const Direction& in,
-                     const Direction& out)
+                     const Direction& out, MemoryReturn& memory)
 {
     // While a message is held, its source isn't read, and its destination is polled for room.
     const auto events = [](const Direction& from_here, const Direction& to_here) {
@@ -75,7 +82,9 @@ bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& c
     zmq::pollitem_t items[] = {{control.handle(), 0, ZMQ_POLLIN, 0},
                                {front.handle(), 0, events(in, out), 0},
                                {back.handle(), 0, events(out, in), 0}};
-    zmq::poll(items, 3, std::chrono::milliseconds(-1));
+    poll_for(items, memory.wait_time());
+    if (std::all_of(std::begin(items), std::end(items), [](const auto& item) { return item.revents == 0; }))
+        memory.give_back();
     if ((items[0].revents & ZMQ_POLLIN) == 0)
         return true;
     zmq::message_t word;
@@ -86,14 +95,19 @@ bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& c
 void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, std::string_view what,
                const std::shared_ptr<slate::Provider>& provider)
 {
+    MemoryReturn memory;
     Direction in(front, back);
     Direction out(back, front);
     for (;;) {
         try {
-            if (!wait_for_events(front, back, control, in, out))
+            if (!wait_for_events(front, back, control, in, out, memory))
                 return;
             for (Direction* way : {&in, &out}) {
-                for (int i = 0; i < burst && way->forward(); ++i) {
+                for (int i = 0; i < burst; ++i) {
+                    const auto bytes = way->forward();
+                    if (!bytes)
+                        break;
+                    memory.note(*bytes);
                 }
             }
         }

@@ -11,11 +11,14 @@ namespace tarn_internal {
 namespace {
 /// What is smaller is freed and used again within the memory that a process keeps anyway.
 constexpr std::size_t large_message = 256 * 1024;
+/// So many of them can leave memory behind too: a relay keeps something of each subscription.
+constexpr std::size_t many_messages = 10000;
 } // namespace
 
 void MemoryReturn::note(std::size_t bytes)
 {
-    pending_ = pending_ || bytes >= large_message;
+    ++messages_;
+    pending_ = pending_ || bytes >= large_message || messages_ >= many_messages;
 }
 
 slate::Duration MemoryReturn::wait_time() const
@@ -26,6 +29,7 @@ slate::Duration MemoryReturn::wait_time() const
 void MemoryReturn::give_back()
 {
     pending_ = false;
+    messages_ = 0;
 #if defined(__GLIBC__)
     malloc_trim(0);
 #endif

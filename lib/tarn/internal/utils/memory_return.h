@@ -6,8 +6,8 @@
 #include "slate/duration.h"
 
 namespace tarn_internal {
-/// Gives memory back to the system after large messages. The C library keeps what was freed, for the next
-/// large message; a device that had one burst would keep it for good.
+/// Gives memory back to the system after large messages, or very many. The C library keeps what was freed,
+/// for the next ones; a device that had one burst would keep it for good.
 ///
 /// A loop waits for its next message for wait_time() at most, and calls give_back() if none has come. So a
 /// burst costs one more wake-up, and an idle process none.
@@ -26,5 +26,6 @@ public:
 
 private:
     bool pending_ = false;
+    std::size_t messages_ = 0; // since memory was given back
 };
 } // namespace tarn_internal
