@@ -1,4 +1,5 @@
 # What every target of this project gets. Those who embed us get none of it.
+include(TarnHarden)
 
 find_program(TARN_CCACHE ccache)
 if(TARN_CCACHE AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
@@ -18,10 +19,13 @@ function(tarn_compile_options target)
   endif()
 endfunction()
 
-# Sanitizers, fuzzing and coverage, for generated code too.
+# Hardening, sanitizers, fuzzing and coverage, for generated code too.
 function(tarn_instrument target)
   # Log lines and assertions name files as they stand in the repository, wherever that is built.
   target_compile_options(${target} PRIVATE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  if(TARN_HARDENED)
+    tarn_harden(${target})
+  endif()
   if(TARN_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)
