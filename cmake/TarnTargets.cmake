@@ -89,10 +89,15 @@ function(tarn_runnable result target)
     return()
   endif()
   set(runner ${PROJECT_BINARY_DIR}/run/${target})
+  set(${result} ${runner} PARENT_SCOPE)
+  get_property(runners GLOBAL PROPERTY TARN_RUNNERS)
+  if(target IN_LIST runners)
+    return()
+  endif()
+  set_property(GLOBAL APPEND PROPERTY TARN_RUNNERS ${target})
   list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
   file(GENERATE OUTPUT ${runner} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:${target}> \"$@\"\n"
        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
-  set(${result} ${runner} PARENT_SCOPE)
 endfunction()
 
 # One test program of GoogleTest cases: tarn_test(NAME name SOURCES ... LIBRARIES ... [TIMEOUT seconds]).

@@ -224,8 +224,10 @@ void check_numbers(const std::string& text)
 {
     check_integer<int>(text);
     check_integer<long>(text);
+    check_integer<long long>(text);
     check_integer<unsigned int>(text);
     check_integer<unsigned long>(text);
+    check_integer<unsigned long long>(text);
     check_integer<signed char>(text);
     check_floating_point<float>(text);
     check_floating_point<double>(text);
