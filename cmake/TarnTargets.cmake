@@ -6,10 +6,24 @@ if(TARN_CCACHE AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${TARN_CCACHE})
 endif()
 
+# Some 32-bit processors have no instruction for it, and GCC's library has the function.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("#include <atomic>
+                           #include <cstdint>
+                           std::atomic<std::uint64_t> number{0};
+                           int main() { return static_cast<int>(number.fetch_add(1)); }" TARN_HAS_64_BIT_ATOMICS)
+
 # Options for our own code; generated code is compiled without the warnings.
 function(tarn_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   tarn_instrument(${target})
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    # Files of more than 2 GiB, and times after January 2038. No public header has a type that this changes.
+    target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  endif()
+  if(NOT TARN_HAS_64_BIT_ATOMICS)
+    target_link_libraries(${target} PRIVATE atomic)
+  endif()
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
                                            -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
                                            -Wformat=2)
@@ -70,6 +84,24 @@ function(tarn_program name)
   add_executable(${name} ${ARGN})
   tarn_compile_options(${name})
   target_link_libraries(${name} PRIVATE tarn::tarn)
+endfunction()
+
+# Sets `result` to what a script runs as the program of `target`: the emulator with it, if this machine can't run it.
+function(tarn_runnable result target)
+  if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
+    set(${result} $<TARGET_FILE:${target}> PARENT_SCOPE)
+    return()
+  endif()
+  set(runner ${PROJECT_BINARY_DIR}/run/${target})
+  set(${result} ${runner} PARENT_SCOPE)
+  get_property(runners GLOBAL PROPERTY TARN_RUNNERS)
+  if(target IN_LIST runners)
+    return()
+  endif()
+  set_property(GLOBAL APPEND PROPERTY TARN_RUNNERS ${target})
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+  file(GENERATE OUTPUT ${runner} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:${target}> \"$@\"\n"
+       FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 endfunction()
 
 # One test program of GoogleTest cases: tarn_test(NAME name SOURCES ... LIBRARIES ... [TIMEOUT seconds]).

@@ -4,11 +4,14 @@
 
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "fuzz/input.h"
@@ -23,7 +26,6 @@ namespace {
 using slate::Duration;
 using tarn_fuzz::Input;
 using tarn_fuzz::require;
-__extension__ typedef __int128 Wide;
 
 constexpr std::string_view letters_and_digits =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
@@ -75,13 +77,29 @@ void check_parsed_duration(const std::string& text)
     require(false, "a unit that exists", text);
 }
 
-std::int64_t saturated(Wide value)
+constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+
+std::int64_t saturated_sum(std::int64_t a, std::int64_t b)
 {
-    if (value > std::numeric_limits<std::int64_t>::max())
-        return std::numeric_limits<std::int64_t>::max();
-    if (value < std::numeric_limits<std::int64_t>::min())
-        return std::numeric_limits<std::int64_t>::min();
-    return static_cast<std::int64_t>(value);
+    if (b > 0 && a > most - b)
+        return most;
+    return b < 0 && a < least - b ? least : a + b;
+}
+
+std::int64_t saturated_difference(std::int64_t a, std::int64_t b)
+{
+    if (b < 0 && a > most + b)
+        return most;
+    return b > 0 && a < least + b ? least : a - b;
+}
+
+/// `factor` is positive.
+std::int64_t saturated_product(std::int64_t number, std::int64_t factor)
+{
+    if (number > most / factor)
+        return most;
+    return number < least / factor ? least : number * factor;
 }
 
 void check_arithmetic(Input& input)
@@ -92,11 +110,12 @@ void check_arithmetic(Input& input)
     const Duration second = std::chrono::nanoseconds(b);
     check_round_trip(first);
     check_round_trip(second);
-    require((first + second).to_nanoseconds() == saturated(Wide{a} + b), "sums saturate");
-    require((first - second).to_nanoseconds() == saturated(Wide{a} - b), "differences saturate");
+    require((first + second).to_nanoseconds() == saturated_sum(a, b), "sums saturate");
+    require((first - second).to_nanoseconds() == saturated_difference(a, b), "differences saturate");
     require((first < second) == (a < b) && (first == second) == (a == b), "the order is that of the numbers");
-    require(slate::Milliseconds(a).to_nanoseconds() == saturated(Wide{a} * 1000000), "milliseconds saturate");
-    require(slate::Seconds(a).to_nanoseconds() == saturated(Wide{a} * 1000000000), "seconds saturate");
+    require(slate::Milliseconds(a).to_nanoseconds() == saturated_product(a, 1000000),
+            "milliseconds saturate");
+    require(slate::Seconds(a).to_nanoseconds() == saturated_product(a, 1000000000), "seconds saturate");
     require(first.to_milliseconds() == a / 1000000, "milliseconds are cut");
     const Duration fraction = slate::Seconds(static_cast<double>(a) / 1e9);
     require(std::fabs(static_cast<double>(fraction.to_nanoseconds()) - static_cast<double>(a)) <=
@@ -162,17 +181,17 @@ void check_percent(const std::string& text)
 template <class T>
 void check_integer(const std::string& text)
 {
-    // Forty digits fit no type, and 128 bits hold any number of fewer.
     const bool has_sign = !text.empty() && (text[0] == '-' || text[0] == '+') && std::is_signed_v<T>;
     const std::string digits = text.substr(has_sign ? 1 : 0);
-    const auto significant = digits.substr(std::min(digits.find_first_not_of('0'), digits.size()));
-    bool valid = !digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos &&
-                 significant.size() < 25;
-    Wide value = 0;
-    for (std::size_t i = 0; valid && i < significant.size(); ++i)
-        value = value * 10 + (significant[i] - '0');
-    value = has_sign && text[0] == '-' ? -value : value;
-    valid = valid && value >= std::numeric_limits<T>::min() && value <= std::numeric_limits<T>::max();
+    bool valid = !digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos;
+    std::conditional_t<std::is_signed_v<T>, long long, unsigned long long> value = 0;
+    errno = 0;
+    if constexpr (std::is_signed_v<T>)
+        value = std::strtoll(text.c_str(), nullptr, 10);
+    else
+        value = std::strtoull(text.c_str(), nullptr, 10);
+    valid = valid && errno == 0 && value >= std::numeric_limits<T>::min() &&
+            value <= std::numeric_limits<T>::max();
 
     T parsed = 42;
     require(slate::try_parse(text, &parsed) == valid, "exactly the numbers in range are read", text);
@@ -205,8 +224,10 @@ void check_numbers(const std::string& text)
 {
     check_integer<int>(text);
     check_integer<long>(text);
+    check_integer<long long>(text);
     check_integer<unsigned int>(text);
     check_integer<unsigned long>(text);
+    check_integer<unsigned long long>(text);
     check_integer<signed char>(text);
     check_floating_point<float>(text);
     check_floating_point<double>(text);

@@ -7,10 +7,10 @@
 #include <limits>
 #include <memory>
 
+#include "slate/multiply_divide.h"
+
 namespace slate {
 namespace {
-__extension__ typedef unsigned __int128 Wide;
-
 constexpr unsigned long nanoseconds_per_second = 1'000'000'000;
 
 // Where a long has 32 bits, nanoseconds would wrap around after four seconds.
@@ -52,7 +52,9 @@ Duration clock_ticks_to_duration(unsigned long ticks, unsigned long frequency)
         return {};
 
     constexpr auto most = std::numeric_limits<std::int64_t>::max();
-    const Wide nanoseconds = static_cast<Wide>(ticks) * nanoseconds_per_second / frequency;
-    return std::chrono::nanoseconds(nanoseconds > Wide{most} ? most : static_cast<std::int64_t>(nanoseconds));
+    const auto nanoseconds = internal::multiply_divide(ticks, nanoseconds_per_second, frequency);
+    if (!nanoseconds || nanoseconds->quotient > std::uint64_t{most})
+        return std::chrono::nanoseconds(most);
+    return std::chrono::nanoseconds(static_cast<std::int64_t>(nanoseconds->quotient));
 }
 } // namespace slate

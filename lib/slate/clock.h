@@ -16,7 +16,8 @@ public:
 
     // Programs are linked against the order of these functions: add new ones at the end.
 
-    /// Ticks since the clock was made.
+    /// Ticks since the clock was made. Where a long has 32 bits, they begin at 0 again after 49 days; the
+    /// difference of two readings is right as long as it is shorter than that.
     virtual unsigned long ticks() const = 0;
     /// Ticks per second.
     virtual unsigned long frequency() const = 0;

@@ -7,15 +7,14 @@
 #include <cstddef>
 #include <numeric>
 
+#include "slate/multiply_divide.h"
 #include "slate/strings.h"
 
 namespace slate {
 namespace {
-// Wide enough for every product below, so that a single check of the range at the end is enough.
-__extension__ typedef __int128 Wide;
-
 constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+constexpr std::uint64_t least_magnitude = std::uint64_t{most} + 1;
 
 struct Unit {
     std::string_view name;
@@ -43,44 +42,89 @@ bool is_digit(char c)
     return c >= '0' && c <= '9';
 }
 
-std::int64_t saturate(Wide nanoseconds)
+std::uint64_t magnitude_of(std::int64_t number)
 {
-    return static_cast<std::int64_t>(std::clamp(nanoseconds, Wide{least}, Wide{most}));
+    return number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
 }
 
-Duration make_saturated(Wide nanoseconds)
+/// The greatest magnitude that a number of this sign may have.
+constexpr std::uint64_t greatest_magnitude(bool negative)
 {
-    return std::chrono::nanoseconds(saturate(nanoseconds));
+    return negative ? least_magnitude : std::uint64_t{most};
 }
 
-/// The nearest whole number; halves go away from zero.
-Wide divide_rounded(Wide dividend, Wide divisor)
+/// The number of this sign and magnitude, which is not beyond greatest_magnitude().
+std::int64_t with_sign(bool negative, std::uint64_t magnitude)
 {
-    const Wide half = divisor / 2;
-    return (dividend < 0 ? dividend - half : dividend + half) / divisor;
+    return static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude);
 }
 
-/// The nanoseconds in `ticks` ticks of numerator / denominator seconds each, saturated.
-std::int64_t ticks_to_nanoseconds(Wide ticks, std::intmax_t numerator, std::intmax_t denominator)
+std::int64_t end_of_range(bool negative)
 {
+    return negative ? least : most;
+}
+
+std::int64_t add_saturated(std::int64_t a, std::int64_t b)
+{
+    std::int64_t sum = 0;
+    return __builtin_add_overflow(a, b, &sum) ? end_of_range(b < 0) : sum;
+}
+
+std::int64_t subtract_saturated(std::int64_t a, std::int64_t b)
+{
+    std::int64_t difference = 0;
+    return __builtin_sub_overflow(a, b, &difference) ? end_of_range(b >= 0) : difference;
+}
+
+/// `factor` is not negative.
+std::int64_t multiply_saturated(std::int64_t number, std::int64_t factor)
+{
+    std::int64_t product = 0;
+    return __builtin_mul_overflow(number, factor, &product) ? end_of_range(number < 0) : product;
+}
+
+/// The nanoseconds in `ticks` ticks of numerator / denominator seconds each, rounded and saturated.
+std::int64_t ticks_to_nanoseconds(bool negative, std::uint64_t ticks, std::uint64_t numerator,
+                                  std::uint64_t denominator)
+{
+    constexpr auto per_second = static_cast<std::uint64_t>(second.nanoseconds);
+    std::uint64_t factor = 0;
+    // Each tick is a whole number of nanoseconds, as nearly always.
+    if (per_second % denominator == 0 &&
+        !__builtin_mul_overflow(numerator, per_second / denominator, &factor)) {
+        std::uint64_t product = 0;
+        const bool beyond =
+            __builtin_mul_overflow(ticks, factor, &product) || product > greatest_magnitude(negative);
+        return beyond ? end_of_range(negative) : with_sign(negative, product);
+    }
+
     // Whole seconds and the rest apart, as their sum in nanoseconds may need more than 128 bits.
-    constexpr Wide beyond_range = Wide{most} / second.nanoseconds + 1;
-    const Wide product = ticks * numerator;
-    const Wide seconds = std::clamp(product / denominator, -beyond_range, beyond_range);
-    const Wide rest = divide_rounded(product % denominator * second.nanoseconds, denominator);
-    return saturate(seconds * second.nanoseconds + rest);
+    const auto seconds = internal::multiply_divide(ticks, numerator, denominator);
+    if (!seconds || seconds->quotient > least_magnitude / per_second)
+        return end_of_range(negative);
+    // Less than a second, as the remainder is less than the denominator.
+    const auto rest = *internal::multiply_divide(seconds->remainder, per_second, denominator);
+    const std::uint64_t rounded = rest.quotient + (rest.remainder >= denominator - rest.remainder ? 1 : 0);
+    const std::uint64_t magnitude = seconds->quotient * per_second + rounded;
+    return magnitude > greatest_magnitude(negative) ? end_of_range(negative) : with_sign(negative, magnitude);
 }
 
-Unit unit_for(Wide magnitude)
+/// The nanoseconds of a unit, which are never negative.
+constexpr std::uint64_t size_of(const Unit& unit)
+{
+    return static_cast<std::uint64_t>(unit.nanoseconds);
+}
+
+Unit unit_for(std::uint64_t magnitude)
 {
     if (magnitude == 0)
         return second;
     for (const Unit& unit : {hour, minute}) {
-        if (magnitude % unit.nanoseconds == 0)
+        if (magnitude % size_of(unit) == 0)
             return unit;
     }
     for (const Unit& unit : {second, millisecond, microsecond}) {
-        if (magnitude >= unit.nanoseconds)
+        if (magnitude >= size_of(unit))
             return unit;
     }
     return nanosecond;
@@ -88,15 +132,15 @@ Unit unit_for(Wide magnitude)
 
 /// Rounds to `digits` decimals of the value's unit: halves away from zero, or toward zero if `limit` is
 /// exceeded.
-Wide round_magnitude(Wide magnitude, Wide limit, unsigned int digits)
+std::uint64_t round_magnitude(std::uint64_t magnitude, std::uint64_t limit, unsigned int digits)
 {
-    Wide quantum = unit_for(magnitude).nanoseconds;
+    std::uint64_t quantum = size_of(unit_for(magnitude));
     for (; digits > 0 && quantum > 1; --digits)
         quantum /= 10;
     if (quantum <= 1 || magnitude % quantum == 0)
         return magnitude;
 
-    const Wide rounded = (magnitude + quantum / 2) / quantum * quantum;
+    const std::uint64_t rounded = (magnitude + quantum / 2) / quantum * quantum;
     return rounded <= limit ? rounded : rounded - quantum;
 }
 
@@ -121,36 +165,36 @@ std::string_view take_digits(std::string_view& text)
 }
 
 /// The number that the digits stand for, unless it is too large for any duration.
-std::optional<Wide> number_from(std::string_view digits)
+std::optional<std::uint64_t> number_from(std::string_view digits)
 {
-    Wide number = 0;
+    std::uint64_t number = 0;
     for (const char digit : digits) {
-        number = number * 10 + (digit - '0');
-        if (number > -Wide{least})
+        if (number > least_magnitude / 10) // the next digit could overflow
             return std::nullopt;
+        number = number * 10 + static_cast<std::uint64_t>(digit - '0');
     }
-    return number;
+    return number <= least_magnitude ? std::optional(number) : std::nullopt;
 }
 
 /// The nanoseconds in a decimal fraction of a unit, if that is a whole number of them.
-std::optional<Wide> fraction_from(std::string_view digits, const Unit& unit)
+std::optional<std::uint64_t> fraction_from(std::string_view digits, const Unit& unit)
 {
     while (!digits.empty() && digits.back() == '0')
         digits.remove_suffix(1);
     if (digits.size() > max_decimals)
         return std::nullopt;
 
-    Wide scale = 1;
+    std::uint64_t scale = 1;
     for (std::size_t i = 0; i < digits.size(); ++i)
         scale *= 10;
-    const Wide product = *number_from(digits) * unit.nanoseconds;
-    if (product % scale != 0)
+    const auto nanoseconds = internal::multiply_divide(*number_from(digits), size_of(unit), scale);
+    if (nanoseconds->remainder != 0)
         return std::nullopt;
-    return product / scale;
+    return nanoseconds->quotient;
 }
 
-/// The nanoseconds that a text such as "-3.5s" stands for.
-std::optional<Wide> nanoseconds_from(std::string_view text)
+/// The nanoseconds that a text such as "-3.5s" stands for, unless they are out of range.
+std::optional<std::int64_t> nanoseconds_from(std::string_view text)
 {
     const bool negative = starts_with(text, "-");
     if (negative || starts_with(text, "+"))
@@ -177,8 +221,11 @@ std::optional<Wide> nanoseconds_from(std::string_view text)
     if (!whole || !fraction)
         return std::nullopt;
 
-    const Wide magnitude = *whole * unit->nanoseconds + *fraction;
-    return negative ? -magnitude : magnitude;
+    std::uint64_t magnitude = 0;
+    if (__builtin_mul_overflow(*whole, size_of(*unit), &magnitude) ||
+        __builtin_add_overflow(magnitude, *fraction, &magnitude) || magnitude > greatest_magnitude(negative))
+        return std::nullopt;
+    return with_sign(negative, magnitude);
 }
 } // namespace
 
@@ -206,14 +253,14 @@ std::string Duration::to_string(unsigned char digits) const
     if (is_positive_infinity())
         return std::string(infinity_text);
 
-    Wide magnitude = nanoseconds_ < 0 ? -Wide{nanoseconds_} : Wide{nanoseconds_};
+    std::uint64_t magnitude = magnitude_of(nanoseconds_);
     if (digits != 0)
-        magnitude = round_magnitude(magnitude, nanoseconds_ < 0 ? -Wide{least} : Wide{most}, digits);
+        magnitude = round_magnitude(magnitude, greatest_magnitude(nanoseconds_ < 0), digits);
 
     // Rounding may have reached the next unit.
     const Unit unit = unit_for(magnitude);
-    const auto whole = static_cast<std::uint64_t>(magnitude / unit.nanoseconds);
-    const auto rest = static_cast<std::int64_t>(magnitude % unit.nanoseconds);
+    const std::uint64_t whole = magnitude / size_of(unit);
+    const auto rest = static_cast<std::int64_t>(magnitude % size_of(unit));
 
     std::string text = nanoseconds_ < 0 ? "-" : "";
     text += std::to_string(whole);
@@ -231,9 +278,9 @@ std::optional<Duration> Duration::parse(std::string_view text)
         return Duration();
 
     const auto nanoseconds = nanoseconds_from(text);
-    if (!nanoseconds || *nanoseconds != saturate(*nanoseconds))
+    if (!nanoseconds)
         return std::nullopt;
-    return make_saturated(*nanoseconds);
+    return finite(*nanoseconds);
 }
 
 Duration Duration::from(std::string_view text, const Duration& dflt)
@@ -241,17 +288,23 @@ Duration Duration::from(std::string_view text, const Duration& dflt)
     return parse(text).value_or(dflt);
 }
 
-Duration Duration::from_ticks(std::int64_t count, std::intmax_t numerator, std::intmax_t denominator)
+Duration Duration::finite(std::int64_t nanoseconds)
 {
     Duration result;
     result.state_ = State::Finite;
-    result.nanoseconds_ = ticks_to_nanoseconds(count, numerator, denominator);
+    result.nanoseconds_ = nanoseconds;
     return result;
+}
+
+Duration Duration::from_ticks(std::int64_t count, std::intmax_t numerator, std::intmax_t denominator)
+{
+    return finite(ticks_to_nanoseconds(count < 0, magnitude_of(count), magnitude_of(numerator),
+                                       magnitude_of(denominator)));
 }
 
 Duration Duration::from_ticks(std::uint64_t count, std::intmax_t numerator, std::intmax_t denominator)
 {
-    return make_saturated(ticks_to_nanoseconds(count, numerator, denominator));
+    return finite(ticks_to_nanoseconds(false, count, magnitude_of(numerator), magnitude_of(denominator)));
 }
 
 Duration Duration::from_ticks(long double count, std::intmax_t numerator, std::intmax_t denominator)
@@ -270,10 +323,10 @@ Duration Duration::from_ticks(long double count, std::intmax_t numerator, std::i
 
     constexpr auto end = -static_cast<long double>(least); // one beyond the range, and exact in any format
     if (nanoseconds >= end)
-        return make_saturated(most);
+        return finite(most);
     if (nanoseconds < -end)
-        return make_saturated(least);
-    return make_saturated(static_cast<std::int64_t>(nanoseconds));
+        return finite(least);
+    return finite(static_cast<std::int64_t>(nanoseconds));
 }
 
 Duration& Duration::operator+=(const Duration& other)
@@ -283,7 +336,7 @@ Duration& Duration::operator+=(const Duration& other)
     else if (is_positive_infinity() || other.is_positive_infinity())
         *this = positive_infinity();
     else
-        nanoseconds_ = saturate(Wide{nanoseconds_} + other.nanoseconds_);
+        nanoseconds_ = add_saturated(nanoseconds_, other.nanoseconds_);
     return *this;
 }
 
@@ -295,33 +348,33 @@ Duration& Duration::operator-=(const Duration& other)
     else if (other.is_positive_infinity())
         nanoseconds_ = least; // there is no negative infinity
     else if (!is_positive_infinity())
-        nanoseconds_ = saturate(Wide{nanoseconds_} - other.nanoseconds_);
+        nanoseconds_ = subtract_saturated(nanoseconds_, other.nanoseconds_);
     return *this;
 }
 
 Duration Nanoseconds(long count)
 {
-    return make_saturated(count);
+    return Duration::finite(count);
 }
 
 Duration Microseconds(long count)
 {
-    return make_saturated(Wide{count} * 1'000);
+    return Duration::finite(multiply_saturated(count, microsecond.nanoseconds));
 }
 
 Duration Milliseconds(long count)
 {
-    return make_saturated(Wide{count} * 1'000'000);
+    return Duration::finite(multiply_saturated(count, millisecond.nanoseconds));
 }
 
 Duration Seconds(long count)
 {
-    return make_saturated(Wide{count} * second.nanoseconds);
+    return Duration::finite(multiply_saturated(count, second.nanoseconds));
 }
 
 Duration Minutes(int count)
 {
-    return make_saturated(Wide{count} * minute.nanoseconds);
+    return Duration::finite(multiply_saturated(count, minute.nanoseconds));
 }
 
 StopWatch::StopWatch(bool running) : running_(running)

@@ -98,6 +98,14 @@ private:
         std::conditional_t<std::is_floating_point_v<Count>, long double,
                            std::conditional_t<std::is_signed_v<Count>, std::int64_t, std::uint64_t>>;
 
+    friend Duration Nanoseconds(long count);
+    friend Duration Microseconds(long count);
+    friend Duration Milliseconds(long count);
+    friend Duration Seconds(long count);
+    friend Duration Minutes(int count);
+
+    static Duration finite(std::int64_t nanoseconds);
+
     // Ticks of numerator / denominator seconds each.
     static Duration from_ticks(std::int64_t count, std::intmax_t numerator, std::intmax_t denominator);
     static Duration from_ticks(std::uint64_t count, std::intmax_t numerator, std::intmax_t denominator);

@@ -106,8 +106,8 @@ std::shared_ptr<LogSink> make_callback_sink(std::function<void(const LogRecord&)
 /// still reach a previous sink after it returns.
 std::vector<std::shared_ptr<LogSink>> set_log_sinks(std::vector<std::shared_ptr<LogSink>> sinks);
 
-/// How many bytes of a line's text reach the sinks. What is longer is cut, and ends in "… (N bytes)", N being its
-/// length: much of what is logged comes from other processes.
+/// How many bytes of a line's text reach the sinks. What is longer is cut, and ends in "… (N bytes)", N being
+/// its length: much of what is logged comes from other processes.
 inline constexpr std::size_t max_log_text = 8192;
 
 /// Logs a line at a level given as an argument. `provider` may be null. Any thread may call it. It never

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "slate/clock.h"
+#include "tarn/internal/utils/running_time.h"
 #include "tarn/proto/stats.pb.h"
 
 namespace tarn {
@@ -22,7 +23,7 @@ class RelayStatsRoute : public Route {
 public:
     explicit RelayStatsRoute(std::shared_ptr<const slate::Clock> clock)
         : Route("relay/stats", "get", {"/relay", "/relay/stats", "/stats"}, Access::Public),
-          clock_(std::move(clock))
+          time_(std::move(clock))
     {
     }
 
@@ -112,12 +113,9 @@ private:
         senders_.pop_back();
     }
 
-    slate::Duration now() const
-    {
-        return slate::clock_ticks_to_duration(clock_->ticks(), clock_->frequency());
-    }
+    slate::Duration now() const { return time_.now(); }
 
-    const std::shared_ptr<const slate::Clock> clock_;
+    const tarn_internal::RunningTime time_;
     mutable std::mutex mutex_;  // guards the two below: a route may be added to several servers
     std::list<Sender> senders_; // most recently heard first
     std::unordered_map<std::string, std::list<Sender>::iterator> by_tag_;

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <thread>
 
@@ -455,8 +456,9 @@ protected:
 
     struct SetClock : slate::Clock {
         unsigned long ticks() const override { return ticks_; }
-        unsigned long frequency() const override { return 1; }
+        unsigned long frequency() const override { return frequency_; }
         unsigned long ticks_ = 0;
+        unsigned long frequency_ = 1;
     };
 
     std::shared_ptr<SetClock> clock = std::make_shared<SetClock>();
@@ -540,6 +542,22 @@ TEST_F(RelayStatistics, KeepOnlyThePidAndTheTagOfASender)
     kept.set_pid(4711);
     kept.set_tag("a");
     EXPECT_EQ(stats.stat(0).id().SerializeAsString(), kept.SerializeAsString());
+}
+
+TEST_F(RelayStatistics, KnowHowOldASenderIsWhereTheTicksBeginAgain)
+{
+    const unsigned long per_second = std::numeric_limits<unsigned long>::max() / 64 + 1;
+    clock->frequency_ = per_second;
+    clock->ticks_ = 63 * per_second;
+    count("a");
+    clock->ticks_ = 4 * per_second; // five seconds later
+
+    const auto stats = ask("/relay/stats").into<Stats>();
+
+    ASSERT_EQ(stats.stat_size(), 1);
+    const auto age = slate::Duration::from(stats.stat(0).age(), {});
+    EXPECT_GT(age, slate::Milliseconds(4999));
+    EXPECT_LT(age, slate::Milliseconds(5001));
 }
 
 TEST_F(RelayStatistics, ForgetASenderAfterFifteenMinutesOfSilence)

@@ -175,5 +175,8 @@ TEST(APollTime, IsNeverNegativeUnlessItIsForEver)
     EXPECT_EQ(poll_milliseconds(slate::Milliseconds(0)), 0);
     EXPECT_EQ(poll_milliseconds(slate::Milliseconds(-1)), 0);
     EXPECT_EQ(poll_milliseconds(slate::Duration()), 0);
+    // Both are more than 32 bits hold.
+    EXPECT_GE(poll_milliseconds(slate::Milliseconds(std::int64_t{1} << 32)), INT32_MAX);
+    EXPECT_GE(poll_milliseconds(slate::Duration(std::chrono::nanoseconds::max())), INT32_MAX);
 }
 } // namespace

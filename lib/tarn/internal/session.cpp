@@ -41,7 +41,7 @@ TemporaryPath::TemporaryPath(const std::filesystem::path& destination)
 
 struct TransferBuffer::File {
     slate::Descriptor descriptor;
-    std::size_t size = 0;
+    std::uint64_t size = 0;
 };
 
 TransferBuffer::TransferBuffer(TemporaryPath temporary_path) : path(std::move(temporary_path))
@@ -104,7 +104,7 @@ void TransferBuffer::make_file() const
     file_ = std::make_shared<File>(File{std::move(made)});
 }
 
-std::size_t TransferBuffer::size() const
+std::uint64_t TransferBuffer::size() const
 {
     return data.size() + (file_ ? file_->size : 0);
 }
@@ -117,7 +117,9 @@ void TransferBuffer::read(std::string* out) const
         return;
     }
     flush();
-    out->resize(file_->size);
+    if (file_->size > out->max_size())
+        throw tarn::Exception(slate::trace_error(SLATE_HERE, "read failed, too large: ", path.path.string()));
+    out->resize(static_cast<std::size_t>(file_->size));
     for (std::size_t done = 0; done < out->size();) {
         const ssize_t count = slate::retry_interrupted([&] {
             return pread(file_->descriptor.get(), out->data() + done, out->size() - done,

@@ -16,6 +16,7 @@
 #include "slate/clock.h"
 #include "slate/duration.h"
 #include "slate/log.h"
+#include "tarn/internal/utils/running_time.h"
 
 namespace slate {
 class Provider;
@@ -51,10 +52,10 @@ struct TransferBuffer {
 
     /// Appends `data` to the file and empties it. Throws Exception if the file can't be made or written.
     void flush() const;
-    /// How much it holds, in the file and in memory.
-    std::size_t size() const;
+    /// How much it holds, in the file and in memory: more than memory could, where an address has 32 bits.
+    std::uint64_t size() const;
     /// Moves all data out; data that was never in a file isn't copied. Throws Exception if the file can't be
-    /// read.
+    /// read, or is larger than a string can be.
     void read(std::string* out) const;
 
     /// Reserved in full at first, which costs only address space until memory is written.
@@ -110,7 +111,7 @@ public:
     };
     using Handle = std::shared_ptr<Entry>;
 
-    explicit SessionList(std::shared_ptr<slate::Clock> clock) : clock_(std::move(clock)) {}
+    explicit SessionList(std::shared_ptr<slate::Clock> clock) : time_(std::move(clock)) {}
 
     /// The first session of that id, or null.
     Handle find(const std::string& id) const
@@ -186,10 +187,7 @@ public:
     }
 
     /// The time on the clock by which sessions expire.
-    slate::Duration now() const
-    {
-        return slate::clock_ticks_to_duration(clock_->ticks(), clock_->frequency());
-    }
+    slate::Duration now() const { return time_.now(); }
 
     std::size_t size() const
     {
@@ -216,6 +214,6 @@ private:
 
     mutable std::mutex mutex_; // guards sessions_, and the expiry of each
     std::list<Handle> sessions_;
-    const std::shared_ptr<slate::Clock> clock_;
+    const RunningTime time_;
 };
 } // namespace tarn_internal

@@ -54,8 +54,10 @@ void BasicRoute<T>::write(Context& context)
 template class BasicRoute<bool>;
 template class BasicRoute<int>;
 template class BasicRoute<long>;
+template class BasicRoute<long long>; // one of the two is std::int64_t
 template class BasicRoute<unsigned int>;
 template class BasicRoute<unsigned long>;
+template class BasicRoute<unsigned long long>;
 template class BasicRoute<float>;
 template class BasicRoute<double>;
 template class BasicRoute<std::string>;
@@ -77,11 +79,12 @@ std::shared_ptr<Route> make_int32_route(const std::string& name, const std::stri
 }
 
 std::shared_ptr<Route> make_int64_route(const std::string& name, const std::string& methods,
-                                        const RoutePattern& pattern, const ValueGetter<long>& getter,
-                                        const ValueSetter<long>& setter, const ValueDeleter& deleter,
+                                        const RoutePattern& pattern, const ValueGetter<std::int64_t>& getter,
+                                        const ValueSetter<std::int64_t>& setter, const ValueDeleter& deleter,
                                         Access access)
 {
-    return std::make_shared<BasicRoute<long>>(name, methods, pattern, getter, setter, deleter, access);
+    return std::make_shared<BasicRoute<std::int64_t>>(name, methods, pattern, getter, setter, deleter,
+                                                      access);
 }
 
 std::shared_ptr<Route> make_uint32_route(const std::string& name, const std::string& methods,
@@ -95,11 +98,11 @@ std::shared_ptr<Route> make_uint32_route(const std::string& name, const std::str
 
 std::shared_ptr<Route> make_uint64_route(const std::string& name, const std::string& methods,
                                          const RoutePattern& pattern,
-                                         const ValueGetter<unsigned long>& getter,
-                                         const ValueSetter<unsigned long>& setter,
+                                         const ValueGetter<std::uint64_t>& getter,
+                                         const ValueSetter<std::uint64_t>& setter,
                                          const ValueDeleter& deleter, Access access)
 {
-    return std::make_shared<BasicRoute<unsigned long>>(name, methods, pattern, getter, setter, deleter,
+    return std::make_shared<BasicRoute<std::uint64_t>>(name, methods, pattern, getter, setter, deleter,
                                                        access);
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,7 +22,8 @@ using ValueDeleter = std::function<void(Context&)>;
 /// function may be empty if the route never needs it; otherwise its call throws std::bad_function_call. The
 /// functions run like handlers of Route: one at a time, but beside the application's threads.
 ///
-/// It is instantiated for the eight types of the functions below.
+/// It is instantiated for the types of the functions below, and for `long` and `long long` with and without
+/// sign, of which std::int64_t and std::uint64_t are one or the other.
 template <class T>
 class BasicRoute : public Route {
 public:
@@ -58,8 +60,8 @@ private:
                                                       Access access = Access::Public);
 [[nodiscard]] std::shared_ptr<Route> make_int64_route(const std::string& name, const std::string& methods,
                                                       const RoutePattern& pattern,
-                                                      const ValueGetter<long>& getter,
-                                                      const ValueSetter<long>& setter = {},
+                                                      const ValueGetter<std::int64_t>& getter,
+                                                      const ValueSetter<std::int64_t>& setter = {},
                                                       const ValueDeleter& deleter = {},
                                                       Access access = Access::Public);
 [[nodiscard]] std::shared_ptr<Route> make_uint32_route(const std::string& name, const std::string& methods,
@@ -70,8 +72,8 @@ private:
                                                        Access access = Access::Public);
 [[nodiscard]] std::shared_ptr<Route> make_uint64_route(const std::string& name, const std::string& methods,
                                                        const RoutePattern& pattern,
-                                                       const ValueGetter<unsigned long>& getter,
-                                                       const ValueSetter<unsigned long>& setter = {},
+                                                       const ValueGetter<std::uint64_t>& getter,
+                                                       const ValueSetter<std::uint64_t>& setter = {},
                                                        const ValueDeleter& deleter = {},
                                                        Access access = Access::Public);
 [[nodiscard]] std::shared_ptr<Route> make_float_route(const std::string& name, const std::string& methods,

@@ -81,7 +81,7 @@ TEST(Dictionary, StoresTheDecimalTextOfANumber)
 
     dictionary->set("long", -42L);
     dictionary->set("int", 7);
-    dictionary->set("unsigned", std::numeric_limits<unsigned long>::max());
+    dictionary->set("unsigned", std::numeric_limits<std::uint64_t>::max());
     dictionary->set("short", static_cast<short>(-3));
     dictionary->set("byte", static_cast<unsigned char>(200));
     dictionary->set("long long", std::numeric_limits<long long>::min());

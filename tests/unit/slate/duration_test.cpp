@@ -90,15 +90,17 @@ TEST(Duration, IsMadeFromWholeUnits)
 
 TEST(Duration, SaturatesWhenItIsMade)
 {
-    constexpr auto longest_count = std::numeric_limits<long>::max();
-    constexpr auto least_count = std::numeric_limits<long>::min();
+    constexpr auto longest_count = most;
+    constexpr auto least_count = least;
 
+    // The functions for a long saturate where it has 64 bits, and else the templates for larger integers do.
     for (const auto& made :
          {Microseconds(longest_count), Milliseconds(longest_count), Seconds(longest_count)})
         EXPECT_EQ(made, longest);
     for (const auto& made : {Microseconds(least_count), Milliseconds(least_count), Seconds(least_count)})
         EXPECT_EQ(made, shortest);
     EXPECT_EQ(Nanoseconds(longest_count), longest);
+    EXPECT_EQ(Nanoseconds(least_count), shortest);
     EXPECT_EQ(Minutes(std::numeric_limits<int>::max()), longest);
     EXPECT_EQ(Minutes(std::numeric_limits<int>::min()), shortest);
 }
@@ -172,7 +174,7 @@ TEST(Duration, IsMadeFromIntegersOfAnyType)
     EXPECT_EQ(Minutes(3'000'000'000u), longest);
     EXPECT_EQ(Minutes(90u), Seconds(5400));
     EXPECT_EQ(Seconds(std::numeric_limits<unsigned long long>::max()), longest);
-    EXPECT_EQ(Nanoseconds(std::numeric_limits<unsigned long>::max()), longest);
+    EXPECT_EQ(Nanoseconds(std::numeric_limits<std::uint64_t>::max()), longest);
     EXPECT_EQ(Milliseconds(5ull), Milliseconds(5));
 }
 

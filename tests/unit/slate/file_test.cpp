@@ -7,6 +7,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -287,6 +290,29 @@ TEST_F(Slurp, RefusesAMissingFileAndADirectory)
     expect_error(path_, ENOENT, [&] { content(path_); });
     expect_error(scratch_.path(), EISDIR, [&] { content(scratch_.path()); });
     expect_error("", ENOENT, [&] { content(""); });
+}
+
+TEST_F(PowersafeWrite, ReplacesAFileWhoseSizeOrTimeNeedsMoreThan32Bits)
+{
+    put(path_, "old");
+    ASSERT_EQ(truncate(path_.c_str(), off_t{5} << 30), 0)
+        << std::strerror(errno); // takes no room on the disk
+    const timespec in_2040 = {std::time_t{2'208'988'800}, 0};
+    const timespec times[] = {in_2040, in_2040};
+    ASSERT_EQ(utimensat(AT_FDCWD, path_.c_str(), times, 0), 0) << std::strerror(errno);
+
+    write(path_, "new");
+
+    EXPECT_EQ(content(path_), "new");
+}
+
+TEST_F(PowersafeWrite, WritesAFileOfMoreThanTwoGibibytes)
+{
+    constexpr std::streamoff hole = (std::streamoff{2} << 30) + 1;
+
+    slate::powersafe_write(path_, [&](std::ofstream& out) { out.seekp(hole) << "end"; });
+
+    EXPECT_EQ(fs::file_size(path_), static_cast<std::uintmax_t>(hole) + 3);
 }
 
 TEST_F(PowersafeWrite, MakesAFileWithTheUsualMode)

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <limits>
 #include <list>
@@ -271,8 +272,11 @@ TEST(ToString, WritesWholeNumbersInDecimal)
     EXPECT_EQ(slate::to_string(-1234567), "-1234567");
     EXPECT_EQ(slate::to_string(std::numeric_limits<int>::min()), "-2147483648");
     EXPECT_EQ(slate::to_string(4294967295u), "4294967295");
-    EXPECT_EQ(slate::to_string(std::numeric_limits<long>::min()), "-9223372036854775808");
-    EXPECT_EQ(slate::to_string(std::numeric_limits<unsigned long>::max()), "18446744073709551615");
+    EXPECT_EQ(slate::to_string(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808");
+    EXPECT_EQ(slate::to_string(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
+    // Where one of these is std::int64_t, the other isn't.
+    EXPECT_EQ(slate::to_string(-1L), "-1");
+    EXPECT_EQ(slate::to_string(1UL), "1");
     EXPECT_EQ(slate::to_string(-1LL), "-1");
     EXPECT_EQ(slate::to_string(1ULL), "1");
 }

@@ -118,13 +118,13 @@ INSTANTIATE_TEST_SUITE_P(
         Reading{"Int32", [] { return text_of<int>(tarn::make_int32_route, -7); }, "-7"},
         Reading{"Int32Million", [] { return text_of<int>(tarn::make_int32_route, 1000000); }, "1000000"},
         Reading{"Int32Least", [] { return text_of<int>(tarn::make_int32_route, INT32_MIN); }, "-2147483648"},
-        Reading{"Int64Least", [] { return text_of<long>(tarn::make_int64_route, INT64_MIN); },
+        Reading{"Int64Least", [] { return text_of<std::int64_t>(tarn::make_int64_route, INT64_MIN); },
                 "-9223372036854775808"},
-        Reading{"Int64Most", [] { return text_of<long>(tarn::make_int64_route, INT64_MAX); },
+        Reading{"Int64Most", [] { return text_of<std::int64_t>(tarn::make_int64_route, INT64_MAX); },
                 "9223372036854775807"},
         Reading{"Uint32Most", [] { return text_of<unsigned int>(tarn::make_uint32_route, UINT32_MAX); },
                 "4294967295"},
-        Reading{"Uint64Most", [] { return text_of<unsigned long>(tarn::make_uint64_route, UINT64_MAX); },
+        Reading{"Uint64Most", [] { return text_of<std::uint64_t>(tarn::make_uint64_route, UINT64_MAX); },
                 "18446744073709551615"},
         Reading{"FloatPi", [] { return text_of<float>(tarn::make_float_route, 3.14159265F); }, "3.14159"},
         Reading{"FloatMillion", [] { return text_of<float>(tarn::make_float_route, 1e6F); }, "1e+06"},
@@ -176,20 +176,20 @@ Writing writing(const std::string& name, const std::string& body, Factory<T> mak
 
 INSTANTIATE_TEST_SUITE_P(
     Values, WrittenValue,
-    testing::Values(writing<bool>("True", "true", tarn::make_bool_route, true),
-                    writing<bool>("False", "false", tarn::make_bool_route, false),
-                    writing<int>("Int32", "-7", tarn::make_int32_route, -7),
-                    writing<int>("Int32Least", "-2147483648", tarn::make_int32_route, INT32_MIN),
-                    writing<long>("Int64Least", "-9223372036854775808", tarn::make_int64_route, INT64_MIN),
-                    writing<long>("Int64Most", "9223372036854775807", tarn::make_int64_route, INT64_MAX),
-                    writing<unsigned int>("Uint32Most", "4294967295", tarn::make_uint32_route, UINT32_MAX),
-                    writing<unsigned long>("Uint64Most", "18446744073709551615", tarn::make_uint64_route,
-                                           UINT64_MAX),
-                    writing<float>("Float", "0.25", tarn::make_float_route, 0.25F),
-                    writing<double>("Double", "0.1", tarn::make_double_route, 0.1),
-                    writing<double>("DoubleWithExponent", "-1.5e3", tarn::make_double_route, -1500.0),
-                    writing<std::string>("Text", " a text\n", tarn::make_string_route, " a text\n"),
-                    writing<std::string>("EmptyText", "", tarn::make_string_route, "")),
+    testing::Values(
+        writing<bool>("True", "true", tarn::make_bool_route, true),
+        writing<bool>("False", "false", tarn::make_bool_route, false),
+        writing<int>("Int32", "-7", tarn::make_int32_route, -7),
+        writing<int>("Int32Least", "-2147483648", tarn::make_int32_route, INT32_MIN),
+        writing<std::int64_t>("Int64Least", "-9223372036854775808", tarn::make_int64_route, INT64_MIN),
+        writing<std::int64_t>("Int64Most", "9223372036854775807", tarn::make_int64_route, INT64_MAX),
+        writing<unsigned int>("Uint32Most", "4294967295", tarn::make_uint32_route, UINT32_MAX),
+        writing<std::uint64_t>("Uint64Most", "18446744073709551615", tarn::make_uint64_route, UINT64_MAX),
+        writing<float>("Float", "0.25", tarn::make_float_route, 0.25F),
+        writing<double>("Double", "0.1", tarn::make_double_route, 0.1),
+        writing<double>("DoubleWithExponent", "-1.5e3", tarn::make_double_route, -1500.0),
+        writing<std::string>("Text", " a text\n", tarn::make_string_route, " a text\n"),
+        writing<std::string>("EmptyText", "", tarn::make_string_route, "")),
     [](const auto& row) { return row.param.name; });
 
 class UnreadableValue : public testing::TestWithParam<Writing> {};
@@ -216,11 +216,11 @@ INSTANTIATE_TEST_SUITE_P(
                     writing<int>("BlankBefore", " 7", tarn::make_int32_route, 7),
                     writing<int>("Fraction", "7.5", tarn::make_int32_route, 7),
                     writing<int>("Int32TooLarge", "2147483648", tarn::make_int32_route, 0),
-                    writing<long>("Int64TooLarge", "9223372036854775808", tarn::make_int64_route, 0),
+                    writing<std::int64_t>("Int64TooLarge", "9223372036854775808", tarn::make_int64_route, 0),
                     writing<unsigned int>("Uint32Negative", "-1", tarn::make_uint32_route, 0),
                     writing<unsigned int>("Uint32TooLarge", "4294967296", tarn::make_uint32_route, 0),
-                    writing<unsigned long>("Uint64Negative", "-1", tarn::make_uint64_route, 0),
-                    writing<unsigned long>("Uint64TooLarge", "18446744073709551616", tarn::make_uint64_route,
+                    writing<std::uint64_t>("Uint64Negative", "-1", tarn::make_uint64_route, 0),
+                    writing<std::uint64_t>("Uint64TooLarge", "18446744073709551616", tarn::make_uint64_route,
                                            0),
                     writing<float>("FloatTooLarge", "1e39", tarn::make_float_route, 0),
                     writing<double>("NoDouble", "1,5", tarn::make_double_route, 0)),
@@ -246,10 +246,11 @@ TEST(ValueRoute, IsABasicRouteOfItsType)
 {
     EXPECT_TRUE(std::dynamic_pointer_cast<tarn::BasicRoute<bool>>(tarn::make_bool_route("v", "", "/v", {})));
     EXPECT_TRUE(std::dynamic_pointer_cast<tarn::BasicRoute<int>>(tarn::make_int32_route("v", "", "/v", {})));
-    EXPECT_TRUE(std::dynamic_pointer_cast<tarn::BasicRoute<long>>(tarn::make_int64_route("v", "", "/v", {})));
+    EXPECT_TRUE(
+        std::dynamic_pointer_cast<tarn::BasicRoute<std::int64_t>>(tarn::make_int64_route("v", "", "/v", {})));
     EXPECT_TRUE(std::dynamic_pointer_cast<tarn::BasicRoute<unsigned int>>(
         tarn::make_uint32_route("v", "", "/v", {})));
-    EXPECT_TRUE(std::dynamic_pointer_cast<tarn::BasicRoute<unsigned long>>(
+    EXPECT_TRUE(std::dynamic_pointer_cast<tarn::BasicRoute<std::uint64_t>>(
         tarn::make_uint64_route("v", "", "/v", {})));
     EXPECT_TRUE(
         std::dynamic_pointer_cast<tarn::BasicRoute<float>>(tarn::make_float_route("v", "", "/v", {})));

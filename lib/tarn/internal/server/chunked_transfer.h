@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -51,7 +52,7 @@ private:
     slate::Duration expiry() const;
 
     const slate::Duration session_ttl_; // how long a transfer may pause
-    const std::size_t max_transfer_bytes_;
+    const std::uint64_t max_transfer_bytes_;
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<TemporaryFileList> files_; // null if nothing is listed

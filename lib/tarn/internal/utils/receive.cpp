@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "tarn/internal/utils/thread_sanitizer.h"
@@ -53,6 +55,7 @@ long poll_milliseconds(const slate::Duration& timeout)
 {
     if (timeout.is_positive_infinity())
         return -1;
-    return std::max(0L, static_cast<long>(timeout.to_milliseconds()));
+    constexpr std::int64_t longest = std::numeric_limits<long>::max(); // 24 days, where a long has 32 bits
+    return static_cast<long>(std::clamp(timeout.to_milliseconds(), std::int64_t{0}, longest));
 }
 } // namespace tarn_internal

@@ -28,6 +28,6 @@ inline bool is_readable(const zmq::pollitem_t& item)
 void poll_for(std::span<zmq::pollitem_t> items, const slate::Duration& timeout);
 
 /// The time for zmq_poll in milliseconds: -1 for infinity, and 0 for negative times, which would otherwise
-/// wait for ever too.
+/// wait for ever too. At most what a long holds.
 long poll_milliseconds(const slate::Duration& timeout);
 } // namespace tarn_internal
