@@ -90,7 +90,7 @@ private:
         if (chunk.number) {
             if (chunk.number->empty() || chunk.number->find_first_not_of("0123456789") != std::string::npos)
                 return {Status::BadRequest, ""};
-            const unsigned long value = std::stoul(*chunk.number);
+            const unsigned long long value = std::stoull(*chunk.number);
             if (value > std::numeric_limits<std::uint32_t>::max())
                 return {Status::BadRequest, ""};
             number = static_cast<std::uint32_t>(value);

@@ -103,7 +103,7 @@ bool are_pids(const std::string& text)
         if (digits.empty() || digits.size() > 15 ||
             digits.find_first_not_of("0123456789") != std::string::npos)
             return false;
-        const long number = std::stol(piece);
+        const long long number = std::stoll(piece);
         if (number < INT32_MIN || number > INT32_MAX)
             return false;
     }

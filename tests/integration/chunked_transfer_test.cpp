@@ -1058,6 +1058,8 @@ TEST_P(AChunkedUpload, LivesLongerWithEachChunk)
     for (const Verb verb : verbs) {
         logs.clear();
         send(chunk(verb, name_of(verb), 0, "x"));
+        const auto begun = std::chrono::steady_clock::now(); // a tick of the clock has up to a millisecond
+        ASSERT_TRUE(wait_until([&] { return std::chrono::steady_clock::now() - begun > 1ms; }));
         send(chunk(verb, name_of(verb), 1, ""));
 
         EXPECT_GT(logged_expiry("end: "), logged_expiry("begin: "));

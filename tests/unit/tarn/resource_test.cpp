@@ -10,6 +10,7 @@
 #include <ctime>
 #include <functional>
 #include <future>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -411,8 +412,8 @@ TEST(AResource, AsksForARevisionByTheParameterRev)
     EXPECT_EQ(resource.asked_for->get("rev", ""), "7");
 
     resource.there = false;
-    EXPECT_FALSE(static_cast<const Resource&>(resource).exists(-9'000'000'000));
-    EXPECT_EQ(resource.asked_for->get("rev", ""), "-9000000000");
+    EXPECT_FALSE(static_cast<const Resource&>(resource).exists(std::numeric_limits<long>::min()));
+    EXPECT_EQ(resource.asked_for->get("rev", ""), std::to_string(std::numeric_limits<long>::min()));
 }
 
 TEST(AResource, IsAsLargeAsWhatIsRead)
