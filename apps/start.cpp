@@ -29,6 +29,9 @@ void refuse_if_served(const std::vector<tarn::Endpoint>& endpoints)
 {
     for (const auto& endpoint : endpoints) {
         const tarn::Probe found = tarn::probe(endpoint);
+        if (found.error == "permission denied") // somebody else's socket, which binding would replace
+            throw std::runtime_error("cannot look whether somebody serves at " + endpoint->to_string() +
+                                     ": permission denied");
         if (!found.served)
             continue;
         std::string text = endpoint->to_string() + " is served already";

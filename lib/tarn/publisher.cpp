@@ -25,6 +25,7 @@
 #include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
+#include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/message_factory.h"
 #include "tarn/proto/message.pb.h"
@@ -74,6 +75,7 @@ public:
           client_(stats_endpoint ? make_client(stats_endpoint, retries, factory_) : nullptr),
           listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
+        tarn_internal::limit_subscriptions(socket_);
         if (client_)
             socket_.connect(uri_->to_string());
         else
@@ -163,7 +165,7 @@ private:
         tarn_internal::run_passes(provider_, *err_, [&] {
             zmq::pollitem_t items[] = {{control.handle(), 0, ZMQ_POLLIN, 0},
                                        {nullptr, events, ZMQ_POLLIN, 0}};
-            zmq::poll(items, 2, std::chrono::milliseconds(-1));
+            tarn_internal::poll_for(items, slate::Duration::positive_infinity());
             if ((items[0].revents & ZMQ_POLLIN) != 0) // whatever it says
                 return false;
             if (items[1].revents != 0) {

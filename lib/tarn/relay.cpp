@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/relay.h"
 
-#include <cstdint>
 #include <vector>
 
 #include <zmq.hpp>
@@ -29,24 +28,31 @@ public:
           xpub_(*context_, zmq::socket_type::xpub),
           thread_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
-        // libzmq releases a subscription by a recursion as deep as its topic is long, and a topic is no more
-        // than one segment of a path. It closes the connection of a peer that sends more.
-        xpub_.set(zmq::sockopt::maxmsgsize, max_subscription_bytes);
+        limit_subscriptions(xpub_);
         limit_frames(xsub_, *runtime.settings);
-        bind(xsub_, sub_uri_);
-        bind(xpub_, pub_uri_);
+        try {
+            bind(xsub_, sub_uri_);
+            bind(xpub_, pub_uri_);
+        }
+        catch (...) {
+            remove_files();
+            throw;
+        }
         thread_.start("tarn-relay", [this] { listen(); });
     }
 
     ~RelayImpl() override
     {
         thread_.stop();
-        for (const SocketFile& file : files_)
-            file.remove();
+        remove_files();
     }
 
 private:
-    static constexpr std::int64_t max_subscription_bytes = 4096;
+    void remove_files() const
+    {
+        for (const SocketFile& file : files_)
+            file.remove();
+    }
 
     void bind(zmq::socket_t& socket, const Endpoint& uri)
     {

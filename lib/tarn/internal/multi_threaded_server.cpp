@@ -14,6 +14,8 @@
 #include "tarn/internal/transport/front.h"
 #include "tarn/internal/transport/thread_mark.h"
 #include "tarn/internal/transport/workers.h"
+#include "tarn/internal/utils/memory_return.h"
+#include "tarn/internal/utils/receive.h"
 
 namespace tarn_internal {
 namespace {
@@ -131,14 +133,17 @@ void MultiThreadedServer::listen_pubsub()
     limit_frames(pubsub, *settings_);
     if (connect_control(wake_up, pubsub_->endpoint(), provider_) &&
         subscriber_.init_publish_subscribe(pubsub, *pubsub_uri_)) {
+        MemoryReturn memory;
         run_passes(provider_, *counters_.err, [&] {
             zmq::pollitem_t items[] = {{wake_up.handle(), 0, ZMQ_POLLIN, 0},
                                        {pubsub.handle(), 0, ZMQ_POLLIN, 0}};
-            zmq::poll(items, 2, std::chrono::milliseconds(-1));
-            if ((items[0].revents & ZMQ_POLLIN) && !handle_wake_up(wake_up, pubsub, pubsub_listening_))
+            poll_for(items, memory.wait_time());
+            if (is_readable(items[0]) && !handle_wake_up(wake_up, pubsub, pubsub_listening_))
                 return false;
-            if (items[1].revents & ZMQ_POLLIN)
-                subscriber_.handle_publish_subscribe(pubsub);
+            if (is_readable(items[1]))
+                memory.note(subscriber_.handle_publish_subscribe(pubsub));
+            else if (!is_readable(items[0]))
+                memory.give_back();
             return true;
         });
     }

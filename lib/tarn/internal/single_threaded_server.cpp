@@ -119,14 +119,16 @@ void SingleThreadedServer::serve(Sockets& sockets)
 bool SingleThreadedServer::serve_once(Sockets& sockets)
 {
     poll_for(sockets.items, memory_.wait_time());
-    if (std::none_of(sockets.items.begin(), sockets.items.end(), tarn_internal::is_readable))
+    if (std::none_of(sockets.items.begin(), sockets.items.end(), tarn_internal::is_readable)) {
         memory_.give_back();
+        return true;
+    }
     if (sockets.is_readable(sockets.wake_up) && !handle_wake_up(sockets.wake_up, sockets.pubsub, listening_))
         return false;
 
     const slate::StopWatch watch(true);
     if (sockets.is_readable(sockets.pubsub))
-        subscriber_.handle_publish_subscribe(sockets.pubsub);
+        memory_.note(subscriber_.handle_publish_subscribe(sockets.pubsub));
     if (sockets.is_readable(sockets.front.socket()))
         handle_request(sockets.front.socket());
     handle_ms_->record(watch.elapsed() / 1000);

@@ -93,17 +93,17 @@ void Subscriber::handle_subscription_change(zmq::socket_t& socket)
     }
 }
 
-void Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
+std::size_t Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
 {
+    const zmq::message_t payload = receive(socket);
+    if (const auto excess = find_excess(payload.data(), payload.size())) {
+        slate::log_warn(provider_, SLATE_HERE, "dropped a published change: ", excess->text);
+        counters_.dropped->increment();
+        return payload.size();
+    }
     Context context;
     context.pid = pid_;
     try {
-        const zmq::message_t payload = receive(socket);
-        if (const auto excess = find_excess(payload.data(), payload.size())) {
-            slate::log_warn(provider_, SLATE_HERE, "dropped a published change: ", excess->text);
-            counters_.dropped->increment();
-            return;
-        }
         if (!payload.empty())
             context.request.message = factory_->make_message(payload.data(), payload.size());
         handle(context);
@@ -112,6 +112,7 @@ void Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
         slate::log_error(provider_, SLATE_HERE, "error: ", error.what());
         counters_.err->increment();
     }
+    return payload.size();
 }
 
 /// The frame behind the topic; empty if it is missing.
@@ -121,7 +122,7 @@ zmq::message_t Subscriber::receive(zmq::socket_t& socket)
     try {
         // Only the path in the message selects routes; ZeroMQ has used the topic for filtering.
         zmq::message_t topic;
-        if (!socket.recv(topic))
+        if (!receive_through_signals(socket, topic))
             slate::log_debug(provider_, SLATE_HERE, "pub/sub in socket recv; no topic");
         // Any peer can publish a single frame: waiting for its second one would block the server for good.
         if (topic.more() && !receive_frame(socket, payload))

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <set>
 #include <string>
@@ -37,8 +38,9 @@ public:
     void handle_subscription_change(zmq::socket_t& socket);
 
     /// Takes one published change off a socket that has one. A failure that a route reports by Exception is
-    /// logged and counted here; other exceptions pass to the caller.
-    void handle_publish_subscribe(zmq::socket_t& socket);
+    /// logged and counted here; other exceptions pass to the caller. Returns the size of
+    /// its frame.
+    std::size_t handle_publish_subscribe(zmq::socket_t& socket);
 
 private:
     zmq::message_t receive(zmq::socket_t& socket);

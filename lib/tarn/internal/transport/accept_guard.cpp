@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Keeps a process alive that has run out of file descriptors while peers connect.
 //
-// libzmq aborts the process when accept4 fails with EMFILE (4.3.4: ipc_listener.cpp, line 325, and likewise
-// for tcp): any peer that may connect could end a service by opening connections. Nothing in libzmq's
-// interface prevents that: a monitor hears of connections too late in a burst, and only the socket's own
-// thread, which may be in a handler, could stop listening. So this file stands in for accept4, as this
+// libzmq aborts the process when accept4 fails with EMFILE or ENOMEM (4.3.4: ipc_listener.cpp, line 325, and
+// likewise for tcp): any peer that may connect could end a service by opening connections. Nothing in
+// libzmq's interface prevents that: a monitor hears of connections too late in a burst, and only the socket's
+// own thread, which may be in a handler, could stop listening. So this file stands in for accept4, as this
 // process and what it links see it. For libzmq, and only there, a connection without a descriptor is taken by
 // means of one kept in reserve, and closed at once; its peer tries again later. All other callers get exactly
 // what the system gives.
@@ -19,8 +19,9 @@
 #include <utility>
 
 #include <dlfcn.h>
-#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -48,8 +49,7 @@ public:
     bool drop_connection(Accept accept, int listener)
     {
         const std::lock_guard lock(mutex_);
-        if (descriptor_ >= 0)
-            close(descriptor_);
+        give_up();
         const int connection = accept(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (connection >= 0)
             close(connection);
@@ -70,10 +70,26 @@ public:
     }
 
 private:
-    void fill() { descriptor_ = open("/dev/null", O_RDONLY | O_CLOEXEC); }
+    void fill()
+    {
+        descriptor_ = memfd_create("tarn-reserve", MFD_CLOEXEC);
+        if (descriptor_ >= 0)
+            (void)fstat(descriptor_, &identity_);
+    }
+
+    /// A program may have closed all descriptors since, and the number may be another file's by now.
+    void give_up()
+    {
+        struct stat now {};
+        if (descriptor_ >= 0 && fstat(descriptor_, &now) == 0 && now.st_dev == identity_.st_dev &&
+            now.st_ino == identity_.st_ino)
+            close(descriptor_);
+        descriptor_ = -1;
+    }
 
     std::mutex mutex_; // guards what follows
     int descriptor_ = -1;
+    struct stat identity_ {};
     unsigned long dropped_ = 0;
     std::chrono::steady_clock::time_point next_report_;
 };
@@ -87,16 +103,20 @@ Reserve& reserve()
 /// Fills the reserve when the library is loaded, while there are descriptors.
 [[maybe_unused]] const bool filled = (reserve(), true);
 
+/// libzmq asks again at once, and would use up the processor.
+int try_later()
+{
+    const timespec pause = {0, 1000000};
+    nanosleep(&pause, nullptr);
+    errno = EAGAIN;
+    return -1;
+}
+
 /// What accept4 gives to libzmq instead of EMFILE.
 int accept_without_descriptor(Accept accept, int listener)
 {
-    if (!reserve().drop_connection(accept, listener)) {
-        // Another thread took the reserve. libzmq asks again at once, and would use up the processor.
-        const timespec pause = {0, 1000000};
-        nanosleep(&pause, nullptr);
-        errno = EAGAIN;
-        return -1;
-    }
+    if (!reserve().drop_connection(accept, listener)) // another thread took the reserve
+        return try_later();
     if (const auto dropped = reserve().count())
         slate::log_warn(SLATE_HERE,
                         "no file descriptor left; dropped connections: ", std::to_string(*dropped));
@@ -112,12 +132,15 @@ extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int f
 
     static const auto next = reinterpret_cast<Accept>(dlsym(RTLD_NEXT, "accept4"));
     const int connection = next(listener, address, length, flags);
-    if (connection >= 0 || errno != EMFILE)
+    if (connection >= 0 || (errno != EMFILE && errno != ENOMEM && errno != ENOBUFS))
         return connection;
+    const int error = errno;
     static const void* const libzmq = object_of(reinterpret_cast<const void*>(&zmq_version));
     if (object_of(__builtin_return_address(0)) != libzmq) {
-        errno = EMFILE;
+        errno = error;
         return -1;
     }
+    if (error != EMFILE) // the kernel is out of memory
+        return try_later();
     return accept_without_descriptor(next, listener);
 }

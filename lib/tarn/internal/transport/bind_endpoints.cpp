@@ -85,6 +85,12 @@ void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings)
         socket.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(*bytes));
 }
 
+void limit_subscriptions(zmq::socket_t& socket)
+{
+    constexpr std::int64_t max_bytes = 4096;
+    socket.set(zmq::sockopt::maxmsgsize, max_bytes);
+}
+
 void limit_linger(zmq::socket_t& socket)
 {
     // As long as clients wait by default. A context that is ending refuses, and drops unsent messages anyway.

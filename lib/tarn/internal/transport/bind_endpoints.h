@@ -44,6 +44,11 @@ std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& u
 /// allows, before it takes memory for it.
 void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings);
 
+/// Has libzmq close the connection of a peer that subscribes to more than 4 KiB on a ZMQ_PUB or ZMQ_XPUB
+/// socket. It releases a subscription by a recursion as deep as its topic is long, which overflows the stack;
+/// a topic is no more than one segment of a path.
+void limit_subscriptions(zmq::socket_t& socket);
+
 /// Limits how long the closed socket of public endpoints waits for its last messages to leave: libzmq would
 /// wait for ever for a peer that filled the queue of its requests and then died with replies unread.
 void limit_linger(zmq::socket_t& socket);

@@ -18,9 +18,6 @@ namespace {
 constexpr std::string_view is_free = "free";
 constexpr std::string_view has_ended = "ended";
 
-/// The peer's and the empty one; a router on the way adds one more.
-constexpr std::size_t usual_routing_frames = 4;
-
 /// How many messages go in one direction before the other one has its turn.
 constexpr int burst = 100;
 } // namespace
@@ -49,6 +46,7 @@ bool Dispatcher::bind(const slate::Uri& endpoint)
 void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_view what)
 {
     running_ = workers;
+    free_.reserve(workers); // so that no worker is lost when memory runs out
     while (running_ > 0) {
         try {
             if (!serve_once(control))
@@ -56,7 +54,9 @@ void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_vi
         }
         catch (const zmq::error_t& error) {
             slate::log_error(provider_, SLATE_HERE, what, " has stopped working: ", error.what());
-            return; // the context is ending, which ends the workers too
+            if (error.num() == ETERM || ending_)
+                return; // the end of the context ends the workers too
+            end_workers();
         }
         catch (const std::exception& error) { // out of memory for one request, which is lost
             slate::log_error(provider_, SLATE_HERE, what, ": ", error.what());
@@ -90,26 +90,27 @@ void Dispatcher::hand_out_requests()
         auto request = receive_request(front_.socket(), provider_);
         if (!request)
             return;
+        memory_.note(request->payload.size());
+        // libzmq drops what it knows of the peer when a message is sent on, so the address travels as a
+        // frame.
+        zmq::message_t address(request->peer_address);
         for (bool handed_out = false; !handed_out && !free_.empty();) {
             const WorkerId worker = std::move(free_.front());
-            free_.pop_front();
-            handed_out = hand_out(*request, worker);
+            free_.erase(free_.begin());
+            handed_out = hand_out(*request, address, worker);
         }
     }
 }
 
 /// False if there is no such worker any more.
-bool Dispatcher::hand_out(IncomingRequest& request, const WorkerId& worker)
+bool Dispatcher::hand_out(IncomingRequest& request, zmq::message_t& address, const WorkerId& worker)
 {
-    // libzmq drops what it knows of the peer when a message is sent on, so the address travels as a frame.
-    memory_.note(request.payload.size());
-    zmq::message_t address(request.peer_address);
     if (!start_message(worker))
         return false;
     for (zmq::message_t& frame : request.way_back)
-        (void)back_.send(frame, zmq::send_flags::sndmore);
-    (void)back_.send(address, zmq::send_flags::sndmore);
-    (void)back_.send(request.payload, zmq::send_flags::none);
+        (void)send_through_signals(back_, frame, ZMQ_SNDMORE);
+    (void)send_through_signals(back_, address, ZMQ_SNDMORE);
+    (void)send_through_signals(back_, request.payload, 0);
     return true;
 }
 
@@ -124,7 +125,7 @@ bool Dispatcher::take_message()
 {
     zmq::message_t id;
     zmq::message_t frame;
-    if (!back_.recv(id, zmq::recv_flags::dontwait) || !back_.recv(frame))
+    if (!receive_through_signals(back_, id, ZMQ_DONTWAIT) || !receive_through_signals(back_, frame))
         return false;
     const WorkerId worker = id.to_string();
     if (!frame.more()) {
@@ -132,13 +133,13 @@ bool Dispatcher::take_message()
         return true;
     }
     // A full queue belongs to a peer that doesn't read: the front drops what is meant for it.
-    (void)front_.socket().send(frame, zmq::send_flags::sndmore | zmq::send_flags::dontwait);
-    do {
-        (void)back_.recv(frame);
+    (void)send_through_signals(front_.socket(), frame, ZMQ_SNDMORE | ZMQ_DONTWAIT);
+    for (bool more = true; more;) {
+        (void)receive_through_signals(back_, frame);
+        more = frame.more();
         memory_.note(frame.size());
-        const auto more = frame.more() ? zmq::send_flags::sndmore : zmq::send_flags::none;
-        (void)front_.socket().send(frame, more | zmq::send_flags::dontwait);
-    } while (back_.get(zmq::sockopt::rcvmore));
+        (void)send_through_signals(front_.socket(), frame, (more ? ZMQ_SNDMORE : 0) | ZMQ_DONTWAIT);
+    }
     set_free(worker);
     return true;
 }
@@ -188,7 +189,7 @@ void Dispatcher::tell_to_end(const WorkerId& worker)
 {
     zmq::message_t nothing;
     if (start_message(worker))
-        (void)back_.send(nothing, zmq::send_flags::none);
+        (void)send_through_signals(back_, nothing, 0);
 }
 
 WorkerSocket::WorkerSocket(zmq::context_t& context, const slate::Uri& endpoint)
@@ -214,18 +215,18 @@ std::optional<IncomingRequest> WorkerSocket::next()
         free_ = true;
     }
     IncomingRequest request;
-    request.way_back.reserve(
-        usual_routing_frames); // out of memory between two frames, they would be mixed up
+    request.way_back.reserve(max_routing_frames +
+                             1); // out of memory between two frames would mix up messages
     zmq::message_t frame;
     if (!receive_through_signals(socket_, frame) || !frame.more())
         return std::nullopt; // the word that ends the worker
+    free_ = false;
     while (!request.way_back.emplace_back(std::move(frame)).empty())
-        (void)socket_.recv(frame);
+        (void)receive_through_signals(socket_, frame);
     zmq::message_t address;
-    (void)socket_.recv(address);
+    (void)receive_through_signals(socket_, address);
     (void)receive_frame(socket_, request.payload);
     request.peer_address = address.to_string();
-    free_ = false;
     return request;
 }
 

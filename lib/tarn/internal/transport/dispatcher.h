@@ -2,12 +2,12 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <zmq.hpp>
 
@@ -45,7 +45,7 @@ private:
 
     bool serve_once(zmq::socket_t& control);
     void hand_out_requests();
-    bool hand_out(IncomingRequest& request, const WorkerId& worker);
+    bool hand_out(IncomingRequest& request, zmq::message_t& address, const WorkerId& worker);
     void take_replies();
     bool take_message();
     void take_word(const WorkerId& worker, std::string_view word);
@@ -58,7 +58,7 @@ private:
     const std::shared_ptr<slate::Provider> provider_;
     zmq::socket_t back_;
     std::set<WorkerId> known_;
-    std::deque<WorkerId> free_; // the one that has been free longest first
+    std::vector<WorkerId> free_; // the one that has been free longest first
     MemoryReturn memory_;
     std::size_t running_ = 0;
     bool ending_ = false;

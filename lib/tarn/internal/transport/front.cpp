@@ -11,10 +11,6 @@
 
 namespace tarn_internal {
 namespace {
-/// The peer's and the empty one; a proxy on the way adds one more.
-constexpr std::size_t usual_routing_frames = 4;
-/// No device has that many proxies in a row.
-constexpr std::size_t max_routing_frames = 32;
 
 std::string peer_address(const zmq::message_t& frame)
 {
@@ -27,13 +23,14 @@ std::optional<IncomingRequest> receive_request(zmq::socket_t& socket,
                                                const std::shared_ptr<slate::Provider>& provider)
 {
     IncomingRequest request;
-    request.way_back.reserve(usual_routing_frames); // out of memory between two frames would mix up messages
+    // Out of memory between two frames would mix up messages.
+    request.way_back.reserve(max_routing_frames + 1);
     zmq::message_t frame;
-    if (!socket.recv(frame, zmq::recv_flags::dontwait))
+    if (!receive_through_signals(socket, frame, ZMQ_DONTWAIT))
         return std::nullopt;
     while (frame.more() && !frame.empty() && request.way_back.size() < max_routing_frames) {
         request.way_back.push_back(std::move(frame));
-        (void)socket.recv(frame);
+        (void)receive_through_signals(socket, frame);
     }
     if (!frame.more() || !frame.empty()) {
         slate::log_warn(provider, SLATE_HERE, "failed to read request from client");
@@ -50,9 +47,9 @@ void send_reply(zmq::socket_t& socket, IncomingRequest& request, zmq::message_t&
 {
     // A full queue belongs to a peer that doesn't read: the socket drops what is meant for it.
     for (zmq::message_t& frame : request.way_back)
-        (void)socket.send(frame, zmq::send_flags::sndmore | zmq::send_flags::dontwait);
+        (void)send_through_signals(socket, frame, ZMQ_SNDMORE | ZMQ_DONTWAIT);
     tsan_release(reply.data());
-    (void)socket.send(reply, zmq::send_flags::dontwait);
+    (void)send_through_signals(socket, reply, ZMQ_DONTWAIT);
 }
 
 Front::Front(zmq::context_t& context, const slate::Dictionary& settings)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,9 @@ class Provider;
 } // namespace slate
 
 namespace tarn_internal {
+/// How many frames may lead back to a sender; each proxy on the way adds one.
+inline constexpr std::size_t max_routing_frames = 32;
+
 /// One request as it came in, with all that is needed to answer it.
 struct IncomingRequest {
     /// The routing frames that a reply begins with, up to and including the empty one that ends them.

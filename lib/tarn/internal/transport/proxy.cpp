@@ -38,7 +38,7 @@ public:
         held_.reset();
         while (more) { // further frames follow the first one, or are dropped with it
             zmq::message_t frame;
-            (void)from_.recv(frame);
+            (void)receive_through_signals(from_, frame);
             more = frame.more();
             bytes += frame.size();
             (void)send(frame, more);
@@ -53,7 +53,7 @@ private:
     bool receive()
     {
         zmq::message_t frame;
-        if (!from_.recv(frame, zmq::recv_flags::dontwait))
+        if (!receive_through_signals(from_, frame, ZMQ_DONTWAIT))
             return false;
         held_ = std::move(frame);
         return true;
@@ -61,8 +61,7 @@ private:
 
     bool send(zmq::message_t& frame, bool more)
     {
-        const auto flags = more ? zmq::send_flags::sndmore : zmq::send_flags::none;
-        return to_.send(frame, flags | zmq::send_flags::dontwait).has_value();
+        return send_through_signals(to_, frame, (more ? ZMQ_SNDMORE : 0) | ZMQ_DONTWAIT);
     }
 
     zmq::socket_t& from_;
@@ -88,7 +87,7 @@ bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& c
     if ((items[0].revents & ZMQ_POLLIN) == 0)
         return true;
     zmq::message_t word;
-    return !control.recv(word) || word.to_string_view() != terminate;
+    return !receive_through_signals(control, word) || word.to_string_view() != terminate;
 }
 } // namespace
 

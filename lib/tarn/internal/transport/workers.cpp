@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/transport/workers.h"
 
+#include <exception>
 #include <optional>
-#include <system_error>
 
 #include "slate/log.h"
 #include "tarn/internal/transport/dispatcher.h"
@@ -25,7 +25,7 @@ void Workers::start(std::size_t count, const std::string& name, zmq::context_t& 
                 run(context, *dispatcher, serve, provider);
             });
     }
-    catch (const std::system_error& error) {
+    catch (const std::exception& error) { // for example no more threads
         slate::log_error(provider, SLATE_HERE, "cannot start all workers: ", error.what());
     }
 }
@@ -37,12 +37,18 @@ void Workers::run(zmq::context_t& context, const slate::Uri& dispatcher, const S
     try {
         socket.emplace(context, dispatcher);
     }
-    catch (const zmq::error_t& error) {
+    catch (const std::exception& error) {
         slate::log_error(provider, SLATE_HERE, "Failed to connect dealer socket: ", error.what());
     }
     report(socket.has_value());
-    if (socket)
+    if (!socket)
+        return;
+    try {
         serve(*socket);
+    }
+    catch (const std::exception& error) {
+        slate::log_error(provider, SLATE_HERE, "a worker has ended: ", error.what());
+    }
 }
 
 void Workers::report(bool connected)

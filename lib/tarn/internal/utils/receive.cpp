@@ -10,10 +10,21 @@
 #include "tarn/internal/utils/thread_sanitizer.h"
 
 namespace tarn_internal {
-bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame)
+bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame, int flags)
 {
     // Interrupted by a signal, libzmq gives up before it has taken anything.
-    while (zmq_msg_recv(frame.handle(), socket.handle(), 0) < 0) {
+    while (zmq_msg_recv(frame.handle(), socket.handle(), flags) < 0) {
+        if (zmq_errno() == EAGAIN)
+            return false;
+        if (zmq_errno() != EINTR)
+            throw zmq::error_t();
+    }
+    return true;
+}
+
+bool send_through_signals(zmq::socket_t& socket, zmq::message_t& frame, int flags)
+{
+    while (zmq_msg_send(frame.handle(), socket.handle(), flags) < 0) {
         if (zmq_errno() == EAGAIN)
             return false;
         if (zmq_errno() != EINTR)
@@ -36,7 +47,7 @@ void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame)
     bool more = frame.more();
     while (more) {
         zmq::message_t dropped;
-        more = socket.recv(dropped) && dropped.more();
+        more = receive_through_signals(socket, dropped) && dropped.more();
     }
 }
 

@@ -8,8 +8,10 @@
 #include "slate/duration.h"
 
 namespace tarn_internal {
-/// Receives one frame, even if a signal arrives. Blocks. False on EAGAIN; throws zmq::error_t.
-bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame);
+/// Receives or sends one frame, even if a signal arrives: libzmq would give up, also between the frames of
+/// one message. `flags` are those of zmq_msg_recv and zmq_msg_send. False on EAGAIN; throws zmq::error_t.
+bool receive_through_signals(zmq::socket_t& socket, zmq::message_t& frame, int flags = 0);
+bool send_through_signals(zmq::socket_t& socket, zmq::message_t& frame, int flags);
 
 /// Receives the first frame of the next message and drops further ones, which no message of this library has:
 /// a lock-step socket would otherwise refuse the next message. Blocks. False on EAGAIN; throws zmq::error_t.

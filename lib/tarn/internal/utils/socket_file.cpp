@@ -11,7 +11,7 @@ namespace tarn_internal {
 namespace {
 slate::Descriptor open_socket(const slate::Uri& endpoint)
 {
-    if (endpoint.scheme() != "ipc")
+    if (endpoint.scheme() != "ipc" || endpoint.address().starts_with('@')) // which is no file
         return slate::Descriptor();
     return slate::Descriptor(open(endpoint.address().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }

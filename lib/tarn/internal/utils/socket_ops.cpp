@@ -23,6 +23,8 @@ std::string socket_file(const Endpoint& uri)
 {
     if (!uri)
         return {};
+    if (uri->scheme() == "ipc" && uri->address().starts_with('@')) // a name that is no file
+        return {};
     if (uri->scheme() == "ipc")
         return slate::make_uri("file://" + uri->address())->path();
     return uri->scheme() == "file" ? uri->path() : std::string();
