@@ -38,8 +38,8 @@ class Description:
         names = {element.get("name") for element in self.root.iter("elf-symbol")}
         names |= {element.get("mangled-name") for element in self.root.iter("function-decl")}
         names = sorted(name for name in names if name)
-        readable = subprocess.run(["c++filt"], input="\n".join(names), capture_output=True, text=True, check=True).stdout
-        return dict(zip(names, readable.splitlines()))
+        result = subprocess.run(["c++filt"], input="\n".join(names), capture_output=True, text=True, check=True)
+        return dict(zip(names, result.stdout.splitlines()))
 
     def type(self, identifier):
         element = self.elements.get(identifier)
@@ -99,7 +99,8 @@ class Description:
     def types(self):
         for element in self.root.iter():
             name = self.scopes[element] + element.get("name", "")
-            if not OURS.match(name) or element.get("is-declaration-only") == "yes" or "anonymous" in name or "::::" in name:
+            is_hidden = "anonymous" in name or "::::" in name
+            if not OURS.match(name) or is_hidden or element.get("is-declaration-only") == "yes":
                 continue
             if element.tag in ("class-decl", "union-decl"):
                 yield from self.members(element, name)

@@ -33,13 +33,19 @@ SLOWEST_START = 60  # seconds; far more than any start takes, as the machine may
 LONGEST_SILENCE = 30  # seconds in which a client reports at least once, whatever becomes of its requests
 SLOWEST_END = 20  # seconds
 
-# What the median of the last quarter may exceed that of the second by, in a process that was never killed. Memory has
-# a share of its own noise: uploads are up to 12 MiB, and which ones meet is a matter of chance.
-TOLERANCE = {
-    "rss_kib": lambda before: before * 0.2 + 12 * 1024,
-    "fds": lambda before: 6,
-    "threads": lambda before: 1,
-}
+SHORTEST_RUN = 0.5  # minutes
+# The memory of a service grows for so long: it is what the uploads that have met so far took, and uploads are up to
+# 12 MiB, four at a time.
+WARM_UP = 4  # minutes
+
+
+def tolerance(measure, before, minutes):
+    """What the median of the last quarter may exceed that of the second by, in a process that was never killed."""
+    if measure == "rss_kib":
+        return before * (0.2 if minutes >= WARM_UP else 0.75) + 12 * 1024
+    return {"fds": 6, "threads": 1}[measure]
+
+
 # A flood of bad frames and of deaths must not fill a disk, so the log has a limit to its rate. Bytes per second.
 LOUDEST_LOG = 8 * 1024
 
@@ -315,11 +321,10 @@ class Soak:
             own = [sample for sample in self.samples if sample["process"] == name]
             quarters = [[sample for sample in own if begin <= sample["seconds"] / self.seconds < begin + 0.25]
                         for begin in (0.25, 0.75)]
-            for measure, tolerance in TOLERANCE.items():
+            for measure, width in (("rss_kib", 18), ("fds", 14), ("threads", 10)):
                 before, after = (statistics.median(sample[measure] for sample in quarter) for quarter in quarters)
-                width = {"rss_kib": 18, "fds": 14, "threads": 10}[measure]
                 row += f"{f'{before:.0f} {after:.0f}':>{width}}"
-                if name not in KILLED and after > before + tolerance(before):
+                if name not in KILLED and after > before + tolerance(measure, before, self.seconds / 60):
                     self.fault(f"{name}: {measure} grew from {before:.0f} to {after:.0f}")
             rate = own[-1]["log_bytes"] / self.seconds
             if rate > LOUDEST_LOG:
@@ -351,8 +356,8 @@ class Soak:
             self.check_flat()
             requests, good, refused, unanswered = self.totals()
             longest = max(process.longest_ms for process in self.processes.values())
-            print(f"soak: {requests} requests: {good} good, {refused} refused, {unanswered} unanswered, the longest took "
-                  f"{longest} ms; {len(self.acked)} numbers, {self.kills} kills, {self.bad_frames} bad frames")
+            print(f"soak: {requests} requests: {good} good, {refused} refused, {unanswered} unanswered, the longest "
+                  f"took {longest} ms; {len(self.acked)} numbers, {self.kills} kills, {self.bad_frames} bad frames")
         except (RuntimeError, subprocess.TimeoutExpired, OSError) as error:
             self.fault(str(error))
         finally:
@@ -398,6 +403,8 @@ def plot(samples, names):
 def main():
     try:
         build, minutes, output = Path(sys.argv[1]).resolve(), float(sys.argv[2]), Path(sys.argv[3]).resolve()
+        if minutes < SHORTEST_RUN:
+            sys.exit(f"soak.py: at least {SHORTEST_RUN} minutes")
     except (IndexError, ValueError):
         sys.exit("usage: soak.py BUILD MINUTES OUTPUT")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # so that the processes are ended, too
