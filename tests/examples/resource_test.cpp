@@ -53,15 +53,18 @@ public:
     std::vector<Format> formats() const override { return {Format::Text}; }
     std::pair<std::string, Format> read(const Params&, Format) const override
     {
+        const std::lock_guard lock(mutex_);
         return {text_, Format::Text};
     }
     void write(const Params&, const Format&, const std::string& data, const tarn::WritePolicy&) override
     {
+        const std::lock_guard lock(mutex_);
         text_ = data;
     }
     std::pair<std::string, Format> etag(const Params&, Format) const override { return {tag_, Format::Text}; }
 
 private:
+    mutable std::mutex mutex_; // guards text_, which tests read beside the server
     std::string text_;
     const std::string tag_;
     const bool takes_chunks_;
