@@ -3,6 +3,8 @@
 
 #include <future>
 
+#include <unistd.h>
+
 #include "support/gate.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
@@ -218,6 +220,19 @@ TEST_F(AMultiThreadedServer, FinishesTheHandlerInHandBeforeItEnds)
     gate.open();
     ending.get();
     EXPECT_TRUE(finished);
+}
+
+// A change of the group goes to every thread of the process by a signal that no thread can block.
+TEST_F(AMultiThreadedServer, IsNotDisturbedBySignalsThatCannotBeBlocked)
+{
+    const auto server = make(2, scratch_endpoint());
+    const auto client = make_client(uri, 0);
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(setgid(getgid()), 0);
+        EXPECT_EQ(client->get("/index")->status(), Status::Ok);
+    }
+    EXPECT_EQ(counter("zmq.server", std::to_string(id), "err"), 0u);
+    EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
 }
 
 TEST_F(AMultiThreadedServer, CanBeStoppedTwiceAndServesNoMore)

@@ -696,6 +696,21 @@ TEST_F(AnIdlePublisher, HearsOfASubscriberAfterManyThousandsThatHaveComeAndGone)
     EXPECT_TRUE(reaches(*publisher, subscriber, "/a"));
 }
 
+// libzmq releases each subscription of a peer that goes by a recursion over its bytes.
+TEST_F(AnIdlePublisher, SurvivesSubscriptionsWithoutMeasure)
+{
+    const auto publisher = make_publisher(uri);
+    {
+        zmq::context_t own;
+        zmq::socket_t hostile(own, zmq::socket_type::sub);
+        hostile.connect(uri->to_string());
+        hostile.set(zmq::sockopt::subscribe, "/" + std::string(150000, 'x'));
+        hostile.set(zmq::sockopt::linger, 500);
+    }
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscribe(*publisher, subscriber);
+}
+
 TEST_F(AnIdlePublisher, SleepsWhileNothingComes)
 {
     const auto publisher = make_publisher(uri);
