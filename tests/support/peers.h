@@ -11,6 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <zmq.hpp>
 
 #include "slate/uri.h"
@@ -99,6 +102,34 @@ private:
     zmq::context_t context_;
     zmq::socket_t socket_;
 };
+
+/// Subscribes at a socket file and goes at once, in bytes of the protocol and without libzmq, which would
+/// itself not survive a topic that is long enough.
+inline void subscribe_and_go(const std::string& path, const std::string& topic)
+{
+    const auto zeros = [](std::size_t count) { return std::string(count, '\0'); };
+    std::string bytes = "\xFF" + zeros(8) + "\x7F\x03" + zeros(1) + "NULL" + zeros(16) + zeros(1) + zeros(31);
+    const std::string ready = "\x05READY\x0BSocket-Type" + zeros(3) + "\x03SUB";
+    bytes += "\x04" + std::string(1, static_cast<char>(ready.size())) + ready;
+    bytes += "\x02"; // a long frame, whose size follows in eight bytes
+    for (int shift = 56; shift >= 0; shift -= 8)
+        bytes += static_cast<char>((topic.size() + 1) >> shift & 0xFF);
+    bytes += "\x01" + topic;
+
+    const int connection = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (::connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        throw std::runtime_error("can't connect");
+    for (std::size_t sent = 0; sent < bytes.size();) {
+        const auto count = ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count < 0)
+            break; // the other side has closed
+        sent += static_cast<std::size_t>(count);
+    }
+    ::close(connection);
+}
 
 /// Answers at an endpoint, as a server that shares no code with ours would: `answer` gets the first frame of
 /// each request, in order, and gives the frames of the reply; no frames for no answer at all.
