@@ -13,6 +13,7 @@
 // this library, and not where a program loads it later by dlopen.
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,7 +23,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <zmq.h>
@@ -126,6 +126,8 @@ int accept_without_descriptor(Accept accept, int listener)
 } // namespace
 } // namespace tarn_internal
 
+// The C library names its parameters with reserved names.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int flags)
 {
     using namespace tarn_internal;
