@@ -176,13 +176,14 @@ void Dispatcher::end_workers()
 bool Dispatcher::start_message(const WorkerId& worker)
 {
     zmq::message_t id(worker);
-    while (zmq_msg_send(id.handle(), back_.handle(), ZMQ_SNDMORE) < 0) {
-        if (zmq_errno() == EHOSTUNREACH)
-            return false;
-        if (zmq_errno() != EINTR)
-            throw zmq::error_t();
+    try {
+        return send_through_signals(back_, id, ZMQ_SNDMORE);
     }
-    return true;
+    catch (const zmq::error_t& error) {
+        if (error.num() != EHOSTUNREACH)
+            throw;
+        return false;
+    }
 }
 
 void Dispatcher::tell_to_end(const WorkerId& worker)
@@ -215,8 +216,8 @@ std::optional<IncomingRequest> WorkerSocket::next()
         free_ = true;
     }
     IncomingRequest request;
-    request.way_back.reserve(max_routing_frames +
-                             1); // out of memory between two frames would mix up messages
+    // Out of memory between two frames would mix up messages.
+    request.way_back.reserve(max_routing_frames + 1);
     zmq::message_t frame;
     if (!receive_through_signals(socket_, frame) || !frame.more())
         return std::nullopt; // the word that ends the worker

@@ -11,7 +11,6 @@
 
 namespace tarn_internal {
 namespace {
-
 std::string peer_address(const zmq::message_t& frame)
 {
     const char* value = zmq_msg_gets(frame.handle(), "Peer-Address");

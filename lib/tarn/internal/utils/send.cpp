@@ -11,6 +11,7 @@
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "tarn/internal/utils/message_parts.h"
+#include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/thread_sanitizer.h"
 #include "tarn/proto/message.pb.h"
 
@@ -66,15 +67,10 @@ bool send_frame(zmq::socket_t& socket, zmq::message_t& frame, int flags, std::st
                 const std::shared_ptr<slate::Provider>& provider)
 {
     tsan_release(frame.data());
-    while (zmq_msg_send(frame.handle(), socket.handle(), flags) < 0) {
-        if (zmq_errno() == EINTR) // a signal; nothing was sent
-            continue;
-        if (zmq_errno() != EAGAIN)
-            throw zmq::error_t();
-        slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
-        return false;
-    }
-    return true;
+    if (send_through_signals(socket, frame, flags))
+        return true;
+    slate::log_error(provider, SLATE_HERE, text, zmq_strerror(EAGAIN));
+    return false;
 }
 
 bool send_msg(zmq::socket_t& socket, const Message& message, const std::shared_ptr<slate::Provider>& provider)
