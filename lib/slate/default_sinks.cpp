@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -115,11 +116,43 @@ bool wait_for_room(int descriptor, std::chrono::milliseconds time)
     return poll(&polled, 1, static_cast<int>(time.count())) == 1 && (polled.revents & POLLOUT) != 0;
 }
 
+/// Keeps the signal that a pipe without readers raises from ending the process, in this thread and as long as
+/// it exists.
+class WithoutSigpipe {
+public:
+    WithoutSigpipe()
+    {
+        sigset_t pending{};
+        sigpending(&pending);
+        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+        sigemptyset(&sigpipe_);
+        sigaddset(&sigpipe_, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
+    }
+    ~WithoutSigpipe()
+    {
+        const int error = errno;
+        const timespec at_once{};
+        if (!was_pending_) // else the application is to get it
+            (void)retry_interrupted([&] { return sigtimedwait(&sigpipe_, nullptr, &at_once); });
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        errno = error;
+    }
+    WithoutSigpipe(const WithoutSigpipe&) = delete;
+    WithoutSigpipe& operator=(const WithoutSigpipe&) = delete;
+
+private:
+    sigset_t sigpipe_{};
+    sigset_t before_{};
+    bool was_pending_ = false;
+};
+
 class StandardError {
 public:
     /// Writes as much as there is room for within that time, and returns how many bytes that is.
     static std::size_t write(std::string_view bytes, std::chrono::milliseconds time)
     {
+        const WithoutSigpipe guard;
         using Clock = std::chrono::steady_clock;
         const auto end = Clock::now() + time;
         std::size_t written = write_now(bytes);

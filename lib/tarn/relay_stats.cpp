@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/relay_stats.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <list>
 #include <mutex>
 #include <string>
@@ -13,7 +16,8 @@
 
 namespace tarn {
 namespace {
-// Every publisher has a new tag, so the list needs a limit.
+// Every publisher has a new tag, so the list needs a limit. A process that holds more than half of it
+// displaces its own: one that makes up tags without end must not have the others forgotten.
 constexpr std::size_t max_senders = 1000;
 // A publisher asks for the statistics only when it starts, so the entry of a silent one is useless.
 const slate::Duration max_silence = slate::Minutes(15);
@@ -76,6 +80,7 @@ private:
         if (found == by_tag_.end()) {
             senders_.push_front({from.pid(), from.tag(), 0, {}});
             found = by_tag_.emplace(from.tag(), senders_.begin()).first;
+            ++tags_of_[from.pid()];
         }
         else {
             senders_.splice(senders_.begin(), senders_, found->second);
@@ -84,9 +89,10 @@ private:
         found->second->packets =
             static_cast<std::int32_t>(static_cast<std::uint32_t>(found->second->packets) + 1);
         found->second->last_seen = now();
-        while (senders_.size() > max_senders || is_silent(senders_.back())) {
-            forget_last();
-        }
+        while (is_silent(senders_.back()))
+            forget(std::prev(senders_.end()));
+        if (senders_.size() > max_senders)
+            forget_one();
     }
 
     Stats collect() const
@@ -107,18 +113,40 @@ private:
 
     bool is_silent(const Sender& sender) const { return now() - sender.last_seen > max_silence; }
 
-    void forget_last()
+    using Entry = std::list<Sender>::iterator;
+
+    /// The one of a process that was silent longest; it has one.
+    Entry last_of(std::int32_t pid)
     {
-        by_tag_.erase(senders_.back().tag);
-        senders_.pop_back();
+        auto entry = std::prev(senders_.end());
+        while (entry->pid != pid)
+            --entry;
+        return entry;
+    }
+
+    void forget_one()
+    {
+        const auto most = std::max_element(tags_of_.begin(), tags_of_.end(),
+                                           [](const auto& a, const auto& b) { return a.second < b.second; });
+        forget(most->second > max_senders / 2 ? last_of(most->first) : std::prev(senders_.end()));
+    }
+
+    void forget(Entry entry)
+    {
+        const auto tags = tags_of_.find(entry->pid);
+        if (--tags->second == 0)
+            tags_of_.erase(tags);
+        by_tag_.erase(entry->tag);
+        senders_.erase(entry);
     }
 
     slate::Duration now() const { return time_.now(); }
 
     const tarn_internal::RunningTime time_;
-    mutable std::mutex mutex_;  // guards the two below: a route may be added to several servers
+    mutable std::mutex mutex_;  // guards the three below: a route may be added to several servers
     std::list<Sender> senders_; // most recently heard first
-    std::unordered_map<std::string, std::list<Sender>::iterator> by_tag_;
+    std::unordered_map<std::string, Entry> by_tag_;
+    std::unordered_map<std::int32_t, std::size_t> tags_of_; // how many, by pid
 };
 } // namespace
 

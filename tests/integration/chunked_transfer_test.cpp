@@ -1012,6 +1012,21 @@ TEST_P(AChunkedUpload, MayPauseForAsLongAsTheSettingsSay)
     EXPECT_LE(logged_expiry("begin: "), slate::Seconds(90) + now);
 }
 
+TEST_P(AChunkedUpload, MayPauseForAsLongAsTheSettingsSayWhenAChunkArrives)
+{
+    slate::set_log_level(slate::ExtremeLevel);
+    settings->set("session_ttl", "90s");
+    const auto clock = slate::make_clock_factory()->make_clock();
+    start();
+
+    settings->set("session_ttl", "1h");
+    send(chunk(Verb::Put, "t", 0, "x"));
+    const auto now = slate::clock_ticks_to_duration(clock->ticks(), clock->frequency());
+
+    EXPECT_GE(logged_expiry("begin: "), slate::Minutes(60));
+    EXPECT_LE(logged_expiry("begin: "), slate::Minutes(60) + now);
+}
+
 TEST_P(AChunkedUpload, MayPauseForAQuarterOfAnHourIfTheSettingIsNotADuration)
 {
     slate::set_log_level(slate::ExtremeLevel);

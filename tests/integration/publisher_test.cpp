@@ -437,11 +437,13 @@ TEST_F(APublisher, MayOutliveTheLibraryAndLetsItsLastMessagesLeave)
 
 class RelayStatistics : public RuntimeTest {
 protected:
-    void count(const std::string& tag, bool by_put = true)
+    void count(const std::string& tag, bool by_put = true, std::int32_t pid = 1)
     {
         Context context;
         context.request.message = by_put ? factory()->make_put("/relay", "x") : factory()->make_del("/relay");
-        tarn_internal::find_or_make_head(*context.request.message)->mutable_from()->set_tag(tag);
+        Identity& from = *tarn_internal::find_or_make_head(*context.request.message)->mutable_from();
+        from.set_tag(tag);
+        from.set_pid(pid);
         by_put ? route->put(context) : route->del(context);
     }
 
@@ -524,6 +526,21 @@ TEST_F(RelayStatistics, ForgetTheSenderThatWasSilentLongestBeyondAThousand)
     EXPECT_EQ(stats.stat(0).total_packets(), 1001);
     for (const Stat& stat : stats.stat())
         EXPECT_NE(stat.id().tag(), "0");
+}
+
+TEST_F(RelayStatistics, ForgetOnlyTheTagsOfAProcessThatMakesThemUpWithoutEnd)
+{
+    count("silent", true, 2);
+    for (int i = 0; i < 3000; ++i)
+        count(std::to_string(i));
+    count("new", true, 3);
+
+    const auto stats = ask("/relay/stats").into<Stats>();
+    ASSERT_EQ(stats.stat_size(), 1000);
+    EXPECT_EQ(stats.stat(0).id().tag(), "new");
+    EXPECT_EQ(stats.stat(1).id().tag(), "2999");
+    EXPECT_EQ(stats.stat(998).id().tag(), "2002");
+    EXPECT_EQ(stats.stat(999).id().tag(), "silent");
 }
 
 TEST_F(RelayStatistics, KeepOnlyThePidAndTheTagOfASender)

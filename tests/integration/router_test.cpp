@@ -175,6 +175,24 @@ INSTANTIATE_TEST_SUITE_P(
         // The router's own endpoint: the service's part is stripped all the same.
         Way{"/own/a/b", "inproc", "/a/b"}, Way{"/own", "inproc", "/"}, Way{"/own/1/a", "own/1", "/a"}));
 
+TEST_F(ARouter, KnowsItsOwnEndpointBehindALinkToo)
+{
+    const auto own = socket_of("own");
+    std::filesystem::create_directory_symlink(run_time_directory / "own", run_time_directory / "linked");
+    tarn_internal::RouterImpl impl(runtime->ctx(), settings, {uri, own}, nullptr, factory(),
+                                   run_time_directory);
+    ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(run_time_directory / "own/zmq.sock"); }));
+    Message message;
+    message.mutable_get()->mutable_head()->set_path("/linked/a");
+
+    const auto [endpoint, path] =
+        tarn_internal::RouterImpl::resolve(&impl, Request(std::make_shared<Message>(message)));
+
+    ASSERT_NE(endpoint, nullptr);
+    EXPECT_TRUE(endpoint->to_string().starts_with("inproc://")) << endpoint->to_string();
+    EXPECT_EQ(path, "/a");
+}
+
 TEST_F(ARouter, PassesARequestOnByItsFirstSegmentAndTheReplyBack)
 {
     start();

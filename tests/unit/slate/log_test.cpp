@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -24,6 +25,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -821,6 +823,54 @@ TEST(StderrSink, EndsALineThatDidNotFitAsAWhole)
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);)
         EXPECT_TRUE(line.starts_with("20")) << line.substr(0, 100);
+}
+
+TEST(StderrSink, OutlivesTheReaderOfAPipe)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int ends[2];
+        if (std::signal(SIGPIPE, SIG_DFL) == SIG_ERR || pipe2(ends, O_CLOEXEC) != 0)
+            _exit(1);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[0]);
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        log_many_lines(2);
+        sigset_t pending{};
+        sigset_t blocked{};
+        sigpending(&pending);
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        _exit(sigismember(&pending, SIGPIPE) == 0 && sigismember(&blocked, SIGPIPE) == 0 ? 0 : 2);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(StderrSink, LeavesABrokenPipeOfTheApplicationPending)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int ends[2];
+        sigset_t sigpipe{};
+        sigemptyset(&sigpipe);
+        sigaddset(&sigpipe, SIGPIPE);
+        if (pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr) != 0 || pipe2(ends, O_CLOEXEC) != 0 ||
+            pthread_kill(pthread_self(), SIGPIPE) != 0)
+            _exit(1);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[0]);
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        log_many_lines(2);
+        sigset_t pending{};
+        sigpending(&pending);
+        _exit(sigismember(&pending, SIGPIPE) == 1 ? 0 : 2);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(StderrSink, NeverWaitsForAPipeThatItMayNotOpenAgain)

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 
+#include <sys/stat.h>
 #include <zmq.hpp>
 
 #include "slate/dictionary.h"
@@ -113,6 +115,23 @@ void RouterImpl::worker_entry(RouterImpl* router, WorkerSocket& socket)
     worker.run();
 }
 
+/// Whether it is one of the router's own endpoints, which would forward to itself until all workers are
+/// taken. The texts may differ: an endpoint may be relative, or a link leads to it.
+bool RouterImpl::is_own(const std::string& endpoint) const
+{
+    const auto find_file = [](const std::string& uri, struct stat& status) {
+        return slate::starts_with(uri, "ipc://") && stat(uri.c_str() + std::strlen("ipc://"), &status) == 0;
+    };
+    struct stat file {};
+    const bool exists = find_file(endpoint, file);
+    return std::any_of(uris_.begin(), uris_.end(), [&](const auto& uri) {
+        const std::string own = uri->to_string();
+        struct stat own_file {};
+        return own == endpoint || (exists && find_file(own, own_file) && own_file.st_dev == file.st_dev &&
+                                   own_file.st_ino == file.st_ino);
+    });
+}
+
 std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const Request& request)
 {
     const std::string path = request.path();
@@ -130,9 +149,7 @@ std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const R
     endpoint += "/zmq.sock";
     segments.erase(segments.begin(), segments.begin() + (numbered ? 2 : 1));
 
-    const bool own = std::any_of(router->uris_.begin(), router->uris_.end(),
-                                 [&](const auto& uri) { return uri->to_string() == endpoint; });
-    auto uri = own ? router->server_uri_ : slate::make_uri(endpoint);
+    auto uri = router->is_own(endpoint) ? router->server_uri_ : slate::make_uri(endpoint);
     if (!uri) // the name can't be part of an endpoint
         return {router->server_uri_, path};
     return {uri, "/" + slate::join(segments, "/")};

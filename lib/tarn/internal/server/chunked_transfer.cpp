@@ -16,17 +16,19 @@
 #include "tarn/transfer/chunk_headers.h"
 
 namespace tarn_internal {
-ChunkedTransfers::ChunkedTransfers(const slate::Dictionary& settings,
+ChunkedTransfers::ChunkedTransfers(std::shared_ptr<const slate::Dictionary> settings,
                                    std::shared_ptr<slate::Provider> provider,
                                    std::shared_ptr<slate::Counter> err,
                                    const std::vector<Endpoint>& endpoints)
-    : session_ttl_(duration_setting(settings, tarn::session_ttl(), tarn::default_session_ttl())),
-      max_transfer_bytes_(size_setting(settings, "max_transfer_bytes").value_or(SIZE_MAX)),
+    : settings_(std::move(settings)),
+      max_transfer_bytes_(size_setting(*settings_, "max_transfer_bytes").value_or(SIZE_MAX)),
       provider_(std::move(provider)),
       err_(std::move(err)),
       files_(TemporaryFileList::for_endpoints(endpoints)),
       sessions_(slate::make_clock_factory()->make_clock())
 {
+    // Asked again at each chunk; here for the line in the log if it isn't a duration.
+    (void)duration_setting(*settings_, session_ttl(), default_session_ttl());
     if (files_)
         files_->sweep();
 }
@@ -108,6 +110,16 @@ ChunkedTransfers::Sessions::Handle ChunkedTransfers::find_or_begin(const std::st
     return begun;
 }
 
+/// How long the transfer may pause is asked at each chunk, so that an application may change it.
+slate::Duration ChunkedTransfers::expiry() const
+{
+    const std::string key = session_ttl();
+    const auto ttl = settings_->has(key)
+                         ? slate::Duration::from(settings_->get(key, ""), default_session_ttl())
+                         : default_session_ttl();
+    return sessions_.now() + ttl;
+}
+
 /// Makes the last chunk the whole request: its body, and no trace of the transfer.
 void ChunkedTransfers::complete(Context& context, Sessions::Entry& entry)
 {
@@ -121,10 +133,5 @@ void ChunkedTransfers::complete(Context& context, Sessions::Entry& entry)
         context.params->remove(header);
         context.request.clr_header(header);
     }
-}
-
-slate::Duration ChunkedTransfers::expiry() const
-{
-    return sessions_.now() + session_ttl_;
 }
 } // namespace tarn_internal

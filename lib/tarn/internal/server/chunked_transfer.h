@@ -27,10 +27,11 @@ enum class TransferFile { InTemporaryFolder, BesideTemporaryFolder };
 /// Threads: any. No lock is held while the handler runs.
 class ChunkedTransfers {
 public:
-    /// `settings` are read for "session_ttl" and "max_transfer_bytes". Removes the files of uploads that an
-    /// ended process of the service at these endpoints has left.
-    ChunkedTransfers(const slate::Dictionary& settings, std::shared_ptr<slate::Provider> provider,
-                     std::shared_ptr<slate::Counter> err, const std::vector<Endpoint>& endpoints);
+    /// `settings` are read for "max_transfer_bytes", and at each chunk for "session_ttl". Removes the files
+    /// of uploads that an ended process of the service at these endpoints has left.
+    ChunkedTransfers(std::shared_ptr<const slate::Dictionary> settings,
+                     std::shared_ptr<slate::Provider> provider, std::shared_ptr<slate::Counter> err,
+                     const std::vector<Endpoint>& endpoints);
 
     /// Takes a put or post that the route accepts. Calls `handler` at once if the request is not a chunk or
     /// the route takes chunks, else with the last chunk and the whole body. Throws MessageException for a
@@ -51,7 +52,7 @@ private:
     void complete(Context& context, Sessions::Entry& entry);
     slate::Duration expiry() const;
 
-    const slate::Duration session_ttl_; // how long a transfer may pause
+    const std::shared_ptr<const slate::Dictionary> settings_;
     const std::uint64_t max_transfer_bytes_;
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<slate::Counter> err_;

@@ -38,7 +38,7 @@ RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& s
       calls_(calls),
       pid_(factory_->finder()->my_pid()),
       failure_(factory_->make_response(Status::InternalServerError)->SerializeAsString()),
-      transfers_(*settings, provider_, counters_.err, endpoints)
+      transfers_(settings, provider_, counters_.err, endpoints)
 {
 }
 
