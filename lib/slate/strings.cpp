@@ -2,6 +2,7 @@
 #include "slate/strings.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +12,23 @@
 
 namespace slate {
 namespace {
+/// Takes that many words of ASCII off the text, without a branch between them. False if it begins with less.
+template <std::size_t words>
+bool skip_ascii(std::string_view& text)
+{
+    std::array<std::uint64_t, words> block;
+    if (text.size() < sizeof block)
+        return false;
+    std::memcpy(block.data(), text.data(), sizeof block);
+    std::uint64_t bits = 0;
+    for (const std::uint64_t word : block)
+        bits |= word;
+    if ((bits & 0x8080808080808080U) != 0)
+        return false;
+    text.remove_prefix(sizeof block);
+    return true;
+}
+
 /// The length of the UTF-8 sequence at the beginning of a text that isn't empty, by the Unicode standard's
 /// table of well-formed sequences; 0 if the text begins with something else.
 std::size_t utf8_sequence(std::string_view text)
@@ -139,15 +157,9 @@ bool equals_ignoring_case(std::string_view a, std::string_view b)
 bool is_utf8(std::string_view text)
 {
     while (!text.empty()) {
-        // Most texts are ASCII, of which eight bytes are looked at together.
-        std::uint64_t word = 0;
-        if (text.size() >= sizeof word) {
-            std::memcpy(&word, text.data(), sizeof word);
-            if ((word & 0x8080808080808080U) == 0) {
-                text.remove_prefix(sizeof word);
-                continue;
-            }
-        }
+        // Most texts are ASCII, of which many bytes are looked at together.
+        if (skip_ascii<8>(text) || skip_ascii<1>(text))
+            continue;
         const std::size_t size = utf8_sequence(text);
         if (size == 0)
             return false;

@@ -100,12 +100,15 @@ Probe probe_tcp(const std::string& address, const slate::Duration& timeout)
     if (colon == std::string::npos)
         return not_served("the port is missing");
     std::string host = address.substr(0, colon);
-    if (host.starts_with('[') && host.ends_with(']'))
+    addrinfo hints{};
+    hints.ai_family = AF_INET; // which is what a client's socket finds by a name
+    hints.ai_socktype = SOCK_STREAM;
+    if (host.starts_with('[') && host.ends_with(']')) {
         host = host.substr(1, host.size() - 2);
+        hints.ai_family = AF_INET6;
+    }
     if (host == "*")
         host = "127.0.0.1";
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (const int error = getaddrinfo(host.c_str(), address.substr(colon + 1).c_str(), &hints, &found);
         error != 0)

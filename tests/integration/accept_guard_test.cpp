@@ -24,24 +24,30 @@ constexpr bool calls_are_intercepted = true;
 constexpr bool calls_are_intercepted = false;
 #endif
 
-/// Another process that holds as many connections to one socket file as it can get, up to a number.
+/// Another process that holds as many connections to one socket file as it can get, up to a number, once it
+/// is told to start.
 class ConnectionHoarder {
 public:
     ConnectionHoarder(const std::string& path, int count)
     {
-        if (pipe(ready_.data()) != 0)
+        if (pipe(ready_.data()) != 0 || pipe(begin_.data()) != 0)
             throw std::runtime_error("no pipe");
         pid_ = fork();
         if (pid_ == 0)
             hoard(path.c_str(), count);
         close(ready_[1]);
+        close(begin_[0]);
+    }
+    void start() const { EXPECT_EQ(write(begin_[1], "x", 1), 1); }
+    void wait() const
+    {
         char word = 0;
-        if (read(ready_[0], &word, 1) != 1)
-            throw std::runtime_error("no connections");
+        EXPECT_EQ(read(ready_[0], &word, 1), 1);
     }
     ~ConnectionHoarder()
     {
         close(ready_[0]);
+        close(begin_[1]);
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
@@ -53,6 +59,9 @@ private:
     {
         // Only system calls, since this process was forked from one with threads.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        char word = 0;
+        if (read(begin_[0], &word, 1) != 1)
+            _exit(1);
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
         limit.rlim_cur = limit.rlim_max;
@@ -76,6 +85,7 @@ private:
     }
 
     std::array<int, 2> ready_{};
+    std::array<int, 2> begin_{};
     pid_t pid_ = -1;
 };
 
@@ -96,6 +106,8 @@ TEST_P(AServerWithoutDescriptors, ServesThoseWhoAreConnectedAndLaterOthersAgain)
     {
         const DescriptorLimit limit(256);
         const ConnectionHoarder hoarder(uri->path(), 1000);
+        hoarder.start();
+        hoarder.wait();
         EXPECT_TRUE(wait_until([&] { // it reports once a second
             return !logs.texts(slate::WarnLevel).empty() &&
                    logs.texts(slate::WarnLevel)
@@ -116,10 +128,14 @@ TEST_P(AServerWithoutDescriptors, SurvivesABurstOnEachOfItsEndpointsAtOnce)
     const auto client = make_client(uri, 0);
     ASSERT_EQ(client->get("/index")->status(), Status::Ok);
     const DescriptorLimit limit(200);
-    std::vector<std::jthread> hoarding;
-    for (const auto& endpoint : {uri, second, relay_in})
-        hoarding.emplace_back([path = endpoint->path()] { const ConnectionHoarder hoarder(path, 500); });
-    hoarding.clear();
+    {
+        const ConnectionHoarder hoarders[] = {
+            {uri->path(), 500}, {second->path(), 500}, {relay_in->path(), 500}};
+        for (const auto& hoarder : hoarders)
+            hoarder.start();
+        for (const auto& hoarder : hoarders)
+            hoarder.wait();
+    }
     EXPECT_EQ(client->get("/index")->status(), Status::Ok);
 }
 

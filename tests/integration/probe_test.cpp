@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/probe.h"
 
+#include <netdb.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +34,17 @@ TEST_F(AProbe, FindsWhoServesAnAbstractName)
     EXPECT_EQ(found.pid, getpid());
 }
 
+bool is_known(const char* host)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    addrinfo* found = nullptr;
+    const bool known = getaddrinfo(host, nullptr, &hints, &found) == 0;
+    if (known)
+        freeaddrinfo(found);
+    return known;
+}
+
 TEST_F(AProbe, FindsWhetherATcpPortIsServed)
 {
     zmq::context_t context;
@@ -43,7 +55,8 @@ TEST_F(AProbe, FindsWhetherATcpPortIsServed)
     EXPECT_EQ(probe(uri).pid, std::nullopt);
     const auto port = uri->address().substr(uri->address().rfind(':'));
     EXPECT_TRUE(probe(slate::make_uri("tcp://*" + port)).served);
-    EXPECT_TRUE(probe(slate::make_uri("tcp://localhost" + port)).served);
+    // A minimal system may know no names at all.
+    EXPECT_EQ(probe(slate::make_uri("tcp://localhost" + port)).served, is_known("localhost"));
 
     holder.close();
     context.close();

@@ -12,10 +12,10 @@
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/transport/front.h"
+#include "tarn/internal/transport/socket_poller.h"
 #include "tarn/internal/transport/thread_mark.h"
 #include "tarn/internal/transport/workers.h"
 #include "tarn/internal/utils/memory_return.h"
-#include "tarn/internal/utils/receive.h"
 
 namespace tarn_internal {
 namespace {
@@ -134,16 +134,21 @@ void MultiThreadedServer::listen_pubsub()
     if (connect_control(wake_up, pubsub_->endpoint(), provider_) &&
         subscriber_.init_publish_subscribe(pubsub, *pubsub_uri_)) {
         MemoryReturn memory;
+        SocketPoller poller;
+        const auto commands = poller.add(wake_up);
+        const auto changes = poller.add(pubsub);
         run_passes(provider_, *counters_.err, [&] {
-            zmq::pollitem_t items[] = {{wake_up.handle(), 0, ZMQ_POLLIN, 0},
-                                       {pubsub.handle(), 0, ZMQ_POLLIN, 0}};
-            poll_for(items, memory.wait_time());
-            if (is_readable(items[0]) && !handle_wake_up(wake_up, pubsub, pubsub_listening_))
-                return false;
-            if (is_readable(items[1]))
-                memory.note(subscriber_.handle_publish_subscribe(pubsub));
-            else if (!is_readable(items[0]))
+            if (!poller.wait(memory.wait_time())) {
                 memory.give_back();
+                return true;
+            }
+            if (poller.is_readable(commands)) {
+                if (!handle_wake_up(wake_up, pubsub, pubsub_listening_))
+                    return false;
+                poller.touch(changes); // subscriptions may have changed
+            }
+            if (poller.is_readable(changes))
+                memory.note(subscriber_.handle_publish_subscribe(pubsub));
             return true;
         });
     }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/single_threaded_server.h"
 
-#include <algorithm>
 #include <utility>
 
 #include <zmq.hpp>
@@ -13,8 +12,8 @@
 #include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/front.h"
+#include "tarn/internal/transport/socket_poller.h"
 #include "tarn/internal/transport/thread_mark.h"
-#include "tarn/internal/utils/receive.h"
 
 namespace tarn_internal {
 struct SingleThreadedServer::Sockets {
@@ -24,19 +23,20 @@ struct SingleThreadedServer::Sockets {
           front(context, settings)
     {
         limit_frames(pubsub, settings);
+        // Those that the server has no use for stay silent.
+        poller.add(wake_up);
+        poller.add(pubsub);
+        poller.add(front.socket());
     }
 
-    bool is_readable(const zmq::socket_t& socket) const
-    {
-        return std::any_of(items.begin(), items.end(), [&](const zmq::pollitem_t& item) {
-            return item.socket == socket.handle() && tarn_internal::is_readable(item);
-        });
-    }
+    static constexpr SocketPoller::Index wake_up_index = 0;
+    static constexpr SocketPoller::Index pubsub_index = 1;
+    static constexpr SocketPoller::Index front_index = 2;
 
     zmq::socket_t wake_up;
     zmq::socket_t pubsub;
     Front front;
-    std::vector<zmq::pollitem_t> items; // of the sockets that are in use
+    SocketPoller poller;
 };
 
 SingleThreadedServer::SingleThreadedServer(int id, std::shared_ptr<zmq::context_t> context,
@@ -88,23 +88,9 @@ void SingleThreadedServer::listen()
 
 bool SingleThreadedServer::init(Sockets& sockets)
 {
-    const auto poll_it = [&](zmq::socket_t& socket) {
-        sockets.items.push_back({socket.handle(), 0, ZMQ_POLLIN, 0});
-    };
-    if (!connect_control(sockets.wake_up, listener_.endpoint(), provider_))
-        return false;
-    poll_it(sockets.wake_up);
-    if (pubsub_uri_) {
-        if (!subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_))
-            return false;
-        poll_it(sockets.pubsub);
-    }
-    if (!uris_.empty()) {
-        if (!sockets.front.bind(uris_, "rx", provider_))
-            return false;
-        poll_it(sockets.front.socket());
-    }
-    return true;
+    return connect_control(sockets.wake_up, listener_.endpoint(), provider_) &&
+           (!pubsub_uri_ || subscriber_.init_publish_subscribe(sockets.pubsub, *pubsub_uri_)) &&
+           (uris_.empty() || sockets.front.bind(uris_, "rx", provider_));
 }
 
 void SingleThreadedServer::serve(Sockets& sockets)
@@ -118,18 +104,20 @@ void SingleThreadedServer::serve(Sockets& sockets)
 /// One pass: at most one message of each socket. False at the end.
 bool SingleThreadedServer::serve_once(Sockets& sockets)
 {
-    poll_for(sockets.items, memory_.wait_time());
-    if (std::none_of(sockets.items.begin(), sockets.items.end(), tarn_internal::is_readable)) {
+    SocketPoller& poller = sockets.poller;
+    if (!poller.wait(memory_.wait_time())) {
         memory_.give_back();
         return true;
     }
-    if (sockets.is_readable(sockets.wake_up) && !handle_wake_up(sockets.wake_up, sockets.pubsub, listening_))
-        return false;
-
+    if (poller.is_readable(Sockets::wake_up_index)) {
+        if (!handle_wake_up(sockets.wake_up, sockets.pubsub, listening_))
+            return false;
+        poller.touch(Sockets::pubsub_index); // subscriptions may have changed
+    }
     const slate::StopWatch watch(true);
-    if (sockets.is_readable(sockets.pubsub))
+    if (poller.is_readable(Sockets::pubsub_index))
         memory_.note(subscriber_.handle_publish_subscribe(sockets.pubsub));
-    if (sockets.is_readable(sockets.front.socket()))
+    if (poller.is_readable(Sockets::front_index))
         handle_request(sockets.front.socket());
     handle_ms_->record(watch.elapsed() / 1000);
     return true;

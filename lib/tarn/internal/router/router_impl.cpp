@@ -3,18 +3,17 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
+#include <utility>
 
-#include <sys/stat.h>
 #include <zmq.hpp>
 
 #include "slate/dictionary.h"
 #include "slate/log.h"
-#include "slate/strings.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/exception.h"
 #include "tarn/internal/router/router_worker.h"
+#include "tarn/internal/router/service_path.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/transport/front.h"
@@ -24,13 +23,6 @@
 namespace tarn_internal {
 namespace {
 std::atomic<int> instance{0};
-
-/// The form that endpoints have: absolute, and without a trailing slash.
-std::filesystem::path normalise(const std::filesystem::path& directory)
-{
-    auto result = std::filesystem::absolute(directory).lexically_normal();
-    return result.has_filename() ? result : result.parent_path();
-}
 } // namespace
 
 RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
@@ -45,7 +37,7 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
       uris_(endpoints),
       dealer_uri_(slate::make_uri("inproc://dealer/" + uuid_)),
       server_uri_(slate::make_uri("inproc://router_server/" + uuid_)),
-      run_time_directory_(normalise(run_time_directory)),
+      run_time_directory_(normalise_directory(run_time_directory)),
       provider_("zmq.router", instance++),
       thread_(context_, slate::make_uri("inproc://" + uuid_)),
       server_(make_server(1, settings, {server_uri_}, relay_out, factory, routes)),
@@ -115,44 +107,19 @@ void RouterImpl::worker_entry(RouterImpl* router, WorkerSocket& socket)
     worker.run();
 }
 
-/// Whether it is one of the router's own endpoints, which would forward to itself until all workers are
-/// taken. The texts may differ: an endpoint may be relative, or a link leads to it.
-bool RouterImpl::is_own(const std::string& endpoint) const
-{
-    const auto find_file = [](const std::string& uri, struct stat& status) {
-        return slate::starts_with(uri, "ipc://") && stat(uri.c_str() + std::strlen("ipc://"), &status) == 0;
-    };
-    struct stat file {};
-    const bool exists = find_file(endpoint, file);
-    return std::any_of(uris_.begin(), uris_.end(), [&](const auto& uri) {
-        const std::string own = uri->to_string();
-        struct stat own_file {};
-        return own == endpoint || (exists && find_file(own, own_file) && own_file.st_dev == file.st_dev &&
-                                   own_file.st_ino == file.st_ino);
-    });
-}
-
 std::pair<Endpoint, std::string> RouterImpl::resolve(RouterImpl* router, const Request& request)
 {
-    const std::string path = request.path();
-    auto segments = slate::split<std::vector<std::string>>(path, "/", false, true);
-    if (segments.empty())
+    std::string path = request.path();
+    if (path.find_first_not_of('/') == std::string::npos)
         return {};
-    if (!router->is_service(segments.front()))
-        return {router->server_uri_, path};
-
-    std::string endpoint = "ipc://" + router->run_time_directory_.string() + "/" + segments.front();
-    unsigned int number = 0;
-    const bool numbered = segments.size() > 1 && slate::try_parse(segments[1], &number);
-    if (numbered)
-        endpoint += "/" + std::to_string(number);
-    endpoint += "/zmq.sock";
-    segments.erase(segments.begin(), segments.begin() + (numbered ? 2 : 1));
-
-    auto uri = router->is_own(endpoint) ? router->server_uri_ : slate::make_uri(endpoint);
-    if (!uri) // the name can't be part of an endpoint
-        return {router->server_uri_, path};
-    return {uri, "/" + slate::join(segments, "/")};
+    auto service = tarn_internal::find_service(router->run_time_directory_, path);
+    if (!service)
+        return {router->server_uri_, std::move(path)};
+    // Its own endpoint would forward to itself until all workers are taken.
+    if (std::any_of(router->uris_.begin(), router->uris_.end(),
+                    [&](const auto& own) { return is_same_socket(*own, *service->endpoint); }))
+        service->endpoint = router->server_uri_;
+    return {std::move(service->endpoint), std::move(service->path)};
 }
 
 std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request)
@@ -162,12 +129,5 @@ std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request
     if (found.first == server_uri_ && !serves_itself_.value_or(true))
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
-}
-
-/// Looks only at the directory, not at the socket in it.
-bool RouterImpl::is_service(const std::string& name) const
-{
-    // No path may escape from the run-time directory.
-    return name != "." && name != ".." && std::filesystem::exists(run_time_directory_ / name);
 }
 } // namespace tarn_internal

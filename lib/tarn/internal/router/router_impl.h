@@ -50,9 +50,6 @@ private:
     /// server if that has not started.
     std::pair<Endpoint, std::string> find_service(const Request& request);
     static void worker_entry(RouterImpl* router, WorkerSocket& socket);
-    /// Whether there is a service of that name.
-    bool is_service(const std::string& name) const;
-    bool is_own(const std::string& endpoint) const;
 
     static constexpr std::size_t worker_count = 3;
     const std::shared_ptr<zmq::context_t> context_;

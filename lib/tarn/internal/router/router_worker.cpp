@@ -6,6 +6,7 @@
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/router/service_path.h"
 #include "tarn/internal/transport/dispatcher.h"
 #include "tarn/internal/transport/request_cycle.h"
 #include "tarn/internal/utils/request_bounds.h"
@@ -18,12 +19,6 @@ namespace {
 const slate::Duration router_share = slate::Milliseconds(500);
 /// How long the router waits if the request's ttl is below router_share.
 const slate::Duration time_for_short_ttl = slate::Seconds(1);
-
-/// Whether the message has a path.
-bool is_routable(const Message& message)
-{
-    return message.type_case() != Message::TYPE_NOT_SET && !message.has_call() && !message.has_response();
-}
 } // namespace
 
 RouterWorker::RouterWorker(const std::shared_ptr<zmq::context_t>& context,

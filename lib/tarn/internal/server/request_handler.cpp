@@ -206,7 +206,7 @@ std::optional<zmq::message_t> RequestHandler::to_reply_frame(Context& context) c
     if (!context.reply.message) // a handler may have removed it
         context.reply.message = factory_->make_response(Status::InternalServerError);
     move_invalid_text_to_bytes(*context.reply.message); // in place: it may be large
-    return to_frame(*context.reply.message);
+    return serialise(*context.reply.message);
 }
 
 void RequestHandler::send_failure(const SendReply& send) const

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <span>
 #include <utility>
 
 #include "slate/log.h"
@@ -45,11 +44,14 @@ bool Dispatcher::bind(const slate::Uri& endpoint)
 
 void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_view what)
 {
+    back_index_ = poller_.add(back_);
+    control_index_ = poller_.add(control);
+    front_index_ = poller_.add(front_.socket());
     running_ = workers;
     free_.reserve(workers); // so that no worker is lost when memory runs out
     while (running_ > 0) {
         try {
-            if (!serve_once(control))
+            if (!serve_once())
                 end_workers();
         }
         catch (const zmq::error_t& error) {
@@ -65,21 +67,18 @@ void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_vi
 }
 
 /// One pass. False once a command has arrived.
-bool Dispatcher::serve_once(zmq::socket_t& control)
+bool Dispatcher::serve_once()
 {
-    zmq::pollitem_t items[] = {{back_.handle(), 0, ZMQ_POLLIN, 0},
-                               {control.handle(), 0, ZMQ_POLLIN, 0},
-                               {front_.socket().handle(), 0, ZMQ_POLLIN, 0}};
-    const std::size_t count = ending_ ? 1 : free_.empty() ? 2 : 3;
-    poll_for(std::span(items).first(count), memory_.wait_time());
-    if (std::none_of(items, items + count, is_readable))
+    poller_.want(control_index_, ending_ ? 0 : ZMQ_POLLIN);
+    poller_.want(front_index_, ending_ || free_.empty() ? 0 : ZMQ_POLLIN);
+    if (!poller_.wait(memory_.wait_time()))
         memory_.give_back();
 
-    if (is_readable(items[0]))
+    if (poller_.is_readable(back_index_))
         take_replies();
-    if (is_readable(items[1]))
+    if (poller_.is_readable(control_index_))
         return false;
-    if (is_readable(items[2]))
+    if (poller_.is_readable(front_index_))
         hand_out_requests();
     return true;
 }
@@ -95,6 +94,7 @@ void Dispatcher::hand_out_requests()
         // frame.
         zmq::message_t address(request->peer_address);
         for (bool handed_out = false; !handed_out && !free_.empty();) {
+            poller_.touch(back_index_);
             const WorkerId worker = std::move(free_.front());
             free_.erase(free_.begin());
             handed_out = hand_out(*request, address, worker);
@@ -132,6 +132,7 @@ bool Dispatcher::take_message()
         take_word(worker, frame.to_string_view());
         return true;
     }
+    poller_.touch(front_index_);
     // A full queue belongs to a peer that doesn't read: the front drops what is meant for it.
     (void)send_through_signals(front_.socket(), frame, ZMQ_SNDMORE | ZMQ_DONTWAIT);
     for (bool more = true; more;) {
@@ -159,7 +160,7 @@ void Dispatcher::set_free(const WorkerId& worker)
 {
     known_.insert(worker);
     if (ending_)
-        tell_to_end(worker);
+        tell_to_end(worker); // while reading `back_`, which the poller will ask again
     else
         free_.push_back(worker);
 }
@@ -167,6 +168,7 @@ void Dispatcher::set_free(const WorkerId& worker)
 void Dispatcher::end_workers()
 {
     ending_ = true;
+    poller_.touch(back_index_);
     // One that is busy hears it too, and can cut a wait short. One that isn't known yet will be told.
     for (const WorkerId& worker : known_)
         tell_to_end(worker);

@@ -12,6 +12,7 @@
 #include <zmq.hpp>
 
 #include "tarn/internal/transport/front.h"
+#include "tarn/internal/transport/socket_poller.h"
 #include "tarn/internal/utils/memory_return.h"
 
 namespace slate {
@@ -43,7 +44,7 @@ public:
 private:
     using WorkerId = std::string; // the routing id of its socket
 
-    bool serve_once(zmq::socket_t& control);
+    bool serve_once();
     void hand_out_requests();
     bool hand_out(IncomingRequest& request, zmq::message_t& address, const WorkerId& worker);
     void take_replies();
@@ -57,6 +58,10 @@ private:
     Front& front_;
     const std::shared_ptr<slate::Provider> provider_;
     zmq::socket_t back_;
+    SocketPoller poller_;
+    SocketPoller::Index back_index_ = 0;
+    SocketPoller::Index control_index_ = 0;
+    SocketPoller::Index front_index_ = 0;
     std::set<WorkerId> known_;
     std::vector<WorkerId> free_; // the one that has been free longest first
     MemoryReturn memory_;

@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/transport/proxy.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <cstddef>
-#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -12,6 +9,7 @@
 
 #include "slate/log.h"
 #include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/transport/socket_poller.h"
 #include "tarn/internal/utils/memory_return.h"
 #include "tarn/internal/utils/receive.h"
 
@@ -69,53 +67,81 @@ private:
     std::optional<zmq::message_t> held_;
 };
 
-/// Waits until a message can be forwarded; false for "TERMINATE".
-bool wait_for_events(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, const Direction& in,
-                     const Direction& out, MemoryReturn& memory)
-{
-    // While a message is held, its source isn't read, and its destination is polled for room.
-    const auto events = [](const Direction& from_here, const Direction& to_here) {
-        return static_cast<short>((from_here.is_held() ? 0 : ZMQ_POLLIN) |
-                                  (to_here.is_held() ? ZMQ_POLLOUT : 0));
-    };
-    zmq::pollitem_t items[] = {{control.handle(), 0, ZMQ_POLLIN, 0},
-                               {front.handle(), 0, events(in, out), 0},
-                               {back.handle(), 0, events(out, in), 0}};
-    poll_for(items, memory.wait_time());
-    if (std::all_of(std::begin(items), std::end(items), [](const auto& item) { return item.revents == 0; }))
-        memory.give_back();
-    if ((items[0].revents & ZMQ_POLLIN) == 0)
+/// The two directions of a proxy, and the wait for either.
+class Proxy {
+public:
+    Proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control)
+        : control_(control),
+          in_(front, back),
+          out_(back, front),
+          control_index_(poller_.add(control)),
+          front_index_(poller_.add(front)),
+          back_index_(poller_.add(back))
+    {
+    }
+
+    /// One pass. False for "TERMINATE".
+    bool forward_once()
+    {
+        // While a message is held, its source isn't read, and its destination is polled for room.
+        const auto events = [](const Direction& from_here, const Direction& to_here) {
+            return static_cast<short>((from_here.is_held() ? 0 : ZMQ_POLLIN) |
+                                      (to_here.is_held() ? ZMQ_POLLOUT : 0));
+        };
+        poller_.want(front_index_, events(in_, out_));
+        poller_.want(back_index_, events(out_, in_));
+        if (!poller_.wait(memory_.wait_time())) {
+            memory_.give_back();
+            return true;
+        }
+        if (poller_.is_readable(control_index_) && is_told_to_end())
+            return false;
+        if (poller_.is_readable(front_index_) || in_.is_held())
+            forward(in_, back_index_);
+        if (poller_.is_readable(back_index_) || out_.is_held())
+            forward(out_, front_index_);
         return true;
-    zmq::message_t word;
-    return !receive_through_signals(control, word) || word.to_string_view() != terminate;
-}
+    }
+
+private:
+    bool is_told_to_end()
+    {
+        zmq::message_t word;
+        return receive_through_signals(control_, word) && word.to_string_view() == terminate;
+    }
+
+    void forward(Direction& way, SocketPoller::Index to)
+    {
+        poller_.touch(to);
+        for (int i = 0; i < burst; ++i) {
+            const auto bytes = way.forward();
+            if (!bytes)
+                break;
+            memory_.note(*bytes);
+        }
+    }
+
+    zmq::socket_t& control_;
+    Direction in_;
+    Direction out_;
+    SocketPoller poller_;
+    const SocketPoller::Index control_index_;
+    const SocketPoller::Index front_index_;
+    const SocketPoller::Index back_index_;
+    MemoryReturn memory_;
+};
 } // namespace
 
 void run_proxy(zmq::socket_t& front, zmq::socket_t& back, zmq::socket_t& control, std::string_view what,
                const std::shared_ptr<slate::Provider>& provider)
 {
-    MemoryReturn memory;
-    Direction in(front, back);
-    Direction out(back, front);
-    for (;;) {
-        try {
-            if (!wait_for_events(front, back, control, in, out, memory))
-                return;
-            for (Direction* way : {&in, &out}) {
-                for (int i = 0; i < burst; ++i) {
-                    const auto bytes = way->forward();
-                    if (!bytes)
-                        break;
-                    memory.note(*bytes);
-                }
-            }
+    try {
+        Proxy proxy(front, back, control);
+        while (proxy.forward_once()) {
         }
-        catch (const zmq::error_t& error) {
-            if (error.num() == EINTR)
-                continue;
-            slate::log_error(provider, SLATE_HERE, what, " has stopped working: ", error.what());
-            return;
-        }
+    }
+    catch (const zmq::error_t& error) {
+        slate::log_error(provider, SLATE_HERE, what, " has stopped working: ", error.what());
     }
 }
 } // namespace tarn_internal

@@ -21,6 +21,8 @@ namespace {
 /// Whether the socket has a peer to send to within that time; sending would block without one.
 bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
 {
+    if ((events_of(socket) & ZMQ_POLLOUT) != 0)
+        return true;
     zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLOUT, 0}};
     poll_for(items, timeout);
     return (items[0].revents & ZMQ_POLLOUT) != 0;
@@ -39,6 +41,7 @@ bool is_readable(zmq::socket_t& socket, const slate::Duration& timeout, zmq::soc
     }
     return (items[0].revents & ZMQ_POLLIN) != 0;
 }
+
 /// For one wait on a condition; the standard library's arithmetic overflows near its largest time.
 std::chrono::nanoseconds to_chrono(const slate::Duration& time)
 {
@@ -190,8 +193,8 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, Patience& 
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
     // happen twice.
-    for (;;) {
-        if (auto reply = wait_for_reply(*socket_, message, patience.next_wait(), stop)) {
+    for (bool has_sent = true;; has_sent = false) {
+        if (auto reply = wait_for_reply(message, patience.next_wait(), has_sent, stop)) {
             rx_->increment();
             return reply;
         }
@@ -214,17 +217,19 @@ std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalC
 }
 
 /// One wait on one socket. Null if no reply arrived.
-std::shared_ptr<Reply> RequestCycle::wait_for_reply(zmq::socket_t& socket, const Message& message,
-                                                    const slate::Duration& timeout, zmq::socket_t* stop) const
+std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, const slate::Duration& timeout,
+                                                    bool has_sent, zmq::socket_t* stop) const
 {
     try {
-        if (!is_readable(socket, timeout, stop)) {
+        zmq::message_t frame;
+        // A socket that hasn't sent refuses to receive, but can be polled.
+        const bool received = has_sent && !stop
+                                  ? receive_within(*socket_, frame, timeout)
+                                  : is_readable(*socket_, timeout, stop) && receive_frame(*socket_, frame);
+        if (!received) {
             slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message));
             return nullptr;
         }
-        zmq::message_t frame;
-        if (!receive_frame(socket, frame))
-            return nullptr;
         return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
     }
     catch (const zmq::error_t& error) {

@@ -59,8 +59,8 @@ private:
     class Patience;
     class Turn;
     std::shared_ptr<Reply> exchange(const Message& message, Patience& patience, zmq::socket_t* stop);
-    std::shared_ptr<Reply> wait_for_reply(zmq::socket_t& socket, const Message& message,
-                                          const slate::Duration& timeout, zmq::socket_t* stop) const;
+    std::shared_ptr<Reply> wait_for_reply(const Message& message, const slate::Duration& timeout,
+                                          bool has_sent, zmq::socket_t* stop) const;
     std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause);
     std::string describe(const Message& message) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;

@@ -42,6 +42,25 @@ bool receive_frame(zmq::socket_t& socket, zmq::message_t& frame)
     return true;
 }
 
+bool receive_within(zmq::socket_t& socket, zmq::message_t& frame, const slate::Duration& timeout)
+{
+    constexpr long longest = std::numeric_limits<int>::max(); // 24 days, and then once more
+    const slate::StopWatch watch(true);
+    for (auto rest = timeout;; rest = timeout - slate::Microseconds(watch.elapsed())) {
+        const long milliseconds = poll_milliseconds(rest);
+        socket.set(zmq::sockopt::rcvtimeo, static_cast<int>(std::min(milliseconds, longest)));
+        if (zmq_msg_recv(frame.handle(), socket.handle(), 0) >= 0)
+            break;
+        if (zmq_errno() == EAGAIN && milliseconds <= longest)
+            return false;
+        if (zmq_errno() != EINTR && zmq_errno() != EAGAIN)
+            throw zmq::error_t();
+    }
+    tsan_acquire(frame.data());
+    drop_further_frames(socket, frame);
+    return true;
+}
+
 void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame)
 {
     bool more = frame.more();
@@ -49,6 +68,17 @@ void drop_further_frames(zmq::socket_t& socket, const zmq::message_t& frame)
         zmq::message_t dropped;
         more = receive_through_signals(socket, dropped) && dropped.more();
     }
+}
+
+int events_of(zmq::socket_t& socket)
+{
+    int events = 0;
+    std::size_t size = sizeof events;
+    while (zmq_getsockopt(socket.handle(), ZMQ_EVENTS, &events, &size) != 0) {
+        if (zmq_errno() != EINTR)
+            throw zmq::error_t();
+    }
+    return events;
 }
 
 void poll_for(std::span<zmq::pollitem_t> items, const slate::Duration& timeout)

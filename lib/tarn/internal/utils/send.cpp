@@ -32,9 +32,13 @@ std::optional<zmq::message_t> to_frame(const Message& message)
     if (has_invalid_text(message)) {
         Message copy = message;
         move_invalid_text_to_bytes(copy);
-        return to_frame(copy);
+        return serialise(copy);
     }
+    return serialise(message);
+}
 
+std::optional<zmq::message_t> serialise(const Message& message)
+{
     zmq::message_t frame(message.ByteSizeLong());
     // Protobuf counts in int, and would print an error about a larger size.
     if (frame.size() > INT_MAX || !message.SerializeToArray(frame.data(), static_cast<int>(frame.size())))

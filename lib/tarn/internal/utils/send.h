@@ -22,6 +22,9 @@ namespace tarn_internal {
 /// travels as bytes, with its format unchanged. Throws zmq::error_t if there is no memory for the frame.
 std::optional<zmq::message_t> to_frame(const Message& message);
 
+/// The same for a message whose text is known to be UTF-8.
+std::optional<zmq::message_t> serialise(const Message& message);
+
 /// Moves the text of a body that isn't valid UTF-8 into the bytes of that body, with its format unchanged: no
 /// peer could parse such a text, and readers accept both. to_frame does the same with a copy of the message.
 void move_invalid_text_to_bytes(Message& message);
