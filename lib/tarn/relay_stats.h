@@ -23,8 +23,8 @@ namespace tarn {
 ///   server->add(tarn::make_relay_stats_route());
 ///
 /// It counts messages published below "/relay", which each publisher sends at its start. It distinguishes
-/// senders by their tag. Beyond a thousand it forgets the one that has been silent longest, or that one of the
-/// process that holds more than half of them; and each one after 15 minutes of silence.
+/// senders by their tag. Beyond a thousand it forgets the one that has been silent longest, or that one of
+/// the process that holds more than half of them; and each one after 15 minutes of silence.
 [[nodiscard]] std::shared_ptr<Route> make_relay_stats_route();
 /// The same by a clock of the caller's, which must not be null: a test need not wait for 15 minutes.
 [[nodiscard]] std::shared_ptr<Route> make_relay_stats_route(const std::shared_ptr<const slate::Clock>& clock);

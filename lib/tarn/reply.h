@@ -32,7 +32,7 @@ enum class LocalCause : int {
     TooLarge = 5,
     /// ZeroMQ refused the socket, or to send on it.
     SocketFailed = 6,
-    /// The server at an inproc endpoint has ended.
+    /// The server at an inproc endpoint has ended, or no service has the name in the path.
     NoSuchEndpoint = 7,
     /// Reserved for endpoints that the caller may not connect to.
     NotAllowed = 8,

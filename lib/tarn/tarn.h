@@ -8,6 +8,7 @@
 
 #include "tarn/client.h"
 #include "tarn/context.h"
+#include "tarn/device/device_client.h"
 #include "tarn/exception.h"
 #include "tarn/formats.h"
 #include "tarn/message.h"

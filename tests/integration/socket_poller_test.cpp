@@ -93,9 +93,7 @@ TEST_F(ASocketPoller, FindsEachOfManyMessagesThatCameAtOnce)
 TEST_F(ASocketPoller, WaitsUntilAMessageComes)
 {
     EXPECT_FALSE(poller.wait(slate::Milliseconds(0)));
-    std::thread sender([&] {
-        first_ends.send();
-    });
+    std::thread sender([&] { first_ends.send(); });
     EXPECT_TRUE(poller.wait(for_ever));
     EXPECT_TRUE(poller.is_readable(first));
     sender.join();

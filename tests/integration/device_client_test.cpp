@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/device/device_client.h"
+
+#include <fstream>
+#include <latch>
+#include <sstream>
+#include <thread>
+
+#include "support/peers.h"
+#include "support/runtime_test.h"
+
+namespace {
+using namespace tarn;
+using namespace tarn_test;
+using Endpoint = std::shared_ptr<const slate::Uri>;
+
+/// What a caller sees of a reply.
+std::string describe(const Reply& reply)
+{
+    if (!reply.message)
+        return "no message";
+    std::ostringstream text;
+    const Response& response = reply.message->response();
+    text << Status_Name(reply.status()) << " \"" << reply.status_message() << "\" " << response.head().path()
+         << " " << Format_Name(response.head().format());
+    for (const KeyValue& header : response.head().headers())
+        text << " " << header.key() << "=" << header.value();
+    text << " "
+         << (response.body().has_bin()   ? "bytes"
+             : response.body().has_txt() ? "text"
+                                         : "nothing")
+         << " " << response.body().bin() << response.body().txt();
+    return text.str();
+}
+
+class ADeviceClient : public RuntimeTest {
+protected:
+    Endpoint socket_of(const std::string& service)
+    {
+        const auto directory = run_time_directory / service;
+        std::filesystem::create_directories(directory);
+        return slate::make_uri("ipc://" + (directory / "zmq.sock").string());
+    }
+
+    /// A service whose routes tell who and where they are.
+    std::shared_ptr<Server> serve_as(const std::string& service)
+    {
+        auto server = make_server(settings, {socket_of(service)}, nullptr);
+        add_routes(*server, service);
+        return server;
+    }
+
+    static void add_routes(Server& server, const std::string& name)
+    {
+        const auto all = make_test_route("all", "get,head,put,post,delete", "/time/:*");
+        const auto tell = [name](const std::string& verb) {
+            return [name, verb](Context& context) {
+                context.reply.set_reply_text(verb + " " + context.request.path() + " at " + name + " " +
+                                             context.request.param("n", "") + " " +
+                                             context.request.header("X-Who", ""));
+                context.reply.set_header("X-From", name);
+            };
+        };
+        all->on_get = tell("get");
+        all->on_put = [name](Context& context) {
+            context.reply.set_reply_text(name + " got " + std::to_string(context.request.data().size()));
+        };
+        all->on_post = tell("post");
+        all->on_del = [](Context& context) { context.reply.set_format_status(Format::Empty, Status::Gone); };
+        server.add(all);
+        const auto odd = make_test_route("odd", "get", "/odd/:what");
+        odd->on_get = [](Context& context) {
+            const std::string what = context.params->get("what", "");
+            if (what == "bytes")
+                context.reply.set_reply_data(Format::Proto, std::string("\x01\xff", 2));
+            else if (what == "json")
+                context.reply.set_reply_json(R"({"a":1})");
+            else if (what == "throw")
+                throw std::runtime_error("broken");
+            else if (what == "teapot")
+                throw MessageException(Status::Conflict, "no");
+        };
+        server.add(odd);
+    }
+
+    std::filesystem::path run_time_directory = folder.path() / "run";
+    Endpoint router_uri = scratch_endpoint();
+};
+
+struct Call {
+    std::string verb;
+    std::string recipient;
+};
+std::ostream& operator<<(std::ostream& stream, const Call& call)
+{
+    return stream << call.verb << " \"" << call.recipient << '"';
+}
+
+std::shared_ptr<Reply> make_call(Client& client, const Call& call)
+{
+    const auto headers = slate::make_dictionary({{"X-Who", "me"}});
+    // Nobody answers there.
+    const slate::Duration timeout = slate::Seconds(call.recipient.starts_with("/clock/3") ? 1 : 10);
+    if (call.verb == "get")
+        return client.get(call.recipient, headers, timeout);
+    if (call.verb == "head")
+        return client.head(call.recipient, headers, timeout);
+    if (call.verb == "put")
+        return client.put(call.recipient, std::string("body"), headers, timeout);
+    if (call.verb == "post")
+        return client.post(call.recipient, std::string("body"), headers, timeout);
+    if (call.verb == "put a stream") {
+        std::istringstream stream(std::string(2500000, 'x'));
+        return client.put(call.recipient, stream, headers, timeout);
+    }
+    if (call.verb == "call") {
+        Request request(std::make_shared<Message>());
+        request.message->mutable_call()->mutable_select()->set_method_number(1);
+        return client.send(request, timeout);
+    }
+    return client.del(call.recipient, headers, timeout);
+}
+
+class ADeviceClientAndARouter : public ADeviceClient, public ::testing::WithParamInterface<Call> {};
+
+TEST_P(ADeviceClientAndARouter, GiveTheSameReply)
+{
+    std::vector<std::shared_ptr<Server>> services;
+    for (const std::string name : {"clock", "clock/2", "7", "own"})
+        services.push_back(serve_as(name));
+    std::filesystem::create_directories(run_time_directory / "line\nbreak");
+    ScriptedPeer corrupt(socket_of("corrupt"),
+                         [](const std::string&) { return std::vector<std::string>{"\xff"}; });
+    Message odd;
+    odd.mutable_get()->mutable_head()->set_path("/x");
+    ScriptedPeer confused(socket_of("confused"), [bytes = odd.SerializeAsString()](const std::string&) {
+        return std::vector<std::string>{bytes};
+    });
+    const auto router = runtime->add_router({router_uri}, nullptr, run_time_directory);
+    add_routes(*router, "the router");
+    const auto through = make_client(router_uri, 0);
+    const auto direct = make_device_client(run_time_directory, router_uri, 0);
+
+    const auto expected = make_call(*through, GetParam());
+    const auto reply = make_call(*direct, GetParam());
+
+    EXPECT_EQ(describe(*reply), describe(*expected));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, ADeviceClientAndARouter,
+    ::testing::Values(Call{"get", "/clock/time/now?n=5"}, Call{"get", "/clock/time/a/b/c"},
+                      Call{"get", "/clock/2/time/now"}, Call{"get", "/clock/02/time/now"},
+                      Call{"get", "//clock//time///now/"}, Call{"get", "/clock"}, Call{"get", "/clock/"},
+                      Call{"get", "clock/time/now"}, Call{"get", "/7/time/x"}, Call{"get", "/clock/3/time"},
+                      Call{"get", "/clock/index"}, Call{"get", "/clock/odd/bytes"},
+                      Call{"get", "/clock/odd/json?format=json"}, Call{"get", "/clock/odd/throw"},
+                      Call{"get", "/clock/odd/teapot"}, Call{"get", "/clock/odd/nothing"},
+                      Call{"get", "/clock/nowhere"}, Call{"put", "/clock/odd/bytes"},
+                      Call{"put", "/clock/time/now"}, Call{"post", "/clock/time/now"},
+                      Call{"del", "/clock/time/now"}, Call{"head", "/clock/time/now"},
+                      Call{"put a stream", "/clock/time/now"}, Call{"call", ""},
+                      // No service claims these.
+                      Call{"get", "/time/now"}, Call{"get", "/nothing/here"}, Call{"get", "/index"},
+                      Call{"get", "/"}, Call{"get", ""}, Call{"get", "/../clock/time/now"},
+                      Call{"get", "/./clock/time/now"}, Call{"get", "/clock/../time/now"},
+                      Call{"get", "/line\nbreak/x"}, Call{"put a stream", "/time/x"},
+                      Call{"get", "/" + std::string(300, 'n') + "/x"},
+                      // What isn't a reply.
+                      Call{"get", "/corrupt/x"}, Call{"get", "/confused/x"}));
+
+TEST_F(ADeviceClient, PassesByItsRouterWhoseSocketIsInTheDirectoryToo)
+{
+    const auto clock = serve_as("clock");
+    const auto router = runtime->add_router({socket_of("own")}, nullptr, run_time_directory);
+    add_routes(*router, "the router");
+    const auto through = make_client(socket_of("own"), 0);
+    const auto direct = make_device_client(run_time_directory, socket_of("own"), 0);
+    for (const char* path : {"/own/time/x", "/own/clock/time/x", "/time/x", "/clock/time/x"})
+        EXPECT_EQ(describe(*direct->get(path)), describe(*through->get(path)));
+}
+
+TEST_F(ADeviceClient, AnswersItselfWhatNoServiceClaimsIfItHasNoRouter)
+{
+    const auto client = make_device_client(run_time_directory);
+    const auto reply = client->get("/nothing/here");
+    EXPECT_EQ(reply->status(), Status::NotFound);
+    EXPECT_EQ(reply->path(), "/nothing/here");
+    EXPECT_EQ(reply->local_cause(), LocalCause::NoSuchEndpoint);
+    EXPECT_EQ(client->get("/")->status(), Status::NotFound);
+    EXPECT_EQ(client->url()->to_string(), "ipc://" + run_time_directory.string());
+    EXPECT_EQ(make_device_client(run_time_directory, router_uri)->url(), router_uri);
+}
+
+TEST_F(ADeviceClient, IsNotMadeWithoutADirectoryOrARuntime)
+{
+    EXPECT_EQ(make_device_client(""), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_device_client, no directory given"));
+    runtime.reset();
+    EXPECT_EQ(make_device_client(run_time_directory), nullptr);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "cannot make_device_client, tarn not / no longer initialized"));
+}
+
+TEST_F(ADeviceClient, RefusesARequestWithoutAMessage)
+{
+    const auto client = make_device_client(run_time_directory);
+    EXPECT_EQ(client->send(Request())->local_cause(), LocalCause::InvalidRequest);
+}
+
+TEST_F(ADeviceClient, LeavesTheRequestThatItSendsAsItIs)
+{
+    const auto clock = serve_as("clock");
+    const Request request(factory()->make_get("/clock/time/now"));
+    const auto reply = make_device_client(run_time_directory)->send(request);
+    EXPECT_EQ(reply->data(), "get /time/now at clock  ");
+    EXPECT_EQ(request.path(), "/clock/time/now");
+}
+
+TEST_F(ADeviceClient, KeepsOneConnectionToEachServiceAndAtMost32)
+{
+    std::vector<std::shared_ptr<Server>> services;
+    for (int i = 0; i < 34; ++i)
+        services.push_back(serve_as("s" + std::to_string(i)));
+    const auto client = make_device_client(run_time_directory);
+    const auto before = providers("zmq.client");
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 32; ++i)
+            EXPECT_TRUE(client->get("/s" + std::to_string(i) + "/time/x")->good());
+        EXPECT_EQ(providers("zmq.client"), before + 32);
+    }
+    // The one that was unused for longest goes.
+    EXPECT_TRUE(client->get("/s0/time/x")->good());
+    EXPECT_TRUE(client->get("/s32/time/x")->good());
+    EXPECT_TRUE(client->get("/s33/time/x")->good());
+    EXPECT_EQ(providers("zmq.client"), before + 32);
+    EXPECT_TRUE(client->get("/s0/time/x")->good());
+    EXPECT_TRUE(client->get("/s1/time/x")->good());
+    EXPECT_EQ(providers("zmq.client"), before + 32);
+}
+
+TEST_F(ADeviceClient, FindsAServiceThatWasStartedAgain)
+{
+    const auto client = make_device_client(run_time_directory, nullptr, 0);
+    for (int i = 0; i < 5; ++i) {
+        const auto clock = serve_as("clock");
+        const auto reply = client->put("/clock/time/now", "x");
+        EXPECT_EQ(reply->text_or(""), "clock got 1") << describe(*reply);
+    }
+}
+
+TEST_F(ADeviceClient, SendsNothingTwiceWhenAServiceIsReplacedUnderARequest)
+{
+    const auto client = make_device_client(run_time_directory, nullptr, 0);
+    Journal journal;
+    std::latch begun(1);
+    auto mute = std::make_unique<ScriptedPeer>(socket_of("clock"), [&](const std::string&) {
+        begun.count_down();
+        return std::vector<std::string>();
+    });
+    std::shared_ptr<Reply> lost;
+    std::thread caller([&] { lost = client->put("/clock/time/now", "x", nullptr, slate::Seconds(1)); });
+    begun.wait();
+    mute.reset();
+    auto server = make_server(settings, {socket_of("clock")}, nullptr);
+    const auto route = make_test_route("time", "put", "/time/:*");
+    route->on_put = [&](Context& context) { journal.add(context.request.data()); };
+    server->add(route);
+    EXPECT_TRUE(client->put("/clock/time/now", "y", nullptr, slate::Seconds(10))->good());
+    caller.join();
+    EXPECT_EQ(lost->local_cause(), LocalCause::NoAnswerInTime);
+    EXPECT_EQ(lost->path(), "/clock/time/now");
+    server.reset();
+    EXPECT_EQ(journal.entries(), std::vector<std::string>{"y"});
+}
+
+TEST_F(ADeviceClient, LetsNoSlowServiceDelayRequestsToOthers)
+{
+    const auto quick = serve_as("quick");
+    std::latch begun(1);
+    std::latch end(1);
+    const auto slow = make_server(settings, {socket_of("slow")}, nullptr);
+    const auto route = make_test_route("wait", "get", "/wait");
+    route->on_get = [&](Context&) {
+        begun.count_down();
+        end.wait();
+    };
+    slow->add(route);
+    const auto client = make_device_client(run_time_directory);
+    std::thread caller([&] { EXPECT_TRUE(client->get("/slow/wait")->good()); });
+    begun.wait();
+    EXPECT_TRUE(client->get("/quick/time/x")->good());
+    end.count_down();
+    caller.join();
+}
+} // namespace
