@@ -21,8 +21,10 @@ void raise_descriptor_limit()
 std::shared_ptr<slate::Dictionary> make_settings()
 {
     // Frames of 64 MiB are common where bodies don't travel in chunks; an upload of 1 GiB fits on most
-    // devices' disks.
-    return slate::make_dictionary({{"max_frame_bytes", "134217728"}, {"max_transfer_bytes", "1073741824"}});
+    // devices' disks. 10,000 changes wait for a subscriber that is busy for a tenth of a second.
+    return slate::make_dictionary({{"max_frame_bytes", "134217728"},
+                                   {"max_transfer_bytes", "1073741824"},
+                                   {"high_water_mark", "10000"}});
 }
 
 void refuse_if_served(const std::vector<tarn::Endpoint>& endpoints)

@@ -58,10 +58,10 @@ std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
 class PublisherImpl : public Publisher {
 public:
     /// Binds without `stats_endpoint`, else connects and proves the connection.
-    PublisherImpl(const std::shared_ptr<zmq::context_t>& context, const Endpoint& endpoint,
+    PublisherImpl(const tarn_internal::Runtime& runtime, const Endpoint& endpoint,
                   const slate::Duration& timeout, unsigned int retries, const Endpoint& stats_endpoint,
                   const std::shared_ptr<MessageFactory>& factory)
-        : context_(context),
+        : context_(runtime.context),
           timeout_(timeout),
           factory_(factory ? factory : make_message_factory()),
           uri_(endpoint),
@@ -76,6 +76,10 @@ public:
           listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
         tarn_internal::limit_subscriptions(socket_);
+        // Its one peer is the relay, so the socket can say that the queue is full. With several, one that
+        // doesn't read would stop the others.
+        if (tarn_internal::set_high_water_mark(socket_, *runtime.settings) && client_)
+            socket_.set(zmq::sockopt::xpub_nodrop, true);
         if (client_)
             socket_.connect(uri_->to_string());
         else
@@ -151,7 +155,7 @@ private:
 
     bool send_frame(zmq::message_t& frame, int flags)
     {
-        return tarn_internal::send_frame(socket_, frame, flags, "dropped message", provider_);
+        return tarn_internal::send_frame(socket_, frame, flags | ZMQ_DONTWAIT, "dropped message", provider_);
     }
 
     /// Takes subscriptions off the socket as they come, which the socket itself does only while it is used.
@@ -254,6 +258,6 @@ std::shared_ptr<Publisher> make_publisher(const Endpoint& endpoint, const slate:
         slate::log_error(SLATE_HERE, "cannot make_publisher, a relay setting is not an endpoint");
         return nullptr;
     }
-    return std::make_shared<PublisherImpl>(runtime->context, at, timeout, retries, stats_at, factory);
+    return std::make_shared<PublisherImpl>(*runtime, at, timeout, retries, stats_at, factory);
 }
 } // namespace tarn

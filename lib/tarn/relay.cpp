@@ -30,6 +30,8 @@ public:
     {
         limit_subscriptions(xpub_);
         limit_frames(xsub_, *runtime.settings);
+        set_high_water_mark(xsub_, *runtime.settings);
+        set_high_water_mark(xpub_, *runtime.settings);
         try {
             bind(xsub_, sub_uri_);
             bind(xpub_, pub_uri_);

@@ -131,6 +131,57 @@ TEST_F(APublisher, WhoseEndpointCannotBeBoundThrowsAndLeavesNoProvider)
     EXPECT_EQ(providers("zmq.publisher"), 0u);
 }
 
+/// A publisher at a relay that hears its probes and then reads nothing more, and what it counts until 2,000
+/// changes of 32 KiB are out of its hands.
+class APublisherAtADeafRelay : public APublisher {
+protected:
+    int publish_many()
+    {
+        zmq::socket_t hearing(context, zmq::socket_type::sub);
+        hearing.set(zmq::sockopt::rcvhwm, 1);
+        hearing.bind(uri->to_string());
+        hearing.set(zmq::sockopt::subscribe, "");
+        int shown = 0;
+        ScriptedPeer peer(stats_uri, [&](const std::string&) {
+            if (!is_readable(hearing, 0ms))
+                return std::vector{frame_of(Stats())};
+            Message probe;
+            EXPECT_TRUE(probe.ParseFromString(receive_frames(hearing).at(1)));
+            return std::vector{frame_of(stats_of(probe.put().head().from().tag(), ++shown))};
+        });
+        const auto publisher = make_publisher(uri, slate::Seconds(20), 0, stats_uri);
+        int refused = 0;
+        for (int i = 0; i < 2000; ++i) {
+            const auto reply = publisher->put("/x", std::string(32768, 'x'));
+            refused += reply->bad() ? 1 : 0;
+            EXPECT_EQ(reply->status(), reply->bad() ? Status::RequestTimeout : Status::Ok);
+        }
+        EXPECT_EQ(counted("err"), static_cast<unsigned>(refused));
+        EXPECT_EQ(counted("tx"), static_cast<unsigned>(2000 - refused));
+        return refused;
+    }
+};
+
+TEST_F(APublisherAtADeafRelay, DropsInSilenceWhatTheSocketHasNoRoomFor)
+{
+    EXPECT_EQ(publish_many(), 0);
+}
+
+TEST_F(APublisherAtADeafRelay, SaysSoIfItWasToldHowManyMayWait)
+{
+    settings->set("high_water_mark", 100);
+    const int refused = publish_many();
+    EXPECT_GT(refused, 1500);
+    EXPECT_LT(refused, 2000);
+    EXPECT_EQ(logs.count(slate::ErrorLevel, "dropped message"), static_cast<std::size_t>(refused));
+}
+
+TEST_F(APublisherAtADeafRelay, KeepsAsManyAsItWasTold)
+{
+    settings->set("high_water_mark", 3000);
+    EXPECT_EQ(publish_many(), 0);
+}
+
 TEST_F(APublisher, KeepsAskingUntilTheRelayShowsMovement)
 {
     // The statistics show nothing of the publisher at first, then 0, then the number 3.

@@ -56,6 +56,45 @@ TEST_F(ARelay, ForwardsWhatIsAskedForAndNothingElse)
     EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{"/wanted/too", "3", "third"}));
 }
 
+class TheMarksOfARelay : public ARelay, public ::testing::WithParamInterface<int> {};
+
+/// How many changes survive that are published while the subscriber doesn't read.
+TEST_P(TheMarksOfARelay, AreThoseOfTheSettings)
+{
+    if (GetParam() != 1000)
+        settings->set("high_water_mark", GetParam());
+    const auto relay = make_relay(sub_uri, pub_uri);
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.set(zmq::sockopt::rcvhwm, 1);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "");
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.set(zmq::sockopt::linger, 0);
+    publisher.set(zmq::sockopt::sndhwm, 0);
+    publisher.connect(sub_uri->to_string());
+    await_subscription(publisher, "");
+
+    const std::string body(32768, 'x'); // so that few wait in the sockets of the system
+    constexpr int count = 4000;
+    for (int i = 0; i < count; ++i)
+        send_frames(publisher, {"/x", body});
+    zmq::socket_t last(context,
+                       zmq::socket_type::sub); // one that hears the end knows that the relay is through
+    last.set(zmq::sockopt::rcvhwm, 0);
+    last.connect(pub_uri->to_string());
+    last.set(zmq::sockopt::subscribe, "/end");
+    await_subscription(publisher, "/end");
+    send_frames(publisher, {"/end", ""});
+    ASSERT_TRUE(is_readable(last, std::chrono::seconds(20)));
+
+    int heard = 0;
+    while (is_readable(subscriber, std::chrono::milliseconds(500)))
+        heard += receive_frames(subscriber).at(0) == "/x" ? 1 : 0;
+    EXPECT_GE(heard, std::min(GetParam(), count));
+    EXPECT_LT(heard, GetParam() + 200 < count ? GetParam() + 200 : count + 1);
+}
+INSTANTIATE_TEST_SUITE_P(Marks, TheMarksOfARelay, ::testing::Values(100, 1000, 10000));
+
 // libzmq releases each subscription of a peer that goes by a recursion over its bytes.
 TEST_F(ARelay, SurvivesSubscriptionsWithoutMeasureAndTakesLongOnes)
 {

@@ -131,6 +131,7 @@ void MultiThreadedServer::listen_pubsub()
     zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
     zmq::socket_t pubsub(*context_, zmq::socket_type::sub);
     limit_frames(pubsub, *settings_);
+    set_high_water_mark(pubsub, *settings_);
     if (connect_control(wake_up, pubsub_->endpoint(), provider_) &&
         subscriber_.init_publish_subscribe(pubsub, *pubsub_uri_)) {
         MemoryReturn memory;

@@ -20,4 +20,7 @@ slate::Duration duration_setting(const slate::Dictionary& settings, const std::s
 /// The setting `key` as a number of bytes; none if it is absent, and, with an error in the log, if its text
 /// isn't a positive whole number.
 std::optional<std::size_t> size_setting(const slate::Dictionary& settings, const std::string& key);
+
+/// The same as a number of messages, of which an int holds each.
+std::optional<int> count_setting(const slate::Dictionary& settings, const std::string& key);
 } // namespace tarn_internal

@@ -23,6 +23,7 @@ struct SingleThreadedServer::Sockets {
           front(context, settings)
     {
         limit_frames(pubsub, settings);
+        set_high_water_mark(pubsub, settings);
         // Those that the server has no use for stay silent.
         poller.add(wake_up);
         poller.add(pubsub);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/settings.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "support/log_capture.h"
 
 namespace {
+using tarn_internal::count_setting;
 using tarn_internal::duration_setting;
 
 const slate::Duration dflt = slate::Minutes(15);
@@ -45,6 +47,32 @@ TEST(ADurationSetting, HasADefaultThatAppliesWithAnErrorInTheLogIfItIsNotADurati
         EXPECT_EQ(read(text), dflt) << text;
         EXPECT_EQ(log.texts(slate::ErrorLevel),
                   std::vector<std::string>{"setting is not a duration: session_ttl = " + text});
+    }
+}
+
+std::optional<int> read_count(const std::string& text)
+{
+    const auto settings = slate::make_dictionary();
+    settings->set("high_water_mark", std::string_view(text));
+    return count_setting(*settings, "high_water_mark");
+}
+
+TEST(ACountSetting, IsAPositiveNumberThatAnIntHolds)
+{
+    const tarn_test::LogCapture log;
+    EXPECT_EQ(read_count("1"), 1);
+    EXPECT_EQ(read_count("2147483647"), 2147483647);
+    EXPECT_EQ(count_setting(*slate::make_dictionary(), "high_water_mark"), std::nullopt);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(ACountSetting, IsAbsentWithAnErrorInTheLogIfItIsAnythingElse)
+{
+    for (const std::string text : {"0", "-1", "2147483648", "99999999999999999999", "1.5", "many", ""}) {
+        const tarn_test::LogCapture log;
+        EXPECT_EQ(read_count(text), std::nullopt) << text;
+        EXPECT_EQ(log.texts(slate::ErrorLevel),
+                  std::vector<std::string>{"setting is not a number of messages: high_water_mark = " + text});
     }
 }
 } // namespace

@@ -91,6 +91,16 @@ void limit_subscriptions(zmq::socket_t& socket)
     socket.set(zmq::sockopt::maxmsgsize, max_bytes);
 }
 
+bool set_high_water_mark(zmq::socket_t& socket, const slate::Dictionary& settings)
+{
+    const auto messages = count_setting(settings, "high_water_mark");
+    if (!messages)
+        return false;
+    socket.set(zmq::sockopt::sndhwm, *messages);
+    socket.set(zmq::sockopt::rcvhwm, *messages);
+    return true;
+}
+
 void limit_linger(zmq::socket_t& socket)
 {
     // As long as clients wait by default. A context that is ending refuses, and drops unsent messages anyway.

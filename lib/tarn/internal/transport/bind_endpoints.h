@@ -49,6 +49,11 @@ void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings);
 /// a topic is no more than one segment of a path.
 void limit_subscriptions(zmq::socket_t& socket);
 
+/// Sets the mark at which a socket of published changes drops them, from the setting "high_water_mark": a
+/// number of messages for each peer and direction. Without the setting the mark stays libzmq's own, which is
+/// 1,000. To be called before the socket binds or connects. Whether the setting is there.
+bool set_high_water_mark(zmq::socket_t& socket, const slate::Dictionary& settings);
+
 /// Limits how long the closed socket of public endpoints waits for its last messages to leave: libzmq would
 /// wait for ever for a peer that filled the queue of its requests and then died with replies unread.
 void limit_linger(zmq::socket_t& socket);
