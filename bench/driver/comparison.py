@@ -2,6 +2,7 @@
 """Cases in which contestants do the same, and take turns at it."""
 
 import dataclasses
+import itertools
 import pathlib
 import statistics
 import tempfile
@@ -35,24 +36,6 @@ class Target:
         return ratio <= self.factor if self.relation == "≤" else ratio >= self.factor
 
 
-@dataclasses.dataclass
-class Case:
-    """The first contestant is what the others are compared with. The unit says what is measured: "µs", the time of
-    one operation; "/s", how many of them; "MiB/s", how many with a body of `mebibytes`."""
-    name: str
-    title: str
-    unit: str
-    contestants: list
-    targets: list = dataclasses.field(default_factory=list)
-    mebibytes: float = 1
-    seconds: float = None
-
-    def value_of(self, answers):
-        if self.unit == "µs":
-            return statistics.median(answer["p50_ns"] for answer in answers) / 1000
-        return self.mebibytes * sum(answer["operations"] / answer["seconds"] for answer in answers)
-
-
 class Running:
     """A contestant's processes, while they live."""
 
@@ -77,21 +60,8 @@ class Running:
         self._processes.append(process)
         return process
 
-    def go(self, seconds):
-        """One batch: the clients' answers, CPU time and context switches of all processes for one operation."""
-        if self.background:
-            self.background.tell("do 1")
-        cpu, switches = self._taken()
-        for client in self.clients:
-            client.tell(f"go {seconds}")
-        answers = [client.answer() for client in self.clients]
-        cpu_after, switches_after = self._taken()
-        if self.background:
-            self.background.answer()
-        operations = sum(answer["operations"] for answer in answers)
-        return answers, (cpu_after - cpu) * 1e6 / operations, (switches_after - switches) / operations
-
-    def _taken(self):
+    def taken(self):
+        """CPU seconds and context switches of all processes so far."""
         return (sum(process.cpu_seconds() for process in self._processes),
                 sum(process.switches() for process in self._processes))
 
@@ -105,42 +75,126 @@ class Running:
         self._folder.cleanup()
 
 
-def compare(case, mode, cpus, rounds, seconds):
-    """Lets the contestants take turns, and returns a row for each."""
-    running = []
-    try:
-        for contestant in case.contestants:
-            running.append(Running(contestant, cpus))
-        for each in running:
-            each.go(min(seconds, 0.2))  # warms up
-        batches = {each.contestant.name: [] for each in running}
-        for number in range(rounds):
-            # There and back, so that whatever changes steadily meets all alike.
-            for each in running if number % 2 == 0 else reversed(running):
-                answers, cpu_us, switches = each.go(case.seconds or seconds)
-                batches[each.contestant.name].append((case.value_of(answers), cpu_us, switches))
-        peaks = {each.contestant.name: each.server_peak_kib() for each in running}
-    finally:
-        for each in running:
-            each.stop()
-    return _rows(case, mode, batches, peaks)
+@dataclasses.dataclass
+class Case:
+    """The first contestant is what the others are compared with. The unit says what is measured: "µs", the time of
+    one operation; "/s", how many of them; "MiB/s", how many with a body of `mebibytes`."""
+    name: str
+    title: str
+    unit: str
+    contestants: list
+    targets: list = dataclasses.field(default_factory=list)
+    mebibytes: float = 1
+    seconds: float = None
+
+    def compare(self, mode, cpus, rounds, seconds):
+        """Lets the contestants take turns, and returns a row for each."""
+        running = []
+        try:
+            for contestant in self.contestants:
+                running.append(Running(contestant, cpus))
+            for each in running:
+                self.warm_up(each)
+            batches = {each.contestant.name: [] for each in running}
+            for number in range(rounds):
+                # There and back, so that whatever changes steadily meets all alike.
+                for each in running if number % 2 == 0 else reversed(running):
+                    batches[each.contestant.name].append(self.turn(each, self.seconds or seconds))
+            peaks = {each.contestant.name: each.server_peak_kib() for each in running}
+        finally:
+            for each in running:
+                each.stop()
+        return self._rows(mode, batches, peaks)
+
+    def warm_up(self, running):
+        self.turn(running, 0.2)
+
+    def turn(self, running, seconds):
+        """The value, CPU time in µs and context switches for each operation."""
+        raise NotImplementedError
+
+    def _rows(self, mode, batches, peaks):
+        values, cpu, switches = ({name: statistics.median(batch[i] for batch in of_name)
+                                  for name, of_name in batches.items()} for i in range(3))
+        reference = self.contestants[0].name
+        rows = []
+        for name, of_name in batches.items():
+            ratios = [own[0] / other[0] for own, other in zip(of_name, batches[reference])]
+            rows.append({
+                "case": self.name, "title": self.title, "mode": mode, "contestant": name, "unit": self.unit,
+                "value": values[name],
+                "ratio": values[name] / values[reference], "least": min(ratios), "most": max(ratios),
+                "cpu_us": cpu[name], "cpu_ratio": cpu[name] / cpu[reference], "switches": switches[name],
+                "server_peak_kib": peaks[name],
+                "targets": [{"text": target.text(), "reached": target.is_reached(values)}
+                            for target in self.targets
+                            if target.contestant == name and target.reference in values],
+            })
+        return rows
 
 
-def _rows(case, mode, batches, peaks):
-    values = {name: statistics.median(batch[0] for batch in of_name) for name, of_name in batches.items()}
-    cpu = {name: statistics.median(batch[1] for batch in of_name) for name, of_name in batches.items()}
-    reference = case.contestants[0].name
-    rows = []
-    for name, of_name in batches.items():
-        ratios = [own[0] / other[0] for own, other in zip(of_name, batches[reference])]
-        rows.append({
-            "case": case.name, "title": case.title, "mode": mode, "contestant": name, "unit": case.unit,
-            "value": values[name],
-            "ratio": values[name] / values[reference], "least": min(ratios), "most": max(ratios),
-            "cpu_us": cpu[name], "cpu_ratio": cpu[name] / cpu[reference],
-            "switches": statistics.median(batch[2] for batch in of_name),
-            "server_peak_kib": peaks[name],
-            "targets": [{"text": target.text(), "reached": target.is_reached(values)} for target in case.targets
-                        if target.contestant == name and target.reference in values],
-        })
-    return rows
+class RequestCase(Case):
+    """Each operation is a request, or a body in several."""
+
+    def turn(self, running, seconds):
+        if running.background:
+            running.background.tell("do 1")
+        before = running.taken()
+        for client in running.clients:
+            client.tell(f"go {seconds}")
+        answers = [client.answer() for client in running.clients]
+        after = running.taken()
+        if running.background:
+            running.background.answer()
+        operations = sum(answer["operations"] for answer in answers)
+        if self.unit == "µs":
+            value = statistics.median(answer["p50_ns"] for answer in answers) / 1000
+        else:
+            value = self.mebibytes * sum(answer["operations"] / answer["seconds"] for answer in answers)
+        return value, (after[0] - before[0]) * 1e6 / operations, (after[1] - before[1]) / operations
+
+
+class ChangesCase(Case):
+    """The first client of a contestant is the publisher, the others are subscribers. In the unit "/s" the value is
+    the highest rate at which every subscriber gets all changes; in "µs", the time that a change is under way at
+    1,000 a second."""
+
+    SEARCH_STEPS = 8
+    LOWEST, HIGHEST = 5_000, 640_000
+    _series = itertools.count(1)
+
+    def warm_up(self, running):
+        for _ in range(20):  # until the subscriptions have reached the publisher
+            if self._publish(running, 20, 1000):
+                return
+        raise Failed(f"{running.contestant.name}: changes don't arrive")
+
+    def turn(self, running, seconds):
+        if self.unit == "µs":
+            return self._publish(running, max(1, int(1000 * seconds)), 1000) or self.turn(running, seconds)
+        best = self._publish(running, 100, 1000) or (0, 0, 0)
+        low, high = self.LOWEST, self.HIGHEST
+        for _ in range(self.SEARCH_STEPS if seconds > 0.1 else 1):
+            rate = (low * high) ** 0.5
+            outcome = self._publish(running, max(1, int(rate * seconds)), int(rate))
+            best = max(best, outcome or best)
+            low, high = (rate, high) if outcome else (low, rate)
+        return best
+
+    def _publish(self, running, count, rate):
+        """Nothing if a change was lost."""
+        publisher, *subscribers = running.clients
+        series = next(self._series)
+        before = running.taken()
+        for subscriber in subscribers:
+            subscriber.tell(f"expect {series} {count}")
+        begun = publisher.ask(f"publish {series} {count} {rate}")
+        answers = [subscriber.answer() for subscriber in subscribers]
+        after = running.taken()
+        if min(answer["arrived"] for answer in answers) < count:
+            return None
+        if self.unit == "µs":
+            value = statistics.median(answer["p50_ns"] for answer in answers) / 1000
+        else:
+            value = count * 1e9 / (max(answer["last_ns"] for answer in answers) - begun["first_ns"])
+        return value, (after[0] - before[0]) * 1e6 / count, (after[1] - before[1]) / count

@@ -2,12 +2,12 @@
 #include "bench.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace bench {
 namespace {
@@ -18,6 +18,23 @@ long long percentile(std::vector<long long>& times, std::size_t percent)
     const auto rank = times.begin() + static_cast<std::ptrdiff_t>((times.size() - 1) * percent / 100);
     std::nth_element(times.begin(), rank, times.end());
     return *rank;
+}
+
+/// At the beginning of each change.
+struct Stamp {
+    long long series;
+    long long sent_ns;
+};
+
+/// Returns a little early rather than sleep for a moment: changes then leave in small groups, and the rate
+/// holds.
+void sleep_until(long long ns)
+{
+    constexpr long long shortest_ns = 50'000;
+    if (ns - now_ns() < shortest_ns)
+        return;
+    const timespec until{ns / ns_per_second, ns % ns_per_second};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
 }
 
 /// One command of measure().
@@ -103,16 +120,77 @@ void serve()
 void measure(const std::function<void()>& operation)
 {
     std::cout << "ready" << std::endl;
-    for (std::string line; std::getline(std::cin, line);) {
-        std::istringstream stream(line);
-        std::string command;
-        double amount = 0;
-        stream >> command >> amount;
-        require(stream && (command == "go" || command == "do"), "not a command");
+    double amount = 0;
+    for (std::string command; std::cin >> command >> amount;) {
+        require(command == "go" || command == "do", "not a command");
         if (command == "go")
             repeat(operation, 0, amount);
         else
             repeat(operation, static_cast<std::size_t>(amount), 0);
+    }
+}
+
+void publish(std::size_t size, const std::function<void(const std::string& change)>& send)
+{
+    std::cout << "ready" << std::endl;
+    std::string command;
+    long series = 0, count = 0, rate = 0;
+    while (std::cin >> command >> series >> count >> rate) {
+        const long long first = now_ns();
+        for (long i = 0; i < count; ++i) {
+            sleep_until(first + i * ns_per_second / rate);
+            Stamp stamp{series, now_ns()};
+            std::string change(size, 'x');
+            std::memcpy(change.data(), &stamp, sizeof stamp);
+            send(change);
+        }
+        std::cout << "{\"first_ns\": " << first << "}" << std::endl;
+    }
+}
+
+void Arrivals::take(std::string_view change)
+{
+    const long long now = now_ns();
+    Stamp stamp{};
+    require(change.size() >= sizeof stamp, "a change is too short");
+    std::memcpy(&stamp, change.data(), sizeof stamp);
+
+    const std::lock_guard lock(mutex_);
+    if (stamp.series != series_) {
+        series_ = stamp.series;
+        times_.clear();
+    }
+    times_.push_back(now - stamp.sent_ns);
+    last_ns_ = now;
+    if (is_complete())
+        changed_.notify_one();
+}
+
+void Arrivals::report()
+{
+    constexpr auto first_wait = std::chrono::seconds(2);
+    constexpr auto next_wait = std::chrono::milliseconds(300);
+
+    std::cout << "ready" << std::endl;
+    std::string command;
+    long series = 0;
+    std::size_t count = 0;
+    while (std::cin >> command >> series >> count) {
+        std::unique_lock lock(mutex_);
+        expected_series_ = series;
+        expected_ = count;
+        std::size_t before = 0;
+        do {
+            before = series_ == series ? times_.size() : 0;
+            changed_.wait_for(lock, before ? next_wait : first_wait, [this] { return is_complete(); });
+        } while (!is_complete() && series_ == series && times_.size() != before);
+
+        auto times = series_ == series ? times_ : std::vector<long long>();
+        std::cout << "{\"arrived\": " << times.size() << ", \"last_ns\": " << last_ns_;
+        if (!times.empty())
+            std::cout << ", \"p50_ns\": " << percentile(times, 50)
+                      << ", \"p99_ns\": " << percentile(times, 99);
+        std::cout << "}" << std::endl;
     }
 }
 

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <condition_variable>
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// What the programs of the process benchmarks share. Each is started by bench/run as
 ///
@@ -51,6 +54,39 @@ void serve();
 /// It answers {"operations": n, "seconds": s, "p50_ns": ns, "p99_ns": ns}, the percentiles being those of the
 /// time of one operation.
 void measure(const std::function<void()>& operation);
+
+/// Says that this process is ready, and publishes as it is told:
+///
+///   publish SERIES COUNT RATE      so many changes of `size` bytes, at most that many a second
+///
+/// It answers {"first_ns": t}, when it began to send the first one.
+void publish(std::size_t size, const std::function<void(const std::string& change)>& send);
+
+/// The receiving side of publish().
+class Arrivals {
+public:
+    /// Takes a change, on any one thread.
+    void take(std::string_view change);
+
+    /// Says that this process is ready, and reports as it is told:
+    ///
+    ///   expect SERIES COUNT
+    ///
+    /// It answers {"arrived": n, "last_ns": t, "p50_ns": ns, "p99_ns": ns} once so many changes of that
+    /// series have arrived, or none for a while: when the last one came, and how long they were under way.
+    void report();
+
+private:
+    bool is_complete() const { return series_ == expected_series_ && times_.size() >= expected_; }
+
+    std::mutex mutex_; // guards what follows
+    std::condition_variable changed_;
+    long series_ = 0;
+    std::vector<long long> times_;
+    long long last_ns_ = 0;
+    long expected_series_ = 0;
+    std::size_t expected_ = 0;
+};
 
 /// Throws std::runtime_error with that text. A benchmark must not measure failures.
 void require(bool condition, const char* text);
