@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What is compared with what. Each case names the programs of bench/process that it starts."""
+"""What is compared with what. Each contestant names the programs of bench/process that it starts."""
 
 import fnmatch
 
@@ -8,6 +8,12 @@ from driver.comparison import ChangesCase, Contestant, RequestCase, Target
 CLIENTS = 8  # as many as the server of bench_tarn_request has routes
 BODY = 64 << 20
 
+# Where a router with the run-time directory {dir} finds the service.
+SOCKET = "{dir}/service/zmq.sock"
+DIRECT = "ipc://" + SOCKET
+ROUTER = "ipc://{dir}/router.sock"
+BUS = "{dir}/bus"
+
 
 class Programs:
     """Commands of the programs in a build folder."""
@@ -15,7 +21,7 @@ class Programs:
     def __init__(self, build):
         self._build = build
 
-    def bench(self, name, role, **arguments):
+    def __call__(self, name, role, **arguments):
         return [str(self._build / "bench" / f"bench_{name}"), role,
                 *(f"{key}={value}" for key, value in arguments.items())]
 
@@ -23,112 +29,140 @@ class Programs:
         return [str(self._build / "apps" / "tarn_router"), "{dir}", ROUTER]
 
 
-DIRECT = "ipc://{dir}/service/zmq.sock"  # where a router with the run-time directory {dir} finds it
-ROUTER = "ipc://{dir}/router.sock"
-
-
-def _pair(programs, stack, size, operation="get", server=None, client=None):
+def one_client(programs, name, program, size, operation="get", endpoint=DIRECT, **client):
     """A server and a client of one stack."""
-    server = dict({"endpoint": DIRECT, "size": size}, **(server or {}))
-    client = dict({"endpoint": DIRECT, "size": size, "operation": operation}, **(client or {}))
-    if stack != "tarn":
-        server["operation"] = operation
-    return programs.bench(f"{stack}_request", "server", **server), programs.bench(f"{stack}_request", "client", **client)
+    common = {"endpoint": endpoint, "size": size, "operation": operation}
+    return Contestant(name, [programs(program, "server", **common)], [programs(program, "client", **common, **client)])
 
 
-def _simple(programs, name, stack, size, operation="get", client=None):
-    server, client = _pair(programs, stack, size, operation, client=client)
-    return Contestant(name, [server], [client])
+def over_d_bus(programs, size):
+    return Contestant("sd-bus", [programs("peers_sd_bus", "broker", bus=BUS),
+                                 programs("peers_sd_bus", "server", bus=BUS, size=size)],
+                      [programs("peers_sd_bus", "client", bus=BUS, size=size)])
 
 
 def get_cases(programs):
     for label, size, most in (("32 B", 32, 1.10), ("1 KiB", 1024, 1.10), ("64 KiB", 65536, 1.25), ("1 MiB", 1 << 20, 1.35)):
         yield RequestCase(f"get/{label.replace(' ', '')}", f"GET {label}", "µs", [
-            _simple(programs, "raw", "raw", size),
-            _simple(programs, "tarn", "tarn", size),
-            _simple(programs, "raw, protobuf", "raw", size, "protobuf"),
+            one_client(programs, "raw", "raw_request", size),
+            one_client(programs, "tarn", "tarn_request", size),
+            one_client(programs, "raw, protobuf", "raw_request", size, "protobuf"),
+            one_client(programs, "unix socket", "raw_unix_socket", size, endpoint=SOCKET),
+            one_client(programs, "NNG", "peers_nng", size),
+            one_client(programs, "HTTP", "peers_httplib", size, endpoint=SOCKET),
+            one_client(programs, "gRPC", "peers_grpc", size, endpoint=SOCKET),
+            over_d_bus(programs, size),
         ], [Target("≤", most)])
 
 
-def _crowd(programs, name, stack, workers, background=None):
-    server, client = _pair(programs, stack, 32, server={"workers": workers})
-    clients = [client] * CLIENTS
-    if stack == "tarn":  # each asks a route of its own, as different applications do
-        clients = [client + [f"path=/data/{number}"] for number in range(CLIENTS)]
-    return Contestant(name, [server], clients, client + ["path=/slow"] if background else None)
+def crowd(programs, name, program, workers, is_one_slow=False):
+    server = programs(program, "server", endpoint=DIRECT, size=32, workers=workers)
+    client = programs(program, "client", endpoint=DIRECT, size=32)
+    # Each asks a route of its own, as different applications do; raw servers have none.
+    return Contestant(name, [server], [client + [f"path=/data/{number}"] for number in range(CLIENTS)],
+                      client + ["path=/slow"] if is_one_slow else None)
 
 
 def crowd_cases(programs):
     for workers in (1, 2, 4):
-        yield RequestCase(f"clients/{workers}-workers", f"{CLIENTS} clients, {workers} worker{'s' * (workers > 1)}", "/s",
-                   [_crowd(programs, "raw", "raw", workers), _crowd(programs, "tarn", "tarn", workers)],
-                   [Target("≥", 0.90)] if workers == 4 else [])
+        yield RequestCase(f"clients/{workers}-workers", f"{CLIENTS} clients, {workers} worker{'s' * (workers > 1)}", "/s", [
+            crowd(programs, "raw", "raw_request", workers),
+            crowd(programs, "tarn", "tarn_request", workers),
+        ], [Target("≥", 0.90)] if workers == 4 else [])
     yield RequestCase("clients/slow", f"{CLIENTS} clients, 4 workers, one slow request under way", "/s", [
-        _crowd(programs, "tarn, without", "tarn", 4), _crowd(programs, "tarn", "tarn", 4, background=True),
-    ], [Target("≥", 0.70, "tarn, without")], seconds=1)
+        crowd(programs, "tarn, without", "tarn_request", 4),
+        crowd(programs, "tarn", "tarn_request", 4, is_one_slow=True),
+    ], [Target("≥", 0.70, "tarn, without")], seconds=1, most_rounds=5)
 
 
-def router_case(programs):
-    direct, asks_router = _pair(programs, "tarn", 32, client={"endpoint": ROUTER, "path": "/service/data/0"})
-    raw, asks_proxy = _pair(programs, "raw", 32, client={"endpoint": ROUTER})
+def router_cases(programs):
+    def through_proxy(name, connection):
+        raw = one_client(programs, name, "raw_request", 32)
+        proxy = programs("raw_proxy", "proxy", endpoint=ROUTER, service=DIRECT, connection=connection)
+        return Contestant(name, raw.servers + [proxy], [programs("raw_request", "client", endpoint=ROUTER, size=32)])
 
-    def proxy(connection):
-        return programs.bench("raw_proxy", "proxy", endpoint=ROUTER, service=DIRECT, connection=connection)
-
+    tarn = one_client(programs, "tarn", "tarn_request", 32)
     yield RequestCase("router", "GET 32 B through the router", "µs", [
-        Contestant("raw, new connection", [raw, proxy("new")], [asks_proxy]),
-        Contestant("tarn", [direct, programs.router()], [asks_router]),
-        Contestant("raw, kept connection", [raw, proxy("kept")], [asks_proxy]),
+        through_proxy("raw, new connection", "new"),
+        Contestant("tarn", tarn.servers + [programs.router()],
+                   [programs("tarn_request", "client", endpoint=ROUTER, size=32, path="/service/data/0")]),
+        through_proxy("raw, kept connection", "kept"),
+        over_d_bus(programs, 32),
     ], [Target("≤", 1.15, "raw, new connection")])
 
 
-def body_cases(programs):
-    def simple(name, stack, operation, path="/data/0"):
-        return _simple(programs, name, stack, BODY, operation, {"path": path})
+def window_cases(programs):
+    def window(name, server, client, size):
+        return Contestant(name, [programs(server, "server", endpoint=DIRECT, size=32)],
+                          [programs(client, "client", endpoint=DIRECT, size=32, window=size)])
 
-    yield RequestCase("body/upload", "64 MiB uploaded in chunks", "MiB/s", [
-        simple("raw", "raw", "upload"), simple("tarn", "tarn", "upload"),
-        simple("tarn, route takes chunks", "tarn", "upload", "/chunks"),
-    ], [Target("≥", 0.70)], BODY >> 20)
-    yield RequestCase("body/put", "64 MiB sent in one frame", "MiB/s", [
-        simple("raw", "raw", "put"), simple("tarn", "tarn", "put"),
-    ], [Target("≥", 0.90)], BODY >> 20)
-    yield RequestCase("body/download", "64 MiB downloaded in chunks", "MiB/s", [
-        simple("raw", "raw", "download"), simple("tarn", "tarn", "download", "/chunks"),
-    ], [], BODY >> 20)
+    for size in (1, 8, 64):
+        yield RequestCase(f"window/{size}", f"{size} request{'s' * (size > 1)} in flight", "/s", [
+            window("raw", "raw_request", "raw_window", size),
+        ])
 
 
-def _changes(programs, name, stack, subscribers, **marks):
-    ends = {"in": "ipc://{dir}/in.sock", "out": "ipc://{dir}/out.sock"}
-    if stack == "tarn":
-        ends["stats"] = DIRECT
+def changes(programs, name, program, subscribers, **marks):
+    ends = {"in": "ipc://{dir}/in.sock", "out": "ipc://{dir}/out.sock", "stats": DIRECT}
+    common = dict(ends, size=64, **marks)
+    return Contestant(name, [programs(program, "relay", **common)],
+                      [programs(program, "publisher", **common)] + [programs(program, "subscriber", **common)] * subscribers)
 
-    def program(role, *keys, **arguments):
-        return programs.bench(f"{stack}_changes", role, **{key: ends[key] for key in keys if key in ends},
-                              **arguments, **marks)
 
-    return Contestant(name, [program("relay", "stats", "in", "out")],
-                      [program("publisher", "stats", "in", size=64)] + [program("subscriber", "out")] * subscribers)
+def broker(programs, name, program, subscribers, **common):
+    return Contestant(name, [programs(program, "broker", **common)],
+                      [programs(program, "publisher", size=64, **common)] + [programs(program, "subscriber", **common)] * subscribers)
 
 
 def changes_cases(programs):
     for subscribers in (1, 4):
-        to = f"{subscribers} subscriber{'s' * (subscribers > 1)}"
-        yield ChangesCase(f"changes/rate-{subscribers}", f"changes to {to}, none lost", "/s", [
-            _changes(programs, "raw", "raw", subscribers), _changes(programs, "tarn", "tarn", subscribers),
-        ], [Target("≥", 0.95)])
-        yield ChangesCase(f"changes/rate-{subscribers}-marks", f"changes to {to}, none lost, marks of 10,000", "/s", [
-            _changes(programs, "raw", "raw", subscribers, marks=10000),
-            _changes(programs, "tarn", "tarn", subscribers, marks=10000),
-        ], [Target("≥", 0.95)])
-        yield ChangesCase(f"changes/latency-{subscribers}", f"a change to {to}, 1,000 a second", "µs", [
-            _changes(programs, "raw", "raw", subscribers), _changes(programs, "tarn", "tarn", subscribers),
-        ])
+        to = f"to {subscribers} subscriber{'s' * (subscribers > 1)}"
+        peers = [broker(programs, "sd-bus", "peers_sd_bus", subscribers, bus=BUS),
+                 broker(programs, "MQTT", "peers_mosquitto", subscribers, out=BUS)]
+        nng = broker(programs, "NNG", "peers_nng", subscribers, out="ipc://" + BUS)
+        nng.servers = []  # its publisher serves
+        contestants = [changes(programs, "raw", "raw_changes", subscribers),
+                       changes(programs, "tarn", "tarn_changes", subscribers), *peers, nng]
+        yield ChangesCase(f"changes/rate-{subscribers}", f"changes {to}, none lost", "/s", contestants,
+                          [Target("≥", 0.95), Target("≥", 1, "sd-bus"), Target("≥", 1, "NNG")], most_rounds=5)
+        yield ChangesCase(f"changes/rate-{subscribers}-marks", f"changes {to}, none lost, marks of 10,000", "/s", [
+            changes(programs, "raw", "raw_changes", subscribers, marks=10000),
+            changes(programs, "tarn", "tarn_changes", subscribers, marks=10000),
+        ], [Target("≥", 0.95)], most_rounds=5)
+        yield ChangesCase(f"changes/latency-{subscribers}", f"a change {to}, 1,000 a second", "µs", contestants)
+
+
+def body_cases(programs):
+    def contestant(name, program, operation, endpoint=DIRECT, **client):
+        return one_client(programs, name, program, BODY, operation, endpoint, **client)
+
+    def grpc(operation):
+        return contestant("gRPC", "peers_grpc", operation, SOCKET)
+
+    size = {"mebibytes": BODY >> 20, "most_rounds": 10}
+    yield RequestCase("body/upload", "64 MiB uploaded in chunks", "MiB/s", [
+        contestant("raw", "raw_request", "upload"),
+        contestant("tarn", "tarn_request", "upload"),
+        contestant("tarn, route takes chunks", "tarn_request", "upload", path="/chunks"),
+        grpc("upload"),
+    ], [Target("≥", 0.70), Target("≥", 1, "gRPC")], **size)
+    yield RequestCase("body/put", "64 MiB sent in one frame", "MiB/s", [
+        contestant("raw", "raw_request", "put"),
+        contestant("tarn", "tarn_request", "put"),
+        grpc("put"),
+        contestant("HTTP", "peers_httplib", "put", SOCKET),
+        contestant("NNG", "peers_nng", "put"),
+    ], [Target("≥", 0.90), Target("≥", 1, "gRPC")], **size)
+    yield RequestCase("body/download", "64 MiB downloaded in chunks", "MiB/s", [
+        contestant("raw", "raw_request", "download"),
+        contestant("tarn", "tarn_request", "download", path="/chunks"),
+        grpc("download"),
+    ], **size)
 
 
 def cases(programs, pattern):
-    """Those whose name matches a shell pattern, or begins with it."""
-    for group in (get_cases, crowd_cases, router_case, changes_cases, body_cases):
+    """Those whose name begins with a text, or matches it as a shell pattern."""
+    for group in (get_cases, crowd_cases, router_cases, window_cases, changes_cases, body_cases):
         for case in group(programs):
             if fnmatch.fnmatch(case.name, pattern) or case.name.startswith(pattern):
                 yield case

@@ -19,6 +19,11 @@ class Contestant:
     clients: list
     background: list = None
 
+    def missing(self):
+        """The programs that haven't been built."""
+        paths = {pathlib.Path(command[0]) for command in self.servers + self.clients}
+        return {path.name for path in paths if not path.exists()}
+
 
 @dataclasses.dataclass
 class Target:
@@ -66,8 +71,9 @@ class Running:
                 sum(process.switches() for process in self._processes))
 
     def server_peak_kib(self):
-        """The most memory that the last server ever had."""
-        return self._processes[len(self.contestant.servers) - 1].memory_kib("VmHWM")
+        """The most memory that the last server ever had, if there is one."""
+        servers = self._processes[:len(self.contestant.servers)]
+        return servers[-1].memory_kib("VmHWM") if servers else 0
 
     def stop(self):
         for process in reversed(self._processes):
@@ -86,17 +92,20 @@ class Case:
     targets: list = dataclasses.field(default_factory=list)
     mebibytes: float = 1
     seconds: float = None
+    most_rounds: int = 1000
 
     def compare(self, mode, cpus, rounds, seconds):
-        """Lets the contestants take turns, and returns a row for each."""
+        """Lets the contestants that have been built take turns, and returns a row for each."""
         running = []
         try:
             for contestant in self.contestants:
+                if contestant.missing():
+                    continue
                 running.append(Running(contestant, cpus))
             for each in running:
                 self.warm_up(each)
             batches = {each.contestant.name: [] for each in running}
-            for number in range(rounds):
+            for number in range(min(rounds, self.most_rounds)):
                 # There and back, so that whatever changes steadily meets all alike.
                 for each in running if number % 2 == 0 else reversed(running):
                     batches[each.contestant.name].append(self.turn(each, self.seconds or seconds))
@@ -105,6 +114,9 @@ class Case:
             for each in running:
                 each.stop()
         return self._rows(mode, batches, peaks)
+
+    def missing(self):
+        return set().union(*(contestant.missing() for contestant in self.contestants))
 
     def warm_up(self, running):
         self.turn(running, 0.2)
@@ -160,7 +172,7 @@ class ChangesCase(Case):
     1,000 a second."""
 
     SEARCH_STEPS = 8
-    LOWEST, HIGHEST = 5_000, 640_000
+    LOWEST, HIGHEST = 5_000, 2_000_000
     _series = itertools.count(1)
 
     def warm_up(self, running):

@@ -20,8 +20,8 @@ class Failed(Exception):
 class Process:
     """A program that prints a line when it is ready, and then answers each line that it is told with one."""
 
-    def __init__(self, command, folder, cpus, is_ready=None):
-        """On the given processors. `is_ready` is for programs that print nothing."""
+    def __init__(self, command, folder, cpus):
+        """On the given processors."""
         self.command = command
         self._errors = open(pathlib.Path(folder) / (pathlib.Path(command[0]).name + ".err"), "w+", encoding="utf-8")
         self._unread = b""
@@ -35,10 +35,7 @@ class Process:
         finally:
             os.sched_setaffinity(0, before)
         self.pid = self._child.pid
-        if is_ready is None:
-            self._line()
-        else:
-            self._wait_until(is_ready)
+        self._line()
 
     def tell(self, line):
         self._child.stdin.write((line + "\n").encode())
@@ -90,13 +87,6 @@ class Process:
             self._unread += received
         line, self._unread = self._unread.split(b"\n", 1)
         return line.decode()
-
-    def _wait_until(self, is_ready):
-        deadline = time.monotonic() + ANSWER_SECONDS
-        while not is_ready():
-            if self._child.poll() is not None or time.monotonic() > deadline:
-                raise self._failure("doesn't start")
-            time.sleep(0.01)
 
     def _failure(self, what):
         self._errors.seek(0)
