@@ -27,32 +27,57 @@ class Contestant:
 
 @dataclasses.dataclass
 class Target:
-    """A contestant's value has to be at most, or at least, `factor` times that of another one."""
+    """tarn's value has to be at most ("≤"), or at least ("≥"), `factor` times that of another contestant."""
     relation: str
     factor: float
     reference: str = "raw"
-    contestant: str = "tarn"
 
     def text(self):
         return f"{self.relation} {self.factor:.2f} x {self.reference}"
 
-    def is_reached(self, values):
-        ratio = values[self.contestant] / values[self.reference]
+    def is_reached(self, tarn, reference):
+        ratio = tarn["value"] / reference["value"]
         return ratio <= self.factor if self.relation == "≤" else ratio >= self.factor
+
+
+@dataclasses.dataclass
+class CpuTarget:
+    """Of processor time tarn has to take no more than so many microseconds above another contestant."""
+    above_us: float
+    reference: str = "raw"
+
+    def text(self):
+        return f"CPU ≤ {self.above_us} µs above {self.reference}"
+
+    def is_reached(self, tarn, reference):
+        return tarn["cpu_us"] - reference["cpu_us"] <= self.above_us
+
+
+@dataclasses.dataclass
+class MemoryTarget:
+    """tarn's server has to get by with so much memory more than it had when it was ready."""
+    mebibytes: int
+    reference: str = "tarn"
+
+    def text(self):
+        return f"server memory ≤ {self.mebibytes} MiB"
+
+    def is_reached(self, tarn, _reference):
+        return tarn["server_growth_kib"] <= self.mebibytes * 1024
 
 
 class Running:
     """A contestant's processes, while they live."""
 
-    def __init__(self, contestant, cpus):
+    def __init__(self, contestant, cpus=None):
         self.contestant = contestant
         self._folder = tempfile.TemporaryDirectory(prefix="bench-")
         pathlib.Path(self._folder.name, "service").mkdir()
         self._processes = []
         self._cpus = cpus
         try:
-            for command in contestant.servers:
-                self._start(command)
+            self.servers = [self._start(command) for command in contestant.servers]
+            self._before_kib = self.servers[-1].memory_kib() if self.servers else 0
             self.clients = [self._start(command) for command in contestant.clients]
             self.background = self._start(contestant.background) if contestant.background else None
         except BaseException:
@@ -70,10 +95,9 @@ class Running:
         return (sum(process.cpu_seconds() for process in self._processes),
                 sum(process.switches() for process in self._processes))
 
-    def server_peak_kib(self):
-        """The most memory that the last server ever had, if there is one."""
-        servers = self._processes[:len(self.contestant.servers)]
-        return servers[-1].memory_kib("VmHWM") if servers else 0
+    def server_growth_kib(self):
+        """How much more memory than when it was ready the last server had at its peak."""
+        return self.servers[-1].memory_kib("VmHWM") - self._before_kib if self.servers else 0
 
     def stop(self):
         for process in reversed(self._processes):
@@ -109,11 +133,11 @@ class Case:
                 # There and back, so that whatever changes steadily meets all alike.
                 for each in running if number % 2 == 0 else reversed(running):
                     batches[each.contestant.name].append(self.turn(each, self.seconds or seconds))
-            peaks = {each.contestant.name: each.server_peak_kib() for each in running}
+            growths = {each.contestant.name: each.server_growth_kib() for each in running}
         finally:
             for each in running:
                 each.stop()
-        return self._rows(mode, batches, peaks)
+        return self._rows(mode, batches, growths)
 
     def missing(self):
         return set().union(*(contestant.missing() for contestant in self.contestants))
@@ -125,24 +149,23 @@ class Case:
         """The value, CPU time in µs and context switches for each operation."""
         raise NotImplementedError
 
-    def _rows(self, mode, batches, peaks):
-        values, cpu, switches = ({name: statistics.median(batch[i] for batch in of_name)
-                                  for name, of_name in batches.items()} for i in range(3))
+    def _rows(self, mode, batches, growths):
         reference = self.contestants[0].name
-        rows = []
+        rows = {}
         for name, of_name in batches.items():
+            value, cpu_us, switches = (statistics.median(batch[i] for batch in of_name) for i in range(3))
             ratios = [own[0] / other[0] for own, other in zip(of_name, batches[reference])]
-            rows.append({
-                "case": self.name, "title": self.title, "mode": mode, "contestant": name, "unit": self.unit,
-                "value": values[name],
-                "ratio": values[name] / values[reference], "least": min(ratios), "most": max(ratios),
-                "cpu_us": cpu[name], "cpu_ratio": cpu[name] / cpu[reference], "switches": switches[name],
-                "server_peak_kib": peaks[name],
-                "targets": [{"text": target.text(), "reached": target.is_reached(values)}
-                            for target in self.targets
-                            if target.contestant == name and target.reference in values],
-            })
-        return rows
+            row = {"case": self.name, "title": self.title, "mode": mode, "contestant": name, "unit": self.unit,
+                   "value": value, "least": min(ratios), "most": max(ratios), "cpu_us": cpu_us,
+                   "switches": switches, "server_growth_kib": growths[name], "targets": []}
+            rows[name] = row
+            row["ratio"] = value / rows[reference]["value"]
+            row["cpu_ratio"] = cpu_us / rows[reference]["cpu_us"]
+        for target in self.targets:
+            if target.reference in rows:
+                is_reached = target.is_reached(rows["tarn"], rows[target.reference])
+                rows["tarn"]["targets"].append({"text": target.text(), "reached": is_reached})
+        return list(rows.values())
 
 
 class RequestCase(Case):

@@ -7,6 +7,7 @@ import os
 import pathlib
 import select
 import subprocess
+import tempfile
 import time
 
 # No answer takes longer, however slow the machine.
@@ -20,14 +21,14 @@ class Failed(Exception):
 class Process:
     """A program that prints a line when it is ready, and then answers each line that it is told with one."""
 
-    def __init__(self, command, folder, cpus):
-        """On the given processors."""
+    def __init__(self, command, folder, cpus=None):
+        """On the given processors, or on any."""
         self.command = command
-        self._errors = open(pathlib.Path(folder) / (pathlib.Path(command[0]).name + ".err"), "w+", encoding="utf-8")
+        self._errors = tempfile.TemporaryFile("w+", encoding="utf-8")
         self._unread = b""
         # It must not outlive us, and inherits the processors.
         before = os.sched_getaffinity(0)
-        os.sched_setaffinity(0, cpus)
+        os.sched_setaffinity(0, cpus or before)
         try:
             self._child = subprocess.Popen(
                 ["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
@@ -62,6 +63,13 @@ class Process:
 
     def memory_kib(self, field="VmRSS"):
         return int(_fields(f"/proc/{self.pid}/status")[field].split()[0])
+
+    def finish(self):
+        """Lets it end by itself, and returns what it has written to standard error."""
+        self._child.stdin.close()
+        self._child.wait(timeout=ANSWER_SECONDS)
+        self._errors.seek(0)
+        return self._errors.read()
 
     def stop(self):
         self._child.terminate()

@@ -27,36 +27,57 @@ def _verdict(row):
     return "; ".join(f"{target['text']}: {'yes' if target['reached'] else 'NO'}" for target in row["targets"])
 
 
-def text(results):
-    machine = ", ".join(f"{key} {value}" for key, value in results["machine"].items())
-    rows = []
+def _comparisons(rows):
+    cells = []
     before = None
-    for row in results["rows"]:
-        head = (row["title"], row["mode"])
-        rows.append([
-            f"{row['title']}, {row['mode']}" if head != before else "",
-            row["contestant"], f"{number(row['value'])} {row['unit']}",
+    for row in rows:
+        head = f"{row['title']}, {row['mode']}"
+        cells.append([
+            head if head != before else "", row["contestant"], f"{number(row['value'])} {row['unit']}",
             f"{row['ratio']:.2f}", f"{row['least']:.2f}–{row['most']:.2f}",
             number(row["cpu_us"]), f"{row['cpu_ratio']:.2f}", number(row["switches"]), _verdict(row)])
         before = head
     header = ["case", "who", "median", "ratio", "least–most", "CPU µs", "ratio", "switches", "target"]
-    return machine + "\n\n" + _table(header, rows, left=2)
+    return _table(header, cells, left=2)
+
+
+def _figures(rows):
+    cells = [[row["title"], f"{number(row['value'])} {row['unit']}".strip(),
+              number(row["allocations"]) if "allocations" in row else "", _verdict(row)] for row in rows]
+    return _table(["figure", "value", "allocations", "target"], cells)
+
+
+def text(results):
+    machine = ", ".join(f"{key} {value}" for key, value in results["machine"].items())
+    parts = [machine]
+    if results["comparisons"]:
+        parts.append(_comparisons(results["comparisons"]))
+    if results["figures"]:
+        parts.append(_figures(results["figures"]))
+    return "\n\n".join(parts)
 
 
 def difference(before, after):
-    """What became of each row that both have; a ratio to the reference says more than a time, if the machine was
-    differently busy."""
-    old = {(row["case"], row["mode"], row["contestant"]): row for row in before["rows"]}
-    rows = []
-    for row in after["rows"]:
-        earlier = old.get((row["case"], row["mode"], row["contestant"]))
-        if not earlier:
-            continue
-        rows.append([
-            f"{row['title']}, {row['mode']}", row["contestant"],
-            f"{number(earlier['value'])} → {number(row['value'])} {row['unit']}",
-            f"{(row['value'] / earlier['value'] - 1) * 100:+.0f} %",
-            f"{earlier['ratio']:.2f} → {row['ratio']:.2f}",
-            f"{number(earlier['cpu_us'])} → {number(row['cpu_us'])}",
-            f"{number(earlier['switches'])} → {number(row['switches'])}"])
-    return _table(["case", "who", "median", "change", "ratio", "CPU µs", "switches"], rows, left=2)
+    """What became of what both have. A ratio to the reference says more than a time, if the machine was differently
+    busy."""
+    def name(row):
+        return row["case"], row.get("mode"), row.get("contestant")
+
+    def pairs(kind):
+        old = {name(row): row for row in before[kind]}
+        return [(old[name(row)], row) for row in after[kind] if name(row) in old]
+
+    def both(old, new, key):
+        return f"{number(old[key])} → {number(new[key])}"
+
+    def change(old, new):
+        return f"{(new['value'] / old['value'] - 1) * 100:+.0f} %" if old["value"] else ""
+
+    comparisons = [[f"{new['title']}, {new['mode']}", new["contestant"], f"{both(old, new, 'value')} {new['unit']}",
+                    change(old, new), *(both(old, new, key) for key in ("ratio", "cpu_us", "cpu_ratio", "switches"))]
+                   for old, new in pairs("comparisons")]
+    figures = [[new["title"], f"{both(old, new, 'value')} {new['unit']}", change(old, new),
+                both(old, new, "allocations") if "allocations" in new else ""] for old, new in pairs("figures")]
+    return "\n\n".join([
+        _table(["case", "who", "median", "change", "ratio", "CPU µs", "ratio", "switches"], comparisons, left=2),
+        _table(["figure", "value", "change", "allocations"], figures)])

@@ -22,10 +22,10 @@
 namespace {
 class DataRoute : public tarn::Route {
 public:
-    DataRoute(long number, std::size_t size)
+    DataRoute(long number, const std::string& body)
         : Route("data" + std::to_string(number), "get,put", "/data/" + std::to_string(number),
                 tarn::Access::Public),
-          body_(size, 'x')
+          body_(body)
     {
     }
 
@@ -40,14 +40,14 @@ public:
     }
 
 private:
-    const std::string body_;
+    const std::string& body_;
 };
 
 class SlowRoute : public tarn::Route {
 public:
-    explicit SlowRoute(std::size_t size)
+    explicit SlowRoute(const std::string& body)
         : Route("slow", "get", "/slow", tarn::Access::Public),
-          body_(size, 'x')
+          body_(body)
     {
     }
 
@@ -58,14 +58,14 @@ public:
     }
 
 private:
-    const std::string body_;
+    const std::string& body_;
 };
 
 class ChunksRoute : public tarn::Route {
 public:
-    explicit ChunksRoute(std::size_t size)
+    explicit ChunksRoute(const std::string& body)
         : Route("chunks", "get,put", "/chunks", tarn::Access::Public),
-          body_(size, 'x')
+          body_(body)
     {
     }
 
@@ -93,7 +93,7 @@ public:
     }
 
 private:
-    const std::string body_;
+    const std::string& body_;
     std::string uploaded_;
     mutable std::size_t downloaded_ = 0;
 };
@@ -105,12 +105,12 @@ tarn::Endpoint endpoint_of(const bench::Arguments& arguments)
 
 void server(const bench::Arguments& arguments)
 {
-    const auto size = static_cast<std::size_t>(arguments.number("size"));
+    const std::string body(static_cast<std::size_t>(arguments.number("size")), 'x'); // of all routes
     std::vector<std::shared_ptr<tarn::Route>> routes;
     for (long i = 0; i < arguments.number("routes", 8); ++i)
-        routes.push_back(std::make_shared<DataRoute>(i, size));
-    routes.push_back(std::make_shared<SlowRoute>(size));
-    routes.push_back(std::make_shared<ChunksRoute>(size));
+        routes.push_back(std::make_shared<DataRoute>(i, body));
+    routes.push_back(std::make_shared<SlowRoute>(body));
+    routes.push_back(std::make_shared<ChunksRoute>(body));
 
     tarn::ZmqSubsystem subsystem;
     const auto server = subsystem.serve(endpoint_of(arguments), routes,
