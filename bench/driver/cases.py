@@ -97,7 +97,9 @@ def window_cases(programs):
     for size in (1, 8, 64):
         yield RequestCase(f"window/{size}", f"{size} request{'s' * (size > 1)} in flight", "/s", [
             window("raw", "raw_request", "raw_window", size),
-        ])
+            window("tarn", "tarn_request", "tarn_window", size),
+            one_client(programs, "tarn, Client", "tarn_request", 32),
+        ], [Target("≥", 3.5, "tarn, Client")] if size == 64 else [])
 
 
 def changes(programs, name, program, subscribers, **marks):
@@ -155,7 +157,6 @@ def body_cases(programs):
     yield RequestCase("body/download", "64 MiB downloaded in chunks", "MiB/s", [
         contestant("raw", "raw_request", "download"),
         contestant("tarn", "tarn_request", "download", path="/chunks"),
-        grpc("download"),
     ], **size)
 
 

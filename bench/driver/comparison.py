@@ -162,7 +162,7 @@ class Case:
             row["ratio"] = value / rows[reference]["value"]
             row["cpu_ratio"] = cpu_us / rows[reference]["cpu_us"]
         for target in self.targets:
-            if target.reference in rows:
+            if "tarn" in rows and target.reference in rows:
                 is_reached = target.is_reached(rows["tarn"], rows[target.reference])
                 rows["tarn"]["targets"].append({"text": target.text(), "reached": is_reached})
         return list(rows.values())

@@ -2,7 +2,7 @@
 // Requests and replies with gRPC over a unix socket:
 //
 //   bench_peers_grpc server endpoint=PATH size=BYTES
-//   bench_peers_grpc client endpoint=PATH size=BYTES operation=get|put|upload|download
+//   bench_peers_grpc client endpoint=PATH size=BYTES operation=get|put|upload
 
 #include <functional>
 #include <map>
@@ -38,17 +38,6 @@ public:
         for (BytesValue chunk; reader->Read(&chunk);)
             uploaded += chunk.value();
         return status_of(uploaded.size());
-    }
-
-    grpc::Status Download(grpc::ServerContext*, const StringValue*,
-                          grpc::ServerWriter<BytesValue>* writer) override
-    {
-        BytesValue chunk;
-        for (std::size_t sent = 0; sent < body_.size(); sent += bench::chunk_bytes) {
-            chunk.set_value(body_.substr(sent, bench::chunk_bytes));
-            writer->Write(chunk);
-        }
-        return grpc::Status::OK;
     }
 
 private:
@@ -119,16 +108,6 @@ public:
         check(writer->Finish(), body_.size());
     }
 
-    void download()
-    {
-        grpc::ClientContext context;
-        const auto reader = stub_->Download(&context, path_);
-        std::string downloaded;
-        for (BytesValue chunk; reader->Read(&chunk);)
-            downloaded += chunk.value();
-        check(reader->Finish(), downloaded.size());
-    }
-
 private:
     void check(const grpc::Status& status, std::size_t size) const
     {
@@ -142,10 +121,11 @@ private:
 
 void client(const bench::Arguments& arguments)
 {
-    const std::map<std::string, void (Client::*)()> operations = {{"get", &Client::get},
-                                                                  {"put", &Client::put},
-                                                                  {"upload", &Client::upload},
-                                                                  {"download", &Client::download}};
+    const std::map<std::string, void (Client::*)()> operations = {
+        {"get", &Client::get},
+        {"put", &Client::put},
+        {"upload", &Client::upload},
+    };
     Client client(arguments);
     bench::measure(std::bind(operations.at(arguments.text("operation")), &client));
 }
