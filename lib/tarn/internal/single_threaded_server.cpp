@@ -110,15 +110,20 @@ bool SingleThreadedServer::serve_once(Sockets& sockets)
         memory_.give_back();
         return true;
     }
-    if (poller.is_readable(Sockets::wake_up_index)) {
+    const bool is_told = poller.is_readable(Sockets::wake_up_index);
+    const bool has_change = poller.is_readable(Sockets::pubsub_index);
+    const bool has_request = poller.is_readable(Sockets::front_index);
+    if (!is_told && !has_change && !has_request)
+        return true;
+    if (is_told) {
         if (!handle_wake_up(sockets.wake_up, sockets.pubsub, listening_))
             return false;
         poller.touch(Sockets::pubsub_index); // subscriptions may have changed
     }
     const slate::StopWatch watch(true);
-    if (poller.is_readable(Sockets::pubsub_index))
+    if (has_change)
         memory_.note(subscriber_.handle_publish_subscribe(sockets.pubsub));
-    if (poller.is_readable(Sockets::front_index))
+    if (has_request)
         handle_request(sockets.front.socket());
     handle_ms_->record(watch.elapsed() / 1000);
     return true;
@@ -127,7 +132,7 @@ bool SingleThreadedServer::serve_once(Sockets& sockets)
 void SingleThreadedServer::handle_request(zmq::socket_t& front)
 {
     auto request = receive_request(front, provider_);
-    if (!request)
+    if (!request || !request->is_answerable())
         return;
     memory_.note(request->payload.size());
     requests_.handle(request->payload, [&](zmq::message_t& reply) {

@@ -74,11 +74,11 @@ bool Dispatcher::serve_once()
     if (!poller_.wait(memory_.wait_time()))
         memory_.give_back();
 
-    if (poller_.is_readable(back_index_))
+    if (poller_.is_unsettled(back_index_))
         take_replies();
     if (poller_.is_readable(control_index_))
         return false;
-    if (poller_.is_readable(front_index_))
+    if (poller_.is_unsettled(front_index_))
         hand_out_requests();
     return true;
 }
@@ -87,8 +87,12 @@ void Dispatcher::hand_out_requests()
 {
     for (int i = 0; i < burst && !free_.empty(); ++i) {
         auto request = receive_request(front_.socket(), provider_);
-        if (!request)
+        if (!request) {
+            poller_.settle(front_index_);
             return;
+        }
+        if (!request->is_answerable())
+            continue;
         memory_.note(request->payload.size());
         // libzmq drops what it knows of the peer when a message is sent on, so the address travels as a
         // frame.
@@ -116,7 +120,11 @@ bool Dispatcher::hand_out(IncomingRequest& request, zmq::message_t& address, con
 
 void Dispatcher::take_replies()
 {
-    for (int i = 0; i < burst && take_message(); ++i) {
+    for (int i = 0; i < burst; ++i) {
+        if (!take_message()) {
+            poller_.settle(back_index_);
+            return;
+        }
     }
 }
 
@@ -160,7 +168,7 @@ void Dispatcher::set_free(const WorkerId& worker)
 {
     known_.insert(worker);
     if (ending_)
-        tell_to_end(worker); // while reading `back_`, which the poller will ask again
+        tell_to_end(worker);
     else
         free_.push_back(worker);
 }

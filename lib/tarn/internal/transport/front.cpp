@@ -34,7 +34,8 @@ std::optional<IncomingRequest> receive_request(zmq::socket_t& socket,
     if (!frame.more() || !frame.empty()) {
         slate::log_warn(provider, SLATE_HERE, "failed to read request from client");
         drop_further_frames(socket, frame);
-        return std::nullopt;
+        request.way_back.clear();
+        return request;
     }
     request.way_back.push_back(std::move(frame));
     (void)receive_frame(socket, request.payload);

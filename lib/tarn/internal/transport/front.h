@@ -30,12 +30,15 @@ struct IncomingRequest {
     /// libzmq's property "Peer-Address" of the connection: for ipc it ends in ":uid:gid:pid" of the process
     /// that connected, for tcp it is the numeric address; empty for inproc.
     std::string peer_address;
+
+    /// False for a message without an empty frame, without a frame behind it, or with more than 32 routing
+    /// frames: nobody knows where a reply would go.
+    bool is_answerable() const { return !way_back.empty(); }
 };
 
-/// Receives the next request from a socket that adds a routing frame. Doesn't wait. None if there is none,
-/// and, with a warning in the log, for a message that nobody can answer: without an empty frame, without a
-/// frame behind it, or with more than 32 routing frames. Such a message is dropped, as are frames behind the
-/// payload. Throws zmq::error_t.
+/// Receives the next request from a socket that adds a routing frame. Doesn't wait: none if there is none.
+/// What isn't answerable is dropped, with a warning in the log, as are frames behind the payload. Throws
+/// zmq::error_t.
 std::optional<IncomingRequest> receive_request(zmq::socket_t& socket,
                                                const std::shared_ptr<slate::Provider>& provider);
 

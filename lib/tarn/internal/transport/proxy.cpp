@@ -96,10 +96,10 @@ public:
         }
         if (poller_.is_readable(control_index_) && is_told_to_end())
             return false;
-        if (poller_.is_readable(front_index_) || in_.is_held())
-            forward(in_, back_index_);
-        if (poller_.is_readable(back_index_) || out_.is_held())
-            forward(out_, front_index_);
+        if (in_.is_held() ? poller_.is_writable(back_index_) : poller_.is_unsettled(front_index_))
+            forward(in_, front_index_, back_index_);
+        if (out_.is_held() ? poller_.is_writable(front_index_) : poller_.is_unsettled(back_index_))
+            forward(out_, back_index_, front_index_);
         return true;
     }
 
@@ -110,13 +110,16 @@ private:
         return receive_through_signals(control_, word) && word.to_string_view() == terminate;
     }
 
-    void forward(Direction& way, SocketPoller::Index to)
+    void forward(Direction& way, SocketPoller::Index from, SocketPoller::Index to)
     {
         poller_.touch(to);
         for (int i = 0; i < burst; ++i) {
             const auto bytes = way.forward();
-            if (!bytes)
-                break;
+            if (!bytes) {
+                if (!way.is_held())
+                    poller_.settle(from);
+                return;
+            }
             memory_.note(*bytes);
         }
     }

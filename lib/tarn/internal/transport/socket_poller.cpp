@@ -8,9 +8,14 @@
 #include "tarn/internal/utils/receive.h"
 
 namespace tarn_internal {
+namespace {
+/// How long sockets that are never without messages can keep the others waiting, not counting one message.
+constexpr std::chrono::milliseconds max_neglect{1};
+} // namespace
+
 SocketPoller::Index SocketPoller::add(zmq::socket_t& socket)
 {
-    entries_.push_back({&socket, socket.get(zmq::sockopt::fd), ZMQ_POLLIN, 0, false});
+    entries_.push_back({&socket, socket.get(zmq::sockopt::fd), ZMQ_POLLIN, false});
     polled_.reserve(entries_.size());
     return entries_.size() - 1;
 }
@@ -25,36 +30,30 @@ void SocketPoller::want(Index socket, short events)
 
 bool SocketPoller::wait(const slate::Duration& timeout)
 {
-    if (ask_sockets())
+    if (is_any_unsettled()) {
+        if (Clock::now() - last_look_ >= max_neglect)
+            look(slate::Seconds(0));
         return true;
+    }
     const slate::StopWatch watch(true);
     auto rest = timeout;
     do {
-        // A signal may mean that a socket has something to do for itself, such as greeting a new peer.
-        if (wait_for_signals(rest) && ask_sockets())
+        look(rest);
+        if (is_any_unsettled())
             return true;
         rest = timeout - slate::Microseconds(watch.elapsed());
     } while (poll_milliseconds(rest) != 0);
     return false;
 }
 
-/// Whether one has what it is wanted for. One that has nothing will signal when that changes.
-bool SocketPoller::ask_sockets()
+bool SocketPoller::is_any_unsettled() const
 {
-    bool found = false;
-    for (Entry& entry : entries_) {
-        entry.found = 0;
-        if (entry.wanted == 0 || entry.is_settled)
-            continue;
-        entry.found = static_cast<short>(events_of(*entry.socket) & entry.wanted);
-        entry.is_settled = entry.found == 0;
-        found = found || entry.found != 0;
-    }
-    return found;
+    return std::any_of(entries_.begin(), entries_.end(),
+                       [](const Entry& entry) { return entry.wanted != 0 && !entry.is_settled; });
 }
 
-/// False if the time passed, or a signal of the system arrived.
-bool SocketPoller::wait_for_signals(const slate::Duration& timeout)
+/// Waits for a signal of libzmq, or one of the system.
+void SocketPoller::look(const slate::Duration& timeout)
 {
     polled_.clear();
     for (const Entry& entry : entries_) {
@@ -65,13 +64,23 @@ bool SocketPoller::wait_for_signals(const slate::Duration& timeout)
     const int count = ::poll(polled_.data(), polled_.size(), milliseconds);
     if (count < 0 && errno != EINTR)
         throw zmq::error_t();
+    last_look_ = Clock::now();
     if (count <= 0)
-        return false;
+        return;
     auto polled = polled_.cbegin();
     for (Entry& entry : entries_) {
         if (entry.wanted != 0 && (polled++)->revents != 0)
             entry.is_settled = false;
     }
-    return true;
+}
+
+int SocketPoller::find_events(Index socket)
+{
+    if (!is_unsettled(socket))
+        return 0;
+    Entry& entry = entries_[socket];
+    const int events = events_of(*entry.socket) & entry.wanted;
+    entry.is_settled = events == 0;
+    return events;
 }
 } // namespace tarn_internal
