@@ -194,8 +194,8 @@ class ChangesCase(Case):
     the highest rate at which every subscriber gets all changes; in "µs", the time that a change is under way at
     1,000 a second."""
 
-    SEARCH_STEPS = 8
-    LOWEST, HIGHEST = 5_000, 2_000_000
+    SEARCH_STEPS = 7
+    LOWEST, HIGHEST = 5_000, 1_000_000
     _series = itertools.count(1)
 
     def warm_up(self, running):

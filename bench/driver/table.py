@@ -35,9 +35,10 @@ def _comparisons(rows):
         cells.append([
             head if head != before else "", row["contestant"], f"{number(row['value'])} {row['unit']}",
             f"{row['ratio']:.2f}", f"{row['least']:.2f}–{row['most']:.2f}",
-            number(row["cpu_us"]), f"{row['cpu_ratio']:.2f}", number(row["switches"]), _verdict(row)])
+            number(row["cpu_us"]), f"{row['cpu_ratio']:.2f}", number(row["switches"]),
+            number(max(0, row["server_growth_kib"] / 1024)), _verdict(row)])
         before = head
-    header = ["case", "who", "median", "ratio", "least–most", "CPU µs", "ratio", "switches", "target"]
+    header = ["case", "who", "median", "ratio", "least–most", "CPU µs", "ratio", "switches", "server MiB", "target"]
     return _table(header, cells, left=2)
 
 

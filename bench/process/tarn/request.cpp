@@ -3,10 +3,12 @@
 //
 //   bench_tarn_request server endpoint=E size=BYTES [workers=N] [routes=N]
 //   bench_tarn_request client endpoint=E size=BYTES [operation=get|put|upload|download] [path=P] [clients=N]
+//                      [services=DIRECTORY]
 //
 // The server has `routes` routes, 8 unless told otherwise, at "/data/0" and so on: GET answers with `size`
 // bytes, and PUT takes as many. "/slow" answers GET after two seconds. "/chunks" gets the chunks of an upload
-// as they come, and answers a download in chunks. Of `clients` clients the first does the work.
+// as they come, and answers a download in chunks. Of `clients` clients the first does the work. With
+// `services` it finds the service of the path itself, in that run-time directory.
 
 #include <chrono>
 #include <functional>
@@ -123,7 +125,8 @@ public:
     explicit Client(const bench::Arguments& arguments)
         : path_(arguments.text("path", "/data/0")),
           body_(static_cast<std::size_t>(arguments.number("size")), 'x'),
-          client_(tarn::make_client(endpoint_of(arguments), 0))
+          client_(arguments.has("services") ? tarn::make_device_client(arguments.text("services"))
+                                            : tarn::make_client(endpoint_of(arguments), 0))
     {
     }
 
