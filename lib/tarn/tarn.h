@@ -10,6 +10,7 @@
 #include "tarn/context.h"
 #include "tarn/device/device_client.h"
 #include "tarn/exception.h"
+#include "tarn/fabric/fabric.h"
 #include "tarn/formats.h"
 #include "tarn/message.h"
 #include "tarn/message_factory.h"
