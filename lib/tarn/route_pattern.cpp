@@ -28,6 +28,14 @@ public:
     /// From the current piece to the end of the path.
     std::string_view rest() const { return rest_; }
     std::string_view piece() const { return rest_.substr(0, rest_.find('/')); }
+    /// Whether the current piece is that text. Looks no further than the text is long: a peer may send a
+    /// piece of any size, and each pattern looks at it.
+    bool piece_is(std::string_view text) const
+    {
+        const bool begins =
+            rest_.starts_with(text) && (rest_.size() == text.size() || rest_[text.size()] == '/');
+        return begins && piece() == text;
+    }
     void advance()
     {
         rest_.remove_prefix(piece().size());
@@ -80,7 +88,7 @@ bool segment_matches(const Segment& segment, const Pieces& pieces)
 {
     if (segment.is_glob)
         return glob_matches(pieces.rest(), segment.text);
-    return segment.is_variable || pieces.piece() == segment.text;
+    return segment.is_variable || pieces.piece_is(segment.text);
 }
 
 [[noreturn]] void refuse(slate::SourceLine line, std::string_view reason, std::string_view detail = {})
