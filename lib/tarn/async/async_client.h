@@ -42,7 +42,8 @@ struct AsyncClientOptions {
     // Programs are compiled against the order of these fields: add new ones at the end.
 
     /// How many calls may be without a reply at a time, those included that haven't been sent yet; at least
-    /// one. A call beyond it gets status 429 at once, LocalCause::TooMany.
+    /// one. A call beyond it gets status 429 at once, LocalCause::TooMany. With more than 1,000 a server may
+    /// drop replies that this process doesn't take fast enough: that is how many libzmq queues.
     std::size_t max_in_flight = 256;
     /// Where functions of Pending::then() run; empty for the work queue.
     Executor executor = {};

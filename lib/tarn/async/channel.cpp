@@ -173,7 +173,6 @@ void Channel::open_sockets()
     try {
         socket_ = std::make_unique<zmq::socket_t>(io_->context(), zmq::socket_type::dealer);
         socket_->set(zmq::sockopt::linger, 0);
-        socket_->set(zmq::sockopt::immediate, true);
         socket_->set(zmq::sockopt::sndhwm, is_inproc_ ? inproc_send_queue : send_queue);
         if (!is_inproc_) {
             const std::string events = "inproc://" + slate::make_uuid().to_string();
@@ -275,14 +274,20 @@ bool Channel::serve_round()
 {
     const bool was_ending = ending_;
     const bool has_more = receive();
-    const Seen seen = is_inproc_ ? Seen() : read_monitor();
-    // What was received may come from the new connection, which can't answer what was sent before.
-    if (ending_ && seen.established)
+    if (!is_inproc_ && !read_monitor()) {
+        // What was received may come from a new connection, which can't answer what was sent before.
+        for (std::size_t i = 0; i < incoming_.size(); ++i)
+            dropped_->increment();
+        incoming_.clear();
         lose_connection();
+        return true;
+    }
     deliver();
     // What had arrived before the connection ended has been received by now.
-    if (was_ending && ending_ && !has_more)
+    if (was_ending && !has_more) {
         lose_connection();
+        return true;
+    }
     const bool has_sent = send_waiting();
     if (has_more || ending_)
         return true;
@@ -292,11 +297,10 @@ bool Channel::serve_round()
     const int events = socket_->get(zmq::sockopt::events);
     if (is_inproc_ && has_lost_inproc_peer(events)) {
         lose_connection();
-        close_sockets();
-        open_sockets(); // only a new socket can reach the next server
-        return !waiting_.empty();
+        return true;
     }
-    return (events & ZMQ_POLLIN) != 0 || (!waiting_.empty() && (events & ZMQ_POLLOUT) != 0);
+    return (events & ZMQ_POLLIN) != 0 ||
+           (connected_ && !waiting_.empty() && (events & ZMQ_POLLOUT) != 0);
 }
 
 /// Calls that have ended stay in the lists until their turn comes, or until they are many.
@@ -371,34 +375,36 @@ void Channel::deliver()
         }
         const auto call = std::move(found->second);
         calls_.erase(found);
-        auto message = factory_->make_message(incoming.payload.data(), incoming.payload.size());
-        if (call->complete(std::make_shared<Reply>(message)))
-            rx_->increment();
-        else
+        if (call->is_complete()) { // cancelled
             dropped_->increment();
+            continue;
+        }
+        rx_->increment(); // before the caller can look
+        const auto message = factory_->make_message(incoming.payload.data(), incoming.payload.size());
+        call->complete(std::make_shared<Reply>(message));
     }
     incoming_.clear();
 }
 
-/// Takes note of what has happened to the connection.
-Channel::Seen Channel::read_monitor()
+/// Takes note of what has happened to the connection. False if the socket has a later one already.
+bool Channel::read_monitor()
 {
-    Seen seen;
+    bool is_same = true;
     zmq::message_t event;
     while (receive_through_signals(*monitor_, event, ZMQ_DONTWAIT)) {
         std::uint16_t kind = 0;
         std::memcpy(&kind, event.data(), std::min(sizeof kind, event.size()));
         drop_further_frames(*monitor_, event); // the address
-        connected_ = kind == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
-        if (connected_) {
-            seen.established = true;
+        if (kind == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+            is_same = is_same && !ending_;
+            connected_ = true;
         }
-        else {
-            seen.ended = true;
+        else if (connected_) { // and not an attempt that failed
+            connected_ = false;
             ending_ = true;
         }
     }
-    return seen;
+    return is_same;
 }
 
 /// Sends what there is room for. Whether it has used the socket.
@@ -464,11 +470,13 @@ bool Channel::has_lost_inproc_peer(int events)
     return inproc_served_ && (events & ZMQ_POLLIN) == 0;
 }
 
-/// Ends what was sent on a connection that has ended.
+/// Ends what was sent on a connection that has ended, and makes a new socket, in which nothing of it is left:
+/// neither a request, which the next server would get, nor a reply.
 void Channel::lose_connection()
 {
-    ending_ = false;
+    close_sockets();
     end_calls(true, LocalCause::ConnectionLost, "the connection was lost");
+    open_sockets();
 }
 
 /// The socket is of no use any more. The next call makes a new one.

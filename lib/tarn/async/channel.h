@@ -55,13 +55,13 @@ private:
 /// 2. A reply finds its call by the number in front of it. A number is used once in the life of a client, so
 ///    that a late reply finds nothing.
 /// 3. A connection that ends takes with it what was sent on it: those calls end, since a later connection can
-///    neither answer them nor may they be sent again.
+///    neither answer them nor may they be sent again. Each connection has a socket of its own.
 ///
-/// ZMQ_IMMEDIATE has libzmq make the queue of a connection when it is established, and drop it when that
-/// ends, so that nothing waits there for a server that isn't there. A socket monitor tells of both, and, as
-/// the same thread of libzmq writes its events and what it receives, in their order. An inproc endpoint has no
-/// connection and no events: there a send queue of one message, which a server's own queue adds to, tells
-/// whether anybody serves it.
+/// Nothing is in the socket before there is a connection, which a socket monitor tells of: libzmq would keep
+/// it for whoever comes later. The monitor tells of the end, too. As the same thread of libzmq writes events
+/// and what it receives, they come in their order. (ZMQ_IMMEDIATE would do the first, but it throws away
+/// replies that come right before the end.) An inproc endpoint has no connection and no events: there a send
+/// queue of one message, which a server's own queue adds to, tells whether anybody serves it.
 ///
 /// Threads: what isn't said to be for any thread is for the I/O thread.
 class Channel : public std::enable_shared_from_this<Channel> {
@@ -94,10 +94,6 @@ private:
         std::uint64_t number;
         zmq::message_t payload;
     };
-    struct Seen { // by the monitor
-        bool ended = false;
-        bool established = false;
-    };
     struct Due {
         IoThread::Clock::time_point deadline;
         std::uint64_t number;
@@ -111,7 +107,7 @@ private:
     void expire();
     bool receive();
     void deliver();
-    Seen read_monitor();
+    bool read_monitor();
     bool send_waiting();
     bool try_send(ChannelCall& call);
     bool has_room();
