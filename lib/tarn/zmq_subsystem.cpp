@@ -49,8 +49,8 @@ std::atomic<ZmqSubsystem*> ZmqSubsystem::self_ = nullptr;
 ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
                            const std::function<void(slate::Queue&)>& queue_setup)
     : settings_(settings ? settings : slate::make_dictionary()),
-      queue_(
-          std::make_shared<slate::Lazy<slate::Queue>>([queue_setup] { return make_work_queue(queue_setup); })),
+      queue_(std::make_shared<slate::Lazy<slate::Queue>>(
+          [queue_setup] { return make_work_queue(queue_setup); })),
       parts_(std::make_shared<tarn_internal::RuntimeParts>())
 {
     ctx_ = std::make_shared<zmq::context_t>(io_threads, max_sockets);

@@ -33,9 +33,9 @@ class Server;
 /// end; every make_ function finds it through self() and gives null without it.
 ///
 /// It owns the ZeroMQ context, the settings, a work queue that is created at first use, and the servers that
-/// were made through it. Destroying it ends what asynchronous clients have in flight, stops those servers, and
-/// then waits until every socket is closed; other clients and publishers that the application still owns keep
-/// the context alive and go on working.
+/// were made through it. Destroying it ends what asynchronous clients have in flight, stops those servers,
+/// and then waits until every socket is closed; other clients and publishers that the application still owns
+/// keep the context alive and go on working.
 ///
 /// Threads: construct it, destroy it and add servers on one thread; any thread may call ctx(), settings(),
 /// queue() and servers() in between.

@@ -12,8 +12,8 @@
 #include <set>
 #include <thread>
 
-#include <pthread.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include "slate/queue.h"
 #include "slate/uri.h"
@@ -44,9 +44,9 @@ testing::AssertionResult is_local(const ReplyPointer& reply, Status status, Loca
 {
     if (reply->status() == status && reply->local_cause() == cause && !reply->status_message().empty())
         return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "status " << reply->status() << ", cause "
-                                       << static_cast<int>(reply->local_cause()) << ", text \""
-                                       << reply->status_message() << '"';
+    return testing::AssertionFailure()
+           << "status " << reply->status() << ", cause " << static_cast<int>(reply->local_cause())
+           << ", text \"" << reply->status_message() << '"';
 }
 
 class AnAsyncClient : public RuntimeTest {
@@ -326,11 +326,11 @@ TEST_F(AnAsyncClient, DropsRepliesThatBelongToNoCall)
     const auto request = peer.next().value();
     const std::string reply = AsyncPeer::text_reply("false");
 
-    peer.send({request.sender, "12345678", "", reply});              // an unknown number
-    peer.send({request.sender, request.number, reply});              // no delimiter
-    peer.send({request.sender, request.number, "x", reply});         // another delimiter
-    peer.send({request.sender, "", reply});                          // no number
-    peer.send({request.sender, request.number + "x", "", reply});    // a longer one
+    peer.send({request.sender, "12345678", "", reply});               // an unknown number
+    peer.send({request.sender, request.number, reply});               // no delimiter
+    peer.send({request.sender, request.number, "x", reply});          // another delimiter
+    peer.send({request.sender, "", reply});                           // no number
+    peer.send({request.sender, request.number + "x", "", reply});     // a longer one
     peer.send({request.sender, request.number.substr(1), "", reply}); // a shorter one
     peer.send({request.sender, reply});
     peer.send({request.sender, ""});
@@ -789,23 +789,23 @@ TEST_F(AnAsyncClient, DelaysNoReplyByASlowFunction)
 {
     serve(uri)->add(make_echo());
     const auto client = make();
-    Gate gate;
-    client->get("/echo/1").then([&](const ReplyPointer&) { gate.pass(); });
-    ASSERT_TRUE(gate.await(1));
+    const auto gate = std::make_shared<Gate>();
+    client->get("/echo/1").then([gate](const ReplyPointer&) { gate->pass(); });
+    ASSERT_TRUE(gate->await(1));
     for (int i = 0; i < 300; ++i)
         EXPECT_EQ(client->get("/echo/2").get()->text_or(""), "2");
-    gate.open();
+    gate->open();
 }
 
 TEST_F(AnAsyncClient, CallsAFunctionItselfIfTheWorkQueueRefusesIt)
 {
     serve(uri)->add(make_echo());
     const auto client = make();
-    Gate gate;
+    const auto gate = std::make_shared<Gate>();
     const auto queue = runtime->queue()->get();
     queue->set_capacity(1);
-    client->get("/echo/1").then([&](const ReplyPointer&) { gate.pass(); });
-    ASSERT_TRUE(gate.await(1));
+    client->get("/echo/1").then([gate](const ReplyPointer&) { gate->pass(); });
+    ASSERT_TRUE(gate->await(1));
 
     Journal threads;
     std::latch two(2);
@@ -820,22 +820,21 @@ TEST_F(AnAsyncClient, CallsAFunctionItselfIfTheWorkQueueRefusesIt)
     }
     two.wait();
     EXPECT_TRUE(will_have_counted("inline", 2));
-    gate.open();
+    gate->open();
     three.wait();
-    EXPECT_EQ(threads.entries(),
-              (std::vector<std::string>{"tarn-async1", "tarn-async1", "slate-queue1"}));
+    EXPECT_EQ(threads.entries(), (std::vector<std::string>{"tarn-async1", "tarn-async1", "slate-queue1"}));
 
     // Also if the reply is here already.
-    Gate second;
+    const auto second = std::make_shared<Gate>();
     queue->set_capacity(0);
     auto pending = client->get("/echo/1");
     (void)pending.get();
-    queue->submit(make_work([&] { second.pass(); }));
-    ASSERT_TRUE(second.await(1));
+    queue->submit(make_work([second] { second->pass(); }));
+    ASSERT_TRUE(second->await(1));
     std::promise<std::string> called;
     pending.then([&](const ReplyPointer&) { called.set_value(name_of_this_thread()); });
     EXPECT_EQ(called.get_future().get(), "tarn-async");
-    second.open();
+    second->open();
 }
 
 TEST_F(AnAsyncClient, CallsAFunctionWhereItIsTold)
@@ -939,14 +938,14 @@ TEST_F(AnAsyncClient, WaitsForFunctionsThatRunWhenItIsDestroyed)
 {
     serve(uri)->add(make_echo());
     auto client = make();
-    Gate gate;
+    const auto gate = std::make_shared<Gate>();
     std::atomic<bool> ended{false};
     client->get("/echo/1").then([&](const ReplyPointer&) {
-        gate.pass();
+        gate->pass();
         ended = true;
     });
-    ASSERT_TRUE(gate.await(1));
-    std::thread opener([&] { gate.open(); });
+    ASSERT_TRUE(gate->await(1));
+    std::thread opener([&] { gate->open(); });
     client.reset();
     EXPECT_TRUE(ended);
     opener.join();
@@ -956,16 +955,16 @@ TEST_F(AnAsyncClient, RunsWhatTheWorkQueueHasNotBegunWhenItIsDestroyed)
 {
     serve(uri)->add(make_echo());
     auto client = make();
-    Gate gate;
-    runtime->queue()->get()->submit(make_work([&] { gate.pass(); }));
-    ASSERT_TRUE(gate.await(1));
+    const auto gate = std::make_shared<Gate>();
+    runtime->queue()->get()->submit(make_work([gate] { gate->pass(); }));
+    ASSERT_TRUE(gate->await(1));
     std::atomic<int> called{0};
     auto pending = client->get("/echo/1");
     pending.then([&](const ReplyPointer& reply) { called += reply->good() ? 1 : 0; });
     (void)pending.get();
     client.reset(); // although the queue is busy
     EXPECT_EQ(called, 1);
-    gate.open();
+    gate->open();
 }
 
 TEST_F(AnAsyncClient, MayBeDestroyedInItsFunctions)
@@ -999,8 +998,9 @@ TEST_F(AnAsyncClient, EndsItsCallsWhenTheRuntimeEnds)
     auto sent = client->get("/sent", {.timeout = slate::Duration::positive_infinity()});
     (void)peer.next();
     std::promise<LocalCause> called;
-    client->get("/a", {.timeout = slate::Duration::positive_infinity()})
-        .then([&](const ReplyPointer& reply) { called.set_value(reply->local_cause()); });
+    client->get("/a", {.timeout = slate::Duration::positive_infinity()}).then([&](const ReplyPointer& reply) {
+        called.set_value(reply->local_cause());
+    });
 
     runtime.reset();
 
@@ -1019,15 +1019,15 @@ TEST_F(AnAsyncClient, GivesEveryFunctionItsReplyIfTheRuntimeEndsWhileTheQueueIsB
 {
     AsyncPeer peer(uri);
     const auto client = make_connected(peer);
-    Gate gate;
-    runtime->queue()->get()->submit(make_work([&] { gate.pass(); }));
-    ASSERT_TRUE(gate.await(1));
+    const auto gate = std::make_shared<Gate>();
+    runtime->queue()->get()->submit(make_work([gate] { gate->pass(); }));
+    ASSERT_TRUE(gate->await(1));
     std::atomic<int> called{0};
     for (int i = 0; i < 200; ++i) // more than the queue takes
         client->get("/a", {.timeout = long_time}).then([&](const ReplyPointer&) { ++called; });
     std::thread opener([&] {
         EXPECT_TRUE(wait_until([&] { return client->in_flight() == 0; }));
-        gate.open();
+        gate->open();
     });
     runtime.reset();
     opener.join();

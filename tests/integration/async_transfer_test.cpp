@@ -357,9 +357,8 @@ TEST_F(AnAsyncTransferWithAPeer, GivesNoBodyOfARefusalForAChunk)
 TEST_F(AnAsyncTransferWithAPeer, CancelsADownload)
 {
     std::stop_source stop;
-    auto download =
-        std::make_unique<AsyncDownload>(client, "/a", nullptr,
-                                        DownloadOptions{.chunk_timeout = long_time, .stop = stop.get_token()});
+    auto download = std::make_unique<AsyncDownload>(
+        client, "/a", nullptr, DownloadOptions{.chunk_timeout = long_time, .stop = stop.get_token()});
     auto chunk = download->read();
     (void)peer.next();
     stop.request_stop();

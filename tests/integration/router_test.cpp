@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/router.h"
 
-#include <chrono>
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>

@@ -3,9 +3,9 @@
 #include "tarn/server.h"
 
 #include <chrono>
-#include <optional>
 #include <filesystem>
 #include <future>
+#include <optional>
 
 #include <sys/stat.h>
 

@@ -63,24 +63,25 @@ struct AsyncClientOptions {
 ///
 /// A path is a recipient as for Client. Prefer Client for one request at a time: it needs no other thread.
 ///
-/// A request is sent once, or not at all. It waits here, not in a socket, until the server can be reached, and
-/// is never sent after its time is over or it was cancelled. One that was sent to a server that then ends or
-/// restarts gets status 408 at once, LocalCause::ConnectionLost, and may or may not have been carried out; no
-/// later connection can answer it. (libzmq takes the first request to an inproc endpoint that nobody serves
-/// yet; it can't be taken back.)
+/// A request is sent once, or not at all. It waits here, not in a socket, until the server can be reached,
+/// and is never sent after its time is over or it was cancelled. One that was sent to a server that then ends
+/// or restarts gets status 408 at once, LocalCause::ConnectionLost, and may or may not have been carried out;
+/// no later connection can answer it. (libzmq takes the first request to an inproc endpoint that nobody
+/// serves yet; it can't be taken back.)
 ///
 /// Errors: a failed exchange is a reply, not thrown: status 408 (no answer in time, cancelled, connection
 /// lost, socket failed, larger than 2 GiB, or the client or ZmqSubsystem ended), 429 (see AsyncClientOptions)
-/// or 400 (nothing to send), with the reason in Reply::local_cause() and Reply::status_message(). A frame that
-/// doesn't parse gives a reply without a message. A recipient that can't be taken apart throws as
+/// or 400 (nothing to send), with the reason in Reply::local_cause() and Reply::status_message(). A frame
+/// that doesn't parse gives a reply without a message. A recipient that can't be taken apart throws as
 /// MessageFactory says.
 ///
 /// Threads: may be shared. All asynchronous clients of the process share one more thread, "tarn-async", which
 /// the first of them starts.
 ///
-/// Lifetime: destroying it ends its calls with status 408, LocalCause::Ended. It returns when all functions of
-/// Pending::then() have ended, except those in which it is itself destroyed; those that have not begun run on
-/// this thread. It may outlive ZmqSubsystem, whose end ends its calls in the same way, and later ones at once.
+/// Lifetime: destroying it ends its calls with status 408, LocalCause::Ended. It returns when all functions
+/// of Pending::then() have ended, except those in which it is itself destroyed; those that have not begun run
+/// on this thread. It may outlive ZmqSubsystem, whose end ends its calls in the same way, and later ones at
+/// once.
 ///
 /// Its provider is "zmq.async_client" with a running number, and counts "tx" and "rx", requests and replies;
 /// "err", requests that could not be sent; "dropped", messages that are the reply to no call in flight, such

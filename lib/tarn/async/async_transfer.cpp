@@ -237,7 +237,7 @@ private:
     std::shared_ptr<Step> step_; // the present one
     bool is_last_ = false;       // whether that is finish()
     bool is_sending_ = false;
-    std::string bytes_; // of the present write
+    std::string bytes_;     // of the present write
     std::string_view rest_; // of bytes_, not yet collected
 };
 

@@ -54,7 +54,8 @@ private:
     void run_continuation();
 
     const std::shared_ptr<Callbacks> callbacks_;
-    std::mutex mutex_; // guards all below; held neither while a continuation runs nor while one is handed over
+    std::mutex
+        mutex_; // guards all below; held neither while a continuation runs nor while one is handed over
     std::condition_variable completed_;
     std::atomic<bool> complete_{false}; // written under the lock
     std::shared_ptr<Reply> reply_;

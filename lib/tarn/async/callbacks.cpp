@@ -87,8 +87,7 @@ Callbacks::Callbacks(std::shared_ptr<IoThread> io, Executor executor, std::share
 void Callbacks::dispatch(std::unique_ptr<Continuation> continuation, std::shared_ptr<Reply> reply,
                          const Executor& own)
 {
-    const auto job =
-        std::make_shared<Job>(std::move(continuation), std::move(reply), own ? own : executor_);
+    const auto job = std::make_shared<Job>(std::move(continuation), std::move(reply), own ? own : executor_);
     {
         const std::lock_guard lock(mutex_);
         jobs_.emplace(job.get(), job);

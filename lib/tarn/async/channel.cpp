@@ -125,7 +125,8 @@ Channel::Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncCli
       tx_(add_counter(*provider_, "tx")),
       dropped_(add_counter(*provider_, "dropped")),
       too_many_(add_warning_counter(*provider_, "too_many")),
-      callbacks_(std::make_shared<Callbacks>(io_, options.executor, add_warning_counter(*provider_, "inline")))
+      callbacks_(
+          std::make_shared<Callbacks>(io_, options.executor, add_warning_counter(*provider_, "inline")))
 {
 }
 
@@ -134,8 +135,7 @@ Channel::~Channel() = default;
 Pending Channel::start(std::shared_ptr<Message> message, const CallOptions& options)
 {
     const auto self = shared_from_this();
-    const auto call =
-        std::make_shared<ChannelCall>(callbacks_, self, std::move(message), options.timeout);
+    const auto call = std::make_shared<ChannelCall>(callbacks_, self, std::move(message), options.timeout);
     if (!call->message) {
         call->complete(Status::BadRequest, LocalCause::InvalidRequest, "there is nothing to send");
     }
@@ -299,8 +299,7 @@ bool Channel::serve_round()
         lose_connection();
         return true;
     }
-    return (events & ZMQ_POLLIN) != 0 ||
-           (connected_ && !waiting_.empty() && (events & ZMQ_POLLOUT) != 0);
+    return (events & ZMQ_POLLIN) != 0 || (connected_ && !waiting_.empty() && (events & ZMQ_POLLOUT) != 0);
 }
 
 /// Calls that have ended stay in the lists until their turn comes, or until they are many.
@@ -446,7 +445,8 @@ bool Channel::try_send(ChannelCall& call)
     zmq::message_t delimiter;
     (void)send_through_signals(*socket_, delimiter, ZMQ_DONTWAIT | ZMQ_SNDMORE);
     tsan_release(frame->data());
-    (void)send_through_signals(*socket_, *frame, ZMQ_DONTWAIT); // there is room for a message, or for none of it
+    (void)send_through_signals(*socket_, *frame,
+                               ZMQ_DONTWAIT); // there is room for a message, or for none of it
     call.sent = true;
     ++sent_on_socket_;
     tx_->increment();

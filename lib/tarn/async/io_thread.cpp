@@ -245,8 +245,8 @@ void IoThread::pass(Clock::time_point limit)
 void IoThread::wait(Clock::time_point limit, Touched& touched)
 {
     std::array<epoll_event, 64> events;
-    const int count = epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()),
-                                 milliseconds_until(limit));
+    const int count =
+        epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), milliseconds_until(limit));
     for (int i = 0; i < count; ++i) {
         const void* source = events[static_cast<std::size_t>(i)].data.ptr;
         if (!source) {

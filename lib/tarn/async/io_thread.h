@@ -124,7 +124,7 @@ private:
 
     const OwnedDescriptor poll_;
     const OwnedDescriptor wake_up_;
-    std::atomic<bool> woken_{false};   // whether wake_up_ is readable, or about to be
+    std::atomic<bool> woken_{false};    // whether wake_up_ is readable, or about to be
     std::atomic<int> serving_until_{0}; // how many conditions are waited for
 
     mutable std::mutex mutex_; // guards the three below

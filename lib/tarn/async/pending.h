@@ -93,8 +93,8 @@ public:
     ///
     /// `function` may be of a type that can only be moved. It may use and destroy clients, this one included.
     template <class Function>
-    requires std::is_invocable_v<std::decay_t<Function>&, const std::shared_ptr<Reply>&>
-    void then(Function&& function, Executor executor = {})
+    requires std::is_invocable_v < std::decay_t<Function>
+    &, const std::shared_ptr<Reply>& > void then(Function&& function, Executor executor = {})
     {
         using Wrapped = tarn_internal::ContinuationOf<std::decay_t<Function>>;
         continue_with(std::make_unique<Wrapped>(std::forward<Function>(function)), std::move(executor));

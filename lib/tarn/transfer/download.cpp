@@ -52,10 +52,7 @@ public:
     TransferResult result() const { return {steps_.reply(), steps_.received()}; }
 
 private:
-    void cancel()
-    {
-        steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the download was cancelled");
-    }
+    void cancel() { steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the download was cancelled"); }
 
     const std::shared_ptr<Client> client_;
     const std::string path_;

@@ -26,8 +26,14 @@ class PartsOfARuntime : public testing::Test {
 protected:
     PartsOfARuntime() { ended.clear(); }
 
-    std::shared_ptr<First> first() { return parts.get<First>([] { return std::make_shared<First>(); }); }
-    std::shared_ptr<Second> second() { return parts.get<Second>([] { return std::make_shared<Second>(); }); }
+    std::shared_ptr<First> first()
+    {
+        return parts.get<First>([] { return std::make_shared<First>(); });
+    }
+    std::shared_ptr<Second> second()
+    {
+        return parts.get<Second>([] { return std::make_shared<Second>(); });
+    }
 
     RuntimeParts parts;
 };
