@@ -252,21 +252,28 @@ bool Channel::serve()
 {
     if (closed_)
         return false;
+    bool has_more = false;
     try {
         drop_ended();
         expire();
-        if (!socket_ && !waiting_.empty())
-            open_sockets();
-        for (int round = 0; socket_ && round < max_rounds; ++round) {
-            if (!serve_round())
-                return false;
-        }
-        return socket_ != nullptr;
+        has_more = serve_socket();
     }
     catch (const std::exception& error) { // a socket that broke, or out of memory
         fail(error.what());
-        return false;
     }
+    forget_deadlines();
+    return has_more;
+}
+
+bool Channel::serve_socket()
+{
+    if (!socket_ && !waiting_.empty())
+        open_sockets();
+    for (int round = 0; socket_ && round < max_rounds; ++round) {
+        if (!serve_round())
+            return false;
+    }
+    return socket_ != nullptr;
 }
 
 /// One look at everything. True if there is more to do at once.
@@ -318,22 +325,25 @@ void Channel::drop_ended()
 void Channel::expire()
 {
     const auto now = Clock::now();
-    while (!due_.empty()) {
+    for (forget_deadlines(); !due_.empty() && due_.front().deadline <= now; forget_deadlines()) {
         const auto found = calls_.find(due_.front().number);
-        if (found != calls_.end() && due_.front().deadline > now)
-            return;
-        std::pop_heap(due_.begin(), due_.end());
-        due_.pop_back();
-        if (found == calls_.end())
-            continue;
         const auto call = found->second;
         calls_.erase(found);
-        if (call->is_complete())
+        if (call->is_complete()) // cancelled
             continue;
         slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ",
                          describe(*call->message, secret_));
         end_call(*call, LocalCause::NoAnswerInTime,
                  call->sent ? "no answer in time" : "the server could not be reached in time");
+    }
+}
+
+/// Lets the next deadline be that of a call which has not ended: others would wake the thread for nothing.
+void Channel::forget_deadlines()
+{
+    while (!due_.empty() && !calls_.contains(due_.front().number)) {
+        std::pop_heap(due_.begin(), due_.end());
+        due_.pop_back();
     }
 }
 

@@ -102,9 +102,11 @@ private:
 
     void open_sockets();
     void close_sockets() noexcept;
+    bool serve_socket();
     bool serve_round();
     void drop_ended();
     void expire();
+    void forget_deadlines();
     bool receive();
     void deliver();
     bool read_monitor();
