@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -28,6 +30,15 @@ struct Context {
     /// several routes accept a published change, all their handlers see those of the last one; so do they in
     /// `params`.
     std::vector<std::pair<std::string, std::string>> variables;
+    /// When the server took the request off its socket; not set where there is no request, as for a published
+    /// change.
+    std::optional<std::chrono::steady_clock::time_point> arrival;
+
+    /// Until when the caller waits, as far as the server can know: the time that the request allows ("ttl"),
+    /// counted from its arrival. Long work may stop then, since nobody hears its result. Nothing if the
+    /// caller waits for ever or doesn't tell, or if there is no request. Time that the request spent on its
+    /// way, or in front of a busy server, isn't counted. A router takes its own share off before.
+    std::optional<std::chrono::steady_clock::time_point> deadline() const;
 
     /// The text of a variable of the route's pattern, undecoded: from the path, or else the pattern's
     /// default, or else `dflt`. Headers and parameters of that name don't matter.

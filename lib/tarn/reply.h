@@ -24,9 +24,10 @@ enum class LocalCause : int {
     InvalidRequest = 1,
     /// No answer within the timeout and the retries; over ipc and tcp also if nobody serves the endpoint.
     NoAnswerInTime = 2,
-    /// The caller stopped or aborted the transfer.
+    /// The caller cancelled the request, or stopped or aborted the transfer.
     Cancelled = 3,
-    /// Other threads' requests kept the client busy for the whole time; nothing was sent.
+    /// Other requests keep the client busy, and nothing was sent: those of other threads for the whole time
+    /// (status 408), or as many as an asynchronous client may have in flight (status 429).
     TooMany = 4,
     /// The request is larger than a message can be (2 GiB).
     TooLarge = 5,
@@ -36,6 +37,10 @@ enum class LocalCause : int {
     NoSuchEndpoint = 7,
     /// Reserved for endpoints that the caller may not connect to.
     NotAllowed = 8,
+    /// The connection ended while the request was in flight; the server may have handled it or not.
+    ConnectionLost = 9,
+    /// The asynchronous client, or its ZmqSubsystem, ended first.
+    Ended = 10,
 };
 
 /// The reply side of an exchange: a handler fills one, a client gets one. All operations of Envelope are

@@ -9,6 +9,7 @@
 #include "slate/queue.h"
 #include "slate/uri.h"
 #include "tarn/exception.h"
+#include "tarn/internal/runtime.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
@@ -48,8 +49,9 @@ std::atomic<ZmqSubsystem*> ZmqSubsystem::self_ = nullptr;
 ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
                            const std::function<void(slate::Queue&)>& queue_setup)
     : settings_(settings ? settings : slate::make_dictionary()),
-      queue_(
-          std::make_shared<slate::Lazy<slate::Queue>>([queue_setup] { return make_work_queue(queue_setup); }))
+      queue_(std::make_shared<slate::Lazy<slate::Queue>>(
+          [queue_setup] { return make_work_queue(queue_setup); })),
+      parts_(std::make_shared<tarn_internal::RuntimeParts>())
 {
     ctx_ = std::make_shared<zmq::context_t>(io_threads, max_sockets);
     // Last, so that nobody finds an object that never came to be.
@@ -59,6 +61,8 @@ ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
 
 ZmqSubsystem::~ZmqSubsystem()
 {
+    // Before the servers, whose handlers may wait for what these have in flight.
+    parts_->end();
     for (auto& server : servers_)
         server.reset();
     self_ = nullptr;
@@ -103,6 +107,11 @@ std::vector<std::shared_ptr<Server>> ZmqSubsystem::servers() const
 {
     const std::lock_guard lock(mutex_);
     return servers_;
+}
+
+std::shared_ptr<tarn_internal::RuntimeParts> ZmqSubsystem::parts() const
+{
+    return parts_;
 }
 
 std::shared_ptr<Server> ZmqSubsystem::add_server(const Endpoint& endpoint)

@@ -22,6 +22,9 @@ class Queue;
 namespace zmq {
 class context_t;
 }
+namespace tarn_internal {
+class RuntimeParts;
+}
 
 namespace tarn {
 class Server;
@@ -30,8 +33,9 @@ class Server;
 /// end; every make_ function finds it through self() and gives null without it.
 ///
 /// It owns the ZeroMQ context, the settings, a work queue that is created at first use, and the servers that
-/// were made through it. Destroying it stops those servers, and then waits until every socket is closed;
-/// clients and publishers that the application still owns keep the context alive and go on working.
+/// were made through it. Destroying it ends what asynchronous clients have in flight, stops those servers,
+/// and then waits until every socket is closed; other clients and publishers that the application still owns
+/// keep the context alive and go on working.
 ///
 /// Threads: construct it, destroy it and add servers on one thread; any thread may call ctx(), settings(),
 /// queue() and servers() in between.
@@ -60,6 +64,9 @@ public:
     std::shared_ptr<slate::Dictionary> settings() const;
     std::shared_ptr<slate::Lazy<slate::Queue>> queue() const;
     std::vector<std::shared_ptr<Server>> servers() const;
+    /// For the library itself: what it makes once for all that need it, such as the thread of asynchronous
+    /// clients.
+    std::shared_ptr<tarn_internal::RuntimeParts> parts() const;
 
     /// A server at one or more endpoints, kept alive here as well. See make_server for what can go wrong.
     /// Without `relay_out`, it hears the changes of the relay at the setting "relay_pub", if there is one.
@@ -107,6 +114,7 @@ private:
     std::shared_ptr<slate::Lazy<slate::Queue>> queue_;
     std::vector<std::shared_ptr<Server>> servers_;
     mutable std::mutex mutex_; // guards servers_: a handler may ask for them while another server is added
+    std::shared_ptr<tarn_internal::RuntimeParts> parts_; // constant after construction
 
     static std::atomic<ZmqSubsystem*> self_;
 };

@@ -2,6 +2,7 @@
 #include "tarn/router.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -1322,5 +1323,24 @@ TEST(TheDefaultRouter, LooksForServicesBelowRunTide)
     const auto third = slate::make_uri("ipc://" + (folder.path() / "third.sock").string());
     const auto made = make_router(runtime.settings(), {third}, nullptr, make_message_factory());
     EXPECT_EQ(make_client(third)->get("/clock/time")->data(), "noon");
+}
+
+TEST_F(ARouter, LetsAHandlerKnowUntilWhenItWaits)
+{
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> told;
+    auto route = make_test_route("a", "get", "/a");
+    route->on_get = [&](Context& context) { told = context.deadline(); };
+    const auto service = serve_as("clock");
+    service->add(route);
+    start();
+    const auto client = make_client(uri, 0);
+
+    const auto share = std::chrono::milliseconds(500);
+    const auto before = Clock::now();
+    ASSERT_TRUE(client->get("/clock/a", nullptr, slate::Minutes(5))->good());
+    ASSERT_TRUE(told);
+    EXPECT_GE(*told, before + std::chrono::minutes(5) - share);
+    EXPECT_LE(*told, Clock::now() + std::chrono::minutes(5) - share);
 }
 } // namespace

@@ -2,8 +2,10 @@
 // What every server does, whatever its threads: one suite for both kinds.
 #include "tarn/server.h"
 
+#include <chrono>
 #include <filesystem>
 #include <future>
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -891,5 +893,25 @@ TEST_P(AServer, EndsAtOnceInAThousandRoundsAlsoWithARelayToHear)
     for (int i = 0; i < 1000; ++i)
         make({scratch_endpoint("inproc")}, pub).reset();
     EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
+}
+
+TEST_P(AServer, TellsItsHandlersUntilWhenTheCallerWaits)
+{
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> told;
+    auto route = make_test_route("a", "get,put", "/a");
+    route->on_get = route->on_put = [&](Context& context) { told = context.deadline(); };
+    const auto server = make({uri});
+    server->add(route);
+    const auto client = make_client(uri, 0);
+
+    const auto before = Clock::now();
+    ASSERT_TRUE(client->get("/a", nullptr, slate::Minutes(5))->good());
+    ASSERT_TRUE(told);
+    EXPECT_GE(*told, before + std::chrono::minutes(5));
+    EXPECT_LE(*told, Clock::now() + std::chrono::minutes(5));
+
+    ASSERT_TRUE(client->put("/a", "x", nullptr, slate::Duration::positive_infinity())->good());
+    EXPECT_EQ(told, std::nullopt);
 }
 } // namespace

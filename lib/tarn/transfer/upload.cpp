@@ -1,23 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/transfer/upload.h"
 
-#include <algorithm>
 #include <istream>
 #include <utility>
 #include <vector>
 
-#include "slate/dictionary.h"
 #include "slate/log.h"
-#include "slate/uuid.h"
 #include "tarn/client.h"
 #include "tarn/exception.h"
 #include "tarn/internal/transfer_helpers.h"
-#include "tarn/message_factory.h"
+#include "tarn/internal/transfer_steps.h"
 #include "tarn/proto/status.pb.h"
-#include "tarn/transfer/chunk_headers.h"
 
 namespace tarn {
-using tarn_internal::copy_without_transfer;
 using tarn_internal::make_local_reply;
 using tarn_internal::only_response;
 
@@ -27,22 +22,18 @@ public:
         : client_(std::move(client)),
           path_(std::move(path)),
           options_(std::move(options)),
-          chunk_bytes_(std::clamp<std::size_t>(options_.chunk_bytes, 1, max_chunk_bytes)),
-          headers_(copy_without_transfer(headers))
+          steps_(path_, headers, options_.chunk_bytes)
     {
         if (!client_)
             throw Exception(slate::trace_error(SLATE_HERE, "cannot upload without a client: ", path_));
-        headers_->set(chunk_header::transfer, std::string_view(slate::make_uuid().to_string()));
     }
 
     bool write(std::string_view bytes)
     {
         try {
-            while (!ended_ && !bytes.empty()) {
-                const auto part = bytes.substr(0, chunk_bytes_ - chunk_.size());
-                chunk_ += part;
-                bytes.remove_prefix(part.size());
-                if (chunk_.size() == chunk_bytes_)
+            while (!steps_.ended() && !bytes.empty()) {
+                bytes.remove_prefix(steps_.collect(bytes));
+                if (steps_.has_whole_chunk())
                     send_chunk();
             }
         }
@@ -50,32 +41,30 @@ public:
             abort(); // the body would have a hole
             throw;
         }
-        return !ended_;
+        return !steps_.ended();
     }
 
     TransferResult finish()
     {
-        if (!ended_ && !chunk_.empty())
+        if (!steps_.ended() && steps_.has_rest())
             send_chunk();
         if (options_.stop.stop_requested())
             abort();
-        if (!ended_)
-            end(exchange({}, options_.last_timeout));
-        return {ended_, acknowledged_};
+        if (!steps_.ended())
+            steps_.end(only_response(exchange(steps_.take_last_chunk(), options_.last_timeout)));
+        return {steps_.ended(), steps_.acknowledged()};
     }
 
-    void abort() { abort("the upload was aborted", Status::RequestTimeout, LocalCause::Cancelled); }
-
-    void abort(const std::string& reason, Status status, LocalCause cause)
+    void abort()
     {
-        if (ended_)
+        if (steps_.ended())
             return;
-        end(make_local_reply(status, cause, reason));
-        if (next_chunk_ > 0)
-            make_server_forget();
+        steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the upload was aborted");
+        if (steps_.has_begun())
+            (void)exchange(steps_.take_forgetting_chunk(), options_.chunk_timeout);
     }
 
-    std::uint64_t acknowledged() const { return acknowledged_; }
+    std::uint64_t acknowledged() const { return steps_.acknowledged(); }
 
 private:
     /// Sends what has been collected. A failure ends the upload.
@@ -85,50 +74,23 @@ private:
             abort();
             return;
         }
-        const std::size_t size = chunk_.size();
-        auto reply = exchange(std::exchange(chunk_, {}), options_.chunk_timeout);
-        if (reply->bad()) {
-            end(std::move(reply));
-            return;
-        }
-        acknowledged_ += size;
-        if (options_.progress)
-            options_.progress(acknowledged_);
+        std::string chunk = steps_.take_chunk();
+        const std::size_t size = chunk.size();
+        if (steps_.take_answer(exchange(std::move(chunk), options_.chunk_timeout), size) && options_.progress)
+            options_.progress(steps_.acknowledged());
     }
 
     std::shared_ptr<Reply> exchange(std::string&& bytes, const slate::Duration& timeout)
     {
-        headers_->set(chunk_header::number, next_chunk_++);
-        return only_response(options_.verb == UploadOptions::Verb::Put
-                                 ? client_->put(path_, std::move(bytes), headers_, timeout)
-                                 : client_->post(path_, std::move(bytes), headers_, timeout));
-    }
-
-    /// A chunk beyond a gap is refused and ends the transfer at once, file included. It isn't empty, so that
-    /// a route which takes chunks itself doesn't take it for the end of the body.
-    void make_server_forget()
-    {
-        ++next_chunk_;
-        (void)exchange(std::string(1, '\0'), options_.chunk_timeout);
-    }
-
-    void end(std::shared_ptr<Reply> reply)
-    {
-        if (reply->bad())
-            slate::log_error(SLATE_HERE, "upload to ", path_,
-                             " failed after bytes acknowledged: ", std::to_string(acknowledged_));
-        ended_ = std::move(reply);
+        return options_.verb == UploadOptions::Verb::Put
+                   ? client_->put(path_, std::move(bytes), steps_.headers(), timeout)
+                   : client_->post(path_, std::move(bytes), steps_.headers(), timeout);
     }
 
     const std::shared_ptr<Client> client_;
     const std::string path_;
     const UploadOptions options_;
-    const std::size_t chunk_bytes_;
-    const Headers headers_; // of each chunk
-    std::string chunk_;     // collected, and not yet sent
-    std::uint32_t next_chunk_ = 0;
-    std::uint64_t acknowledged_ = 0;
-    std::shared_ptr<Reply> ended_; // the reply that ended the upload; null while it goes on
+    tarn_internal::UploadSteps steps_;
 };
 
 Upload::Upload(std::shared_ptr<Client> client, std::string path, const Headers& headers,

@@ -175,6 +175,16 @@ TEST(VirtualFunctions, OfResourceKeepTheirPlaces)
         slots(18));
 }
 
+TEST(VirtualFunctions, OfAsyncClientKeepTheirPlaces)
+{
+    using tarn::AsyncClient;
+
+    EXPECT_EQ((Slots{slot(&AsyncClient::url), slot(&AsyncClient::head), slot(&AsyncClient::get),
+                     slot(&AsyncClient::put), slot(&AsyncClient::post), slot(&AsyncClient::del),
+                     slot(&AsyncClient::send), slot(&AsyncClient::in_flight), slot(&AsyncClient::callbacks)}),
+              slots(9));
+}
+
 TEST(VirtualFunctions, OfRawClientKeepTheirPlaces)
 {
     using tarn::RawClient;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/context.h"
 
+#include <chrono>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -271,5 +272,46 @@ TEST(TypedPathVariable, IsShownUpTo100BytesInItsRefusal)
     EXPECT_EQ(shown(std::string(100, 'v')), beginning + std::string(100, 'v'));
     EXPECT_EQ(shown(std::string(101, 'v')), beginning + std::string(100, 'v'));
     EXPECT_EQ(shown(std::string(100000, 'v')), beginning + std::string(100, 'v'));
+}
+
+/// The time that a request of that ttl leaves its handler, from its arrival on.
+std::optional<std::chrono::steady_clock::duration> time_of(const std::string& ttl)
+{
+    Context context;
+    context.request.message = message_of(R"(get { head { meta { key: "ttl" value: ")" + ttl + R"(" } } })");
+    context.arrival = std::chrono::steady_clock::now();
+    const auto deadline = context.deadline();
+    return deadline ? std::optional(*deadline - *context.arrival) : std::nullopt;
+}
+
+TEST(TheDeadlineOfAContext, IsTheTtlAfterTheArrival)
+{
+    using namespace std::chrono_literals;
+    EXPECT_EQ(time_of("4s"), 4s);
+    EXPECT_EQ(time_of("250ms"), 250ms);
+    EXPECT_EQ(time_of("0s"), 0s);
+    EXPECT_EQ(time_of("-1s"), 0s);
+}
+
+TEST(TheDeadlineOfAContext, IsNoneForACallerThatWaitsForEverOrDoesNotTell)
+{
+    EXPECT_EQ(time_of("inf"), std::nullopt);
+    EXPECT_EQ(time_of("uninitialized"), std::nullopt);
+    EXPECT_EQ(time_of("9000000000s"), std::nullopt); // 285 years
+    EXPECT_EQ(time_of(""), std::nullopt);
+    EXPECT_EQ(time_of("soon"), std::nullopt);
+}
+
+TEST(TheDeadlineOfAContext, IsNoneWithoutARequestOrAnArrival)
+{
+    Context context;
+    EXPECT_EQ(context.deadline(), std::nullopt);
+    context.arrival = std::chrono::steady_clock::now();
+    EXPECT_EQ(context.deadline(), std::nullopt);
+    context.request.message = message_of("call { }");
+    EXPECT_EQ(context.deadline(), std::nullopt);
+    context.arrival.reset();
+    context.request.message = message_of(R"(get { head { meta { key: "ttl" value: "4s" } } })");
+    EXPECT_EQ(context.deadline(), std::nullopt);
 }
 } // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/server/request_handler.h"
 
+#include <chrono>
 #include <utility>
 
 #include <zmq.hpp>
@@ -47,6 +48,7 @@ void RequestHandler::handle(const zmq::message_t& request, const SendReply& send
     const bool debug = slate::is_logging_allowed(slate::DebugLevel);
     Context context;
     context.pid = pid_;
+    context.arrival = std::chrono::steady_clock::now();
     std::optional<zmq::message_t> reply;
     try {
         if (const auto excess = find_excess(request.data(), request.size())) {

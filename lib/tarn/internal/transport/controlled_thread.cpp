@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <exception>
 #include <utility>
 
@@ -13,6 +12,7 @@
 #include "slate/uri.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
+#include "tarn/internal/utils/signals_blocked.h"
 #include "tarn/internal/utils/thread_name.h"
 
 namespace tarn_internal {
@@ -21,25 +21,6 @@ namespace {
 /// started, then longer, for one that is busy.
 constexpr std::chrono::milliseconds first_patience{1};
 constexpr std::chrono::milliseconds longest_patience{20};
-
-/// Blocks process-directed signals for this thread and the threads that it starts, but not faults.
-class SignalsBlocked {
-public:
-    SignalsBlocked()
-    {
-        sigset_t blocked;
-        sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGPROF})
-            sigdelset(&blocked, fault);
-        pthread_sigmask(SIG_BLOCK, &blocked, &before_);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t before_{};
-};
 } // namespace
 
 void ReadyFlag::set()
