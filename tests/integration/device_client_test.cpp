@@ -2,6 +2,7 @@
 #include "tarn/device/device_client.h"
 
 #include <fstream>
+#include <future>
 #include <latch>
 #include <sstream>
 #include <thread>
@@ -121,6 +122,27 @@ std::shared_ptr<Reply> make_call(Client& client, const Call& call)
     return client.del(call.recipient, headers, timeout);
 }
 
+Pending make_call(AsyncClient& client, const Call& call)
+{
+    CallOptions options;
+    options.headers = slate::make_dictionary({{"X-Who", "me"}});
+    options.timeout = slate::Seconds(call.recipient.starts_with("/clock/3") ? 1 : 10);
+    if (call.verb == "get")
+        return client.get(call.recipient, options);
+    if (call.verb == "head")
+        return client.head(call.recipient, options);
+    if (call.verb == "put")
+        return client.put(call.recipient, "body", options);
+    if (call.verb == "post")
+        return client.post(call.recipient, "body", options);
+    if (call.verb == "call") {
+        Request request(std::make_shared<Message>());
+        request.message->mutable_call()->mutable_select()->set_method_number(1);
+        return client.send(request, options);
+    }
+    return client.del(call.recipient, options);
+}
+
 class ADeviceClientAndARouter : public ADeviceClient, public ::testing::WithParamInterface<Call> {};
 
 TEST_P(ADeviceClientAndARouter, GiveTheSameReply)
@@ -145,6 +167,14 @@ TEST_P(ADeviceClientAndARouter, GiveTheSameReply)
     const auto reply = make_call(*direct, GetParam());
 
     EXPECT_EQ(describe(*reply), describe(*expected));
+
+    if (GetParam().verb == "put a stream")
+        return;
+    const auto many = make_async_client(router_uri, {.run_time_directory = run_time_directory});
+    Reply later = *make_call(*many, GetParam()).get();
+    if (expected->status() == Status::RequestTimeout)
+        later.set_status(Status::RequestTimeout, ""); // the asynchronous client says more
+    EXPECT_EQ(describe(later), describe(*expected));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -271,6 +301,153 @@ TEST_F(ADeviceClient, SendsNothingTwiceWhenAServiceIsReplacedUnderARequest)
     EXPECT_EQ(lost->path(), "/clock/time/now");
     server.reset();
     EXPECT_EQ(journal.entries(), std::vector<std::string>{"y"});
+}
+
+class AnAsyncDeviceClient : public ADeviceClient {
+protected:
+    std::shared_ptr<AsyncClient> make(std::size_t max_in_flight = 256)
+    {
+        return make_async_client({.max_in_flight = max_in_flight, .run_time_directory = run_time_directory});
+    }
+
+    /// A service that takes requests and answers none.
+    std::unique_ptr<ScriptedPeer> keep_waiting(const std::string& service, std::latch& begun)
+    {
+        return std::make_unique<ScriptedPeer>(socket_of(service), [&](const std::string&) {
+            begun.count_down();
+            return std::vector<std::string>();
+        });
+    }
+};
+
+TEST_F(AnAsyncDeviceClient, AnswersItselfWhatNoServiceClaimsIfItHasNoRouter)
+{
+    const auto client = make();
+    const auto reply = client->get("/nothing/here").get();
+    EXPECT_EQ(reply->status(), Status::NotFound);
+    EXPECT_EQ(reply->path(), "/nothing/here");
+    EXPECT_EQ(reply->local_cause(), LocalCause::NoSuchEndpoint);
+    EXPECT_EQ(client->url()->to_string(), "ipc://" + run_time_directory.string());
+    EXPECT_EQ(client->send(Request()).get()->local_cause(), LocalCause::InvalidRequest);
+}
+
+TEST_F(AnAsyncDeviceClient, HasManyRequestsToManyServicesInFlight)
+{
+    std::vector<std::shared_ptr<Server>> services;
+    for (int i = 0; i < 40; ++i)
+        services.push_back(serve_as("s" + std::to_string(i)));
+    const auto client = make();
+    std::vector<std::pair<std::string, Pending>> calls;
+    for (int i = 0; i < 200; ++i) {
+        const std::string name = "s" + std::to_string(i % 40);
+        calls.emplace_back(name, client->get("/" + name + "/time/" + std::to_string(i)));
+    }
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        const auto& [name, call] = calls[i];
+        EXPECT_EQ(call.get()->text_or(""), "get /time/" + std::to_string(i) + " at " + name + "  ");
+        EXPECT_EQ(call.get()->path(), "/" + name + "/time/" + std::to_string(i));
+    }
+    EXPECT_EQ(client->in_flight(), 0u);
+    calls.clear();
+    EXPECT_TRUE(wait_until([] { return providers("zmq.async_client") == 32; }));
+}
+
+TEST_F(AnAsyncDeviceClient, LimitsTheCallsToAllServicesTogether)
+{
+    std::latch begun(2);
+    const auto first = keep_waiting("first", begun);
+    const auto second = keep_waiting("second", begun);
+    const auto client = make(2);
+    const auto one = client->get("/first/x");
+    const auto other = client->get("/second/x");
+    begun.wait();
+    EXPECT_EQ(client->in_flight(), 2u);
+    EXPECT_EQ(client->get("/first/x").get()->local_cause(), LocalCause::TooMany);
+    EXPECT_EQ(client->get("/third/x").get()->status(), Status::TooManyRequests);
+}
+
+TEST_F(AnAsyncDeviceClient, EndsItsCallsWithItself)
+{
+    std::latch begun(1);
+    const auto mute = keep_waiting("mute", begun);
+    auto client = make();
+    auto call = client->get("/mute/x");
+    std::promise<LocalCause> told;
+    auto other = client->get("/mute/y");
+    other.then([&](const std::shared_ptr<Reply>& reply) { told.set_value(reply->local_cause()); });
+    begun.wait();
+    client.reset();
+    EXPECT_EQ(call.get()->local_cause(), LocalCause::Ended);
+    EXPECT_EQ(call.get()->path(), "/mute/x");
+    EXPECT_EQ(told.get_future().get(), LocalCause::Ended);
+}
+
+TEST_F(AnAsyncDeviceClient, OutlivesTheRuntime)
+{
+    std::latch begun(1);
+    const auto mute = keep_waiting("mute", begun);
+    const auto client = make();
+    auto call = client->get("/mute/x");
+    begun.wait();
+    runtime.reset();
+    EXPECT_EQ(call.get()->local_cause(), LocalCause::Ended);
+    EXPECT_TRUE(client->get("/mute/x").get()->is_local());
+    std::filesystem::create_directories(run_time_directory / "new");
+    EXPECT_TRUE(client->get("/new/x").get()->is_local());
+}
+
+TEST_F(AnAsyncDeviceClient, FindsAServiceThatWasStartedAgainAndSendsNothingTwice)
+{
+    const auto client = make();
+    for (int i = 0; i < 5; ++i) {
+        const auto clock = serve_as("clock");
+        EXPECT_EQ(client->put("/clock/time/now", "x").get()->text_or(""), "clock got 1");
+    }
+    std::latch begun(1);
+    auto mute = keep_waiting("mute", begun);
+    auto lost = client->put("/mute/time/x", "x");
+    begun.wait();
+    mute.reset();
+    const auto next = serve_as("mute");
+    EXPECT_EQ(client->put("/mute/time/x", "yy").get()->text_or(""), "mute got 2");
+    EXPECT_EQ(lost.get()->local_cause(), LocalCause::ConnectionLost);
+}
+
+TEST_F(AnAsyncDeviceClient, WaitsForTheReplyOfAServiceThatHasBeenReplaced)
+{
+    std::latch begun(1);
+    std::latch end(1);
+    auto old = make_server(settings, {socket_of("clock")}, nullptr);
+    const auto route = make_test_route("wait", "get", "/wait");
+    route->on_get = [&](Context& context) {
+        begun.count_down();
+        end.wait();
+        context.reply.set_reply_text("old");
+    };
+    old->add(route);
+    const auto client = make();
+    auto call = client->get("/clock/wait");
+    begun.wait();
+    const auto replacement = serve_as("clock");
+    EXPECT_EQ(client->get("/clock/time/x").get()->text_or(""), "get /time/x at clock  ");
+    end.count_down();
+    EXPECT_EQ(call.get()->text_or(""), "old");
+}
+
+TEST_F(AnAsyncDeviceClient, MayBeUsedAndDestroyedInItsOwnFunctions)
+{
+    const auto clock = serve_as("clock");
+    const auto other = serve_as("other");
+    auto client = make_async_client({.executor = [](std::function<void()> function) { function(); },
+                                     .run_time_directory = run_time_directory});
+    std::promise<std::string> done;
+    auto call = client->get("/clock/time/x");
+    call.then([&](const std::shared_ptr<Reply>&) {
+        const auto text = client->get("/other/time/y").get()->text_or("");
+        client.reset();
+        done.set_value(text);
+    });
+    EXPECT_EQ(done.get_future().get(), "get /time/y at other  ");
 }
 
 TEST_F(ADeviceClient, LetsNoSlowServiceDelayRequestsToOthers)

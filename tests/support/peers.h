@@ -160,13 +160,13 @@ private:
         while (running_) {
             if (!is_readable(socket_, std::chrono::milliseconds(5)))
                 continue;
-            // Sender, delimiter, request.
+            // The way back, and the request.
             auto frames = receive_frames(socket_);
             ++requests_;
-            const auto reply = answer_(frames.at(2));
+            const auto reply = answer_(frames.at(frames.size() - 1));
             if (reply.empty())
                 continue;
-            frames.resize(2);
+            frames.pop_back();
             frames.insert(frames.end(), reply.begin(), reply.end());
             send_frames(socket_, frames);
         }

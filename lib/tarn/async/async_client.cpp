@@ -8,12 +8,12 @@
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "slate/uri.h"
+#include "tarn/async/async_client_base.h"
+#include "tarn/async/async_device_client.h"
 #include "tarn/async/callbacks.h"
 #include "tarn/async/channel.h"
 #include "tarn/async/io_thread.h"
 #include "tarn/internal/runtime.h"
-#include "tarn/message_factory.h"
-#include "tarn/proto/message.pb.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
@@ -21,7 +21,7 @@ namespace {
 using tarn_internal::Channel;
 using tarn_internal::IoThread;
 
-class AsyncClientImpl : public AsyncClient {
+class AsyncClientImpl : public tarn_internal::AsyncClientBase {
 public:
     AsyncClientImpl(std::shared_ptr<IoThread> io, std::shared_ptr<Channel> channel)
         : io_(std::move(io)),
@@ -45,46 +45,17 @@ public:
 
     Endpoint url() const override { return channel_->endpoint(); }
 
-    Pending head(std::string_view path, const CallOptions& options) override
-    {
-        return channel_->start(factory().make_head(path, options.headers, options.timeout), options);
-    }
-
-    Pending get(std::string_view path, const CallOptions& options) override
-    {
-        return channel_->start(factory().make_get(path, options.headers, options.timeout), options);
-    }
-
-    Pending put(std::string_view path, std::string body, const CallOptions& options) override
-    {
-        return channel_->start(factory().make_put(path, std::move(body), options.headers, options.timeout),
-                               options);
-    }
-
-    Pending post(std::string_view path, std::string body, const CallOptions& options) override
-    {
-        return channel_->start(factory().make_post(path, std::move(body), options.headers, options.timeout),
-                               options);
-    }
-
-    Pending del(std::string_view path, const CallOptions& options) override
-    {
-        return channel_->start(factory().make_del(path, options.headers, options.timeout), options);
-    }
-
-    Pending send(const Request& request, const CallOptions& options) override
-    {
-        // A copy, since the caller may change the message while it waits here.
-        return channel_->start(request.message ? std::make_shared<Message>(*request.message) : nullptr,
-                               options);
-    }
-
     std::size_t in_flight() const override { return channel_->in_flight(); }
 
     std::shared_ptr<tarn_internal::Callbacks> callbacks() const override { return channel_->callbacks(); }
 
 private:
-    const MessageFactory& factory() const { return channel_->factory(); }
+    Pending start(std::shared_ptr<Message> message, const CallOptions& options) override
+    {
+        return channel_->start(std::move(message), options);
+    }
+
+    const MessageFactory& factory() const override { return channel_->factory(); }
 
     const std::shared_ptr<IoThread> io_;
     const std::shared_ptr<Channel> channel_;
@@ -96,12 +67,15 @@ std::shared_ptr<AsyncClient> make_async_client(const Endpoint& endpoint, const A
     const auto runtime = tarn_internal::find_runtime("make_async_client");
     if (!runtime)
         return nullptr;
-    if (!endpoint) {
+    const bool is_of_device = !options.run_time_directory.empty();
+    if (!endpoint && !is_of_device) {
         slate::log_error(SLATE_HERE, "cannot make_async_client, no endpoint given");
         return nullptr;
     }
     const auto io =
         runtime->parts->get<IoThread>([&] { return IoThread::start(runtime->context, runtime->queue); });
+    if (io && is_of_device)
+        return tarn_internal::make_async_device_client(io, endpoint, options);
     const auto channel = io ? std::make_shared<Channel>(io, endpoint, options) : nullptr;
     if (!channel || !io->run([&] { channel->open(); })) {
         slate::log_error(SLATE_HERE, "cannot make_async_client, tarn not / no longer initialized");
@@ -113,7 +87,10 @@ std::shared_ptr<AsyncClient> make_async_client(const Endpoint& endpoint, const A
 std::shared_ptr<AsyncClient> make_async_client(const AsyncClientOptions& options)
 {
     const auto runtime = tarn_internal::find_runtime("make_async_client");
-    return runtime ? make_async_client(relay_zmq_sock(runtime->settings), options) : nullptr;
+    if (!runtime)
+        return nullptr;
+    const bool is_of_device = !options.run_time_directory.empty();
+    return make_async_client(is_of_device ? nullptr : relay_zmq_sock(runtime->settings), options);
 }
 
 std::shared_ptr<AsyncClient> make_async_client_at(std::string_view endpoint_or_path,

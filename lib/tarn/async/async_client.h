@@ -3,6 +3,7 @@
 
 #include <concepts>
 #include <cstddef>
+#include <filesystem>
 #include <memory>
 #include <stop_token>
 #include <string>
@@ -49,6 +50,9 @@ struct AsyncClientOptions {
     Executor executor = {};
     /// Makes the messages; null for one of the client's own.
     std::shared_ptr<MessageFactory> factory = nullptr;
+    /// If it is given, the client asks the services in this directory directly, by the paths that a router
+    /// takes, and its endpoint is the router for what no service claims; see make_device_client.
+    std::filesystem::path run_time_directory = {};
 };
 
 /// Asks one server for its resources, by path, with many requests in flight at a time. Each call returns
@@ -114,10 +118,10 @@ public:
 };
 
 /// Makes an asynchronous client of the server at `endpoint`; without one, at the endpoint of the setting
-/// "relay_url". The server need not be running. Null, with an error in the log, without a ZmqSubsystem or for
-/// an endpoint that is not valid. Throws zmq::error_t if the sockets can't be made (an ipc or tcp endpoint
-/// takes three of the ZeroMQ context's), std::system_error if the thread can't, and Exception if the setting
-/// is missing.
+/// "relay_url", or, with a run-time directory in `options`, without a router. The server need not be running.
+/// Null, with an error in the log, without a ZmqSubsystem or for an endpoint that is not valid. Throws
+/// zmq::error_t if the sockets can't be made (an ipc or tcp endpoint takes three of the ZeroMQ context's),
+/// std::system_error if the thread can't, and Exception if the setting is missing.
 [[nodiscard]] std::shared_ptr<AsyncClient> make_async_client(const Endpoint& endpoint,
                                                              const AsyncClientOptions& options = {});
 [[nodiscard]] std::shared_ptr<AsyncClient> make_async_client(const AsyncClientOptions& options = {});

@@ -18,6 +18,8 @@ Call::~Call() = default;
 
 bool Call::complete(std::shared_ptr<Reply> reply)
 {
+    if (finish_ && !complete_)
+        reply = finish_(std::move(reply));
     {
         const std::lock_guard lock(mutex_);
         if (complete_)

@@ -3,9 +3,11 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "slate/duration.h"
 #include "tarn/async/pending.h"
@@ -24,6 +26,10 @@ public:
     virtual ~Call();
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
+
+    /// Changes each reply that it is given. To be set before anybody else has the call.
+    using Finish = std::function<std::shared_ptr<Reply>(std::shared_ptr<Reply>)>;
+    void finish_with(Finish finish) { finish_ = std::move(finish); }
 
     /// Gives it its reply. False, and nothing happens, if it has one.
     bool complete(std::shared_ptr<Reply> reply);
@@ -54,6 +60,7 @@ private:
     void run_continuation();
 
     const std::shared_ptr<Callbacks> callbacks_;
+    Finish finish_; // may be empty
     std::mutex
         mutex_; // guards all below; held neither while a continuation runs nor while one is handed over
     std::condition_variable completed_;

@@ -112,7 +112,8 @@ void ChannelCall::release()
         --channel_->in_flight_;
 }
 
-Channel::Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncClientOptions& options)
+Channel::Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncClientOptions& options,
+                 std::shared_ptr<Callbacks> callbacks)
     : io_(std::move(io)),
       endpoint_(std::move(endpoint)),
       is_inproc_(slate::equals_ignoring_case(endpoint_->scheme(), "inproc")),
@@ -125,17 +126,19 @@ Channel::Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncCli
       tx_(add_counter(*provider_, "tx")),
       dropped_(add_counter(*provider_, "dropped")),
       too_many_(add_warning_counter(*provider_, "too_many")),
-      callbacks_(
-          std::make_shared<Callbacks>(io_, options.executor, add_warning_counter(*provider_, "inline")))
+      callbacks_(callbacks ? std::move(callbacks)
+                           : std::make_shared<Callbacks>(io_, options.executor,
+                                                         add_warning_counter(*provider_, "inline")))
 {
 }
 
 Channel::~Channel() = default;
 
-Pending Channel::start(std::shared_ptr<Message> message, const CallOptions& options)
+Pending Channel::start(std::shared_ptr<Message> message, const CallOptions& options, Call::Finish finish)
 {
     const auto self = shared_from_this();
     const auto call = std::make_shared<ChannelCall>(callbacks_, self, std::move(message), options.timeout);
+    call->finish_with(std::move(finish));
     if (!call->message) {
         call->complete(Status::BadRequest, LocalCause::InvalidRequest, "there is nothing to send");
     }

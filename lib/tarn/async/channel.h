@@ -66,11 +66,13 @@ private:
 /// Threads: what isn't said to be for any thread is for the I/O thread.
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-    Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncClientOptions& options);
+    /// Without `callbacks` it has its own.
+    Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncClientOptions& options,
+            std::shared_ptr<Callbacks> callbacks = nullptr);
     ~Channel();
 
-    /// Any thread. `message` may be null.
-    Pending start(std::shared_ptr<Message> message, const CallOptions& options);
+    /// Any thread. `message` may be null, and `finish`, which changes the reply, empty.
+    Pending start(std::shared_ptr<Message> message, const CallOptions& options, Call::Finish finish = {});
     const Endpoint& endpoint() const { return endpoint_; }
     const MessageFactory& factory() const { return *factory_; }
     const std::shared_ptr<Callbacks>& callbacks() const { return callbacks_; }

@@ -33,15 +33,17 @@ public:
     /// otherwise a new one. Throws what making one throws.
     std::shared_ptr<Connection> find(const Endpoint& endpoint)
     {
+        const std::string key = endpoint->to_string();
         const SocketId socket = id_of(*endpoint);
+        if (auto kept = find_kept(key, socket))
+            return kept;
+        // Without the lock: making one may wait for a thread that asks for one, too. If two threads make one
+        // at the same time, each uses its own, and the second one is kept.
+        auto made = make_(endpoint);
         const std::lock_guard lock(mutex_);
-        auto entry = entries_.find(endpoint->to_string());
-        if (entry == entries_.end() || !(entry->second.socket == socket))
-            entry = entries_.insert_or_assign(endpoint->to_string(), Entry{socket, make_(endpoint), 0}).first;
-        entry->second.last_use = ++uses_;
-        const auto connection = entry->second.connection;
+        entries_.insert_or_assign(key, Entry{socket, made, ++uses_});
         drop_surplus();
-        return connection;
+        return made;
     }
 
 private:
@@ -58,6 +60,16 @@ private:
         std::shared_ptr<Connection> connection;
         std::uint64_t last_use = 0;
     };
+
+    std::shared_ptr<Connection> find_kept(const std::string& key, const SocketId& socket)
+    {
+        const std::lock_guard lock(mutex_);
+        const auto entry = entries_.find(key);
+        if (entry == entries_.end() || !(entry->second.socket == socket))
+            return nullptr;
+        entry->second.last_use = ++uses_;
+        return entry->second.connection;
+    }
 
     static SocketId id_of(const slate::Uri& endpoint)
     {
