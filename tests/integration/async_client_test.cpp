@@ -675,8 +675,11 @@ TEST_F(AnAsyncClient, BelievesNoAnswerOfAServerThatCameBeforeTheLossWasNoticed)
     zmq::context_t other;
     zmq::socket_t forger(other, zmq::socket_type::dealer);
     forger.set(zmq::sockopt::linger, 0);
+    forger.set(zmq::sockopt::sndhwm, 1);
     forger.bind(uri->to_string());
-    send_frames(forger, {old.number, "", AsyncPeer::text_reply("forged")}); // once it is connected
+    // More than fits on the way: the first ones have certainly arrived then.
+    for (int i = 0; i < 200; ++i)
+        send_frames(forger, {old.number, "", AsyncPeer::text_reply(std::string(8192, 'x'))});
 
     gate->open();
     EXPECT_TRUE(is_local(lost.get(), Status::RequestTimeout, LocalCause::ConnectionLost));
