@@ -660,6 +660,35 @@ TEST_F(AnAsyncClient, BelievesNoAnswerOfTheNextServerToAnOldNumber)
     EXPECT_EQ(counted("dropped"), 1u);
 }
 
+TEST_F(AnAsyncClient, BelievesNoAnswerOfAServerThatCameBeforeTheLossWasNoticed)
+{
+    auto peer = std::make_optional<AsyncPeer>(uri);
+    const auto gate = std::make_shared<Gate>();
+    const auto client = make_connected(*peer);
+    auto lost = client->get("/lost", {.timeout = long_time});
+    const auto old = peer->next().value();
+    auto first = client->get("/first", {.timeout = long_time});
+    first.then([gate](const ReplyPointer&) { gate->pass(); }, [](const auto& function) { function(); });
+    peer->answer(peer->next().value(), "");
+    ASSERT_TRUE(gate->await(1)); // the thread of the exchange sees nothing now
+    peer.reset();
+    zmq::context_t other;
+    zmq::socket_t forger(other, zmq::socket_type::dealer);
+    forger.set(zmq::sockopt::linger, 0);
+    forger.set(zmq::sockopt::sndhwm, 1);
+    forger.bind(uri->to_string());
+    // More than fits on the way: the first ones have certainly arrived then.
+    for (int i = 0; i < 200; ++i)
+        send_frames(forger, {old.number, "", AsyncPeer::text_reply(std::string(8192, 'x'))});
+
+    gate->open();
+    EXPECT_TRUE(is_local(lost.get(), Status::RequestTimeout, LocalCause::ConnectionLost));
+    auto next = client->get("/next", {.timeout = long_time});
+    const auto frames = receive_frames(forger);
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(Request(factory()->make_message(frames[2].data(), frames[2].size())).path(), "/next");
+}
+
 TEST_F(AnAsyncClient, GetsWhatItsServerAnsweredBeforeItWent)
 {
     for (int round = 0; round < 20; ++round) {

@@ -183,7 +183,7 @@ TEST_P(AnAsyncTransfer, IsForgottenByTheServerWhenItIsAborted)
     EXPECT_TRUE(upload.write(make_body(1500)).get()->good());
     EXPECT_TRUE(upload.finish().get()->good());
     EXPECT_EQ(route->calls(), 1);
-    EXPECT_EQ(client->in_flight(), 0u);
+    EXPECT_TRUE(wait_until([&] { return client->in_flight() == 0; })); // nobody waits for the last answers
 }
 
 INSTANTIATE_SERVER_KINDS(AnAsyncTransfer);
