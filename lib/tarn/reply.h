@@ -22,7 +22,8 @@ enum class LocalCause : int {
     None = 0,
     /// There is nothing that can be sent, or the caller's stream can't be read or written.
     InvalidRequest = 1,
-    /// No answer within the timeout and the retries; over ipc and tcp also if nobody serves the endpoint.
+    /// No answer within the timeout and the retries, although somebody serves the endpoint, as far as can be
+    /// seen.
     NoAnswerInTime = 2,
     /// The caller cancelled the request, or stopped or aborted the transfer.
     Cancelled = 3,
@@ -33,9 +34,11 @@ enum class LocalCause : int {
     TooLarge = 5,
     /// ZeroMQ refused the socket, or to send on it.
     SocketFailed = 6,
-    /// The server at an inproc endpoint has ended, or no service has the name in the path.
+    /// Nobody serves the endpoint, or no service has the name in the path. Over ipc and tcp a client looks
+    /// after it
+    /// has waited in vain.
     NoSuchEndpoint = 7,
-    /// Reserved for endpoints that the caller may not connect to.
+    /// The caller may not connect to the endpoint.
     NotAllowed = 8,
     /// The connection ended while the request was in flight; the server may have handled it or not.
     ConnectionLost = 9,

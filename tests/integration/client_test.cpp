@@ -846,7 +846,7 @@ TEST_F(AClient, MakesTheReplyItselfIfNoAnswerComesInTime)
 
 TEST_F(AClient, MakesTheReplyItselfIfNobodyListensAtAnIpcEndpoint)
 {
-    EXPECT_EQ(make_client(uri, 0)->get("/a", nullptr, brief)->local_cause(), LocalCause::NoAnswerInTime);
+    EXPECT_EQ(make_client(uri, 0)->get("/a", nullptr, brief)->local_cause(), LocalCause::NoSuchEndpoint);
 }
 
 TEST_F(AClient, MakesTheReplyItselfIfNobodyServesAnInprocEndpointAnyMore)

@@ -140,7 +140,7 @@ TEST_P(AService, IsNotReachableBeforeAllItsRoutesAreIn)
     const auto server = make({named("a"), last});
 
     ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->local_cause(), LocalCause::NoAnswerInTime);
+    EXPECT_EQ(reply->local_cause(), LocalCause::NoSuchEndpoint);
     EXPECT_EQ(answer_at("/last"), "last");
 }
 

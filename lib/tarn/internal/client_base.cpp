@@ -171,6 +171,9 @@ std::shared_ptr<Reply> ClientBase::ask(const std::shared_ptr<Message>& message,
 
 std::shared_ptr<Reply> ClientBase::invalid_request() const
 {
-    return std::make_shared<Reply>(factory().make_response(Status::BadRequest), LocalCause::InvalidRequest);
+    auto reply =
+        std::make_shared<Reply>(factory().make_response(Status::BadRequest), LocalCause::InvalidRequest);
+    reply->set_status(Status::BadRequest, "there is nothing that can be sent");
+    return reply;
 }
 } // namespace tarn_internal

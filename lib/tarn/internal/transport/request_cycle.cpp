@@ -12,6 +12,7 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/transport/explain_silence.h"
 #include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/send.h"
@@ -52,9 +53,23 @@ std::chrono::nanoseconds to_chrono(const slate::Duration& time)
 /// How long a call may still wait: `retries` + 1 waits of `timeout` each, less the time until its turn.
 class RequestCycle::Patience {
 public:
-    Patience(const slate::Duration& timeout, unsigned int retries) : timeout_(timeout), waits_(retries + 1ULL)
+    Patience(const slate::Duration& timeout, unsigned int retries)
+        : timeout_(timeout),
+          all_waits_(retries + 1ULL),
+          waits_(all_waits_)
     {
     }
+
+    /// What all waits make together.
+    slate::Duration whole() const
+    {
+        slate::Duration time = timeout_;
+        for (unsigned long long i = 1; i < std::min(all_waits_, 1000ULL) && !time.is_positive_infinity(); ++i)
+            time += timeout_;
+        return time;
+    }
+
+    bool is_last_wait() const { return waits_ <= 1; }
 
     /// How long the next wait may last.
     slate::Duration next_wait() const
@@ -82,6 +97,7 @@ public:
 
 private:
     const slate::Duration timeout_;
+    const unsigned long long all_waits_;
     unsigned long long waits_;
     slate::Duration spent_ = slate::Seconds(0); // of the next wait
 };
@@ -160,7 +176,9 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     if (!turn.taken()) {
         slate::log_error(provider_, SLATE_HERE,
                          "request timeout; other requests are under way, nothing sent: ", describe(message));
-        return make_reply(Status::RequestTimeout, LocalCause::TooMany);
+        return make_reply(LocalCause::TooMany, "other requests were under way for " +
+                                                   to_readable_text(patience.whole()) +
+                                                   ", nothing was sent to " + uri_->to_string());
     }
     try {
         return exchange(message, patience, stop);
@@ -170,7 +188,8 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
         err_->increment();
         // Its state is unknown: a socket that has sent and not received would refuse every further request.
         socket_.reset();
-        return make_reply(Status::RequestTimeout, LocalCause::SocketFailed);
+        return make_reply(LocalCause::SocketFailed,
+                          std::string("the socket to ") + uri_->to_string() + " failed: " + error.what());
     }
 }
 
@@ -182,25 +201,27 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, Patience& 
         // The socket has no peer, as after the end of an inproc server; only a new socket can connect to the
         // next one.
         socket_.reset();
-        return fail_to_send(message, LocalCause::NoSuchEndpoint);
+        return fail_to_send(message, LocalCause::NoSuchEndpoint, "nobody serves " + uri_->to_string());
     }
     auto frame = to_frame(message);
     if (!frame)
-        return fail_to_send(message, LocalCause::TooLarge);
+        return fail_to_send(message, LocalCause::TooLarge, "the request is larger than 2 GiB");
     if (!send_frame(*socket_, *frame, provider_))
-        return fail_to_send(message, LocalCause::SocketFailed);
+        return fail_to_send(message, LocalCause::SocketFailed,
+                            "the socket to " + uri_->to_string() + " took nothing");
     tx_->increment();
 
     // Waits again but never sends again: the server may be at work on the first request, and a PUT must not
     // happen twice.
     for (bool has_sent = true;; has_sent = false) {
-        if (auto reply = wait_for_reply(message, patience.next_wait(), has_sent, stop)) {
+        Silence silence;
+        if (auto reply = wait_for_reply(message, patience, has_sent, stop, silence)) {
             rx_->increment();
             return reply;
         }
         socket_ = create_socket();
         if (!patience.use_wait())
-            return make_reply(Status::RequestTimeout, LocalCause::NoAnswerInTime);
+            return make_reply(silence.cause, silence.text);
     }
 }
 
@@ -209,33 +230,38 @@ std::string RequestCycle::describe(const Message& message) const
     return tarn_internal::describe(message, secret_);
 }
 
-std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalCause cause)
+std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalCause cause,
+                                                  const std::string& why)
 {
-    slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(message));
+    slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(message), "; " + why);
     err_->increment();
-    return make_reply(Status::RequestTimeout, cause);
+    return make_reply(cause, why);
 }
 
-/// One wait on one socket. Null if no reply arrived.
-std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, const slate::Duration& timeout,
-                                                    bool has_sent, zmq::socket_t* stop) const
+/// One wait on one socket. Null if no reply arrived; after the last wait `silence` tells why.
+std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, const Patience& patience,
+                                                    bool has_sent, zmq::socket_t* stop,
+                                                    Silence& silence) const
 {
     try {
         zmq::message_t frame;
+        const auto time = patience.next_wait();
         // A socket that hasn't sent refuses to receive, but can be polled.
         const bool received = has_sent && !stop
-                                  ? receive_within(*socket_, frame, timeout)
-                                  : is_readable(*socket_, timeout, stop) && receive_frame(*socket_, frame);
-        if (!received) {
-            slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message));
-            return nullptr;
-        }
-        return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
+                                  ? receive_within(*socket_, frame, time)
+                                  : is_readable(*socket_, time, stop) && receive_frame(*socket_, frame);
+        if (received)
+            return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
+        if (patience.is_last_wait())
+            silence = explain_silence(uri_, patience.whole());
+        slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message),
+                         silence.text.empty() ? "" : "; " + silence.text);
     }
     catch (const zmq::error_t& error) {
         slate::log_error(provider_, SLATE_HERE, error.what(), "; request: ", describe(message));
-        return nullptr;
+        silence = {LocalCause::NoAnswerInTime, "no answer from " + uri_->to_string() + ": " + error.what()};
     }
+    return nullptr;
 }
 
 std::unique_ptr<zmq::socket_t> RequestCycle::create_socket() const
@@ -248,8 +274,10 @@ std::unique_ptr<zmq::socket_t> RequestCycle::create_socket() const
     return socket;
 }
 
-std::shared_ptr<Reply> RequestCycle::make_reply(Status status, LocalCause cause) const
+std::shared_ptr<Reply> RequestCycle::make_reply(LocalCause cause, const std::string& why) const
 {
-    return std::make_shared<Reply>(factory_->make_response(status), cause);
+    auto reply = std::make_shared<Reply>(factory_->make_response(Status::RequestTimeout), cause);
+    reply->set_status(Status::RequestTimeout, why);
+    return reply;
 }
 } // namespace tarn_internal

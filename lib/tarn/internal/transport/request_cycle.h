@@ -21,6 +21,8 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
+struct Silence;
+
 /// The running number of the next "zmq.client".
 int next_client_instance();
 
@@ -41,16 +43,13 @@ public:
                  unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
     ~RequestCycle();
 
-    /// Never null: failures give a reply of status 408. A frame that doesn't parse gives a reply without a
-    /// message.
+    /// Never null: failures give a reply of status 408, whose status message says why. A frame that doesn't
+    /// parse gives a reply without a message.
     ///
     /// `stop`, if given, is a socket of the calling thread that becomes readable when that thread is to end.
     /// It cuts the wait short: no more than default_timeout() from then on.
     std::shared_ptr<Reply> read_reply(const Message& message, const slate::Duration& timeout,
                                       zmq::socket_t* stop = nullptr);
-
-    /// A reply that no server sent: a status, and the cause.
-    std::shared_ptr<Reply> make_reply(Status status, LocalCause cause) const;
 
     const Endpoint& uri() const { return uri_; }
     const MessageFactory& factory() const { return *factory_; }
@@ -59,9 +58,10 @@ private:
     class Patience;
     class Turn;
     std::shared_ptr<Reply> exchange(const Message& message, Patience& patience, zmq::socket_t* stop);
-    std::shared_ptr<Reply> wait_for_reply(const Message& message, const slate::Duration& timeout,
-                                          bool has_sent, zmq::socket_t* stop) const;
-    std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause);
+    std::shared_ptr<Reply> wait_for_reply(const Message& message, const Patience& patience, bool has_sent,
+                                          zmq::socket_t* stop, Silence& silence) const;
+    std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause, const std::string& why);
+    std::shared_ptr<Reply> make_reply(LocalCause cause, const std::string& why) const;
     std::string describe(const Message& message) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tarn/internal/transport/explain_silence.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <grp.h>
+#include <sys/stat.h>
+
+#include "slate/uri.h"
+#include "tarn/probe.h"
+
+namespace tarn_internal {
+namespace {
+const slate::Duration look = slate::Milliseconds(100);
+
+/// Who may connect to a socket file: "mode 0660, group corvane"; empty if that can't be found out.
+std::string describe_access(const std::string& path)
+{
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        return "";
+    std::array<char, 16> mode{};
+    (void)std::snprintf(mode.data(), mode.size(), "%04o", static_cast<unsigned>(status.st_mode & 07777));
+    std::array<char, 4096> memory{};
+    group entry{};
+    group* found = nullptr;
+    (void)getgrgid_r(status.st_gid, &entry, memory.data(), memory.size(), &found);
+    return std::string(" (mode ") + mode.data() + ", group " +
+           (found ? found->gr_name : std::to_string(status.st_gid)) + ")";
+}
+
+/// The cause, and what to say of it behind a colon.
+std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint)
+{
+    const std::string scheme = endpoint->scheme();
+    if (scheme != "ipc" && scheme != "tcp")
+        return {LocalCause::NoAnswerInTime, ""};
+    const Probe found = probe(endpoint, look);
+    if (found.served)
+        return {LocalCause::NoAnswerInTime, "somebody serves there, but doesn't answer"};
+    if (found.error == "no such file" || found.error == "nobody listens")
+        return {LocalCause::NoSuchEndpoint, found.error};
+    if (found.error == "permission denied")
+        return {LocalCause::NotAllowed, found.error + describe_access(endpoint->address())};
+    return {LocalCause::NoAnswerInTime, found.error};
+}
+} // namespace
+
+Silence explain_silence(const Endpoint& endpoint, const slate::Duration& waited)
+{
+    auto [cause, reason] = find_cause(endpoint);
+    std::string text = "no answer from " + endpoint->to_string() + " within " + to_readable_text(waited);
+    if (!reason.empty())
+        text += ": " + reason;
+    return {cause, std::move(text)};
+}
+
+std::string to_readable_text(const slate::Duration& time)
+{
+    if (time.is_positive_infinity())
+        return "any time";
+    const std::int64_t milliseconds = time.to_milliseconds();
+    if (milliseconds < 1000)
+        return std::to_string(milliseconds) + " ms";
+    std::string text = std::to_string(milliseconds / 1000);
+    if (const auto rest = milliseconds % 1000; rest != 0) {
+        text += "." + std::to_string(1000 + rest).substr(1);
+        text.erase(text.find_last_not_of('0') + 1);
+    }
+    return text + " s";
+}
+} // namespace tarn_internal
