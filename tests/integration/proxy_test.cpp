@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/transport/proxy.h"
 
+#include <filesystem>
+#include <fstream>
 #include <future>
+#include <iterator>
+#include <sstream>
 
 #include "support/peers.h"
 #include "support/runtime_test.h"
@@ -54,6 +58,45 @@ TEST_F(AProxy, PassesMessagesOnBothWaysWithAllTheirFrames)
     request->back() = "answer";
     answerer.send(*request);
     EXPECT_EQ(asker.receive(), (std::vector<std::string>{"", "one", "answer"}));
+}
+
+/// The processor time that a thread of this process has used, in ticks of the system's clock.
+long time_of_thread(const std::string& name)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "stat");
+        const std::string stat((std::istreambuf_iterator<char>(file)), {});
+        if (stat.find("(" + name + ")") == std::string::npos)
+            continue;
+        std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+        std::string field;
+        for (int i = 0; i < 11; ++i)
+            fields >> field;
+        long user = 0;
+        long system = 0;
+        fields >> user >> system;
+        return user + system;
+    }
+    ADD_FAILURE() << "no thread " << name;
+    return 0;
+}
+
+TEST_F(AProxy, SleepsWhenMessagesHavePassedBothWays)
+{
+    const auto front = scratch_endpoint();
+    const auto back = scratch_endpoint();
+    start(front, back);
+    RawPeer asker(front, zmq::socket_type::dealer);
+    RawPeer answerer(back, zmq::socket_type::dealer);
+    asker.send({"", "one"});
+    const auto request = answerer.receive();
+    ASSERT_TRUE(request.has_value());
+    answerer.send(*request);
+    ASSERT_TRUE(asker.receive().has_value());
+
+    const long before = time_of_thread("tarn-test");
+    EXPECT_FALSE(asker.receive(300ms).has_value()); // so much time passes
+    EXPECT_LT(time_of_thread("tarn-test") - before, 10);
 }
 
 TEST_F(AProxy, GoesOnAfterAWordThatIsNotTheEnd)

@@ -112,7 +112,6 @@ private:
 
     void forward(Direction& way, SocketPoller::Index from, SocketPoller::Index to)
     {
-        poller_.touch(to);
         for (int i = 0; i < burst; ++i) {
             const auto bytes = way.forward();
             if (!bytes) {
@@ -120,6 +119,7 @@ private:
                     poller_.settle(from);
                 return;
             }
+            poller_.touch(to);
             memory_.note(*bytes);
         }
     }
