@@ -88,7 +88,7 @@ TEST_F(AProxy, SleepsWhenMessagesHavePassedBothWays)
     start(front, back);
     RawPeer asker(front, zmq::socket_type::dealer);
     RawPeer answerer(back, zmq::socket_type::dealer);
-    asker.send({"", "one"});
+    asker.send(Frames{"", "one"});
     const auto request = answerer.receive();
     ASSERT_TRUE(request.has_value());
     answerer.send(*request);
