@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Publishes this machine's load ten times a second through a relay (see apps/relay.cpp):
+// Publishes this machine's load ten times a second through a relay (see tarnd):
 //
 //   changes_publisher ENDPOINT RELAY_IN SECONDS
 //

@@ -11,10 +11,10 @@ examples=$build/examples
 
 device=$(mktemp -d)
 run=$device/run
-router=ipc://$run/router.sock
+router=ipc://$run/router/zmq.sock
 relay_in=ipc://$run/relay/in.sock
 relay_out=ipc://$run/relay/out.sock
-mkdir -p "$run/status" "$run/settings" "$run/files" "$run/relay" "$device/kept"
+mkdir -p "$run/status" "$run/settings" "$run/files" "$device/kept"
 
 processes=""
 finish() {
@@ -58,9 +58,8 @@ check() {
     exit 1
 }
 
-echo "A device of six processes, in $run"
-start router "$apps/tarn_router" "$run" "$router"
-start relay "$apps/tarn_relay" "ipc://$run/relay/zmq.sock" "$relay_in" "$relay_out"
+echo "A device of five processes, in $run"
+start tarnd "$apps/tarnd" --run-dir "$run"
 start status "$examples/machine_status/machine_status_service" "$run/status/zmq.sock"
 start_settings
 start files "$examples/upload/upload_service" "$run/files/zmq.sock"
@@ -105,6 +104,7 @@ The device stays up until you press Ctrl-C. Try it in another terminal:
   tarn_request \$ROUTER put /settings/location attic
   tarn_request \$ROUTER put /files/drop/it - <README.md
   tarn_request \$ROUTER get '/relay/stats?format=text'
+  tarn_request \$ROUTER get /services
   tarn_watch $relay_out          (prints every change of a setting)
 EOF
 wait "$watch" || true

@@ -11,7 +11,7 @@
 
 #include <tarn/tarn.h>
 
-#include "../../apps/termination_signal.h"
+#include "../../apps/shared/termination_signal.h"
 
 namespace {
 /// Needs no lock: the server has one thread, so its handlers run one at a time.

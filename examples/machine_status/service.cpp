@@ -8,7 +8,7 @@
 
 #include <tarn/tarn.h>
 
-#include "../../apps/termination_signal.h"
+#include "../../apps/shared/termination_signal.h"
 
 namespace {
 double read_number(const std::string& file, int position)

@@ -5,7 +5,7 @@
 
 #include <iostream>
 
-#include "../../apps/termination_signal.h"
+#include "../../apps/shared/termination_signal.h"
 #include "network_settings.h"
 #include "resource_route.h"
 

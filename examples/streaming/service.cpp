@@ -5,7 +5,7 @@
 
 #include <iostream>
 
-#include "../../apps/termination_signal.h"
+#include "../../apps/shared/termination_signal.h"
 #include "routes.h"
 
 int main(int argc, char** argv)

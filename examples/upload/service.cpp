@@ -10,7 +10,7 @@
 
 #include <tarn/tarn.h>
 
-#include "../../apps/termination_signal.h"
+#include "../../apps/shared/termination_signal.h"
 
 namespace {
 class DropRoute : public tarn::Route {

@@ -21,6 +21,16 @@ std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionar
                                     const std::filesystem::path& run_time_directory,
                                     const std::vector<std::shared_ptr<Route>>& routes)
 {
+    return make_router(settings, endpoints, relay_out, factory, run_time_directory, routes, {});
+}
+
+std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                    const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+                                    const std::shared_ptr<MessageFactory>& factory,
+                                    const std::filesystem::path& run_time_directory,
+                                    const std::vector<std::shared_ptr<Route>>& routes,
+                                    const UnknownPathText& unknown_path_text)
+{
     const auto runtime = tarn_internal::find_runtime("make_router");
     if (!runtime || !tarn_internal::are_endpoints(endpoints, "make_router"))
         return nullptr;
@@ -30,6 +40,6 @@ std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionar
     }
     return std::make_shared<tarn_internal::RouterImpl>(runtime->context, settings, endpoints, relay_out,
                                                        factory ? factory : make_message_factory(),
-                                                       run_time_directory, routes);
+                                                       run_time_directory, routes, unknown_path_text);
 }
 } // namespace tarn

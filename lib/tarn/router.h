@@ -2,7 +2,9 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "tarn/message_factory.h"
@@ -54,4 +56,21 @@ class Router : public Server {};
                                                   const std::shared_ptr<MessageFactory>& factory,
                                                   const std::filesystem::path& run_time_directory,
                                                   const std::vector<std::shared_ptr<Route>>& routes);
+
+/// What a router tells who asks for a path that names no service and that no route of its own takes: the
+/// status message of the reply, whose status stays 404. Empty: none, as without such a function.
+///
+/// It gets the path as it was asked for, and runs on any of the router's threads, on several at once. An
+/// exception is an error in the log and leaves the reply without a text.
+using UnknownPathText = std::function<std::string(const std::string& path)>;
+
+/// The same with a text for unknown paths. A route for every path would do that too, but would be listed in
+/// the index, and would have the router's own server subscribe to every change.
+[[nodiscard]] std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                                  const std::vector<Endpoint>& endpoints,
+                                                  const Endpoint& relay_out,
+                                                  const std::shared_ptr<MessageFactory>& factory,
+                                                  const std::filesystem::path& run_time_directory,
+                                                  const std::vector<std::shared_ptr<Route>>& routes,
+                                                  const UnknownPathText& unknown_path_text);
 } // namespace tarn

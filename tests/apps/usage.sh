@@ -1,10 +1,7 @@
 #!/bin/sh
-# usage.sh ROUTER RELAY WATCH: what the programs say that run until they are told to end, when they can't begin, and that
-# they end at SIGTERM.
+# usage.sh WATCH: what the watcher says when it can't begin, and that it ends at SIGTERM.
 set -eu
-router=$1
-relay=$2
-watch=$3
+watch=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -33,35 +30,6 @@ serve() {
     kill "$!"
     wait "$!"
 }
-
-refuse 2 "usage: tarn_router *" "$router" "$work"
-refuse 2 "tarn_router: not an endpoint: nonsense" "$router" "$work" nonsense
-refuse 1 "*tarn_router: cannot answer at ipc://$work/missing/x.sock" "$router" "$work" "ipc://$work/missing/x.sock"
-serve "routing to the services below $work" "$router" "$work" "ipc://$work/a.sock" "ipc://$work/b.sock"
-
-refuse 2 "usage: tarn_relay *" "$relay" "ipc://$work/a.sock"
-refuse 2 "tarn_relay: not an endpoint: nonsense" "$relay" "ipc://$work/a.sock" nonsense "ipc://$work/c.sock"
-refuse 1 "*tarn_relay: *" "$relay" "ipc://$work/a.sock" "ipc://$work/missing/b.sock" "ipc://$work/c.sock"
-serve "relaying from ipc://$work/b.sock to ipc://$work/c.sock" \
-    "$relay" "ipc://$work/a.sock" "ipc://$work/b.sock" "ipc://$work/c.sock"
-
-# A program leaves those alone who serve already, and names them.
-mkfifo "$work/first"
-"$relay" "ipc://$work/a.sock" "ipc://$work/b.sock" "ipc://$work/c.sock" >"$work/first" 2>/dev/null &
-first=$!
-read -r line <"$work/first"
-for taken in a b c; do
-    refuse 1 "tarn_router: ipc://$work/$taken.sock is served already, by process $first" \
-        "$router" "$work" "ipc://$work/new.sock" "ipc://$work/$taken.sock"
-done
-refuse 1 "tarn_relay: ipc://$work/b.sock is served already, by process $first" \
-    "$relay" "ipc://$work/d.sock" "ipc://$work/b.sock" "ipc://$work/e.sock"
-limit=$(awk '/Max open files/ { print $4, $5 }' "/proc/$first/limits")
-# shellcheck disable=SC2086  # two words
-set -- $limit
-[ "$1" = "$2" ] || { echo "FAILED: file descriptors are limited to $1 instead of $2"; exit 1; }
-kill "$first"
-wait "$first"
 
 refuse 2 "usage: tarn_watch *" "$watch"
 refuse 2 "usage: tarn_watch *" "$watch" nonsense

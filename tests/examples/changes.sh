@@ -1,5 +1,5 @@
 #!/bin/sh
-# changes.sh RELAY PUBLISHER SUBSCRIBER: a relay, a publisher and a subscriber that comes late and lives through a restart
+# changes.sh TARND PUBLISHER SUBSCRIBER: a relay, a publisher and a subscriber that comes late and lives through a restart
 # of the relay. The publisher's ticks are numbered, so what is lost shows: those before the subscriber came, and those
 # while the relay was away, and no others.
 set -eu
@@ -17,7 +17,7 @@ trap finish EXIT
 start_relay() {
     rm -f "$work/ready"
     mkfifo "$work/ready"
-    "$relay_program" "ipc://$work/url.sock" "ipc://$work/sub.sock" "ipc://$work/pub.sock" >"$work/ready" &
+    "$tarnd" --no-router --run-dir "$work" >"$work/ready" &
     relay=$!
     read -r line <"$work/ready"
     echo "$line"
@@ -30,17 +30,17 @@ await() {
     done
 }
 
-relay_program=$1
+tarnd=$1
 start_relay
 mkfifo "$work/publishing"
-"$2" "ipc://$work/url.sock" "ipc://$work/sub.sock" 60 >"$work/publishing" &
+"$2" "ipc://$work/relay/zmq.sock" "ipc://$work/relay/in.sock" 60 >"$work/publishing" &
 publisher=$!
 read -r line <"$work/publishing"
 echo "$line"
 # Somebody else has heard four ticks before the subscriber comes.
-"$3" "ipc://$work/pub.sock" 8 >"$work/first"
+"$3" "ipc://$work/relay/out.sock" 8 >"$work/first"
 : >"$work/heard"
-"$3" "ipc://$work/pub.sock" 1000000 >"$work/heard" &
+"$3" "ipc://$work/relay/out.sock" 1000000 >"$work/heard" &
 subscriber=$!
 
 await 5

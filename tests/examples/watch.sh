@@ -1,5 +1,5 @@
 #!/bin/sh
-# watch.sh RELAY PUBLISHER WATCH: without a path, the watcher prints what is published anywhere; with one, only what is
+# watch.sh TARND PUBLISHER WATCH: without a path, the watcher prints what is published anywhere; with one, only what is
 # published below it.
 set -eu
 work=$(mktemp -d)
@@ -12,19 +12,19 @@ finish() {
 trap finish EXIT
 
 mkfifo "$work/ready"
-"$1" "ipc://$work/url.sock" "ipc://$work/sub.sock" "ipc://$work/pub.sock" >"$work/ready" &
+"$1" --run-dir "$work" >"$work/ready" &
 processes=$!
 read -r line <"$work/ready"
 : >"$work/all"
 : >"$work/below"
 : >"$work/elsewhere"
-"$3" "ipc://$work/pub.sock" >"$work/all" &
+"$3" "ipc://$work/relay/out.sock" >"$work/all" &
 processes="$processes $!"
-"$3" "ipc://$work/pub.sock" /machine >"$work/below" &
+"$3" "ipc://$work/relay/out.sock" /machine >"$work/below" &
 processes="$processes $!"
-"$3" "ipc://$work/pub.sock" /elsewhere >"$work/elsewhere" &
+"$3" "ipc://$work/relay/out.sock" /elsewhere >"$work/elsewhere" &
 processes="$processes $!"
-"$2" "ipc://$work/url.sock" "ipc://$work/sub.sock" 60 >/dev/null &
+"$2" "ipc://$work/relay/zmq.sock" "ipc://$work/relay/in.sock" 60 >/dev/null &
 processes="$processes $!"
 
 until grep -q "put /machine/load" "$work/all" && grep -q "put /machine/load" "$work/below"; do

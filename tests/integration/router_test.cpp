@@ -379,6 +379,38 @@ TEST_F(ARouter, AnswersManyClientsOfManyServicesEachWithItsOwnReply)
 
 // --- Its own routes ----------------------------------------------------------------------------------
 
+TEST_F(ARouter, TellsWhoAsksForAnUnknownPathWhatItIsGivenToSay)
+{
+    const auto explain = [](const std::string& path) { return "nobody has " + path; };
+    const auto made =
+        make_router(settings, {uri}, nullptr, factory(), run_time_directory,
+                    {make_int32_route("count", "get", "/count", [](const auto&...) { return 7; })}, explain);
+    const auto service = serve_as("clock");
+    const auto client = make_client(uri, 0);
+
+    for (const std::string path : {"/clok/time", "/", "/count/more"}) {
+        const auto reply = client->get(path);
+        EXPECT_EQ(reply->status(), Status::NotFound);
+        EXPECT_EQ(reply->status_message(), "nobody has " + path);
+    }
+    EXPECT_EQ(client->get("/count")->status(), Status::Ok);
+    EXPECT_EQ(client->get("/clock/nothing")->status(), Status::NotFound);
+    EXPECT_EQ(client->get("/clock/nothing")->status_message(), ""); // the service's own word
+    EXPECT_EQ(client->get("/index?format=text")->data().find("\"\""), std::string::npos);
+}
+
+TEST_F(ARouter, AnswersNotFoundEvenIfThereIsNoTextForIt)
+{
+    const LogCapture log;
+    const auto made =
+        make_router(settings, {uri}, nullptr, factory(), run_time_directory, {},
+                    [](const std::string&) -> std::string { throw std::runtime_error("none"); });
+    const auto reply = make_client(uri, 0)->get("/nothing");
+    EXPECT_EQ(reply->status(), Status::NotFound);
+    EXPECT_EQ(reply->status_message(), "");
+    EXPECT_EQ(log.count(slate::ErrorLevel, "no text for an unknown path: none"), 1U);
+}
+
 TEST_F(ARouter, AnswersWhatNamesNoServiceByRoutesOfItsOwn)
 {
     start();

@@ -162,18 +162,30 @@ class Soak:
         return f"ipc://{self.run_directory}/{name}/{socket}"
 
     def add(self, name, *command):
-        (self.run_directory / name).mkdir(parents=True)
+        (self.run_directory / name).mkdir(parents=True, exist_ok=True)
         self.processes[name] = Process(self, name, command)
         self.processes[name].start()
+
+    def make_second_fabric(self, suffix):
+        """A run-time directory with the same services, and a router and a relay of its own, which are found in the
+        first one under names of their own."""
+        directory = self.scratch / ("run" + suffix)
+        for part in ("router", "relay"):
+            (directory / part).mkdir(parents=True)
+            (self.run_directory / (part + suffix)).symlink_to(directory / part)
+        for service in SERVICES:
+            (directory / service).symlink_to(self.run_directory / service)
+        return directory
 
     def start(self):
         own = self.build / "tests/soak/soak_process"
         apps = self.build / "apps"
         for suffix in ("", "-steady"):
             relay = "relay" + suffix
-            self.add(relay, apps / "tarn_relay", self.endpoint(relay), self.endpoint(relay, "in.sock"),
-                     self.endpoint(relay, "out.sock"))
-            self.add("router" + suffix, apps / "tarn_router", self.run_directory, self.endpoint("router" + suffix))
+            router = "router" + suffix
+            directory = self.run_directory if not suffix else self.make_second_fabric(suffix)
+            self.add(relay, apps / "tarnd", "--no-router", "--run-dir", directory)
+            self.add(router, apps / "tarnd", "--no-relay", "--run-dir", directory)
         for service in SERVICES:
             workers = 1 if service.startswith("single") else 4
             self.add(service, own, "service", self.run_directory, service, workers, *RELAYS)

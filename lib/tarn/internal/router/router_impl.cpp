@@ -30,7 +30,8 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
                        const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                        const std::shared_ptr<MessageFactory>& factory,
                        const std::filesystem::path& run_time_directory,
-                       const std::vector<std::shared_ptr<Route>>& routes)
+                       const std::vector<std::shared_ptr<Route>>& routes,
+                       const UnknownPathText& unknown_path_text)
     : context_(context),
       settings_(settings ? settings : slate::make_dictionary()),
       uuid_(slate::make_uuid().to_string()),
@@ -38,6 +39,7 @@ RouterImpl::RouterImpl(const std::shared_ptr<zmq::context_t>& context,
       dealer_uri_(slate::make_uri("inproc://dealer/" + uuid_)),
       server_uri_(slate::make_uri("inproc://router_server/" + uuid_)),
       run_time_directory_(normalise_directory(run_time_directory)),
+      unknown_path_text_(unknown_path_text),
       provider_("zmq.router", instance++),
       thread_(context_, slate::make_uri("inproc://" + uuid_)),
       server_(make_server(1, settings, {server_uri_}, relay_out, factory, routes)),
@@ -103,6 +105,9 @@ void RouterImpl::worker_entry(RouterImpl* router, WorkerSocket& socket)
     RouterWorker worker(
         router->context_, router->provider_, router->factory_,
         [router](const Request& request) { return router->find_service(request); },
+        [router](const Endpoint& endpoint, const std::string& path) {
+            return router->explain_not_found(endpoint, path);
+        },
         [] { return ZmqSubsystem::self() != nullptr; }, socket);
     worker.run();
 }
@@ -129,5 +134,18 @@ std::pair<Endpoint, std::string> RouterImpl::find_service(const Request& request
     if (found.first == server_uri_ && !serves_itself_.value_or(true))
         throw MessageException(Status::ServiceUnavailable, "the router's own server has not started");
     return found;
+}
+
+std::string RouterImpl::explain_not_found(const Endpoint& endpoint, const std::string& path) const
+{
+    if (!unknown_path_text_ || (endpoint && endpoint != server_uri_))
+        return {};
+    try {
+        return unknown_path_text_(path);
+    }
+    catch (const std::exception& error) {
+        slate::log_error(provider_, SLATE_HERE, "no text for an unknown path: ", error.what());
+        return {};
+    }
 }
 } // namespace tarn_internal

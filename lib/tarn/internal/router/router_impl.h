@@ -30,7 +30,8 @@ public:
                const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                const std::shared_ptr<MessageFactory>& factory,
                const std::filesystem::path& run_time_directory,
-               const std::vector<std::shared_ptr<Route>>& routes = {});
+               const std::vector<std::shared_ptr<Route>>& routes = {},
+               const UnknownPathText& unknown_path_text = {});
     ~RouterImpl() override;
 
     void suppress_add_remote_call_warning() override;
@@ -49,6 +50,8 @@ private:
     /// As resolve, for a worker. Throws MessageException, status 503, for a request to the router's own
     /// server if that has not started.
     std::pair<Endpoint, std::string> find_service(const Request& request);
+    /// The text for a reply of status 404 from `endpoint`, or empty.
+    std::string explain_not_found(const Endpoint& endpoint, const std::string& path) const;
     static void worker_entry(RouterImpl* router, WorkerSocket& socket);
 
     static constexpr std::size_t worker_count = 3;
@@ -59,6 +62,7 @@ private:
     const Endpoint dealer_uri_;
     const Endpoint server_uri_;
     const std::filesystem::path run_time_directory_;
+    const UnknownPathText unknown_path_text_;
     const OwnedProvider provider_;
     ControlledThread thread_;
     const std::shared_ptr<Server> server_;

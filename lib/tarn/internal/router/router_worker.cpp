@@ -23,11 +23,13 @@ const slate::Duration time_for_short_ttl = slate::Seconds(1);
 
 RouterWorker::RouterWorker(const std::shared_ptr<zmq::context_t>& context,
                            std::shared_ptr<slate::Provider> provider, std::shared_ptr<MessageFactory> factory,
-                           Resolve resolve, HasRuntime has_runtime, WorkerSocket& socket)
+                           Resolve resolve, ExplainNotFound explain, HasRuntime has_runtime,
+                           WorkerSocket& socket)
     : context_(context),
       provider_(std::move(provider)),
       factory_(std::move(factory)),
       resolve_(std::move(resolve)),
+      explain_(std::move(explain)),
       has_runtime_(std::move(has_runtime)),
       failure_(factory_->make_response(Status::InternalServerError)->SerializeAsString()),
       socket_(socket)
@@ -112,7 +114,9 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
     const auto [endpoint, forwarded_path] = resolve_(request);
     if (!endpoint) {
         slate::log_error(provider_, SLATE_HERE, "no route found for: ", request.to_string());
-        return {factory_->make_response(Status::NotFound), path};
+        auto answer = factory_->make_response(Status::NotFound);
+        explain(*answer->mutable_response(), endpoint, path);
+        return {std::move(answer), path};
     }
     if (!has_runtime_())
         return make_failure(Status::ServiceUnavailable, "tarn not / no longer initialized", path);
@@ -133,8 +137,16 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
         slate::log_error(provider_, SLATE_HERE, "request timeout; ", path, " at the service ",
                          endpoint->to_string());
     // The caller gets the path that it asked for. Anything but a response becomes an empty one.
-    reply->message->mutable_response()->mutable_head()->set_path(path);
+    Response* response = reply->message->mutable_response();
+    response->mutable_head()->set_path(path);
+    explain(*response, endpoint, path);
     return {reply->message, path};
+}
+
+void RouterWorker::explain(Response& response, const Endpoint& endpoint, const std::string& path) const
+{
+    if (response.status() == Status::NotFound && response.status_message().empty())
+        response.set_status_message(slate::to_utf8(explain_(endpoint, path)));
 }
 
 RouterWorker::Answer RouterWorker::make_failure(Status status, const std::string& text,

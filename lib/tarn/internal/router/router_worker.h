@@ -30,13 +30,17 @@ public:
     /// is the answer: the status of a MessageException, or 500.
     using Resolve = std::function<std::pair<Endpoint, std::string>(const Request&)>;
 
+    /// What the reply of status 404 to that path says if it comes without a text; `endpoint` is where the
+    /// request went, or null. Empty: nothing. Doesn't throw.
+    using ExplainNotFound = std::function<std::string(const Endpoint& endpoint, const std::string& path)>;
+
     /// Whether the library is still at work in this process: without it no request is passed on.
     using HasRuntime = std::function<bool()>;
 
     /// `socket`, through which requests come, must outlive the worker.
     RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
-                 std::shared_ptr<MessageFactory> factory, Resolve resolve, HasRuntime has_runtime,
-                 WorkerSocket& socket);
+                 std::shared_ptr<MessageFactory> factory, Resolve resolve, ExplainNotFound explain,
+                 HasRuntime has_runtime, WorkerSocket& socket);
 
     /// Answers requests until the socket says that this is the end. A failure of one request is logged, and
     /// ends that request only; the end of the ZeroMQ context ends the worker.
@@ -52,6 +56,7 @@ private:
     void handle(IncomingRequest& request);
     Answer answer_or_fail(const zmq::message_t& payload, bool verbose) const;
     Answer pass_on(Request& request, const std::string& path, bool verbose) const;
+    void explain(Response& response, const Endpoint& endpoint, const std::string& path) const;
     Answer make_failure(Status status, const std::string& text, const std::string& path) const;
     zmq::message_t to_frame(const Answer& answer) const;
     slate::Duration shorten_ttl(Request& request) const;
@@ -60,6 +65,7 @@ private:
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<MessageFactory> factory_;
     const Resolve resolve_;
+    const ExplainNotFound explain_;
     const HasRuntime has_runtime_;
     const std::string failure_; // a serialised reply, which needs no memory to be made
     WorkerSocket& socket_;

@@ -18,28 +18,20 @@ void raise_descriptor_limit()
     (void)setrlimit(RLIMIT_NOFILE, &limit); // else the limit stays, and the library bears that
 }
 
-std::shared_ptr<slate::Dictionary> make_settings()
-{
-    // Frames of 64 MiB are common where bodies don't travel in chunks; an upload of 1 GiB fits on most
-    // devices' disks. 10,000 changes wait for a subscriber that is busy for a tenth of a second.
-    return slate::make_dictionary({{"max_frame_bytes", "134217728"},
-                                   {"max_transfer_bytes", "1073741824"},
-                                   {"high_water_mark", "10000"}});
-}
-
 void refuse_if_served(const std::vector<tarn::Endpoint>& endpoints)
 {
     for (const auto& endpoint : endpoints) {
         const tarn::Probe found = tarn::probe(endpoint);
         if (found.error == "permission denied") // somebody else's socket, which binding would replace
             throw std::runtime_error("cannot look whether somebody serves at " + endpoint->to_string() +
-                                     ": permission denied");
+                                     ": permission denied; run this as the user who serves there, or serve "
+                                     "elsewhere");
         if (!found.served)
             continue;
         std::string text = endpoint->to_string() + " is served already";
         if (found.pid)
             text += ", by process " + std::to_string(*found.pid);
-        throw std::runtime_error(text);
+        throw std::runtime_error(text + "; end that process first, or serve elsewhere");
     }
 }
 } // namespace start

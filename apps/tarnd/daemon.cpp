@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <zmq.hpp>
+
+#include "services_route.h"
+#include "start.h"
+#include "unknown_path.h"
+
+namespace {
+constexpr auto time_to_start = std::chrono::seconds(4);
+
+std::vector<tarn::Endpoint> find_router_endpoints(const Options& options, const tarn::Fabric& fabric)
+{
+    if (!options.has_router)
+        return {};
+    std::vector<tarn::Endpoint> endpoints{fabric.router};
+    endpoints.insert(endpoints.end(), options.endpoints.begin(), options.endpoints.end());
+    return endpoints;
+}
+
+std::vector<tarn::Endpoint> find_relay_endpoints(const Options& options, const tarn::Fabric& fabric)
+{
+    if (!options.has_relay)
+        return {};
+    return {fabric.relay_stats, fabric.relay_in, fabric.relay_out};
+}
+
+std::shared_ptr<slate::Dictionary> make_settings(const Options& options)
+{
+    return slate::make_dictionary({{"max_frame_bytes", std::to_string(options.max_frame_bytes)},
+                                   {"max_transfer_bytes", std::to_string(options.max_transfer_bytes)},
+                                   {"high_water_mark", std::to_string(options.high_water_mark)}});
+}
+
+/// The path of an endpoint's socket file, or empty.
+std::string socket_path(const tarn::Endpoint& endpoint)
+{
+    const std::string address = endpoint->address();
+    return endpoint->scheme() == "ipc" && address.front() != '@' ? address : "";
+}
+
+/// A server reports in its log only that it can't bind, and then serves nothing.
+void refuse_if_not_bindable(const tarn::ZmqSubsystem& subsystem, const tarn::Endpoint& endpoint)
+{
+    if (endpoint->scheme() == "tcp") {
+        try {
+            zmq::socket_t socket(*subsystem.ctx(), zmq::socket_type::router);
+            socket.bind(endpoint->to_string());
+        }
+        catch (const zmq::error_t& error) {
+            throw std::runtime_error("cannot serve at " + endpoint->to_string() + ": " + error.what() +
+                                     "; name an address of this machine and a free port");
+        }
+    }
+    const std::string path = socket_path(endpoint);
+    if (path.empty())
+        return;
+    const auto directory = std::filesystem::path(path).parent_path();
+    if (access(directory.c_str(), W_OK | X_OK) != 0)
+        throw std::runtime_error("cannot serve at " + endpoint->to_string() + ": " + directory.string() +
+                                 ": " + std::generic_category().message(errno) +
+                                 "; make that directory, or let this user write to it");
+}
+
+std::runtime_error group_error(const std::string& group, const std::string& why)
+{
+    return std::runtime_error("cannot give the sockets to the group \"" + group + "\": " + why);
+}
+
+/// The group of the sockets; none keeps what they have.
+std::optional<gid_t> find_group(const Options& options)
+{
+    if (!options.group.empty()) {
+        const struct group* group = getgrnam(options.group.c_str());
+        if (!group)
+            throw group_error(options.group, "there is no such group; make it with groupadd, or name "
+                                             "another one");
+        return group->gr_gid;
+    }
+    const struct group* group = options.is_personal ? nullptr : getgrnam("corvane");
+    if (!group)
+        return std::nullopt;
+    return group->gr_gid;
+}
+
+void set_access(const Options& options, const std::optional<gid_t>& group, const tarn::Endpoint& endpoint)
+{
+    const std::string path = socket_path(endpoint);
+    if (path.empty())
+        return;
+    const mode_t mode = options.mode.value_or(options.is_personal ? 0700 : 0775);
+    if (group && lchown(path.c_str(), static_cast<uid_t>(-1), *group) != 0) {
+        const std::string why = path + ": " + std::generic_category().message(errno);
+        if (!options.group.empty())
+            throw group_error(options.group, why + "; be a member of that group, or name another one");
+        slate::log_warn(SLATE_HERE, "the socket keeps its group; ", why);
+    }
+    if (chmod(path.c_str(), mode) != 0)
+        throw std::runtime_error("cannot set the mode of " + path + ": " +
+                                 std::generic_category().message(errno));
+}
+} // namespace
+
+Daemon::Daemon(const Options& options)
+    : fabric_(tarn::make_fabric(options.run_time_directory)),
+      router_endpoints_(find_router_endpoints(options, fabric_)),
+      relay_endpoints_(find_relay_endpoints(options, fabric_))
+{
+    run_time_directory::prepare(options);
+    const auto group = find_group(options);
+    const auto reserve = [&](const char* part, const std::vector<tarn::Endpoint>& endpoints) {
+        if (endpoints.empty())
+            return;
+        run_time_directory::prepare_part(options, part);
+        locks_.push_back(
+            std::make_unique<run_time_directory::Lock>(options, part, endpoints.front()->to_string()));
+    };
+    reserve("router", router_endpoints_);
+    reserve("relay", relay_endpoints_);
+    start::refuse_if_served(router_endpoints_);
+    start::refuse_if_served(relay_endpoints_);
+
+    subsystem_ = std::make_unique<tarn::ZmqSubsystem>(make_settings(options));
+    for (const auto& endpoint : router_endpoints_)
+        refuse_if_not_bindable(*subsystem_, endpoint);
+
+    umask(~options.mode.value_or(options.is_personal ? 0700 : 0775) & 0777);
+    const auto settings = subsystem_->settings();
+    if (options.has_relay) {
+        relay_ = tarn::make_relay(fabric_.relay_in, fabric_.relay_out);
+        relay_stats_ = tarn::make_server(1, settings, {fabric_.relay_stats}, fabric_.relay_out,
+                                         tarn::make_message_factory(), {tarn::make_relay_stats_route()});
+    }
+    if (options.has_router) {
+        const auto unknown = [directory = fabric_.run_time_directory](const std::string& path) {
+            return describe_unknown_path(directory, path);
+        };
+        // Its own routes need no published changes, so it gets no relay.
+        router_ = tarn::make_router(settings, router_endpoints_, nullptr, tarn::make_message_factory(),
+                                    fabric_.run_time_directory,
+                                    {make_services_route(fabric_, router_endpoints_)}, unknown);
+    }
+
+    std::vector<tarn::Endpoint> asked = router_endpoints_;
+    if (options.has_relay)
+        asked.push_back(fabric_.relay_stats);
+    for (const auto& endpoint : asked) {
+        if (!answers_at(endpoint, time_to_start))
+            throw std::runtime_error("cannot answer at " + endpoint->to_string() + "; the log says why");
+    }
+    for (const auto* endpoints : {&router_endpoints_, &relay_endpoints_}) {
+        for (const auto& endpoint : *endpoints)
+            set_access(options, group, endpoint);
+    }
+}
+
+bool Daemon::answers(std::chrono::microseconds time) const
+{
+    return answers_at(router_endpoints_.empty() ? fabric_.relay_stats : router_endpoints_.front(),
+                      slate::Duration(time));
+}
+
+bool Daemon::answers_at(const tarn::Endpoint& endpoint, const slate::Duration& time)
+{
+    // The router keeps half a second of the ttl for the way back, which must not cut a short wait.
+    const tarn::Request request(
+        tarn::make_message_factory()->make_get("/index", nullptr, time + slate::Seconds(1)));
+    const auto reply = tarn::make_client(endpoint, 0)->send(request, time);
+    return !reply->is_local() && reply->message && reply->head().from().pid() == getpid();
+}
