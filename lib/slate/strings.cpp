@@ -13,10 +13,10 @@
 namespace slate {
 namespace {
 /// Takes that many words of ASCII off the text, without a branch between them. False if it begins with less.
-template <std::size_t words>
+template <std::size_t Words>
 bool skip_ascii(std::string_view& text)
 {
-    std::array<std::uint64_t, words> block;
+    std::array<std::uint64_t, Words> block;
     if (text.size() < sizeof block)
         return false;
     std::memcpy(block.data(), text.data(), sizeof block);
