@@ -48,7 +48,7 @@ expect 0 workshop "" "$status" get /settings/location
 expect 0 '{"total":*' "" -H accept:application/json "$status" get /memory
 expect 1 "" "tarn_request: 404 NotFound" "$status" get /nowhere
 expect 1 "" "tarn_request: 405 MethodNotAllowed: route ?uptime? doesn't support PUT" "$status" put /uptime 0
-expect 1 "" "tarn_request: 408 RequestTimeout" -t 0 "ipc://$work/nobody.sock" get /uptime
+expect 1 "" "tarn_request: 408 RequestTimeout: no answer from ipc://$work/nobody.sock within 0 ms: no such file" -t 0 "ipc://$work/nobody.sock" get /uptime
 expect 0 "3 bytes, MD5 *" "" "$upload" put /drop/x abc
 expect 0 "3 bytes, MD5 *" "" "$upload" post /drop/x abc
 expect 0 "1 bytes, MD5 *" "" "$upload" put /drop/x "x"

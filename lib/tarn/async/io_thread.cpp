@@ -29,7 +29,8 @@ void control(int poll, int operation, int descriptor, const void* data)
 {
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.ptr = const_cast<void*>(data);
+    event.data.ptr =
+        const_cast<void*>(data); // NOLINT(cppcoreguidelines-pro-type-const-cast): the system only keeps it
     if (epoll_ctl(poll, operation, descriptor, &event) != 0)
         throw std::system_error(errno, std::generic_category(), "can't watch a socket");
 }
