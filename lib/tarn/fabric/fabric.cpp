@@ -43,7 +43,7 @@ Fabric make_fabric(const std::filesystem::path& run_time_directory)
 std::filesystem::path personal_run_time_directory()
 {
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime && *runtime == '/') // anything else has no meaning, as the specification of the variable says
+    if (runtime && *runtime == '/') // else the variable is to be ignored, by its own rules
         return std::filesystem::path(runtime) / "tarn";
     return "/tmp/tarn-" + std::to_string(getuid());
 }
