@@ -13,6 +13,7 @@
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/router/service_path.h"
 
 namespace tarn {
 namespace {
@@ -27,9 +28,7 @@ Endpoint at(const std::filesystem::path& socket)
 
 Fabric make_fabric(const std::filesystem::path& run_time_directory)
 {
-    auto directory = std::filesystem::absolute(run_time_directory).lexically_normal();
-    if (!directory.has_filename())
-        directory = directory.parent_path();
+    const auto directory = tarn_internal::normalise_directory(run_time_directory);
     Fabric fabric{directory, at(directory / "router/zmq.sock"), at(directory / "relay/zmq.sock"),
                   at(directory / "relay/in.sock"), at(directory / "relay/out.sock")};
     for (const Endpoint& endpoint : {fabric.router, fabric.relay_stats, fabric.relay_in, fabric.relay_out}) {
