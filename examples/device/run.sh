@@ -64,12 +64,14 @@ start relay "$apps/tarn_relay" "ipc://$run/relay/zmq.sock" "$relay_in" "$relay_o
 start status "$examples/machine_status/machine_status_service" "$run/status/zmq.sock"
 start_settings
 start files "$examples/upload/upload_service" "$run/files/zmq.sock"
-start watch "$apps/tarn_watch" "$relay_out" /settings
-watch=$started
+"$apps/tarn/tarn" watch -e "$relay_out" /settings >"$device/watch.out" 2>"$device/watch.log" &
+watch=$!
+processes="$processes $watch"
+printf '  %-10s %s\n' watch "watching $relay_out"
 # A subscriber receives nothing until its subscription has reached the relay, so this writes a setting until the change
 # arrives.
 until grep -q interval "$device/watch.out"; do
-    check "$apps/tarn_request" "$router" put /settings/interval 60
+    check "$apps/tarn/tarn" put -e "$router" /settings/interval 60
 done
 
 check "$examples/device/device_client" "$router" "$relay_out" walk
@@ -84,11 +86,11 @@ check "$examples/device/device_client" "$router" "$relay_out" back
 
 echo
 echo "The subscriber has printed meanwhile"
-until grep -q "delete /settings/location" "$device/watch.out"; do
+until grep -q "del  /settings/location" "$device/watch.out"; do
     kill -0 "$watch"
 done
 sed 's/^/      /' "$device/watch.out"
-check grep -q "put /settings/location greenhouse" "$device/watch.out"
+check grep -q "put  /settings/location .*greenhouse" "$device/watch.out"
 
 echo
 echo "Every answer was right."
@@ -98,13 +100,14 @@ cat <<EOF
 
 The device stays up until you press Ctrl-C. Try it in another terminal:
 
-  export PATH="$(cd "$apps" && pwd):\$PATH" ROUTER=$router
-  tarn_request \$ROUTER get '/status/index?format=text'
-  tarn_request \$ROUTER get /status/load/5
-  tarn_request -H accept:application/json \$ROUTER get /status/memory
-  tarn_request \$ROUTER put /settings/location attic
-  tarn_request \$ROUTER put /files/drop/it - <README.md
-  tarn_request \$ROUTER get '/relay/stats?format=text'
-  tarn_watch $relay_out          (prints every change of a setting)
+  export PATH="$(cd "$apps/tarn" && pwd):\$PATH" ROUTER=$router
+  tarn get -e \$ROUTER /status/index
+  tarn get -e \$ROUTER /status/load/5
+  tarn get -e \$ROUTER -H 'Accept: application/json' /status/memory
+  tarn put -e \$ROUTER /settings/location attic
+  tarn put -e \$ROUTER /files/drop/it @README.md
+  tarn get -e \$ROUTER '/relay/stats?format=text'
+  tarn services --run-dir $run
+  tarn watch -e $relay_out          (prints every change of a setting)
 EOF
 wait "$watch" || true

@@ -1,10 +1,9 @@
 #!/bin/sh
-# usage.sh ROUTER RELAY WATCH: what the programs say that run until they are told to end, when they can't begin, and that
+# usage.sh ROUTER RELAY: what the programs say that run until they are told to end, when they can't begin, and that
 # they end at SIGTERM.
 set -eu
 router=$1
 relay=$2
-watch=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -62,8 +61,3 @@ set -- $limit
 [ "$1" = "$2" ] || { echo "FAILED: file descriptors are limited to $1 instead of $2"; exit 1; }
 kill "$first"
 wait "$first"
-
-refuse 2 "usage: tarn_watch *" "$watch"
-refuse 2 "usage: tarn_watch *" "$watch" nonsense
-refuse 2 "usage: tarn_watch *" "$watch" "ipc://$work/a.sock" /a /b
-serve "watching ipc://$work/a.sock" "$watch" "ipc://$work/a.sock" /settings
