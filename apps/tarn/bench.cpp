@@ -161,11 +161,10 @@ private:
     void show_text() const
     {
         char line[160];
-        (void)std::snprintf(line, sizeof line,
-                            "%zu requests by %u %s in %.2f s: %.0f per second, %zu failed\n", times_.size(),
-                            options_.clients, options_.clients == 1 ? "client" : "clients", seconds_, rate(),
-                            failed_);
-        write_out(paint(line, Colour::Bold));
+        (void)std::snprintf(line, sizeof line, "%zu requests by %u %s in %.2f s: %.0f per second, %zu failed",
+                            times_.size(), options_.clients, options_.clients == 1 ? "client" : "clients",
+                            seconds_, rate(), failed_);
+        write_out(paint(line, Colour::Bold) + "\n");
         if (times_.empty())
             return;
         write_out("median " + time_text(quantile(0.5)) + ", 90 % " + time_text(quantile(0.9)) + ", 99 % " +

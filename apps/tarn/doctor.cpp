@@ -56,6 +56,22 @@ bool is_member(gid_t id)
            (count > 0 && std::find(groups.begin(), groups.begin() + count, id) != groups.begin() + count);
 }
 
+/// A path in a command that people may paste into a shell, whatever others have named it.
+std::string shell_word(const std::filesystem::path& path)
+{
+    const std::string text = escape(path.string());
+    const bool is_plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               std::string_view("/._-+,=%@").find(c) != std::string_view::npos;
+    });
+    if (is_plain)
+        return text;
+    std::string result = "'";
+    for (const char c : text)
+        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return result + "'";
+}
+
 std::string owner_text(const struct stat& status)
 {
     char mode[8];
@@ -104,6 +120,15 @@ public:
         return look_at_sockets(fabric);
     }
 
+    void look_at_one(const std::string& directory)
+    {
+        const std::size_t before = findings_.size();
+        const bool is_served = look_at_fabric(directory, "fabric", true);
+        if (!is_served && findings_.size() > before && !findings_.back().is_problem)
+            problem("no router answers in " + escape(directory),
+                    "start one: `tarnd --run-dir " + shell_word(directory) + "`");
+    }
+
     void compare(bool device, bool own)
     {
         if (device && own)
@@ -150,17 +175,16 @@ private:
         note(title + ": " + owner_text(status));
         if ((status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0)
             problem("anybody may replace the services in " + escape(directory.string()),
-                    "take the right to write from others: `chmod o-w " + escape(directory.string()) + "`");
+                    "take the right to write from others: `chmod o-w " + shell_word(directory) + "`");
         if ((status.st_mode & S_IWGRP) != 0 && (status.st_mode & S_ISVTX) == 0)
             problem("a member of the group " + group_name(status.st_gid) +
                         " may rename another's service in " + escape(directory.string()),
-                    "set the sticky bit: `chmod +t " + escape(directory.string()) + "`");
+                    "set the sticky bit: `chmod +t " + shell_word(directory) + "`");
         if (access(directory.c_str(), X_OK | R_OK) != 0)
             problem("you may not look into " + escape(directory.string()),
-                    is_member(status.st_gid)
-                        ? "let the group in: `chmod g+rx " + escape(directory.string()) + "`"
-                        : "join the group: `adduser " + user_name(geteuid()) + " " +
-                              group_name(status.st_gid) + "`, and log in again");
+                    is_member(status.st_gid) ? "let the group in: `chmod g+rx " + shell_word(directory) + "`"
+                                             : "join the group: `adduser " + user_name(geteuid()) + " " +
+                                                   group_name(status.st_gid) + "`, and log in again");
     }
 
     bool look_at_sockets(const tarn::Fabric& fabric)
@@ -201,12 +225,12 @@ private:
             if (has_index)
                 problem(title + ": a directory without a socket, so requests to it get 408",
                         "start the service, or remove the directory: `rmdir " +
-                            escape(std::filesystem::path(path).parent_path().string()) + "`");
+                            shell_word(std::filesystem::path(path).parent_path()) + "`");
             return;
         }
         if (found.error == "nobody listens") {
             problem(title + ": a socket that nobody listens at, as its process has ended",
-                    "start the service again, or remove the socket: `rm " + escape(path) + "`");
+                    "start the service again, or remove the socket: `rm " + shell_word(path) + "`");
             return;
         }
         if (found.error == "permission denied") {
@@ -262,7 +286,7 @@ Command doctor_command()
                     doctor.look_at_versions();
                     doctor.look_at_limits();
                     if (!place->run_time_directory.empty())
-                        (void)doctor.look_at_fabric(place->run_time_directory, "fabric", true);
+                        doctor.look_at_one(place->run_time_directory);
                     else {
                         const bool device = doctor.look_at_fabric(tarn::default_run_time_directory,
                                                                   "the device's fabric", false);

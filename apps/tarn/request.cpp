@@ -283,7 +283,8 @@ private:
             if (verb_ == "get")
                 return download(client);
             auto reply = send(client);
-            if (verb_ != "head" && reply->message && reply->has_body())
+            if (verb_ != "head" && reply->message && reply->has_body() &&
+                exit_status_of(*reply, target_.endpoint) == ExitGood)
                 output_.write(reply->data());
             return reply;
         }
@@ -391,7 +392,8 @@ private:
             object["file"] = options_.file;
         }
         else
-            add_body(object, path_, reply.format(), output_.kept());
+            add_body(object, path_, reply.format(),
+                     status != ExitGood && reply.has_body() ? reply.data() : output_.kept());
         return object;
     }
 

@@ -65,7 +65,8 @@ class Changes(CommandTest):
         watcher.stdout = open(os.devnull)
 
     def test_it_says_at_once_that_there_is_no_relay(self):
-        self.assert_fails(self.tarn("watch", "--run-dir", self.work / "nowhere"), 6, "the relay can't be reached.*no such file")
+        self.assert_fails(self.tarn("watch", "--run-dir", self.work / "nowhere"), 6,
+                          "the relay can't be reached.*no such file")
         self.assert_fails(self.tarn("publish", "put", "--run-dir", self.work / "nowhere", "/x"), 6, "no such file")
 
 
@@ -89,7 +90,8 @@ class Demo(CommandTest):
         self.assertRegex(self.tarn("get", "/clock/time").out, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC$")
         self.assertRegex(self.tarn("watch", "-n", "1", "--for", "20s", "/clock").out, "put  /clock/time  text/plain  ")
         self.assert_fails(self.tarn("put", "/clock/zone", "Mars"), 4, "a zone is UTC, local, or an offset")
-        self.assertGreater(json.loads(self.tarn("get", "-H", "Accept: application/json", "/machine/memory").out)["total_kib"], 0)
+        memory = self.tarn("get", "-H", "Accept: application/json", "/machine/memory").out
+        self.assertGreater(json.loads(memory)["total_kib"], 0)
         self.assert_good(self.tarn("publish", "put", "/x", "y"), "")
         self.assert_good(self.tarn("get", "/machine/load/15"))
         self.assert_fails(self.tarn("demo"), 1, f"is served already, by process {demo.pid}; use it")

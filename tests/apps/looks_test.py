@@ -6,7 +6,7 @@ from support import *
 
 
 class Looks(CommandTest):
-    services = {"status": "status_service", "calls": "call_server"}
+    services = {"status": "status_service", "calls": "odd_server"}
 
     def test_services_lists_who_answers_and_why_others_do_not(self):
         (self.run_dir / "gone").mkdir(exist_ok=True)
@@ -44,9 +44,11 @@ class Looks(CommandTest):
     def test_call_prints_what_a_function_returns(self):
         self.assertEqual(self.tarn("call", "{run}/calls/zmq.sock", "200").out,
                          'google.protobuf.StringValue { value: "answer" }\nunknown.Kind (3 bytes)\n')
-        self.assertEqual(json.loads(self.tarn("call", "--json", "{run}/calls/zmq.sock", "200").out)["values"][1],
-                         {"type": "type.googleapis.com/unknown.Kind", "text": "unknown.Kind (3 bytes)", "base64": "YWJj"})
-        self.assert_fails(self.tarn("call", "{run}/calls/zmq.sock", "999"), 4, "call 999: 404 NotFound, method not found")
+        values = json.loads(self.tarn("call", "--json", "{run}/calls/zmq.sock", "200").out)["values"]
+        self.assertEqual(values[1], {"type": "type.googleapis.com/unknown.Kind", "text": "unknown.Kind (3 bytes)",
+                                     "base64": "YWJj"})
+        self.assert_fails(self.tarn("call", "{run}/calls/zmq.sock", "999"), 4,
+                          "call 999: 404 NotFound, method not found")
 
     def test_ping_counts_every_answer(self):
         result = self.here("ping", "-n", "3", "--interval", "1ms", "/status/nothing")
@@ -61,9 +63,14 @@ class Looks(CommandTest):
         self.assertLessEqual(found["median_us"], found["p99_us"])
         self.assertRegex(self.here("bench", "-n", "50", "/status/uptime").out, r"(?m)^ +< .*#$")
 
+    @staticmethod
+    def blocks_interrupts(pid):
+        blocked = re.search(r"SigBlk:\s*(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text())
+        return int(blocked[1], 16) >> (signal.SIGINT - 1) & 1 == 1
+
     def test_bench_ends_when_it_is_interrupted(self):
         process = self.start("bench", "--run-dir", "{run}", "-n", "100000000", "/status/uptime")
-        time.sleep(0.3)  # any time will do
+        self.assertTrue(wait_until(lambda: self.blocks_interrupts(process.pid)))  # so it is at work
         process.send_signal(signal.SIGINT)
         out, err = process.communicate(timeout=PATIENCE)
         self.assertEqual((process.returncode, err), (0, ""))
@@ -83,6 +90,11 @@ class Looks(CommandTest):
         self.assertIn("a socket that nobody listens at", result.out)
         self.assertIn(f"`rm {stale}/zmq.sock`", result.out)
         self.assertIn(f"`chmod o-w {self.run_dir}`", result.out)
+        trap = self.run_dir / "a;b'c"
+        trap.mkdir()
+        self.addCleanup(trap.rmdir)
+        remedies = {each["remedy"] for each in json.loads(self.here("doctor", "--json").out)}
+        self.assertIn(f"start the service, or remove the directory: `rmdir '{self.run_dir}/a;b'\\''c'`", remedies)
         for finding in json.loads(self.here("doctor", "--json").out):
             self.assertEqual(finding["problem"], finding["remedy"] != "", finding)
 

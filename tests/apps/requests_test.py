@@ -6,7 +6,8 @@ from support import *
 
 
 class Requests(CommandTest):
-    services = {"status": "status_service", "files": "upload_service", "stream": "streaming_service"}
+    services = {"status": "status_service", "files": "upload_service", "stream": "streaming_service",
+                "odd": "odd_server"}
 
     def test_each_verb_in_any_case(self):
         self.assert_good(self.here("get", "/status/settings/location"), "workshop")
@@ -63,7 +64,8 @@ class Requests(CommandTest):
         head, _, rest = self.here("get", "-i", "/stream/download", binary=True).out.partition(b"\n\n")
         self.assertTrue(head.startswith(b"200 Ok\n"))
         self.assertEqual(rest, body)
-        self.assertEqual(json.loads(self.here("get", "--json", "-o", target, "/stream/download").out)["bytes"], len(body))
+        found = json.loads(self.here("get", "--json", "-o", target, "/stream/download").out)
+        self.assertEqual(found["bytes"], len(body))
 
     def test_a_failed_download_leaves_the_file_alone(self):
         target = self.work / "kept"
@@ -82,6 +84,13 @@ class Requests(CommandTest):
         self.assert_fails(self.tarn("get", "-e", stale, "/x"), 6, "nobody listens; start its process")
         (self.run_dir / "empty").mkdir()
         self.assert_fails(self.here("get", "-t", "600ms", "/empty/x"), 7, "/empty/x: 408 RequestTimeout")
+
+    def test_a_refusal_prints_nothing_but_its_sentence(self):
+        for verb in ("get", "put"):
+            self.assert_fails(self.here(verb, "/odd/refusal"), 4, r"409 Conflict, no\\x1b\[31m\\nfaked line; ")
+            found = json.loads(self.here(verb, "--json", "/odd/refusal").out)
+            self.assertEqual((found["exit"], found["message"], found["json"]),
+                             (4, "no\x1b[31m\nfaked line", {"field": "name"}))
 
     def test_a_stopped_server_is_told_from_none(self):
         process = self.fabric.start_service("hung", "status_service")

@@ -20,7 +20,8 @@ class Terminal(CommandTest):
 
     def test_colours_can_be_switched_off(self):
         for more in ({"env": {"NO_COLOR": "1"}}, {"env": {"TERM": "dumb"}}):
-            self.assertNotIn(COLOUR, self.show("get", "-i", "-H", "Accept: application/json", "/status/memory", **more)[1])
+            _, shown = self.show("get", "-i", "-H", "Accept: application/json", "/status/memory", **more)
+            self.assertNotIn(COLOUR, shown)
         self.assertNotIn(COLOUR, self.show("services", "--no-color")[1])
         self.assertIn(COLOUR, self.show("services")[1])
 

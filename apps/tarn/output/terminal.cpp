@@ -93,7 +93,7 @@ bool is_coloured(int descriptor)
 std::string paint(std::string_view text, Colour colour)
 {
     static constexpr std::array<const char*, 9> codes = {"", "1", "31", "32", "33", "34", "35", "36", "90"};
-    if (colour == Colour::Plain || !is_coloured(STDOUT_FILENO))
+    if (text.empty() || colour == Colour::Plain || !is_coloured(STDOUT_FILENO))
         return std::string(text);
     return std::string("\x1b[") + codes.at(static_cast<std::size_t>(colour)) + "m" + std::string(text) +
            "\x1b[0m";

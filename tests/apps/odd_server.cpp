@@ -1,11 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
-// A server with one remote call, number 200, for the tests: call_server SOCKET. Runs until it is killed.
+// A server with what no example has, for the tests: odd_server SOCKET. It answers the remote call 200, and
+// refuses every request to "/refusal" with a body and with a text that is out to deceive. Runs until it is
+// killed.
 
 #include <iostream>
+
 #include <unistd.h>
 
 #include <google/protobuf/wrappers.pb.h>
 #include <tarn/tarn.h>
+
+namespace {
+class RefusalRoute : public tarn::Route {
+public:
+    RefusalRoute() : Route("refusal", "get,put", "/refusal", tarn::Access::Public) {}
+
+    void get(tarn::Context& context) const override { refuse(context); }
+    void put(tarn::Context& context) override { refuse(context); }
+
+private:
+    static void refuse(tarn::Context& context)
+    {
+        context.reply.set_reply_json("{\"field\": \"name\"}");
+        context.reply.set_status(tarn::Status::Conflict, "no\x1b[31m\nfaked line");
+    }
+};
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -14,6 +34,7 @@ int main(int argc, char** argv)
     tarn::ZmqSubsystem subsystem;
     const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));
     server->suppress_add_remote_call_warning();
+    server->add(std::make_shared<RefusalRoute>());
     server->add(200, [](tarn::Message& message) {
         google::protobuf::StringValue value;
         value.set_value("answer");
