@@ -99,8 +99,7 @@ def growth(programs):
 
 def sizes(build):
     with tempfile.TemporaryDirectory() as folder:
-        for file in ("lib/tarn/libtarn.so.0", "lib/slate/libslate.so.0", "apps/tarnd", "apps/tarn_request",
-                     "apps/tarn_watch"):
+        for file in ("lib/tarn/libtarn.so.0", "lib/slate/libslate.so.0", "bin/tarnd", "bin/tarn"):
             stripped = pathlib.Path(folder, "stripped")
             subprocess.run(["strip", "-o", stripped, build / file], check=True)
             name = pathlib.Path(file).name

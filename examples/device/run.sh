@@ -6,7 +6,7 @@
 set -eu
 build=$1
 serve=${2:-}
-apps=$build/apps
+programs=$build/bin
 examples=$build/examples
 
 device=$(mktemp -d)
@@ -59,16 +59,18 @@ check() {
 }
 
 echo "A device of five processes, in $run"
-start tarnd "$apps/tarnd" --run-dir "$run"
+start tarnd "$programs/tarnd" --run-dir "$run"
 start status "$examples/machine_status/machine_status_service" "$run/status/zmq.sock"
 start_settings
 start files "$examples/upload/upload_service" "$run/files/zmq.sock"
-start watch "$apps/tarn_watch" "$relay_out" /settings
-watch=$started
+"$programs/tarn" watch -e "$relay_out" /settings >"$device/watch.out" 2>"$device/watch.log" &
+watch=$!
+processes="$processes $watch"
+printf '  %-10s %s\n' watch "watching $relay_out"
 # A subscriber receives nothing until its subscription has reached the relay, so this writes a setting until the change
 # arrives.
 until grep -q interval "$device/watch.out"; do
-    check "$apps/tarn_request" "$router" put /settings/interval 60
+    check "$programs/tarn" put -e "$router" /settings/interval 60
 done
 
 check "$examples/device/device_client" "$router" "$relay_out" walk
@@ -83,11 +85,11 @@ check "$examples/device/device_client" "$router" "$relay_out" back
 
 echo
 echo "The subscriber has printed meanwhile"
-until grep -q "delete /settings/location" "$device/watch.out"; do
+until grep -q "del  /settings/location" "$device/watch.out"; do
     kill -0 "$watch"
 done
 sed 's/^/      /' "$device/watch.out"
-check grep -q "put /settings/location greenhouse" "$device/watch.out"
+check grep -q "put  /settings/location .*greenhouse" "$device/watch.out"
 
 echo
 echo "Every answer was right."
@@ -97,14 +99,14 @@ cat <<EOF
 
 The device stays up until you press Ctrl-C. Try it in another terminal:
 
-  export PATH="$(cd "$apps" && pwd):\$PATH" ROUTER=$router
-  tarn_request \$ROUTER get '/status/index?format=text'
-  tarn_request \$ROUTER get /status/load/5
-  tarn_request -H accept:application/json \$ROUTER get /status/memory
-  tarn_request \$ROUTER put /settings/location attic
-  tarn_request \$ROUTER put /files/drop/it - <README.md
-  tarn_request \$ROUTER get '/relay/stats?format=text'
-  tarn_request \$ROUTER get /services
-  tarn_watch $relay_out          (prints every change of a setting)
+  export PATH="$(cd "$programs" && pwd):\$PATH" ROUTER=$router
+  tarn get -e \$ROUTER /status/index
+  tarn get -e \$ROUTER /status/load/5
+  tarn get -e \$ROUTER -H 'Accept: application/json' /status/memory
+  tarn put -e \$ROUTER /settings/location attic
+  tarn put -e \$ROUTER /files/drop/it @README.md
+  tarn get -e \$ROUTER '/relay/stats?format=text'
+  tarn services --run-dir $run
+  tarn watch -e $relay_out          (prints every change of a setting)
 EOF
 wait "$watch" || true

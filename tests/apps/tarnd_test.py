@@ -18,7 +18,7 @@ import time
 import unittest
 
 TARND = os.environ["TARND"]
-REQUEST = os.environ["TARN_REQUEST"]
+COMMAND = os.environ["TARN"]
 STATUS_SERVICE = os.environ["STATUS_SERVICE"]
 PUBLISHER = os.environ["CHANGES_PUBLISHER"]
 SUBSCRIBER = os.environ["CHANGES_SUBSCRIBER"]
@@ -91,7 +91,7 @@ class TarndTest(unittest.TestCase):
 
     def ask(self, path, endpoint=None, options=()):
         """What a request gives: the body of a good reply, or else the status and its text."""
-        result = subprocess.run([REQUEST, *options, endpoint or self.router, "get", path], capture_output=True,
+        result = subprocess.run([COMMAND, "get", *options, "-e", endpoint or self.router, path], capture_output=True,
                                 timeout=PATIENCE, check=False)
         return result.stdout.decode() if result.returncode == 0 else result.stderr.decode().splitlines()[-1]
 
@@ -112,7 +112,7 @@ class TarndTest(unittest.TestCase):
         return listener
 
     def ask_in_background(self, path, seconds=60):
-        return self.spawn(REQUEST, "-t", str(seconds), self.router, "get", path)
+        return self.spawn(COMMAND, "get", "-t", f"{seconds}s", "-e", self.router, path)
 
 
 class Serving(TarndTest):
@@ -352,8 +352,7 @@ class Ending(TarndTest):
                                    f"ipc://{self.run_dir}/relay/in.sock", "60")
             self.read_line(publisher)
             self.spawn(SUBSCRIBER, f"ipc://{self.run_dir}/relay/out.sock", "100000")
-            self.spawn("sh", "-c", 'while :; do "$0" -t 1 "$1" get /machine/uptime >/dev/null 2>&1; done', REQUEST,
-                       self.router, start_new_session=True)
+            self.spawn(COMMAND, "bench", "-e", self.router, "-c", "2", "-n", "100000000", "/machine/uptime")
         self.assertIn("total_packets", self.ask("/relay/stats?format=text"))
         self.end(daemon)
 
@@ -498,7 +497,7 @@ class TheListOfServices(TarndTest):
                            ("/", "the path names no service; " + services),
                            ("/services/x", "the router has no such path; " + services),
                            ("/router/x", "the router has no such path; " + services)):
-            self.assertEqual(self.ask(path), "tarn_request: 404 NotFound: " + text)
+            self.assertEqual(self.ask(path), f"tarn get: {path}: 404 NotFound, {text}")
         for number in range(30):
             os.mkdir(f"{self.run_dir}/s{number:02}")
         self.assertRegex(self.ask("/weather"), "the services are clock, router, s00, .*, s17 and 12 more; ")

@@ -275,7 +275,7 @@ class Soak:
     # Afterwards
 
     def request(self, endpoint, verb, path, *body):
-        result = subprocess.run([self.build / "apps/tarn_request", "-t", "4", endpoint, verb, path, *body],
+        result = subprocess.run([self.build / "bin/tarn", verb, "-t", "4s", "-e", endpoint, path, *body],
                                 capture_output=True, text=True, timeout=60)
         return result.stdout if result.returncode == 0 else None
 

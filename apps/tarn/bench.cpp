@@ -1,0 +1,242 @@
+// SPDX-License-Identifier: Apache-2.0
+// How many requests a path takes in a second, and how long they take.
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <tarn/client.h>
+#include <tarn/zmq_subsystem.h>
+#include <unistd.h>
+
+#include "command.h"
+#include "fabric_choice.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "options.h"
+#include "output/body.h"
+#include "output/json.h"
+#include "output/terminal.h"
+
+namespace tarn_command {
+namespace {
+constexpr unsigned int max_clients = 1000;
+
+struct BenchOptions {
+    std::shared_ptr<Place> place;
+    std::shared_ptr<std::string> timeout;
+    std::string path;
+    unsigned int clients = 1;
+    unsigned long count = 1000;
+    bool as_json = false;
+};
+
+class Bench {
+public:
+    Bench(const BenchOptions& options, std::string path, const slate::Duration& timeout, Target target)
+        : options_(options),
+          path_(std::move(path)),
+          timeout_(timeout),
+          target_(std::move(target))
+    {
+    }
+
+    int run()
+    {
+        Interrupt interrupt; // before any thread
+        {
+            tarn::ZmqSubsystem subsystem;
+            std::vector<std::shared_ptr<tarn::Client>> clients;
+            for (unsigned int i = 0; i < options_.clients; ++i)
+                clients.push_back(tarn::make_client(target_.endpoint, 0));
+            // Connections are made by the first request of each, which isn't counted.
+            const auto first = clients.front()->get(path_, nullptr, timeout_);
+            if (const int status = exit_status_of(*first, target_.endpoint); status != ExitGood)
+                throw Failure(status, explain(*first, target_, path_));
+            running_ = options_.clients;
+            const slate::StopWatch watch(true);
+            std::vector<std::jthread> threads;
+            for (const auto& client : clients)
+                threads.emplace_back([this, client, &interrupt] {
+                    ask(*client);
+                    if (--running_ == 0)
+                        interrupt.notify();
+                });
+            (void)interrupt.wait();
+            is_over_ = true;
+            threads.clear();
+            seconds_ = static_cast<double>(watch.elapsed()) / 1e6;
+        }
+        std::sort(times_.begin(), times_.end());
+        options_.as_json ? show_json() : show_text();
+        if (failed_ > 0)
+            throw Failure(failure_status_,
+                          std::to_string(failed_) + " requests failed, the first one: " + failure_);
+        return ExitGood;
+    }
+
+private:
+    void ask(const tarn::Client& client)
+    {
+        std::vector<double> times;
+        while (!is_over_ && begun_++ < options_.count) {
+            const slate::StopWatch watch(true);
+            const auto reply = client.get(path_, nullptr, timeout_);
+            const auto microseconds = static_cast<double>(watch.elapsed());
+            if (reply->message && !reply->is_local() && static_cast<int>(reply->status()) < 400)
+                times.push_back(microseconds);
+            else
+                note_failure(*reply);
+        }
+        const std::lock_guard lock(mutex_);
+        times_.insert(times_.end(), times.begin(), times.end());
+    }
+
+    void note_failure(const tarn::Reply& reply)
+    {
+        const std::lock_guard lock(mutex_);
+        if (failed_++ > 0)
+            return;
+        failure_status_ = std::max<int>(ExitOther, exit_status_of(reply, target_.endpoint));
+        failure_ = explain(reply, target_, path_);
+    }
+
+    /// The time below which that share of the requests lies, in microseconds.
+    double quantile(double share) const
+    {
+        if (times_.empty())
+            return 0;
+        const auto at = static_cast<std::size_t>(share * static_cast<double>(times_.size()));
+        return times_[std::min(at, times_.size() - 1)];
+    }
+
+    double rate() const { return static_cast<double>(times_.size()) / std::max(seconds_, 1e-6); }
+
+    /// How many requests took from 2^i to 2^(i+1) microseconds.
+    std::map<unsigned int, std::size_t> histogram() const
+    {
+        std::map<unsigned int, std::size_t> counts;
+        for (const double time : times_)
+            ++counts[static_cast<unsigned int>(
+                std::bit_width(std::max<unsigned long>(1, static_cast<unsigned long>(time))) - 1)];
+        return counts;
+    }
+
+    void show_json() const
+    {
+        nlohmann::ordered_json object = {{"path", path_},
+                                         {"clients", options_.clients},
+                                         {"requests", times_.size()},
+                                         {"failed", failed_},
+                                         {"seconds", seconds_},
+                                         {"per_second", rate()},
+                                         {"median_us", quantile(0.5)},
+                                         {"p90_us", quantile(0.9)},
+                                         {"p99_us", quantile(0.99)},
+                                         {"max_us", quantile(1)},
+                                         {"histogram", nlohmann::ordered_json::array()}};
+        for (const auto& [power, count] : histogram())
+            object["histogram"].push_back({{"from_us", 1UL << power}, {"count", count}});
+        write_out(to_line(object) + "\n");
+    }
+
+    static std::string time_text(double microseconds)
+    {
+        char text[32];
+        if (microseconds < 1000)
+            (void)std::snprintf(text, sizeof text, "%.0f us", microseconds);
+        else if (microseconds < 1e6)
+            (void)std::snprintf(text, sizeof text, "%.1f ms", microseconds / 1000);
+        else
+            (void)std::snprintf(text, sizeof text, "%.1f s", microseconds / 1e6);
+        return text;
+    }
+
+    void show_text() const
+    {
+        char line[160];
+        (void)std::snprintf(line, sizeof line, "%zu requests by %u %s in %.2f s: %.0f per second, %zu failed",
+                            times_.size(), options_.clients, options_.clients == 1 ? "client" : "clients",
+                            seconds_, rate(), failed_);
+        write_out(paint(line, Colour::Bold) + "\n");
+        if (times_.empty())
+            return;
+        write_out("median " + time_text(quantile(0.5)) + ", 90 % " + time_text(quantile(0.9)) + ", 99 % " +
+                  time_text(quantile(0.99)) + ", longest " + time_text(quantile(1)) + "\n");
+        const auto counts = histogram();
+        std::size_t most = 1;
+        for (const auto& [power, count] : counts)
+            most = std::max(most, count);
+        const std::size_t width = std::clamp<std::size_t>(terminal_width(STDOUT_FILENO), 40, 100) - 30;
+        for (auto power = counts.begin()->first; power <= counts.rbegin()->first; ++power) {
+            const auto found = counts.find(power);
+            const std::size_t count = found == counts.end() ? 0 : found->second;
+            (void)std::snprintf(line, sizeof line, "%10s %9zu  ",
+                                ("< " + time_text(static_cast<double>(2UL << power))).c_str(), count);
+            // What there is shows, however little it is.
+            const std::size_t bar = (count * width + most - 1) / most;
+            write_out(line + paint(std::string(bar, '#'), Colour::Cyan) + "\n");
+        }
+    }
+
+    const BenchOptions& options_;
+    const std::string path_;
+    const slate::Duration timeout_;
+    const Target target_;
+    std::atomic<unsigned long> begun_{0};
+    std::atomic<unsigned int> running_{0};
+    std::atomic<bool> is_over_{false};
+    std::mutex mutex_; // guards what follows, while there are threads
+    std::vector<double> times_;
+    std::size_t failed_ = 0;
+    std::string failure_;
+    int failure_status_ = ExitOther;
+    double seconds_ = 0;
+};
+
+int bench(const BenchOptions& options)
+{
+    const std::string path = parse_path(options.path);
+    const auto timeout = parse_duration(*options.timeout, "-t");
+    if (options.clients == 0 || options.clients > max_clients)
+        throw Failure(ExitUsage, "-c takes a number of clients from 1 to " + std::to_string(max_clients) +
+                                     ", and not " + std::to_string(options.clients));
+    if (options.count == 0)
+        throw Failure(ExitUsage, "-n takes a number of requests from 1, and not 0");
+    const auto target = choose_target(*options.place, &tarn::Fabric::router, "router");
+    require_served(target.endpoint, "the endpoint");
+    return Bench(options, path, timeout, target).run();
+}
+} // namespace
+
+Command bench_command()
+{
+    return {"bench",
+            "measure requests to a path: rate and histogram",
+            "Sends GET requests from several clients at once, each of which waits for its answer before it "
+            "sends the next, and prints their rate and how long they took. Ctrl-C ends it early.",
+            {{"tarn bench /clock/time", "1000 requests by one client"},
+             {"tarn bench -c 8 -n 100000 /clock/time", "under load"},
+             {"tarn bench -e /run/tide/clock/zmq.sock /time", "without the router"}},
+            [](CLI::App& app) {
+                auto options = std::make_shared<BenchOptions>();
+                app.add_option("PATH", options->path, "such as /clock/time")->required();
+                app.add_option("-c,--clients", options->clients, "how many clients at once (1)")
+                    ->type_name("N")
+                    ->check(whole_number());
+                app.add_option("-n,--count", options->count, "how many requests in all (1000)")
+                    ->type_name("N")
+                    ->check(whole_number());
+                options->place = add_place(app, request_endpoint);
+                options->timeout = add_timeout(app);
+                app.add_flag("--json", options->as_json, "as one JSON object");
+                return [=] { return bench(*options); };
+            }};
+}
+} // namespace tarn_command

@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "fabric_choice.h"
+
+#include <functional>
+
+#include <CLI/CLI.hpp>
+#include <slate/duration.h>
+#include <slate/strings.h>
+#include <slate/uri.h>
+#include <sys/un.h>
+#include <tarn/exception.h>
+#include <tarn/probe.h>
+
+#include "command.h"
+#include "options.h"
+#include "output/terminal.h"
+
+namespace tarn_command {
+namespace {
+constexpr std::size_t max_socket_path = sizeof(sockaddr_un::sun_path) - 1;
+
+/// An empty text is more likely a script's unset variable than a wish for the default.
+std::function<std::string(const std::string&)> not_empty(const std::string& example)
+{
+    return [=](const std::string& text) {
+        return text.empty() ? "it is empty; name one such as " + example : std::string();
+    };
+}
+
+std::string shown(const tarn::Endpoint& endpoint)
+{
+    return escape(endpoint->to_string());
+}
+} // namespace
+
+std::shared_ptr<Place> add_place(CLI::App& app, const char* meaning)
+{
+    auto place = std::make_shared<Place>();
+    if (meaning)
+        app.add_option("-e,--endpoint", place->endpoint, meaning)
+            ->check(not_empty("ipc:///run/x.sock"))
+            ->type_name("ENDPOINT");
+    auto* directory = app.add_option("--run-dir", place->run_time_directory,
+                                     "the fabric in this directory, instead of the device's or your own")
+                          ->check(not_empty("/run/tide"))
+                          ->type_name("DIR");
+    if (meaning)
+        directory->excludes("--endpoint");
+    return place;
+}
+
+tarn::Endpoint parse_endpoint(const std::string& text)
+{
+    if (text.empty())
+        throw Failure(ExitUsage, "the endpoint is empty; name one such as ipc:///run/x.sock or "
+                                 "tcp://127.0.0.1:5555, or the path of a socket");
+    const bool is_uri = slate::contains(text, "://");
+    const auto endpoint = slate::make_uri(is_uri ? text : "ipc://" + text);
+    if (!endpoint || (endpoint->scheme() != "ipc" && endpoint->scheme() != "tcp"))
+        throw Failure(ExitUsage, "'" + escape(text) +
+                                     "' is not an endpoint; write ipc:///run/x.sock, "
+                                     "tcp://127.0.0.1:5555, or the path of a socket");
+    if (endpoint->scheme() == "ipc" && endpoint->address().size() > max_socket_path)
+        throw Failure(ExitUsage, "'" + escape(text) + "' is too long for a socket, whose path has " +
+                                     std::to_string(max_socket_path) + " bytes at most; use a shorter one");
+    if (endpoint->scheme() == "tcp") {
+        const std::string address = endpoint->address();
+        const auto colon = address.rfind(':');
+        unsigned short port = 0;
+        if (colon == std::string::npos || !slate::try_parse(address.substr(colon + 1), &port) || port == 0)
+            throw Failure(ExitUsage, "'" + escape(text) +
+                                         "' has no port from 1 to 65535; write it behind a "
+                                         "colon, as in tcp://127.0.0.1:5555");
+    }
+    return endpoint;
+}
+
+tarn::Fabric fabric_in(const std::string& directory)
+{
+    try {
+        return tarn::make_fabric(directory);
+    }
+    catch (const std::exception&) {
+        throw Failure(ExitUsage, "no fabric can be in '" + escape(directory) + "': a socket's path has " +
+                                     std::to_string(max_socket_path) +
+                                     " bytes at most; use a shorter directory");
+    }
+}
+
+std::string advice(const std::string& error)
+{
+    if (error == "no such file")
+        return "start the service, or `tarn demo` to try things out";
+    if (error == "nobody listens")
+        return "start its process (again)";
+    if (error == "permission denied")
+        return "look at the modes and groups with `tarn doctor`";
+    return "check the endpoint";
+}
+
+void require_served(const tarn::Endpoint& endpoint, const std::string& name)
+{
+    const auto found = tarn::probe(endpoint);
+    if (!found.served)
+        throw Failure(ExitUnreachable, name + " can't be reached at " + shown(endpoint) + ": " + found.error +
+                                           "; " + advice(found.error));
+}
+
+Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name)
+{
+    if (!place.endpoint.empty())
+        return {parse_endpoint(place.endpoint), std::nullopt};
+    if (!place.run_time_directory.empty()) {
+        const auto fabric = fabric_in(place.run_time_directory);
+        return {fabric.*role, fabric};
+    }
+    std::string looked;
+    bool may_not = false;
+    for (const auto& directory :
+         {std::filesystem::path(tarn::default_run_time_directory), tarn::personal_run_time_directory()}) {
+        const auto fabric = fabric_in(directory.string());
+        const auto found = tarn::probe(fabric.*role);
+        if (found.served) {
+            say_verbosely("using " + shown(fabric.*role));
+            return {fabric.*role, fabric};
+        }
+        may_not = may_not || found.error == "permission denied";
+        looked += (looked.empty() ? "" : ", nor at ") + shown(fabric.*role) + ": " + found.error;
+        say_verbosely("not at " + shown(fabric.*role) + ": " + found.error);
+    }
+    throw Failure(ExitUnreachable,
+                  "no " + name + " can be reached at " + looked + "; " +
+                      (may_not ? "look at the modes and groups with `tarn doctor`"
+                               : "start `tarnd` or `tarn demo`, or name one with -e or --run-dir"));
+}
+
+tarn::Fabric choose_fabric(const Place& place)
+{
+    if (!place.run_time_directory.empty())
+        return fabric_in(place.run_time_directory);
+    return *choose_target(place, &tarn::Fabric::router, "router").fabric;
+}
+} // namespace tarn_command

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <tarn/fabric/fabric.h>
+#include <tarn/types.h>
+
+namespace CLI {
+class App;
+}
+
+namespace tarn_command {
+/// What a person says about where to go: an endpoint or a run-time directory, or nothing.
+struct Place {
+    std::string endpoint;
+    std::string run_time_directory;
+};
+
+/// Declares "-e" and "--run-dir". `meaning` says what the endpoint is; null: there is no "-e".
+std::shared_ptr<Place> add_place(CLI::App& app, const char* meaning);
+inline constexpr const char* request_endpoint = "where to send it: a URI or a socket's path";
+
+/// An endpoint, and the fabric that it belongs to unless it was named by "-e".
+struct Target {
+    tarn::Endpoint endpoint;
+    std::optional<tarn::Fabric> fabric;
+};
+
+/// The endpoint of a URI or of a socket's path. Throws Failure.
+tarn::Endpoint parse_endpoint(const std::string& text);
+
+/// The fabric in a directory. Throws Failure for one that no endpoint can name.
+tarn::Fabric fabric_in(const std::string& directory);
+
+/// Where a command goes: what was named, or else the device's fabric or the person's own one, the first at
+/// which somebody listens. `role` is the endpoint of a fabric that the command needs, and `name` its name in
+/// sentences. Throws Failure with ExitUnreachable if nobody listens anywhere.
+Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name);
+
+/// The fabric itself, by the same choice.
+tarn::Fabric choose_fabric(const Place& place);
+
+/// Throws Failure with ExitUnreachable if nobody listens at the endpoint, or this user may not connect.
+/// Connects, but sends nothing.
+void require_served(const tarn::Endpoint& endpoint, const std::string& name);
+
+/// What keeps us from an endpoint and what to do about it, by the error of a probe.
+std::string advice(const std::string& error);
+} // namespace tarn_command

@@ -1,0 +1,141 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""What looks at a fabric: services, index, who, call, ping, bench, doctor, version; completion, help and manual."""
+
+from support import *
+
+
+class Looks(CommandTest):
+    services = {"status": "status_service", "calls": "odd_server"}
+
+    def test_services_lists_who_answers_and_why_others_do_not(self):
+        (self.run_dir / "gone").mkdir(exist_ok=True)
+        found = {each["name"]: each for each in json.loads(self.here("services", "--json").out)}
+        self.assertEqual(set(found), {"calls", "gone", "relay", "router", "status"})
+        self.assertEqual(found["status"]["pid"], self.fabric.processes["status"].pid)
+        self.assertIn({"pattern": "/status/uptime", "methods": ["HEAD", "GET"], "access": "public"},
+                      found["status"]["routes"])
+        self.assertEqual((found["gone"]["answers"], found["gone"]["problem"]), (False, "no socket"))
+        self.assertRegex(self.here("services").out, r"(?m)^status +[0-9.]+ ms +\d+ +5 +answers$")
+
+    def test_index_lists_routes_of_one_service_or_all(self):
+        one = self.here("index", "status").out
+        self.assertRegex(one, r"(?m)^HEAD,GET,PUT,DEL +public +/status/settings/location$")
+        self.assertIn("/relay/stats\n", self.here("index").out)
+        self.assertIn(" /uptime\n", self.tarn("index", "-e", "{run}/status/zmq.sock").out)
+
+    def test_who_follows_a_path_to_its_end(self):
+        good = self.here("who", "/status/load/5")
+        self.assert_good(good)
+        for line in (f"socket    ipc://{self.run_dir}/status/zmq.sock", "asked as  /load/5",
+                     'route     "/load/:minutes"  HEAD,GET  public'):
+            self.assertIn(line + "\n", good.out)
+        self.assertIn(str(self.fabric.processes["status"].pid), good.out)
+        self.assertIn("`tarn head /status/load` tells", self.here("who", "/status/load").out)
+        mistyped = self.here("who", "--json", "/statsu/load")
+        self.assertEqual(mistyped.status, 4)
+        self.assertIn("the nearest is 'status'", json.loads(mistyped.out)["ends"])
+        self.assertIn("no route takes '/uptim'; the nearest is '/uptime'", self.here("who", "/status/uptim").out)
+        (self.run_dir / "gone").mkdir(exist_ok=True)
+        gone = self.here("who", "/gone/x")
+        self.assertEqual(gone.status, 6)
+        self.assertIn("before the service with 408: no socket", gone.out)
+
+    def test_call_prints_what_a_function_returns(self):
+        self.assertEqual(self.tarn("call", "{run}/calls/zmq.sock", "200").out,
+                         'google.protobuf.StringValue { value: "answer" }\nunknown.Kind (3 bytes)\n')
+        values = json.loads(self.tarn("call", "--json", "{run}/calls/zmq.sock", "200").out)["values"]
+        self.assertEqual(values[1], {"type": "type.googleapis.com/unknown.Kind", "text": "unknown.Kind (3 bytes)",
+                                     "base64": "YWJj"})
+        self.assert_fails(self.tarn("call", "{run}/calls/zmq.sock", "999"), 4,
+                          "call 999: 404 NotFound, method not found")
+
+    def test_ping_counts_every_answer(self):
+        result = self.here("ping", "-n", "3", "--interval", "1ms", "/status/nothing")
+        self.assert_good(result)
+        self.assertEqual(result.out.count("404 NotFound from process"), 3)
+        self.assertIn("3 sent, 3 answered; least ", result.out)
+
+    def test_bench_counts_and_sorts_requests(self):
+        found = json.loads(self.here("bench", "-c", "3", "-n", "200", "--json", "/status/uptime").out)
+        self.assertEqual((found["requests"], found["failed"], found["clients"]), (200, 0, 3))
+        self.assertEqual(sum(each["count"] for each in found["histogram"]), 200)
+        self.assertLessEqual(found["median_us"], found["p99_us"])
+        self.assertRegex(self.here("bench", "-n", "50", "/status/uptime").out, r"(?m)^ +< .*#$")
+
+    @staticmethod
+    def blocks_interrupts(pid):
+        blocked = re.search(r"SigBlk:\s*(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text())
+        return int(blocked[1], 16) >> (signal.SIGINT - 1) & 1 == 1
+
+    def test_bench_ends_when_it_is_interrupted(self):
+        process = self.start("bench", "--run-dir", "{run}", "-n", "100000000", "/status/uptime")
+        self.assertTrue(wait_until(lambda: self.blocks_interrupts(process.pid)))  # so it is at work
+        process.send_signal(signal.SIGINT)
+        out, err = process.communicate(timeout=PATIENCE)
+        self.assertEqual((process.returncode, err), (0, ""))
+        self.assertIn("0 failed", out)
+
+    def test_doctor_has_a_remedy_for_each_problem(self):
+        stale = self.run_dir / "dead"
+        stale.mkdir()
+        self.addCleanup(stale.rmdir)
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(stale / "zmq.sock"))
+        self.addCleanup((stale / "zmq.sock").unlink)
+        self.run_dir.chmod(0o777)
+        self.addCleanup(self.run_dir.chmod, 0o755)
+        result = self.here("doctor")
+        self.assertEqual(result.status, 1)
+        self.assertIn("a socket that nobody listens at", result.out)
+        self.assertIn(f"`rm {stale}/zmq.sock`", result.out)
+        self.assertIn(f"`chmod o-w {self.run_dir}`", result.out)
+        trap = self.run_dir / "a;b'c"
+        trap.mkdir()
+        self.addCleanup(trap.rmdir)
+        remedies = {each["remedy"] for each in json.loads(self.here("doctor", "--json").out)}
+        self.assertIn(f"start the service, or remove the directory: `rmdir '{self.run_dir}/a;b'\\''c'`", remedies)
+        for finding in json.loads(self.here("doctor", "--json").out):
+            self.assertEqual(finding["problem"], finding["remedy"] != "", finding)
+
+    def test_completion_offers_what_there_is(self):
+        def complete(*words):
+            return self.tarn("--complete", *words).out.split()
+
+        self.assertEqual(complete("p"), ["ping", "post", "publish", "put"])
+        self.assertEqual(complete("get", "--time"), ["--timeout"])
+        self.assertEqual(complete("get", "--run-dir", "{run}", "/st"), ["/status/"])
+        self.assertEqual(complete("get", "--run-dir", "{run}", "/status/u"), ["/status/uptime"])
+        self.assertEqual(complete("get", "--run-dir", "{run}", "/status/l"), ["/status/load/"])
+        self.assertEqual(complete("index", "--run-dir", "{run}", "st"), ["status"])
+
+    def test_bash_completes_a_path(self):
+        script = self.tarn("completion", "bash").out + """
+            COMP_WORDS=("$TARN" get --run-dir "$RUN" /status/upt) COMP_CWORD=4
+            _tarn; printf '%s\\n' "${COMPREPLY[@]}"
+        """
+        done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=60,
+                              env={**self.environment, "TARN": PROGRAMS["tarn"], "RUN": str(self.run_dir)})
+        self.assertEqual((done.stdout, done.stderr), ("/status/uptime\n", ""))
+
+    def test_each_command_has_help_and_a_page_of_manual(self):
+        listed = re.findall(r"(?m)^  ([a-z]+)  ", self.tarn("--help").out.partition("Options:")[0])
+        self.assertGreaterEqual(len(listed), 16)
+        self.tarn("--write-manual", self.work)
+        for command in listed:
+            page = self.tarn(command, "--help")
+            self.assert_good(page)
+            self.assertIn(f"Usage: tarn {command}", page.out)
+            self.assertRegex(page.out, "Examples:\n  .*tarn ")
+            manual = (self.work / f"tarn-{command}.1").read_text()
+            for option in re.findall(r"--[a-z-]+", page.out.partition("Options:")[2].partition("Examples:")[0]):
+                self.assertIn(option.replace("-", r"\-"), manual)
+
+    def test_version_names_what_it_stands_on(self):
+        self.assertRegex(self.tarn("version").out, r"^tarn \d+\.\d+\.\d+, with ZeroMQ 4\.\S+ and protobuf ")
+        self.assertIn("tarn", json.loads(self.tarn("version", "--json").out))
+
+
+if __name__ == "__main__":
+    take_programs()
+    unittest.main()

@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Forty mistakes, and the sentence that each gets: what was wrong, and what to do next."""
+
+from support import *
+
+LONG = "x" * 120
+
+# Arguments ("{run}" is a run-time directory with the service "status"), exit status, and a pattern of the sentence.
+MISTAKES = [
+    # The command line
+    (["gte", "/x"], 2, r"no command 'gte'; did you mean 'get'\?"),
+    (["frobnicate"], 2, "no command 'frobnicate'; `tarn --help` lists them"),
+    (["get"], 2, "PATH is required; see `tarn get --help`"),
+    (["get", ""], 2, "the path is empty; write one such as /clock/time"),
+    (["get", "--run-dir", "{run}", "/a", "/b"], 2, "no place for '/b'; see `tarn get --help`"),
+    (["get", "-x", "/a"], 2, "no option '-x'; a body that begins with '-' goes behind '--'"),
+    (["get", "/a", "-t"], 2, "--timeout.*; see `tarn get --help`"),
+    (["get", "/a", "-t", "soon"], 2, "-t takes a time such as 500ms, 2s or 1min, and not 'soon'"),
+    (["get", "/a", "-t", "-1s"], 2, "-t takes a time .* and not '-1s'"),
+    (["get", "/a", "-r", "x"], 2, "--retries: it takes a whole number, and not 'x'; see"),
+    (["get", "/a", "-H", "accept"], 2, "'accept' is not a header; write it as 'Key: value'"),
+    (["get", "/a", "-H", ": x"], 2, "': x' is not a header"),
+    (["get", "/a", "-e", "x", "--run-dir", "y"], 2, "excludes"),
+    (["get", "/a@b", "-e", "{run}/status/zmq.sock"], 2, "'/a@b' is not a path: .*; write one such as"),
+    # Endpoints
+    (["get", "/a", "-e", ""], 2, "--endpoint: it is empty; name one such as ipc:///run/x.sock"),
+    (["get", "/a", "--run-dir", ""], 2, "--run-dir: it is empty; name one such as /run/tide"),
+    (["get", "/a", "-e", "http://x"], 2, "'http://x' is not an endpoint; write ipc:///run/x.sock"),
+    (["get", "/a", "-e", "tcp://127.0.0.1"], 2, "has no port from 1 to 65535; write it behind a colon"),
+    (["get", "/a", "-e", "tcp://127.0.0.1:99999"], 2, "has no port from 1 to 65535"),
+    (["get", "/a", "-e", "/" + LONG], 2, "is too long for a socket, .* 107 bytes at most; use a shorter one"),
+    (["get", "/a", "--run-dir", "/" + LONG], 2, "no fabric can be in .* 107 bytes at most; use a shorter directory"),
+    (["get", "/a", "-e", "tcp://127.0.0.1:1"], 6, "nobody listens; start its process"),
+    (["get", "/a", "-e", "{run}/nobody.sock"], 6, "no such file; start the service"),
+    (["get", "/a"], 6, "no router can be reached at .*, nor at .*; start `tarnd` or `tarn demo`"),
+    (["services"], 6, "there is no fabric: neither .*; start `tarnd` or `tarn demo`"),
+    (["services", "--run-dir", "{run}/nowhere"], 6, "cannot look into .*; look at it with `tarn doctor`"),
+    # Bodies and files
+    (["put", "--run-dir", "{run}", "/a", "@/nowhere"], 2, "cannot read the body from '/nowhere': No such file"),
+    (["put", "--run-dir", "{run}", "/a", "@/"], 2, "cannot read the body from '/': Is a directory"),
+    (["get", "--run-dir", "{run}", "-o", "/nowhere/x", "/status/uptime"], 1, "cannot write '/nowhere/x': No such file"),
+    (["get", "--run-dir", "{run}", "-o", "/", "/status/uptime"], 1, "cannot write '/': Is a directory"),
+    # What services say
+    (["get", "--run-dir", "{run}", "/nowhere/x"], 4,
+     '/nowhere/x: 404 NotFound, there is no service "nowhere"; the services are relay, router and status; get "/services"'),
+    (["get", "--run-dir", "{run}", "/status/nowhere"], 4, "404 NotFound; `tarn who /status/nowhere` shows where it ends"),
+    (["get", "--run-dir", "{run}", "/status/load/7"], 4, "404 NotFound, no load average over 7 minutes$"),
+    (["post", "--run-dir", "{run}", "/status/uptime", "1"], 4, "405 .*; `tarn who /status/uptime` shows which verbs"),
+    # Changes
+    (["publish", "get", "/a"], 2, "a change is a put or a del, and not 'get'"),
+    (["publish", "put", "-e", "{run}/relay/in.sock", "/a"], 2, "-e and --stats belong together"),
+    (["publish", "put", "-e", "{run}/relay/in.sock", "--stats", "{run}/status/zmq.sock", "/a"], 4, "/relay/stats: 404"),
+    (["watch", "--run-dir", "{run}", "--for", "ever"], 2, "--for takes a time such as 500ms, 2s or 1min"),
+    (["watch", "--run-dir", "{run}", "-n", "-1"], 2, "--count: it takes a whole number, and not '-1'; see"),
+    # The other commands
+    (["index", "--run-dir", "{run}", "sttus"], 6, r"no service 'sttus' in .*; did you mean 'status'\?"),
+    (["call", "{run}/status/zmq.sock", "many"], 2, "'many' is not the number of a call"),
+    (["bench", "--run-dir", "{run}", "-c", "0", "/status/uptime"], 2, "-c takes a number of clients from 1 to 1000"),
+    (["ping", "--run-dir", "{run}", "-n", "0", "/status/uptime"], 2, "-n takes a number of requests from 1"),
+    (["completion", "fish"], 2, "no completion for 'fish'; there is one for bash and one for zsh"),
+]
+
+
+class Mistakes(CommandTest):
+    def test_each_gets_its_sentence(self):
+        self.assertGreaterEqual(len(MISTAKES), 40)
+        has_device = pathlib.Path("/run/tide/router/zmq.sock").exists()
+        for arguments, status, sentence in MISTAKES:
+            if has_device and (sentence.startswith("no router") or sentence.startswith("there is no fabric")):
+                continue
+            with self.subTest(arguments=arguments):
+                self.assert_fails(self.tarn(*arguments), status, f"^tarn[a-z ]*: .*{sentence}")
+
+    def test_no_arguments_show_the_usage(self):
+        result = self.tarn()
+        self.assertEqual((result.status, result.out), (2, ""))
+        self.assertTrue(result.err.startswith("Usage: tarn COMMAND"))
+
+
+if __name__ == "__main__":
+    take_programs()
+    unittest.main()

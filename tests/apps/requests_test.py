@@ -1,0 +1,142 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""`tarn get`, `head`, `put`, `post` and `del`, against real services behind a real router."""
+
+from support import *
+
+
+class Requests(CommandTest):
+    services = {"status": "status_service", "files": "upload_service", "stream": "streaming_service",
+                "odd": "odd_server"}
+
+    def test_each_verb_in_any_case(self):
+        self.assert_good(self.here("get", "/status/settings/location"), "workshop")
+        self.assert_good(self.here("PUT", "/status/settings/location", "attic"), "")
+        self.assert_good(self.here("Get", "status/settings/location"), "attic")
+        self.assertIn("Content-Length: 5\n", self.here("head", "/status/settings/location").out)
+        self.assert_good(self.here("delete", "/status/settings/location"), "")
+        self.assert_good(self.here("get", "/status/settings/location"), "workshop")
+        self.assertRegex(self.here("post", "/files/drop/x", "abc").out, "^3 bytes, MD5 ")
+
+    def test_an_endpoint_is_a_uri_or_a_path(self):
+        socket_file = self.run_dir / "status/zmq.sock"
+        self.assert_good(self.tarn("get", "-e", f"ipc://{socket_file}", "/settings/location"), "workshop")
+        self.assert_good(self.tarn("get", "/settings/location", "--endpoint", socket_file), "workshop")
+
+    def test_a_persons_own_fabric_is_found(self):
+        if pathlib.Path("/run/tide/router/zmq.sock").exists():
+            self.skipTest("this machine has a fabric")
+        own = pathlib.Path(self.scratch.name) / "tarn"
+        own.symlink_to(self.run_dir)
+        self.addCleanup(own.unlink)
+        result = self.tarn("-v", "get", "/status/settings/location")
+        self.assertEqual(result.out, "workshop")
+        self.assertIn(f"using ipc://{own}/router/zmq.sock", result.err)
+
+    def test_headers_choose_the_format_and_are_shown(self):
+        result = self.here("get", "-H", "Accept: application/json", "/status/memory")
+        self.assertGreater(json.loads(result.out)["total"], 0)
+        head, _, body = self.here("get", "-i", "-H", "accept:application/json", "/status/memory").out.partition("\n\n")
+        self.assertTrue(head.startswith("200 Ok\n"), head)
+        self.assertIn("Content-Type: application/json", head)
+        self.assertEqual(json.loads(body).keys(), {"total", "available"})
+
+    def test_json_is_one_object(self):
+        found = json.loads(self.here("get", "--json", "-H", "Accept: application/json", "/status/memory").out)
+        self.assertEqual((found["status"], found["reason"], found["exit"], found["format"]),
+                         (200, "Ok", 0, "application/json"))
+        self.assertGreater(found["json"]["total"], 0)
+        self.assertEqual(found["pid"], self.fabric.processes["status"].pid)
+        bad = self.here("get", "--json", "/status/nothing")
+        self.assertEqual((bad.status, json.loads(bad.out)["status"]), (4, 404))
+
+    def test_large_bodies_stream_both_ways(self):
+        body = os.urandom(5 * 1024 * 1024 + 7)
+        source, target = self.work / "source", self.work / "target"
+        source.write_bytes(body)
+        sent = self.here("put", "/files/drop/x", f"@{source}")
+        self.assertRegex(sent.out, f"^{len(body)} bytes, MD5 ")
+        self.assertEqual(self.here("put", "/files/drop/x", "-", stdin=body).out, sent.out)
+        self.assert_good(self.here("put", "/stream/image", f"@{source}"))
+        self.assertEqual(self.here("get", "/stream/download", binary=True).out, body)
+        self.assert_good(self.here("get", "-o", target, "/stream/download"), "")
+        self.assertEqual(target.read_bytes(), body)
+        head, _, rest = self.here("get", "-i", "/stream/download", binary=True).out.partition(b"\n\n")
+        self.assertTrue(head.startswith(b"200 Ok\n"))
+        self.assertEqual(rest, body)
+        found = json.loads(self.here("get", "--json", "-o", target, "/stream/download").out)
+        self.assertEqual(found["bytes"], len(body))
+
+    def test_a_failed_download_leaves_the_file_alone(self):
+        target = self.work / "kept"
+        target.write_text("before")
+        self.assert_fails(self.here("get", "-o", target, "/status/nothing"), 4, "404")
+        self.assertEqual(target.read_text(), "before")
+        self.assertEqual([file.name for file in self.work.glob("kept*")], ["kept"])
+
+    def test_the_exit_status_tells_what_went_wrong(self):
+        self.assert_fails(self.here("get", "/status/nothing"), 4, "^tarn get: /status/nothing: 404 NotFound; ")
+        self.assert_fails(self.here("put", "/status/uptime", "0"), 4, r"405 MethodNotAllowed, route \[uptime\]")
+        self.assert_fails(self.tarn("get", "-e", "{run}/nobody.sock", "/x"), 6, "no such file; start the service")
+        stale = self.run_dir / "stale.sock"
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(stale))
+        self.assert_fails(self.tarn("get", "-e", stale, "/x"), 6, "nobody listens; start its process")
+        (self.run_dir / "empty").mkdir()
+        self.assert_fails(self.here("get", "-t", "600ms", "/empty/x"), 7, "/empty/x: 408 RequestTimeout")
+
+    def test_a_refusal_prints_nothing_but_its_sentence(self):
+        for verb in ("get", "put"):
+            self.assert_fails(self.here(verb, "/odd/refusal"), 4, r"409 Conflict, no\\x1b\[31m\\nfaked line; ")
+            found = json.loads(self.here(verb, "--json", "/odd/refusal").out)
+            self.assertEqual((found["exit"], found["message"], found["json"]),
+                             (4, "no\x1b[31m\nfaked line", {"field": "name"}))
+
+    def test_a_stopped_server_is_told_from_none(self):
+        process = self.fabric.start_service("hung", "status_service")
+        process.send_signal(signal.SIGSTOP)
+        try:
+            result = self.tarn("get", "-t", "200ms", "-e", "{run}/hung/zmq.sock", "/uptime")
+            self.assert_fails(result, 7, f"408, somebody listens at .* .process {process.pid}. but doesn't answer")
+            self.assertEqual(self.tarn("index", "-t", "200ms", "-e", "{run}/hung/zmq.sock").status, 7)
+            self.assert_fails(self.tarn("bench", "-t", "200ms", "-e", "{run}/hung/zmq.sock", "/x"), 7, "408")
+        finally:
+            process.send_signal(signal.SIGCONT)
+
+    def test_nobody_without_permission_is_let_in(self):
+        socket_file = self.run_dir / "status/zmq.sock"
+        mode = socket_file.stat().st_mode
+        socket_file.chmod(0)
+        self.addCleanup(socket_file.chmod, mode & 0o777)
+        if os.access(socket_file, os.W_OK):
+            self.skipTest("root may do everything")
+        self.assert_fails(self.tarn("get", "-e", socket_file, "/uptime"), 6, "permission denied; look at the modes")
+
+    def test_retries_wait_for_a_service_to_start(self):
+        late = self.start("get", "-r", "40", "-t", "500ms", "-e", "{run}/late/zmq.sock", "/settings/location")
+        self.fabric.start_service("late", "status_service")
+        self.assertEqual(late.communicate(timeout=PATIENCE), ("workshop", ""))
+
+    def test_a_full_output_ends_it(self):
+        with open("/dev/full", "w") as full:
+            done = subprocess.run([PROGRAMS["tarn"], "get", "--run-dir", str(self.run_dir), "/status/memory"],
+                                  stdout=full, stderr=subprocess.PIPE, text=True, env=self.environment, timeout=60)
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, "cannot write the output: No space left")
+
+    def test_a_closed_pipe_ends_it(self):
+        process = self.start("get", "--run-dir", "{run}", "/status/memory")
+        process.stdout.close()
+        self.assertIn(process.wait(PATIENCE), (-signal.SIGPIPE, 0))  # 0 if it was faster
+        process.stdout = open(os.devnull)
+
+    def test_the_librarys_log_shows_only_if_wanted(self):
+        quiet = self.tarn("get", "-r", "1", "-t", "10ms", "-e", "{run}/nobody.sock", "/x")
+        self.assertEqual(quiet.err.count("\n"), 1, quiet)
+        wordy = self.tarn("get", "-v", "-r", "1", "-t", "10ms", "-e", "{run}/nobody.sock", "/x")
+        self.assertGreater(wordy.err.count("\n"), 1, wordy)
+
+
+if __name__ == "__main__":
+    take_programs()
+    unittest.main()
