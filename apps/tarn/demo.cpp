@@ -30,7 +30,9 @@
 #include "output/body.h"
 #include "output/terminal.h"
 #include "personal_directory.h"
+#include "services_route.h"
 #include "start.h"
+#include "unknown_path.h"
 
 namespace tarn_command {
 namespace {
@@ -125,7 +127,12 @@ int demo(const Place& place)
         subsystem.add_server({fabric.relay_stats}, fabric.relay_out)->add(tarn::make_relay_stats_route());
         (void)subsystem.serve(tarn::service_endpoint(fabric, "clock"), clock.make_routes());
         (void)subsystem.serve(tarn::service_endpoint(fabric, "machine"), make_machine_routes());
-        (void)subsystem.add_router({fabric.router}, fabric.run_time_directory);
+        const auto router =
+            tarn::make_router(subsystem.settings(), {fabric.router}, nullptr, tarn::make_message_factory(),
+                              fabric.run_time_directory, {make_services_route(fabric, {fabric.router})},
+                              [&fabric](const std::string& path) {
+                                  return describe_unknown_path(fabric.run_time_directory, path);
+                              });
         const auto reply = tarn::make_client(fabric.router, 0)->get("/clock/time");
         if (!reply->good() || reply->head().from().pid() != getpid())
             throw Failure(ExitOther, "the demo can't answer at " + escape(fabric.router->to_string()) +

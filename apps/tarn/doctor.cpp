@@ -248,12 +248,13 @@ private:
             return;
         }
         if (has_index) {
-            const auto service = look_at(name, endpoint, timeout_);
+            const auto service = services::look_at(name, endpoint, timeout_);
             if (!service.problem.empty()) {
                 problem(title + process + ": " + escape(service.problem),
-                        found.pid ? "look what process " + std::to_string(*found.pid) +
-                                        " does; a handler may hang, or it may be stopped"
-                                  : "look what its process does");
+                        service.answers ? "look into the log of that service"
+                        : found.pid     ? "look what process " + std::to_string(*found.pid) +
+                                          " does; a handler may hang, or it may be stopped"
+                                    : "look what its process does");
                 return;
             }
         }

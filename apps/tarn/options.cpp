@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "options.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include <CLI/CLI.hpp>
@@ -9,30 +8,12 @@
 #include <slate/strings.h>
 
 #include "command.h"
+#include "nearest_name.h"
 #include "output/terminal.h"
 
 namespace tarn_command {
 namespace {
 bool verbose = false;
-
-/// How many letters to change, add, leave out or swap with their neighbour.
-std::size_t distance(std::string_view a, std::string_view b)
-{
-    std::vector<std::vector<std::size_t>> rows(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
-    for (std::size_t i = 0; i <= a.size(); ++i) {
-        for (std::size_t j = 0; j <= b.size(); ++j) {
-            if (i == 0 || j == 0) {
-                rows[i][j] = i + j;
-                continue;
-            }
-            const std::size_t replaced = rows[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
-            rows[i][j] = std::min({replaced, rows[i - 1][j] + 1, rows[i][j - 1] + 1});
-            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
-                rows[i][j] = std::min(rows[i][j], rows[i - 2][j - 2] + 1);
-        }
-    }
-    return rows.back().back();
-}
 
 std::string trim(std::string_view text)
 {
@@ -106,27 +87,9 @@ std::function<std::string(const std::string&)> whole_number()
     };
 }
 
-std::string nearest(const std::string& text, const std::vector<std::string>& known)
-{
-    static constexpr std::size_t max_length = 64; // the time grows with the square
-    std::string best;
-    if (text.size() > max_length)
-        return best;
-    std::size_t least = std::max<std::size_t>(1, text.size() / 3) + 1;
-    for (const std::string& candidate : known) {
-        if (candidate.size() > max_length)
-            continue;
-        if (const auto steps = distance(text, candidate); steps < least) {
-            least = steps;
-            best = candidate;
-        }
-    }
-    return best;
-}
-
 std::string suggestion(const std::string& text, const std::vector<std::string>& known)
 {
-    const std::string found = nearest(text, known);
+    const std::string found = find_nearest(text, known);
     return found.empty() ? "" : "; did you mean '" + escape(found) + "'?";
 }
 } // namespace tarn_command

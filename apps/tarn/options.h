@@ -33,8 +33,6 @@ std::shared_ptr<std::string> add_timeout(CLI::App& app, const char* dflt = "4s")
 /// A check of an option: digits only. CLI11 itself takes "-1" for a very large number.
 std::function<std::string(const std::string&)> whole_number();
 
-/// The known text with the smallest edit distance to a mistyped one, if that is small enough for a slip.
-std::string nearest(const std::string& text, const std::vector<std::string>& known);
 /// "; did you mean 'x'?", or nothing.
 std::string suggestion(const std::string& text, const std::vector<std::string>& known);
 } // namespace tarn_command

@@ -34,6 +34,13 @@ std::size_t count_patterns(const tarn::RoutingDetails& routes)
     return count;
 }
 
+std::string state_text(const Service& service)
+{
+    if (!service.answers)
+        return escape(service.problem);
+    return service.problem.empty() ? "answers" : "answers, " + escape(service.problem);
+}
+
 int show_services(const Place& place, const slate::Duration& timeout, bool as_json)
 {
     const auto fabric = find_fabric(place);
@@ -42,7 +49,7 @@ int show_services(const Place& place, const slate::Duration& timeout, bool as_js
     auto array = nlohmann::ordered_json::array();
     std::vector<std::vector<Cell>> rows;
     for (const Service& service : services) {
-        const bool answers = service.problem.empty();
+        const bool answers = service.answers;
         nlohmann::ordered_json object = {{"name", service.name},
                                          {"endpoint", service.endpoint ? service.endpoint->to_string() : ""},
                                          {"answers", answers}};
@@ -52,15 +59,14 @@ int show_services(const Place& place, const slate::Duration& timeout, bool as_js
             object["milliseconds"] = service.milliseconds;
             object["routes"] = routes_json(service.routes, "/" + service.name);
         }
-        else
+        if (!service.problem.empty())
             object["problem"] = service.problem;
         array.push_back(std::move(object));
-        rows.push_back(
-            {{escape(service.name), Colour::Cyan},
-             {answers ? milliseconds_text(service.milliseconds) : "-"},
-             {service.pid ? std::to_string(*service.pid) : "-"},
-             {answers ? std::to_string(count_patterns(service.routes)) : "-"},
-             {answers ? "answers" : escape(service.problem), answers ? Colour::Green : Colour::Red}});
+        rows.push_back({{escape(service.name), Colour::Cyan},
+                        {answers ? milliseconds_text(service.milliseconds) : "-"},
+                        {service.pid ? std::to_string(*service.pid) : "-"},
+                        {answers ? std::to_string(count_patterns(service.routes)) : "-"},
+                        {state_text(service), answers ? Colour::Green : Colour::Red}});
     }
     if (as_json) {
         write_out(to_line(array) + "\n");
@@ -87,7 +93,7 @@ Service look_at_one(const IndexOptions& options, const slate::Duration& timeout)
 {
     const std::string name = slate::trim_left(options.service, "/");
     if (!options.place->endpoint.empty()) {
-        auto service = look_at("", parse_endpoint(options.place->endpoint), timeout);
+        auto service = services::look_at("", parse_endpoint(options.place->endpoint), timeout);
         service.name = "";
         return service;
     }
@@ -99,7 +105,7 @@ Service look_at_one(const IndexOptions& options, const slate::Duration& timeout)
                                            escape(fabric.run_time_directory.string()) +
                                            (near.empty() ? "; `tarn services` lists them" : near));
     }
-    return look_at(name, tarn::service_endpoint(fabric, name), timeout);
+    return services::look_at(name, tarn::service_endpoint(fabric, name), timeout);
 }
 
 int show_index(const IndexOptions& options)
@@ -113,7 +119,7 @@ int show_index(const IndexOptions& options)
         services.push_back(look_at_one(options, timeout));
         const Service& service = services.back();
         if (!service.problem.empty()) {
-            const bool is_silent = slate::starts_with(service.problem, "connected");
+            const bool is_silent = service.pid.has_value();
             throw Failure(is_silent ? ExitTimeout : ExitUnreachable,
                           "no index from " +
                               escape(service.endpoint ? service.endpoint->to_string() : service.name) + ": " +

@@ -12,6 +12,7 @@
 
 #include "command.h"
 #include "fabric_map.h"
+#include "nearest_name.h"
 #include "options.h"
 #include "output/body.h"
 #include "output/json.h"
@@ -67,7 +68,7 @@ bool may_match(std::string pattern, const std::string& path)
 void note_route(Way& way, const tarn::RoutingDetail& route, const std::string& pattern)
 {
     way.pattern = pattern;
-    way.methods = methods_text(route);
+    way.methods = services::methods_text(route);
     way.access = slate::to_lower(tarn::Access_Name(route.access()));
 }
 
@@ -99,7 +100,7 @@ void find_route(Way& way, const Service& service)
             return;
         }
     }
-    const std::string near = nearest(way.inner_path, patterns);
+    const std::string near = find_nearest(way.inner_path, patterns);
     end_way(way, ExitClientError,
             "at the service with 404: no route takes '" + escape(way.inner_path) + "'" +
                 (near.empty() ? "; `tarn index " + escape(way.service) + "` lists them"
@@ -118,7 +119,7 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
     if (segments.empty() || segments.front() == "." || segments.front() == ".." ||
         !std::filesystem::exists(directory / segments.front(), ignored)) {
         const std::string name = segments.empty() ? "" : segments.front();
-        const std::string near = nearest(name, service_names(directory));
+        const std::string near = find_nearest(name, service_names(directory));
         end_way(
             way, ExitClientError,
             "at the router with 404, unless it is a route of its own: there is no service '" + escape(name) +
@@ -135,7 +136,7 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
     way.inner_path = "/" + slate::join(segments, "/");
     way.endpoint = tarn::service_endpoint(fabric, way.service);
 
-    const auto service = look_at(way.service, way.endpoint, timeout);
+    const auto service = services::look_at(way.service, way.endpoint, timeout);
     way.pid = service.pid;
     if (service.problem.empty())
         find_route(way, service);
@@ -144,8 +145,7 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
                 "at the service: " + service.problem + "; look at process " + std::to_string(*service.pid));
     else
         end_way(way, ExitUnreachable,
-                "before the service with 408: " + escape(service.problem) + "; " +
-                    advice(service.problem == "no socket" ? "no such file" : service.problem));
+                "before the service with 408: " + escape(service.problem) + "; " + advice(service.problem));
     return way;
 }
 

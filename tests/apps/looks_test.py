@@ -15,7 +15,7 @@ class Looks(CommandTest):
         self.assertEqual(found["status"]["pid"], self.fabric.processes["status"].pid)
         self.assertIn({"pattern": "/status/uptime", "methods": ["HEAD", "GET"], "access": "public"},
                       found["status"]["routes"])
-        self.assertEqual((found["gone"]["answers"], found["gone"]["problem"]), (False, "no socket"))
+        self.assertEqual((found["gone"]["answers"], found["gone"]["problem"]), (False, "no such file"))
         self.assertRegex(self.here("services").out, r"(?m)^status +[0-9.]+ ms +\d+ +5 +answers$")
 
     def test_index_lists_routes_of_one_service_or_all(self):
@@ -39,7 +39,7 @@ class Looks(CommandTest):
         (self.run_dir / "gone").mkdir(exist_ok=True)
         gone = self.here("who", "/gone/x")
         self.assertEqual(gone.status, 6)
-        self.assertIn("before the service with 408: no socket", gone.out)
+        self.assertIn("before the service with 408: no such file", gone.out)
 
     def test_call_prints_what_a_function_returns(self):
         self.assertEqual(self.tarn("call", "{run}/calls/zmq.sock", "200").out,

@@ -462,7 +462,7 @@ class TheListOfServices(TarndTest):
         by_name = {entry["name"]: entry for entry in listed}
         self.assertEqual({name: entry["why"] for name, entry in by_name.items() if not entry["answers"]},
                          {"dead": "nobody listens", "empty": "no such file", "forbidden": "permission denied",
-                          "mute": "no answer within 500 ms"})
+                          "mute": "no answer within 500ms"})
         clock = by_name["clock"]
         self.assertEqual(clock["socket"], f"{self.run_dir}/clock/zmq.sock")
         self.assertEqual(clock["pid"], service.pid)

@@ -45,7 +45,7 @@ void add_paths(std::set<std::string>& found, const Place& place, const std::stri
     try {
         const tarn::ZmqSubsystem subsystem;
         if (!place.endpoint.empty()) {
-            const auto server = look_at("", parse_endpoint(place.endpoint), patience);
+            const auto server = services::look_at("", parse_endpoint(place.endpoint), patience);
             for (const auto& route : server.routes.details())
                 for (const std::string& pattern : route.patterns())
                     found.insert(literal_part(pattern));
@@ -58,7 +58,7 @@ void add_paths(std::set<std::string>& found, const Place& place, const std::stri
                 found.insert(prefix + "/");
                 continue;
             }
-            const auto service = look_at(name, tarn::service_endpoint(fabric, name), patience);
+            const auto service = services::look_at(name, tarn::service_endpoint(fabric, name), patience);
             for (const auto& route : service.routes.details())
                 for (const std::string& pattern : route.patterns())
                     found.insert(prefix + literal_part(pattern));
