@@ -24,7 +24,7 @@ class Programs:
                 *(f"{key}={value}" for key, value in arguments.items())]
 
     def router(self):
-        return [str(self._build / "apps" / "tarnd"), "--no-relay", "--run-dir", "{dir}", "--endpoint", ROUTER]
+        return [str(self._build / "bin" / "tarnd"), "--no-relay", "--run-dir", "{dir}", "--endpoint", ROUTER]
 
 
 def one_client(programs, name, program, size, operation="get", endpoint=DIRECT, **client):

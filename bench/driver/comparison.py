@@ -3,6 +3,7 @@
 
 import dataclasses
 import itertools
+import os
 import pathlib
 import statistics
 import tempfile
@@ -22,7 +23,7 @@ class Contestant:
     def missing(self):
         """The programs that haven't been built."""
         paths = {pathlib.Path(command[0]) for command in self.servers + self.clients}
-        return {path.name for path in paths if not path.exists()}
+        return {path.name for path in paths if not (path.is_file() and os.access(path, os.X_OK))}
 
 
 @dataclasses.dataclass

@@ -12,8 +12,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -147,6 +150,48 @@ private:
     bool was_pending_ = false;
 };
 
+/// Has a function called at the end of the process if the object still exists then, as the sinks do that are
+/// in use: they are never destroyed.
+class AtExit {
+public:
+    explicit AtExit(std::function<void()> function)
+    {
+        static const int registered = std::atexit(&AtExit::call_all);
+        (void)registered; // out of memory: the process ends without it
+        const std::lock_guard lock(all().mutex);
+        place_ = all().functions.insert(all().functions.end(), std::move(function));
+    }
+    ~AtExit()
+    {
+        const std::lock_guard lock(all().mutex);
+        all().functions.erase(place_);
+    }
+    AtExit(const AtExit&) = delete;
+    AtExit& operator=(const AtExit&) = delete;
+
+private:
+    struct All {
+        std::mutex mutex; // held while the functions are called
+        std::list<std::function<void()>> functions;
+    };
+
+    /// Never destroyed, like the sinks.
+    static All& all()
+    {
+        static All* const instance = new All;
+        return *instance;
+    }
+
+    static void call_all()
+    {
+        const std::lock_guard lock(all().mutex);
+        for (const auto& function : all().functions)
+            function();
+    }
+
+    std::list<std::function<void()>>::iterator place_;
+};
+
 class StandardError {
 public:
     /// Writes as much as there is room for within that time, and returns how many bytes that is.
@@ -223,18 +268,11 @@ class StderrSink : public LogSink {
 public:
     StderrSink()
         : formatter_(stderr_pattern),
+          at_exit_([this] { finish(); }),
           is_coloured_(spdlog::details::os::in_terminal(stderr) && spdlog::details::os::is_color_terminal())
     {
     }
-    ~StderrSink() override
-    {
-        try {
-            limit_.finish([this](const LogRecord& line) { write_line(line); });
-        }
-        catch (...) {
-            // Out of memory; the counts are lost.
-        }
-    }
+    ~StderrSink() override { finish(); }
 
     void write(const LogRecord& record) override
     {
@@ -243,6 +281,18 @@ public:
     }
 
 private:
+    /// Writes the counts that are still to come.
+    void finish() noexcept
+    {
+        try {
+            const std::lock_guard lock(mutex_);
+            limit_.finish([this](const LogRecord& line) { write_line(line); });
+        }
+        catch (...) {
+            // Out of memory; the counts are lost.
+        }
+    }
+
     void write_line(const LogRecord& record)
     {
         std::string first = is_torn_ ? "\n" : "";
@@ -297,6 +347,7 @@ private:
     std::mutex mutex_; // guards the rest, and is held while a line is written, which never takes long
     LineLimit limit_;
     spdlog::pattern_formatter formatter_;
+    const AtExit at_exit_;
     std::uint64_t lost_ = 0; // lines since the last one that was written
     bool is_torn_ = false;   // whether the last line was written in part
     const bool is_coloured_;
@@ -323,6 +374,18 @@ int priority_of(TraceLevel level)
 /// the daemon while its queue is full.
 class SystemLog {
 public:
+    /// Writes the counts that are still to come.
+    void finish() noexcept
+    {
+        try {
+            const std::lock_guard lock(mutex_);
+            limit_.finish([this](const LogRecord& line) { write_line(line); });
+        }
+        catch (...) {
+            // Out of memory; the counts are lost.
+        }
+    }
+
     void set_ident(const std::string& ident)
     {
         const std::lock_guard lock(mutex_);
@@ -412,7 +475,13 @@ SystemLog& system_log()
 
 class SyslogSink : public LogSink {
 public:
+    SyslogSink() : at_exit_([] { system_log().finish(); }) {}
+    ~SyslogSink() override { system_log().finish(); }
+
     void write(const LogRecord& record) override { system_log().write(record); }
+
+private:
+    const AtExit at_exit_;
 };
 } // namespace
 

@@ -63,6 +63,18 @@ constexpr int max_temporary_names = 4;
     throw fs::filesystem_error(what, path, std::error_code(error, std::generic_category()));
 }
 
+/// From /proc: umask(2) tells it only by changing it, for all threads.
+std::optional<mode_t> current_umask()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        unsigned int mask = 0;
+        if (word == "Umask:" && status >> std::oct >> mask)
+            return static_cast<mode_t>(mask);
+    }
+    return std::nullopt;
+}
+
 Descriptor open_file(int folder, const std::string& name, int flags, mode_t mode = 0)
 {
     return Descriptor(
@@ -330,22 +342,23 @@ private:
     {
         if (!status_of(target_) && !mode_) {
             mode_ = usual_mode();
-            if (!mode_) // as on a filesystem without nameless files: so it has that mode from the beginning
+            if (!mode_) // nothing tells: so it has that mode from the beginning
                 return open_file(folder_.get(), temporary_, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW,
                                  new_file_mode);
         }
         return open_file(folder_.get(), temporary_, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, private_mode);
     }
 
-    /// The mode of new files in this folder, by the umask or by its access lists: nobody can read the umask
-    /// without changing it for all threads. Nothing if it can't be found out.
+    /// The mode of new files in this folder, by the umask or by its access lists. Nothing if it can't be
+    /// found out.
     std::optional<mode_t> usual_mode() const
     {
         const Descriptor nameless = open_file(folder_.get(), ".", O_TMPFILE | O_WRONLY, new_file_mode);
         struct stat status {};
-        if (!nameless.is_open() || fstat(nameless.get(), &status) != 0)
-            return std::nullopt;
-        return status.st_mode & permission_bits;
+        if (nameless.is_open() && fstat(nameless.get(), &status) == 0)
+            return status.st_mode & permission_bits;
+        const auto mask = current_umask(); // a filesystem without nameless files rarely has access lists
+        return mask ? std::optional<mode_t>(new_file_mode & ~*mask) : std::nullopt;
     }
 
     Descriptor open_leftover() const

@@ -33,6 +33,10 @@ struct Context {
     /// When the server took the request off its socket; not set where there is no request, as for a published
     /// change.
     std::optional<std::chrono::steady_clock::time_point> arrival;
+    /// Who has connected to the server, as the system tells libzmq: over ipc it ends in ":uid:gid:pid" of
+    /// that process, over tcp it is a numeric address; empty over inproc, and where there is no request.
+    /// Behind a router it is the router.
+    std::string peer_address;
 
     /// Until when the caller waits, as far as the server can know: the time that the request allows ("ttl"),
     /// counted from its arrival. Long work may stop then, since nobody hears its result. Nothing if the

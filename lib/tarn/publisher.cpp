@@ -75,7 +75,8 @@ public:
           client_(stats_endpoint ? make_client(stats_endpoint, retries, factory_) : nullptr),
           listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
-        tarn_internal::limit_subscriptions(socket_);
+        tarn_internal::limit_subscriptions(socket_, client_ ? tarn_internal::max_relayed_subscription_bytes
+                                                            : tarn_internal::max_subscription_bytes);
         // Its one peer is the relay, so the socket can say that the queue is full. With several, one that
         // doesn't read would stop the others.
         if (tarn_internal::set_high_water_mark(socket_, *runtime.settings) && client_)

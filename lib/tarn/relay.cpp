@@ -28,7 +28,7 @@ public:
           xpub_(*context_, zmq::socket_type::xpub),
           thread_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
-        limit_subscriptions(xpub_);
+        limit_subscriptions(xpub_, max_subscription_bytes);
         limit_frames(xsub_, *runtime.settings);
         set_high_water_mark(xsub_, *runtime.settings);
         set_high_water_mark(xpub_, *runtime.settings);

@@ -18,6 +18,7 @@
 #include "slate/queue.h"
 #include "slate/uri.h"
 #include "support/async_peer.h"
+#include "support/forwarding_factory.h"
 #include "support/gate.h"
 #include "support/runtime_test.h"
 #include "support/server_kinds.h"
@@ -1139,5 +1140,62 @@ TEST_F(AnAsyncClient, SurvivesManyThreadsThatCallCancelAndDestroy)
     for (auto& thread : threads)
         thread.join();
     EXPECT_GT(replies, 0);
+}
+
+/// Can't make a message of what arrives.
+class PoorFactory : public ForwardingFactory {
+public:
+    std::atomic<bool> is_poor{true};
+
+    MessagePtr make_message(const void* data, std::size_t size) const override
+    {
+        if (is_poor)
+            throw std::bad_alloc();
+        return ForwardingFactory::make_message(data, size);
+    }
+};
+
+TEST_F(AnAsyncClient, EndsACallWhoseReplyCannotBeTaken)
+{
+    AsyncPeer peer(uri);
+    const auto factory = std::make_shared<PoorFactory>();
+    const auto client = make({.factory = factory});
+    auto first = client->get("/first", {.timeout = long_time});
+    peer.answer(peer.next().value(), "x");
+    EXPECT_TRUE(is_local(first.get(), Status::RequestTimeout, LocalCause::SocketFailed));
+    EXPECT_EQ(client->in_flight(), 0u);
+    factory->is_poor = false;
+    auto second = client->get("/second", {.timeout = long_time});
+    peer.answer(peer.next().value(), "y");
+    EXPECT_EQ(second.get()->data(), "y");
+}
+
+// libzmq aborts the process if it drops a message of several frames that it has begun to write, and the peer
+// goes in that moment; so it gets the time to write it.
+TEST_F(AnAsyncClient, LetsWhatItHasSentLeaveAfterItsEnd)
+{
+    AsyncPeer peer(uri);
+    auto client = make_connected(peer);
+    constexpr std::size_t count = 10;
+    std::vector<Pending> calls;
+    for (std::size_t i = 0; i < count; ++i) // more than the socket of the system takes
+        calls.push_back(client->put("/x", std::string(200000, 'x'), {.timeout = long_time}));
+    ASSERT_TRUE(will_have_counted("tx", count + 1));
+    client.reset();
+    EXPECT_TRUE(is_local(calls.front().get(), Status::RequestTimeout, LocalCause::Ended));
+    EXPECT_EQ(peer.next_ones(count).size(), count);
+}
+
+TEST_F(AnAsyncClient, LosesTheConnectionToWhoSendsMoreThanTheSettingAllowsAndConnectsAgain)
+{
+    settings->set("max_frame_bytes", "100000");
+    AsyncPeer peer(uri);
+    const auto client = make_connected(peer);
+    auto large = client->get("/large", {.timeout = long_time});
+    peer.answer(peer.next().value(), std::string(110000, 'x'));
+    EXPECT_TRUE(is_local(large.get(), Status::RequestTimeout, LocalCause::ConnectionLost));
+    auto small = client->get("/small", {.timeout = long_time});
+    peer.answer(peer.next().value(), std::string(90000, 'x'));
+    EXPECT_EQ(small.get()->data().size(), 90000u);
 }
 } // namespace

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <future>
+#include <limits>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -778,6 +779,25 @@ TEST_F(AClient, WaitsForItsTurnNoLongerThanForAnAnswer)
         logs.count(slate::ErrorLevel, "request timeout; other requests are under way, nothing sent: get {"),
         1u);
     EXPECT_EQ(counted("tx"), 1u);
+    go.set_value();
+    EXPECT_TRUE(first.get()->good());
+}
+
+TEST_F(AClient, WaitsNotAtAllWithoutTimeHoweverManyWaitsThereAre)
+{
+    std::promise<void> go;
+    ScriptedPeer peer(uri, [gate = go.get_future().share()](const std::string&) {
+        gate.wait();
+        return std::vector{reply_frame(Status::Ok)};
+    });
+    const auto client = make_client(uri, std::numeric_limits<unsigned int>::max());
+    auto first =
+        std::async(std::launch::async, [&] { return client->get("/first", nullptr, slate::Minutes(5)); });
+    ASSERT_TRUE(wait_until([&] { return counted("tx") == 1u; }));
+
+    const slate::StopWatch watch(true);
+    EXPECT_EQ(client->get("/second", nullptr, slate::Seconds(0))->local_cause(), LocalCause::TooMany);
+    EXPECT_LT(watch.elapsed(), 2000000); // four thousand million turns take longer
     go.set_value();
     EXPECT_TRUE(first.get()->good());
 }

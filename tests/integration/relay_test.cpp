@@ -24,6 +24,7 @@ protected:
 
     std::shared_ptr<const slate::Uri> sub_uri = scratch_endpoint();
     std::shared_ptr<const slate::Uri> pub_uri = scratch_endpoint();
+    std::shared_ptr<const slate::Uri> uri_of_statistics = scratch_endpoint();
     zmq::context_t context;
 };
 
@@ -117,6 +118,34 @@ TEST_F(ARelay, SurvivesSubscriptionsWithoutMeasureAndTakesLongOnes)
     other.set(zmq::sockopt::subscribe, "/" + std::string(5000, 'z'));
     other.set(zmq::sockopt::subscribe, "/later");
     EXPECT_FALSE(is_readable(publisher, std::chrono::milliseconds(200)));
+}
+
+// The relay tells each publisher that connects what is subscribed, in a form that is longer than what it
+// took.
+TEST_F(ARelay, ServesPublishersThatConnectAfterTheLongestSubscriptions)
+{
+    const auto relay = make_relay(sub_uri, pub_uri);
+    const auto statistics = make_server(1, settings, {uri_of_statistics}, pub_uri, make_message_factory(),
+                                        {make_relay_stats_route()});
+    zmq::socket_t xsub(context, zmq::socket_type::xsub);
+    xsub.set(zmq::sockopt::linger, 0);
+    xsub.connect(pub_uri->to_string());
+    const std::string longest = "/" + std::string(4094, 'x');
+    send_frames(xsub, {"\x01" + longest}); // with the first byte 4,096, which the relay takes
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.connect(pub_uri->to_string());
+    subscriber.set(zmq::sockopt::subscribe, "/x");
+    zmq::socket_t observer(context, zmq::socket_type::xpub);
+    observer.set(zmq::sockopt::linger, 0);
+    observer.connect(sub_uri->to_string());
+    await_subscription(observer, longest);
+
+    const auto publisher = make_publisher(sub_uri, slate::Seconds(20), 0, uri_of_statistics);
+    ASSERT_TRUE(wait_until([&] {
+        (void)publisher->put("/x", "1");
+        return is_readable(subscriber, std::chrono::milliseconds(20));
+    }));
+    EXPECT_EQ(receive_frames(subscriber).at(0), "/x");
 }
 
 TEST_F(ARelay, LeavesTheSocketFilesOfItsSuccessorAlone)

@@ -840,6 +840,40 @@ TEST_F(ARouter, ReportsAServiceWhoseReplyDoesNotParse)
     }
 }
 
+TEST_F(ARouter, TakesNoReplyThatHoldsTooMuch)
+{
+    start();
+    Message reply;
+    reply.mutable_response()->set_status(Status::Ok);
+    for (int i = 0; i < 1025; ++i)
+        reply.mutable_response()->mutable_head()->add_headers();
+    const auto service = answer_with("clock", reply);
+    const auto got = make_client(uri)->get("/clock/time");
+    EXPECT_EQ(got->status(), Status::BadGateway);
+    EXPECT_EQ(got->path(), "/clock/time");
+    EXPECT_EQ(logs.count(slate::ErrorLevel,
+                         "the reply of " + socket_of("clock")->to_string() + " has more than 1024 headers"),
+              1u);
+}
+
+TEST_F(ARouter, TakesNoReplyThatIsLargerThanTheSettingAllows)
+{
+    settings->set("max_frame_bytes", "100000");
+    start();
+    const auto answer_of = [](std::size_t size) {
+        Message reply;
+        reply.mutable_response()->set_status(Status::Ok);
+        reply.mutable_response()->mutable_body()->set_txt(std::string(size, 'x'));
+        return reply;
+    };
+    const auto small = answer_with("small", answer_of(90000));
+    const auto large = answer_with("large", answer_of(110000));
+    EXPECT_EQ(make_client(uri)->get("/small/x")->status(), Status::Ok);
+    EXPECT_EQ(make_client(uri)->get("/large/x", nullptr, slate::Seconds(1))->status(),
+              Status::RequestTimeout);
+    EXPECT_EQ(make_client(uri)->get("/small/x")->status(), Status::Ok);
+}
+
 TEST_F(ARouter, MakesAnEmptyResponseOfAMessageThatIsNotAResponse)
 {
     start();

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/environment.h"
 #include "support/forwarding_factory.h"
@@ -893,6 +894,22 @@ TEST_P(AServer, EndsAtOnceInAThousandRoundsAlsoWithARelayToHear)
     for (int i = 0; i < 1000; ++i)
         make({scratch_endpoint("inproc")}, pub).reset();
     EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>());
+}
+
+TEST_P(AServer, TellsItsHandlersWhoHasConnected)
+{
+    std::string told;
+    const auto route = make_test_route("a", "get", "/a");
+    route->on_get = [&](Context& context) { told = context.peer_address; };
+    const auto inproc = scratch_endpoint("inproc");
+    const auto server = make({uri, inproc});
+    server->add(route);
+    ASSERT_TRUE(make_client(uri, 0)->get("/a")->good());
+    const std::string own =
+        ":" + std::to_string(geteuid()) + ":" + std::to_string(getegid()) + ":" + std::to_string(getpid());
+    EXPECT_TRUE(told.ends_with(own)) << told << " for " << own;
+    ASSERT_TRUE(make_client(inproc, 0)->get("/a")->good());
+    EXPECT_EQ(told, "");
 }
 
 TEST_P(AServer, TellsItsHandlersUntilWhenTheCallerWaits)

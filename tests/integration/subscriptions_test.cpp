@@ -352,6 +352,50 @@ TEST_P(ASubscription, KeepsAChangeFromLaterRoutesWhenARouteFails)
     EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
 }
 
+TEST_P(ASubscription, OutlivesWhateverAHandlerThrows)
+{
+    const auto failing = make_test_route("failing", "get", "/a");
+    failing->on_put = [](Context& change) {
+        if (change.request.data() == "context")
+            throw zmq::error_t(ETERM); // of a ZeroMQ context of the application's
+        throw 42;
+    };
+    server->add(failing);
+    server->add(hearing_route("other", "/b"));
+    await_subscribed("/a");
+    await_subscribed("/b");
+    publish(factory()->make_put("/a", "context"));
+    publish(factory()->make_put("/a", "number"));
+    publish(factory()->make_put("/b", "x"));
+    EXPECT_TRUE(will_have_heard({"other put x"}));
+    EXPECT_TRUE(will_have_counted("err", 2));
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "unknown exception"));
+}
+
+TEST_P(ASubscription, DropsAChangeThatIsLargerThanTheSettingAllowsAndHearsTheNext)
+{
+    server.reset();
+    settings->set("max_frame_bytes", "100000");
+    server = make({uri}, pub_uri);
+    server->add(hearing_route("a", "/a"));
+    await_subscribed("/a");
+    publish(factory()->make_put("/a", std::string(100001, 'x')));
+    publish(factory()->make_put("/a", "small"));
+    EXPECT_TRUE(will_have_heard({"a put small"}));
+    EXPECT_TRUE(will_have_counted("dropped", 1));
+}
+
+TEST_P(ASubscription, LeavesOutATopicThatNoRelayTakes)
+{
+    server->add(hearing_route("long", "/" + std::string(5000, 'x')));
+    server->add(hearing_route("a", "/a"));
+    await_subscribed("/a");
+    publish(factory()->make_put("/a", "x"));
+    EXPECT_TRUE(will_have_heard({"a put x"}));
+    EXPECT_TRUE(wait_until(
+        [&] { return logs.count(slate::ErrorLevel, "not subscribing to a topic of 5001 bytes") == 1; }));
+}
+
 TEST_P(ASubscription, LeavesAHandlerWithoutAReplyToWriteTo)
 {
     const auto route = make_test_route("a", "get", "/a");

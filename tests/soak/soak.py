@@ -96,6 +96,8 @@ class Process:
     def kill(self):
         if self.child.poll() is None:
             self.child.kill()
+        else:
+            self.soak.fault(f"{self.name} has ended by itself with status {self.child.returncode}, see {self.log.name}")
         self.child.wait()
         self.reader.join()
 
@@ -179,13 +181,13 @@ class Soak:
 
     def start(self):
         own = self.build / "tests/soak/soak_process"
-        apps = self.build / "apps"
+        tarnd = self.build / "bin/tarnd"
         for suffix in ("", "-steady"):
             relay = "relay" + suffix
             router = "router" + suffix
             directory = self.run_directory if not suffix else self.make_second_fabric(suffix)
-            self.add(relay, apps / "tarnd", "--no-router", "--run-dir", directory)
-            self.add(router, apps / "tarnd", "--no-relay", "--run-dir", directory)
+            self.add(relay, tarnd, "--no-router", "--run-dir", directory)
+            self.add(router, tarnd, "--no-relay", "--run-dir", directory)
         for service in SERVICES:
             workers = 1 if service.startswith("single") else 4
             self.add(service, own, "service", self.run_directory, service, workers, *RELAYS)

@@ -72,8 +72,8 @@ std::shared_ptr<AsyncClient> make_async_client(const Endpoint& endpoint, const A
         slate::log_error(SLATE_HERE, "cannot make_async_client, no endpoint given");
         return nullptr;
     }
-    const auto io =
-        runtime->parts->get<IoThread>([&] { return IoThread::start(runtime->context, runtime->queue); });
+    const auto io = runtime->parts->get<IoThread>(
+        [&] { return IoThread::start(runtime->context, runtime->settings, runtime->queue); });
     if (io && is_of_device)
         return tarn_internal::make_async_device_client(io, endpoint, options);
     const auto channel = io ? std::make_shared<Channel>(io, endpoint, options) : nullptr;

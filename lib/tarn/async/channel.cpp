@@ -4,12 +4,16 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <exception>
+#include <new>
+#include <utility>
 
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
 #include "tarn/async/callbacks.h"
+#include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/message_text.h"
@@ -36,6 +40,13 @@ constexpr std::size_t large_bytes = 64 * 1024;
 /// How many ended calls a list may hold for each one in flight, and in any case.
 constexpr std::size_t max_ended_share = 2;
 constexpr std::size_t min_ended = 64;
+
+/// Nothing of a connection that was lost may reach whoever serves there next.
+constexpr std::chrono::milliseconds nothing_leaves{0};
+/// libzmq (session_base_t::clean_pipes) aborts the process if it drops a message of several frames that it
+/// has begun to write, and the peer goes in that moment. What a stalled peer doesn't take in this time is
+/// dropped.
+constexpr std::chrono::milliseconds time_to_leave{250};
 
 int next_instance()
 {
@@ -175,7 +186,7 @@ void Channel::open_sockets()
 {
     try {
         socket_ = std::make_unique<zmq::socket_t>(io_->context(), zmq::socket_type::dealer);
-        socket_->set(zmq::sockopt::linger, 0);
+        limit_frames(*socket_, io_->settings());
         socket_->set(zmq::sockopt::sndhwm, is_inproc_ ? inproc_send_queue : send_queue);
         if (!is_inproc_) {
             const std::string events = "inproc://" + slate::make_uuid().to_string();
@@ -193,7 +204,7 @@ void Channel::open_sockets()
     }
     catch (const std::exception& error) {
         slate::log_error(provider_, SLATE_HERE, "failed to create socket: ", error.what());
-        close_sockets();
+        close_sockets(nothing_leaves);
         throw;
     }
     connected_ = is_inproc_;
@@ -202,7 +213,8 @@ void Channel::open_sockets()
     sent_on_socket_ = 0;
 }
 
-void Channel::close_sockets() noexcept
+/// `linger` says how long what the socket holds may still leave.
+void Channel::close_sockets(std::chrono::milliseconds linger) noexcept
 {
     if (monitor_) {
         io_->unwatch(monitor_->get(zmq::sockopt::fd));
@@ -211,6 +223,8 @@ void Channel::close_sockets() noexcept
     }
     if (socket_) {
         io_->unwatch(socket_->get(zmq::sockopt::fd));
+        const int milliseconds = static_cast<int>(linger.count());
+        (void)zmq_setsockopt(socket_->handle(), ZMQ_LINGER, &milliseconds, sizeof milliseconds);
         socket_.reset();
     }
 }
@@ -219,26 +233,32 @@ void Channel::close()
 {
     if (std::exchange(closed_, true))
         return;
-    close_sockets();
+    close_sockets(time_to_leave);
     io_->remove(*this);
     end_calls(false, LocalCause::Ended, "the client has ended");
     waiting_.clear();
     due_.clear();
 }
 
-void Channel::accept(std::shared_ptr<ChannelCall> call)
+void Channel::accept(const std::shared_ptr<ChannelCall>& call)
 {
     if (closed_) {
-        call->complete(Status::RequestTimeout, LocalCause::Ended, "the client has ended");
+        end_call(*call, LocalCause::Ended, "the client has ended");
         return;
     }
-    call->number = ++last_number_;
-    if (call->deadline != Clock::time_point::max()) {
-        due_.push_back({call->deadline, call->number});
-        std::push_heap(due_.begin(), due_.end());
+    try {
+        call->number = ++last_number_;
+        calls_.emplace(call->number, call);
+        waiting_.push_back(call);
+        if (call->deadline != Clock::time_point::max()) {
+            due_.push_back({call->deadline, call->number});
+            std::push_heap(due_.begin(), due_.end());
+        }
     }
-    calls_.emplace(call->number, call);
-    waiting_.push_back(std::move(call));
+    catch (const std::bad_alloc&) {
+        end_call(*call, LocalCause::SocketFailed, "out of memory");
+        throw;
+    }
 }
 
 void Channel::withdraw(ChannelCall& call)
@@ -329,15 +349,14 @@ void Channel::expire()
 {
     const auto now = Clock::now();
     for (forget_deadlines(); !due_.empty() && due_.front().deadline <= now; forget_deadlines()) {
-        const auto found = calls_.find(due_.front().number);
-        const auto call = found->second;
-        calls_.erase(found);
-        if (call->is_complete()) // cancelled
-            continue;
-        slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ",
-                         describe(*call->message, secret_));
-        end_call(*call, LocalCause::NoAnswerInTime,
-                 call->sent ? "no answer in time" : "the server could not be reached in time");
+        const auto call = calls_.find(due_.front().number)->second;
+        if (!call->is_complete()) { // else it was cancelled
+            slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ",
+                             describe(*call->message, secret_));
+            end_call(*call, LocalCause::NoAnswerInTime,
+                     call->sent ? "no answer in time" : "the server could not be reached in time");
+        }
+        calls_.erase(call->number);
     }
 }
 
@@ -380,22 +399,38 @@ void Channel::deliver()
 {
     for (Incoming& incoming : incoming_) {
         const auto found = calls_.find(incoming.number);
-        // A number that was not sent yet is a peer's guess.
-        if (found == calls_.end() || !found->second->sent) {
+        // A number that was not sent yet is a peer's guess. A call that is complete was cancelled.
+        if (found == calls_.end() || !found->second->sent || found->second->is_complete()) {
             dropped_->increment();
-            continue;
-        }
-        const auto call = std::move(found->second);
-        calls_.erase(found);
-        if (call->is_complete()) { // cancelled
-            dropped_->increment();
+            if (found != calls_.end() && found->second->is_complete())
+                calls_.erase(found);
             continue;
         }
         rx_->increment(); // before the caller can look
-        const auto message = factory_->make_message(incoming.payload.data(), incoming.payload.size());
-        call->complete(std::make_shared<Reply>(message));
+        const auto call = found->second;
+        answer(*call, std::exchange(incoming.payload, zmq::message_t()));
+        calls_.erase(call->number); // only now: what can't be completed still has its deadline
     }
     incoming_.clear();
+}
+
+/// Whatever the reply is, the call gets one.
+void Channel::answer(ChannelCall& call, zmq::message_t payload)
+{
+    try {
+        const auto message = factory_->make_message(payload.data(), payload.size());
+        call.complete(std::make_shared<Reply>(message));
+        return;
+    }
+    catch (const std::exception& error) { // for example out of memory
+        slate::log_error(provider_, SLATE_HERE, "cannot take a reply: ", error.what());
+    }
+    catch (...) { // an application's factory may throw any type
+        slate::log_error(provider_, SLATE_HERE, "cannot take a reply: unknown exception");
+    }
+    payload.rebuild(); // most of the memory may be in it
+    err_->increment();
+    end_call(call, LocalCause::SocketFailed, "the reply can't be taken");
 }
 
 /// Takes note of what has happened to the connection. False if the socket has a later one already.
@@ -487,7 +522,7 @@ bool Channel::has_lost_inproc_peer(int events)
 /// neither a request, which the next server would get, nor a reply.
 void Channel::lose_connection()
 {
-    close_sockets();
+    close_sockets(nothing_leaves);
     end_calls(true, LocalCause::ConnectionLost, "the connection was lost");
     open_sockets();
 }
@@ -498,7 +533,7 @@ void Channel::fail(const std::string& error)
     slate::log_error(provider_, SLATE_HERE, error);
     err_->increment();
     incoming_.clear();
-    close_sockets();
+    close_sockets(time_to_leave);
     end_calls(false, LocalCause::SocketFailed, "the socket failed");
 }
 
@@ -513,11 +548,11 @@ void Channel::end_calls(bool sent_only, LocalCause cause, const std::string& tex
     std::sort(ended.begin(), ended.end(),
               [](const auto& one, const auto& other) { return one->number < other->number; });
     for (const auto& call : ended) {
-        calls_.erase(call->number);
         if (!call->is_complete() && cause == LocalCause::ConnectionLost)
             slate::log_error(provider_, SLATE_HERE, text, "; no reply to ",
                              describe(*call->message, secret_));
         end_call(*call, cause, text);
+        calls_.erase(call->number);
     }
 }
 

@@ -84,7 +84,7 @@ public:
     void open();
     /// Ends all calls.
     void close();
-    void accept(std::shared_ptr<ChannelCall> call);
+    void accept(const std::shared_ptr<ChannelCall>& call);
     void withdraw(ChannelCall& call);
     /// Does what there is to do. True if there may be more at once.
     bool serve();
@@ -103,7 +103,7 @@ private:
     };
 
     void open_sockets();
-    void close_sockets() noexcept;
+    void close_sockets(std::chrono::milliseconds linger) noexcept;
     bool serve_socket();
     bool serve_round();
     void drop_ended();
@@ -111,6 +111,7 @@ private:
     void forget_deadlines();
     bool receive();
     void deliver();
+    void answer(ChannelCall& call, zmq::message_t payload);
     bool read_monitor();
     bool send_waiting();
     bool try_send(ChannelCall& call);

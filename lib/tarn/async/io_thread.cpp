@@ -7,6 +7,7 @@
 #include <exception>
 #include <future>
 #include <limits>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -63,16 +64,19 @@ OwnedDescriptor::~OwnedDescriptor()
 }
 
 std::shared_ptr<IoThread> IoThread::start(std::shared_ptr<zmq::context_t> context,
+                                          std::shared_ptr<const slate::Dictionary> settings,
                                           std::shared_ptr<slate::Lazy<slate::Queue>> queue)
 {
-    auto io = std::make_shared<IoThread>(std::move(context), std::move(queue));
+    auto io = std::make_shared<IoThread>(std::move(context), std::move(settings), std::move(queue));
     const SignalsBlocked blocked;
     io->thread_ = std::thread([io] { io->loop(); });
     return io;
 }
 
-IoThread::IoThread(std::shared_ptr<zmq::context_t> context, std::shared_ptr<slate::Lazy<slate::Queue>> queue)
+IoThread::IoThread(std::shared_ptr<zmq::context_t> context, std::shared_ptr<const slate::Dictionary> settings,
+                   std::shared_ptr<slate::Lazy<slate::Queue>> queue)
     : context_(std::move(context)),
+      settings_(std::move(settings)),
       poll_(epoll_create1(EPOLL_CLOEXEC), "epoll_create1"),
       wake_up_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"),
       queue_(std::move(queue))
@@ -281,18 +285,27 @@ void IoThread::obey(Touched& touched)
     std::unique_lock lock(mutex_);
     auto commands = std::exchange(commands_, {});
     lock.unlock();
-    for (Command& command : commands) {
-        if (command.function) {
-            defer(std::move(command.function));
-            continue;
+    for (Command& command : commands)
+        guarded([&] { obey(command, touched); }); // one that fails must not cost the others
+}
+
+void IoThread::obey(Command& command, Touched& touched)
+{
+    if (command.function) {
+        try {
+            deferred_.push_back(command.function);
         }
-        if (command.is_withdrawal)
-            command.channel->withdraw(*command.call);
-        else
-            command.channel->accept(std::move(command.call));
-        if (touched.empty() || touched.back() != command.channel)
-            touched.push_back(std::move(command.channel));
+        catch (const std::bad_alloc&) {
+            command.function(); // somebody may be waiting for it
+        }
+        return;
     }
+    if (touched.empty() || touched.back() != command.channel)
+        touched.push_back(command.channel);
+    if (command.is_withdrawal)
+        command.channel->withdraw(*command.call);
+    else
+        command.channel->accept(command.call);
 }
 
 void IoThread::add_due(Touched& touched) const

@@ -56,8 +56,10 @@ public:
 
     /// Starts it. Throws std::system_error.
     static std::shared_ptr<IoThread> start(std::shared_ptr<zmq::context_t> context,
+                                           std::shared_ptr<const slate::Dictionary> settings,
                                            std::shared_ptr<slate::Lazy<slate::Queue>> queue);
-    IoThread(std::shared_ptr<zmq::context_t> context, std::shared_ptr<slate::Lazy<slate::Queue>> queue);
+    IoThread(std::shared_ptr<zmq::context_t> context, std::shared_ptr<const slate::Dictionary> settings,
+             std::shared_ptr<slate::Lazy<slate::Queue>> queue);
 
     bool is_current() const;
 
@@ -87,6 +89,7 @@ public:
 
     // I/O thread: for channels.
     zmq::context_t& context() const { return *context_; }
+    const slate::Dictionary& settings() const { return *settings_; }
     void add(const std::shared_ptr<Channel>& channel);
     void remove(Channel& channel);
     /// Has the channel served when the descriptor is readable.
@@ -109,6 +112,7 @@ private:
     void wait(Clock::time_point limit, Touched& touched);
     int milliseconds_until(Clock::time_point limit) const;
     void obey(Touched& touched);
+    void obey(Command& command, Touched& touched);
     void add_due(Touched& touched) const;
     void serve(const Touched& touched);
     void run_deferred();
@@ -116,6 +120,7 @@ private:
 
     // I/O thread.
     std::shared_ptr<zmq::context_t> context_; // null once it has ended
+    const std::shared_ptr<const slate::Dictionary> settings_;
     std::unordered_map<const Channel*, std::shared_ptr<Channel>> channels_;
     std::unordered_map<const Channel*, std::shared_ptr<Channel>> busy_; // that were not served to the end
     std::deque<std::function<void()>> deferred_;

@@ -118,7 +118,7 @@ void MultiThreadedServer::worker_entry(WorkerSocket& socket)
         auto request = socket.next();
         if (!request)
             return false;
-        requests_.handle(request->payload, [&](zmq::message_t& reply) { socket.reply(*request, reply); });
+        requests_.handle(*request, [&](zmq::message_t& reply) { socket.reply(*request, reply); });
         return true;
     });
     slate::log_debug(provider_, SLATE_HERE, "worker thread exit");
@@ -130,7 +130,6 @@ void MultiThreadedServer::listen_pubsub()
     slate::log_debug(provider_, SLATE_HERE, "pub/sub thread entry");
     zmq::socket_t wake_up(*context_, zmq::socket_type::sub);
     zmq::socket_t pubsub(*context_, zmq::socket_type::sub);
-    limit_frames(pubsub, *settings_);
     set_high_water_mark(pubsub, *settings_);
     if (connect_control(wake_up, pubsub_->endpoint(), provider_) &&
         subscriber_.init_publish_subscribe(pubsub, *pubsub_uri_)) {
@@ -139,10 +138,7 @@ void MultiThreadedServer::listen_pubsub()
         const auto commands = poller.add(wake_up);
         const auto changes = poller.add(pubsub);
         run_passes(provider_, *counters_.err, [&] {
-            if (!poller.wait(memory.wait_time())) {
-                memory.give_back();
-                return true;
-            }
+            memory.after_wait(poller.wait(memory.wait_time()));
             if (poller.is_readable(commands)) {
                 if (!handle_wake_up(wake_up, pubsub, pubsub_listening_))
                     return false;

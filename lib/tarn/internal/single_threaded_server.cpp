@@ -22,7 +22,6 @@ struct SingleThreadedServer::Sockets {
           pubsub(context, zmq::socket_type::sub),
           front(context, settings)
     {
-        limit_frames(pubsub, settings);
         set_high_water_mark(pubsub, settings);
         // Those that the server has no use for stay silent.
         poller.add(wake_up);
@@ -106,10 +105,7 @@ void SingleThreadedServer::serve(Sockets& sockets)
 bool SingleThreadedServer::serve_once(Sockets& sockets)
 {
     SocketPoller& poller = sockets.poller;
-    if (!poller.wait(memory_.wait_time())) {
-        memory_.give_back();
-        return true;
-    }
+    memory_.after_wait(poller.wait(memory_.wait_time()));
     const bool is_told = poller.is_readable(Sockets::wake_up_index);
     const bool has_change = poller.is_readable(Sockets::pubsub_index);
     const bool has_request = poller.is_readable(Sockets::front_index);
@@ -135,7 +131,7 @@ void SingleThreadedServer::handle_request(zmq::socket_t& front)
     if (!request || !request->is_answerable())
         return;
     memory_.note(request->payload.size());
-    requests_.handle(request->payload, [&](zmq::message_t& reply) {
+    requests_.handle(*request, [&](zmq::message_t& reply) {
         memory_.note(reply.size());
         send_reply(front, *request, reply);
     });

@@ -701,6 +701,17 @@ TEST(SyslogSink, SendsTheLongestLineThatThereIs)
     EXPECT_NE(messages[0].find("… (10000000 bytes)"), std::string::npos);
 }
 
+TEST(LogDeathTest, SaysAtTheEndOfTheProcessHowManyLinesWereLeftOut)
+{
+    const auto log_and_exit = [] {
+        slate::set_log_sinks({slate::make_stderr_sink()});
+        for (int i = 0; i < 23; ++i)
+            slate::log_error(SLATE_HERE, "again");
+        std::exit(0);
+    };
+    EXPECT_EXIT(log_and_exit(), testing::ExitedWithCode(0), "again.*\n.*3 equal lines left out");
+}
+
 struct LogsInItsDestructor {
     ~LogsInItsDestructor() { slate::log_error(SLATE_HERE, "a late line"); }
 };

@@ -29,7 +29,9 @@ TEST(AMemoryReturn, WaitsWithoutEndUntilALargeMessageHasBeenHandled)
     memory.note(1000000);
     memory.note(1);
     EXPECT_EQ(memory.wait_time(), slate::Seconds(1));
-    memory.give_back();
+    memory.after_wait(true);
+    EXPECT_EQ(memory.wait_time(), slate::Seconds(1));
+    memory.after_wait(false);
     EXPECT_TRUE(memory.wait_time().is_positive_infinity());
     for (int i = 0; i < 9999; ++i)
         memory.note(1);
@@ -55,7 +57,20 @@ TEST(AMemoryReturn, GivesBackWhatABurstHasLeft)
     const std::size_t before = resident_bytes();
     MemoryReturn memory;
     memory.note(1 << 20);
-    memory.give_back();
+    memory.after_wait(false);
     EXPECT_LT(resident_bytes() + (std::size_t{40} << 20), before);
+}
+
+TEST(AMemoryReturn, GivesBackAlsoIfThereIsAlwaysAnotherMessage)
+{
+    MemoryReturn memory(slate::Milliseconds(30));
+    memory.note(1 << 20);
+    const slate::StopWatch watch(true);
+    while (!memory.wait_time().is_positive_infinity() && watch.elapsed() < 20000000) {
+        memory.note(100);
+        memory.after_wait(true);
+    }
+    EXPECT_TRUE(memory.wait_time().is_positive_infinity());
+    EXPECT_GE(watch.elapsed(), 30000);
 }
 } // namespace

@@ -103,7 +103,7 @@ void RouterImpl::thread_entry()
 void RouterImpl::worker_entry(RouterImpl* router, WorkerSocket& socket)
 {
     RouterWorker worker(
-        router->context_, router->provider_, router->factory_,
+        router->context_, *router->settings_, router->provider_, router->factory_,
         [router](const Request& request) { return router->find_service(request); },
         [router](const Endpoint& endpoint, const std::string& path) {
             return router->explain_not_found(endpoint, path);

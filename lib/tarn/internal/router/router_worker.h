@@ -9,14 +9,16 @@
 #include <zmq.hpp>
 
 #include "slate/duration.h"
+#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
 #include "tarn/types.h"
 
 namespace slate {
+class Dictionary;
 class Provider;
-}
+} // namespace slate
 
 namespace tarn_internal {
 struct IncomingRequest;
@@ -37,10 +39,11 @@ public:
     /// Whether the library is still at work in this process: without it no request is passed on.
     using HasRuntime = std::function<bool()>;
 
-    /// `socket`, through which requests come, must outlive the worker.
-    RouterWorker(const std::shared_ptr<zmq::context_t>& context, std::shared_ptr<slate::Provider> provider,
-                 std::shared_ptr<MessageFactory> factory, Resolve resolve, ExplainNotFound explain,
-                 HasRuntime has_runtime, WorkerSocket& socket);
+    /// `settings` are read for "max_frame_bytes", which holds for what services reply. `socket`, through
+    /// which requests come, must outlive the worker.
+    RouterWorker(const std::shared_ptr<zmq::context_t>& context, const slate::Dictionary& settings,
+                 std::shared_ptr<slate::Provider> provider, std::shared_ptr<MessageFactory> factory,
+                 Resolve resolve, ExplainNotFound explain, HasRuntime has_runtime, WorkerSocket& socket);
 
     /// Answers requests until the socket says that this is the end. A failure of one request is logged, and
     /// ends that request only; the end of the ZeroMQ context ends the worker.
@@ -62,6 +65,7 @@ private:
     slate::Duration shorten_ttl(Request& request) const;
 
     const std::shared_ptr<zmq::context_t> context_;
+    const RequestCycle::ReplyBounds reply_bounds_;
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<MessageFactory> factory_;
     const Resolve resolve_;

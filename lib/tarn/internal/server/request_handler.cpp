@@ -9,6 +9,7 @@
 #include "slate/log.h"
 #include "slate/strings.h"
 #include "tarn/exception.h"
+#include "tarn/internal/transport/front.h"
 #include "tarn/internal/utils/request_bounds.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/proto/message.pb.h"
@@ -43,7 +44,7 @@ RequestHandler::RequestHandler(const std::shared_ptr<const slate::Dictionary>& s
 {
 }
 
-void RequestHandler::handle(const zmq::message_t& request, const SendReply& send)
+void RequestHandler::handle(const IncomingRequest& request, const SendReply& send)
 {
     const bool debug = slate::is_logging_allowed(slate::DebugLevel);
     Context context;
@@ -51,12 +52,14 @@ void RequestHandler::handle(const zmq::message_t& request, const SendReply& send
     context.arrival = std::chrono::steady_clock::now();
     std::optional<zmq::message_t> reply;
     try {
-        if (const auto excess = find_excess(request.data(), request.size())) {
+        const zmq::message_t& payload = request.payload;
+        context.peer_address = request.peer_address;
+        if (const auto excess = find_excess(payload.data(), payload.size())) {
             refuse(context, *excess);
         }
         else {
-            if (!request.empty())
-                context.request.message = factory_->make_message(request.data(), request.size());
+            if (!payload.empty())
+                context.request.message = factory_->make_message(payload.data(), payload.size());
             answer(context, debug);
         }
         reply = to_reply_frame(context);

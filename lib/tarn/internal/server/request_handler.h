@@ -20,6 +20,7 @@ class message_t;
 
 namespace tarn_internal {
 struct Excess;
+struct IncomingRequest;
 
 /// How every server handles one request: from the frame to a route's handler and back to a reply frame.
 ///
@@ -36,11 +37,11 @@ public:
     /// Sends the frame of a reply, and uses it up. May throw zmq::error_t.
     using SendReply = std::function<void(zmq::message_t& reply)>;
 
-    /// Answers one request, whatever it is, and then discards chunked transfers that have expired: an idle
-    /// server never does. `send` is called once, also if an exception leaves this function, out of memory for
-    /// example: the caller then gets status 500. Passes on only what `send`, the message factory and a lack
-    /// of memory throw.
-    void handle(const zmq::message_t& request, const SendReply& send);
+    /// Answers one request, whatever it is, but leaves its way back to `send`, and then discards chunked
+    /// transfers that have expired: an idle server never does. `send` is called once, also if an exception
+    /// leaves this function, out of memory for example: the caller then gets status 500. Passes on only what
+    /// `send`, the message factory and a lack of memory throw.
+    void handle(const IncomingRequest& request, const SendReply& send);
 
 private:
     void refuse(Context& context, const Excess& excess) const;

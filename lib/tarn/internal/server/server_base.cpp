@@ -23,7 +23,7 @@ ServerBase::ServerBase(int id, std::shared_ptr<zmq::context_t> context,
       remote_calls_(policy, provider_),
       factory_(factory ? factory : make_message_factory()),
       requests_(settings_, factory_, provider_, uris_, counters_, routes_, remote_calls_),
-      subscriber_(factory_, provider_, counters_, routes_)
+      subscriber_(*settings_, factory_, provider_, counters_, routes_)
 {
 }
 

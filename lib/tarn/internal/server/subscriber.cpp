@@ -8,25 +8,24 @@
 
 #include "slate/log.h"
 #include "slate/uri.h"
+#include "tarn/internal/settings.h"
+#include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/utils/receive.h"
 #include "tarn/internal/utils/request_bounds.h"
 
 namespace tarn_internal {
 namespace {
-void subscribe(zmq::socket_t& socket, const std::string& topic)
-{
-    socket.set(zmq::sockopt::subscribe, topic);
-}
-
 void unsubscribe(zmq::socket_t& socket, const std::string& topic)
 {
     socket.set(zmq::sockopt::unsubscribe, topic);
 }
 } // namespace
 
-Subscriber::Subscriber(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-                       const ServerCounters& counters, RouteList& routes)
-    : factory_(std::move(factory)),
+Subscriber::Subscriber(const slate::Dictionary& settings, std::shared_ptr<MessageFactory> factory,
+                       std::shared_ptr<slate::Provider> provider, const ServerCounters& counters,
+                       RouteList& routes)
+    : max_frame_bytes_(size_setting(settings, "max_frame_bytes")),
+      factory_(std::move(factory)),
       provider_(std::move(provider)),
       counters_(counters),
       routes_(routes),
@@ -101,6 +100,13 @@ std::size_t Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
         counters_.dropped->increment();
         return payload.size();
     }
+    // Not left to libzmq, whose bound would end the connection to the relay for good.
+    if (max_frame_bytes_ && payload.size() > *max_frame_bytes_) {
+        slate::log_warn(provider_, SLATE_HERE, "dropped a published change of ",
+                        std::to_string(payload.size()), " bytes, more than \"max_frame_bytes\" allows");
+        counters_.dropped->increment();
+        return payload.size();
+    }
     Context context;
     context.pid = pid_;
     try {
@@ -109,10 +115,33 @@ std::size_t Subscriber::handle_publish_subscribe(zmq::socket_t& socket)
         handle(context);
     }
     catch (const Exception& error) {
-        slate::log_error(provider_, SLATE_HERE, "error: ", error.what());
-        counters_.err->increment();
+        report(std::string("error: ") + error.what());
+    }
+    catch (const std::exception& error) {
+        report(error.what());
+    }
+    catch (...) { // a handler may throw any type
+        report("unknown exception");
     }
     return payload.size();
+}
+
+void Subscriber::report(std::string_view error) const
+{
+    slate::log_error(provider_, SLATE_HERE, error);
+    counters_.err->increment();
+}
+
+void Subscriber::subscribe(zmq::socket_t& socket, const std::string& topic) const
+{
+    if (topic.size() > max_topic_bytes) {
+        // The relay would close the connection, and with it all other topics.
+        slate::log_error(provider_, SLATE_HERE, "not subscribing to a topic of ",
+                         std::to_string(topic.size()),
+                         " bytes, which no relay takes; the first segment of a path is too long");
+        return;
+    }
+    socket.set(zmq::sockopt::subscribe, topic);
 }
 
 /// The frame behind the topic; empty if it is missing.

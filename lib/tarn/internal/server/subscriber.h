@@ -3,16 +3,19 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "tarn/internal/route_list.h"
 #include "tarn/internal/server/server_counters.h"
 #include "tarn/message_factory.h"
 
 namespace slate {
+class Dictionary;
 class Uri;
-}
+} // namespace slate
 namespace zmq {
 class message_t;
 class socket_t;
@@ -26,8 +29,9 @@ namespace tarn_internal {
 class Subscriber {
 public:
     /// `routes` and `counters` must outlive the subscriber.
-    Subscriber(std::shared_ptr<MessageFactory> factory, std::shared_ptr<slate::Provider> provider,
-               const ServerCounters& counters, RouteList& routes);
+    /// `settings` are read for "max_frame_bytes".
+    Subscriber(const slate::Dictionary& settings, std::shared_ptr<MessageFactory> factory,
+               std::shared_ptr<slate::Provider> provider, const ServerCounters& counters, RouteList& routes);
 
     /// Connects the socket and subscribes to the topics of the routes. False, with an error in the log, if it
     /// can't.
@@ -37,16 +41,18 @@ public:
     /// that no published change is lost. Throws zmq::error_t.
     void handle_subscription_change(zmq::socket_t& socket);
 
-    /// Takes one published change off a socket that has one. A failure that a route reports by Exception is
-    /// logged and counted here; other exceptions pass to the caller. Returns the size of
-    /// its frame.
+    /// Takes one published change off a socket that has one. What a route throws is logged and counted here.
+    /// A change that is larger than "max_frame_bytes" is dropped. Returns the size of its frame.
     std::size_t handle_publish_subscribe(zmq::socket_t& socket);
 
 private:
+    void subscribe(zmq::socket_t& socket, const std::string& topic) const;
+    void report(std::string_view error) const;
     zmq::message_t receive(zmq::socket_t& socket);
     void handle(Context& context);
     bool is_for_this_process(const Head& head) const;
 
+    const std::optional<std::size_t> max_frame_bytes_;
     const std::shared_ptr<MessageFactory> factory_;
     const std::shared_ptr<slate::Provider> provider_;
     const ServerCounters& counters_;

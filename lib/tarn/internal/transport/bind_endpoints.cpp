@@ -85,9 +85,8 @@ void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings)
         socket.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(*bytes));
 }
 
-void limit_subscriptions(zmq::socket_t& socket)
+void limit_subscriptions(zmq::socket_t& socket, std::int64_t max_bytes)
 {
-    constexpr std::int64_t max_bytes = 4096;
     socket.set(zmq::sockopt::maxmsgsize, max_bytes);
 }
 

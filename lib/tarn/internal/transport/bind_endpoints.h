@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -41,13 +43,23 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
 std::optional<bool> inproc_is_bound(zmq::context_t& context, const slate::Uri& uri);
 
 /// Has libzmq close the connection of a peer that sends a larger frame than the setting "max_frame_bytes"
-/// allows, before it takes memory for it.
+/// allows, before it takes memory for it. For sockets that bind, or whose owner makes a new one after such an
+/// end: a socket that connects doesn't connect again.
 void limit_frames(zmq::socket_t& socket, const slate::Dictionary& settings);
 
-/// Has libzmq close the connection of a peer that subscribes to more than 4 KiB on a ZMQ_PUB or ZMQ_XPUB
-/// socket. It releases a subscription by a recursion as deep as its topic is long, which overflows the stack;
-/// a topic is no more than one segment of a path.
-void limit_subscriptions(zmq::socket_t& socket);
+/// What a subscription may take where subscribers connect: a topic is no more than one segment of a path.
+inline constexpr std::int64_t max_subscription_bytes = 4096;
+/// The same where a publisher connects to a relay, which passes on what it has let through in a form that is
+/// some bytes longer. A bound that the relay itself could exceed would end that connection for good.
+inline constexpr std::int64_t max_relayed_subscription_bytes = 2 * max_subscription_bytes;
+
+/// Has libzmq close the connection of a peer that subscribes to more on a ZMQ_PUB or ZMQ_XPUB socket. It
+/// releases a subscription by a recursion as deep as its topic is long, which overflows the stack.
+void limit_subscriptions(zmq::socket_t& socket, std::int64_t max_bytes);
+
+/// The longest topic that a ZMQ_SUB socket can subscribe to where max_subscription_bytes holds: what it sends
+/// has ten bytes more.
+inline constexpr std::size_t max_topic_bytes = max_subscription_bytes - 10;
 
 /// Sets the mark at which a socket of published changes drops them, from the setting "high_water_mark": a
 /// number of messages for each peer and direction. Without the setting the mark stays libzmq's own, which is

@@ -17,6 +17,17 @@ namespace {
 constexpr std::string_view is_free = "free";
 constexpr std::string_view has_ended = "ended";
 
+/// Out of memory costs a request its address, and not its answer.
+zmq::message_t make_address_frame(const IncomingRequest& request)
+{
+    try {
+        return zmq::message_t(request.peer_address);
+    }
+    catch (const zmq::error_t&) {
+        return {};
+    }
+}
+
 /// How many messages go in one direction before the other one has its turn.
 constexpr int burst = 100;
 } // namespace
@@ -48,13 +59,19 @@ void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_vi
     control_index_ = poller_.add(control);
     front_index_ = poller_.add(front_.socket());
     running_ = workers;
-    free_.reserve(workers); // so that no worker is lost when memory runs out
+    // So that no worker is lost when memory runs out.
+    free_.reserve(workers);
+    known_.reserve(workers);
     while (running_ > 0) {
         try {
             if (!serve_once())
                 end_workers();
         }
         catch (const zmq::error_t& error) {
+            if (error.num() == ENOMEM) {
+                slate::log_error(provider_, SLATE_HERE, what, ": ", error.what());
+                continue;
+            }
             slate::log_error(provider_, SLATE_HERE, what, " has stopped working: ", error.what());
             if (error.num() == ETERM || ending_)
                 return; // the end of the context ends the workers too
@@ -71,8 +88,7 @@ bool Dispatcher::serve_once()
 {
     poller_.want(control_index_, ending_ ? 0 : ZMQ_POLLIN);
     poller_.want(front_index_, ending_ || free_.empty() ? 0 : ZMQ_POLLIN);
-    if (!poller_.wait(memory_.wait_time()))
-        memory_.give_back();
+    memory_.after_wait(poller_.wait(memory_.wait_time()));
 
     if (poller_.is_unsettled(back_index_))
         take_replies();
@@ -96,7 +112,7 @@ void Dispatcher::hand_out_requests()
         memory_.note(request->payload.size());
         // libzmq drops what it knows of the peer when a message is sent on, so the address travels as a
         // frame.
-        zmq::message_t address(request->peer_address);
+        zmq::message_t address = make_address_frame(*request);
         for (bool handed_out = false; !handed_out && !free_.empty();) {
             poller_.touch(back_index_);
             const WorkerId worker = std::move(free_.front());
@@ -159,14 +175,15 @@ void Dispatcher::take_word(const WorkerId& worker, std::string_view word)
         set_free(worker);
         return;
     }
-    known_.erase(worker);
+    std::erase(known_, worker);
     std::erase(free_, worker);
     --running_;
 }
 
 void Dispatcher::set_free(const WorkerId& worker)
 {
-    known_.insert(worker);
+    if (std::find(known_.begin(), known_.end(), worker) == known_.end())
+        known_.push_back(worker);
     if (ending_)
         tell_to_end(worker);
     else
@@ -237,7 +254,7 @@ std::optional<IncomingRequest> WorkerSocket::next()
     zmq::message_t address;
     (void)receive_through_signals(socket_, address);
     (void)receive_frame(socket_, request.payload);
-    request.peer_address = address.to_string();
+    request.peer_address = text_or_nothing(address.to_string_view());
     return request;
 }
 

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,7 +61,7 @@ private:
     SocketPoller::Index back_index_ = 0;
     SocketPoller::Index control_index_ = 0;
     SocketPoller::Index front_index_ = 0;
-    std::set<WorkerId> known_;
+    std::vector<WorkerId> known_;
     std::vector<WorkerId> free_; // the one that has been free longest first
     MemoryReturn memory_;
     std::size_t running_ = 0;

@@ -2,6 +2,7 @@
 #include "tarn/internal/transport/front.h"
 
 #include <cstddef>
+#include <new>
 #include <utility>
 
 #include "slate/log.h"
@@ -11,12 +12,22 @@
 
 namespace tarn_internal {
 namespace {
-std::string peer_address(const zmq::message_t& frame)
+std::string_view peer_address(const zmq::message_t& frame)
 {
     const char* value = zmq_msg_gets(frame.handle(), "Peer-Address");
     return value ? value : "";
 }
 } // namespace
+
+std::string text_or_nothing(std::string_view text) noexcept
+{
+    try {
+        return std::string(text);
+    }
+    catch (const std::bad_alloc&) {
+        return {};
+    }
+}
 
 std::optional<IncomingRequest> receive_request(zmq::socket_t& socket,
                                                const std::shared_ptr<slate::Provider>& provider)
@@ -39,7 +50,7 @@ std::optional<IncomingRequest> receive_request(zmq::socket_t& socket,
     }
     request.way_back.push_back(std::move(frame));
     (void)receive_frame(socket, request.payload);
-    request.peer_address = peer_address(request.payload);
+    request.peer_address = text_or_nothing(peer_address(request.payload));
     return request;
 }
 

@@ -36,6 +36,9 @@ struct IncomingRequest {
     bool is_answerable() const { return !way_back.empty(); }
 };
 
+/// For a peer's address, which a request can do without: empty if memory has run out.
+std::string text_or_nothing(std::string_view text) noexcept;
+
 /// Receives the next request from a socket that adds a routing frame. Doesn't wait: none if there is none.
 /// What isn't answerable is dropped, with a warning in the log, as are frames behind the payload. Throws
 /// zmq::error_t.

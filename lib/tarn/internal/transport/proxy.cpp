@@ -90,10 +90,7 @@ public:
         };
         poller_.want(front_index_, events(in_, out_));
         poller_.want(back_index_, events(out_, in_));
-        if (!poller_.wait(memory_.wait_time())) {
-            memory_.give_back();
-            return true;
-        }
+        memory_.after_wait(poller_.wait(memory_.wait_time()));
         if (poller_.is_readable(control_index_) && is_told_to_end())
             return false;
         if (in_.is_held() ? poller_.is_writable(back_index_) : poller_.is_unsettled(front_index_))

@@ -15,15 +15,19 @@
 #include "tarn/internal/transport/explain_silence.h"
 #include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/receive.h"
+#include "tarn/internal/utils/request_bounds.h"
 #include "tarn/internal/utils/send.h"
 
 namespace tarn_internal {
 namespace {
-/// Whether the socket has a peer to send to within that time; sending would block without one.
-bool is_writable(zmq::socket_t& socket, const slate::Duration& timeout)
+/// Whether the socket has a peer to send to; sending would block without one.
+bool is_writable(zmq::socket_t& socket)
 {
-    if ((events_of(socket) & ZMQ_POLLOUT) != 0)
-        return true;
+    return (events_of(socket) & ZMQ_POLLOUT) != 0;
+}
+
+bool wait_until_writable(zmq::socket_t& socket, const slate::Duration& timeout)
+{
     zmq::pollitem_t items[] = {{socket.handle(), 0, ZMQ_POLLOUT, 0}};
     poll_for(items, timeout);
     return (items[0].revents & ZMQ_POLLOUT) != 0;
@@ -84,9 +88,14 @@ public:
         return --waits_ > 0;
     }
 
+    /// Takes time off the next wait, of which at least nothing is left.
+    void shorten_wait(const slate::Duration& time) { spent_ = std::min(spent_ + time, timeout_); }
+
     /// Takes time off the waits that are left. False if nothing is left.
     bool spend(const slate::Duration& time)
     {
+        if (timeout_ <= slate::Duration(slate::Seconds(0)))
+            waits_ = 0; // however many there are, they make nothing together
         spent_ += time;
         while (waits_ > 0 && spent_ >= timeout_) {
             spent_ -= timeout_;
@@ -145,12 +154,13 @@ int next_client_instance()
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                            Endpoint uri, unsigned int retries, std::shared_ptr<MessageFactory> factory,
-                           bool secret)
+                           bool secret, ReplyBounds bounds)
     : context_(std::move(context)),
       uri_(std::move(uri)),
       retries_(retries),
       factory_(factory ? std::move(factory) : make_message_factory()),
       secret_(secret || hidden_payload(uri_->to_string())),
+      bounds_(bounds),
       provider_(name, instance),
       err_(add_error_counter(*provider_, "err")),
       rx_(add_counter(*provider_, "rx")),
@@ -163,6 +173,12 @@ RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_pt
         slate::log_error(provider_, SLATE_HERE, "failed to create socket: ", error.what());
         throw;
     }
+}
+
+RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
+                           Endpoint uri, unsigned int retries, std::shared_ptr<MessageFactory> factory)
+    : RequestCycle(name, instance, std::move(context), std::move(uri), retries, std::move(factory), false, {})
+{
 }
 
 RequestCycle::~RequestCycle() = default;
@@ -197,11 +213,15 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, Patience& 
 {
     if (!socket_)
         socket_ = create_socket();
-    if (!is_writable(*socket_, patience.next_wait())) {
-        // The socket has no peer, as after the end of an inproc server; only a new socket can connect to the
-        // next one.
-        socket_.reset();
-        return fail_to_send(message, LocalCause::NoSuchEndpoint, "nobody serves " + uri_->to_string());
+    if (!is_writable(*socket_)) {
+        const slate::StopWatch watch(true);
+        if (!wait_until_writable(*socket_, patience.next_wait())) {
+            // The socket has no peer, as after the end of an inproc server; only a new socket can connect to
+            // the next one.
+            socket_.reset();
+            return fail_to_send(message, LocalCause::NoSuchEndpoint, "nobody serves " + uri_->to_string());
+        }
+        patience.shorten_wait(slate::Microseconds(watch.elapsed()));
     }
     auto frame = to_frame(message);
     if (!frame)
@@ -251,7 +271,7 @@ std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, cons
                                   ? receive_within(*socket_, frame, time)
                                   : is_readable(*socket_, time, stop) && receive_frame(*socket_, frame);
         if (received)
-            return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
+            return std::make_shared<Reply>(parse_reply(frame));
         if (patience.is_last_wait())
             silence = explain_silence(uri_, patience.whole());
         slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message),
@@ -264,9 +284,24 @@ std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, cons
     return nullptr;
 }
 
+/// Null if it doesn't parse, or isn't to be parsed.
+std::shared_ptr<Message> RequestCycle::parse_reply(const zmq::message_t& frame) const
+{
+    if (bounds_.refuses_excess) {
+        if (const auto excess = find_excess(frame.data(), frame.size())) {
+            slate::log_error(provider_, SLATE_HERE, "the reply of ", uri_->to_string(), " has ",
+                             excess->text);
+            return nullptr;
+        }
+    }
+    return factory_->make_message(frame.data(), frame.size());
+}
+
 std::unique_ptr<zmq::socket_t> RequestCycle::create_socket() const
 {
     auto socket = std::make_unique<zmq::socket_t>(*context_, zmq::socket_type::req);
+    if (bounds_.max_frame_bytes >= 0)
+        socket->set(zmq::sockopt::maxmsgsize, bounds_.max_frame_bytes);
     socket->connect(uri_->to_string());
     slate::log_extreme(provider_, SLATE_HERE, "Connect: ", uri_->to_string());
     // Closing drops an unsent request at once.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,6 +18,7 @@ class Uri;
 }
 namespace zmq {
 class context_t;
+class message_t;
 class socket_t;
 } // namespace zmq
 
@@ -36,11 +38,22 @@ int next_client_instance();
 /// time passes before its turn comes sends nothing.
 class RequestCycle {
 public:
+    /// What whoever answers may send. A client trusts whom it asks; a router passes on what anybody asks.
+    struct ReplyBounds {
+        std::int64_t max_frame_bytes = -1; ///< the connection ends beyond it; negative: no bound
+        bool refuses_excess =
+            false; ///< a reply that holds too much of something counts as one that doesn't parse
+    };
+
     /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
     /// requests out of the log, whatever their path. Throws zmq::error_t, logged, if the socket can't be
     /// made.
     RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
-                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
+                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret,
+                 ReplyBounds bounds);
+    /// The same without bounds.
+    RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
+                 unsigned int retries, std::shared_ptr<MessageFactory> factory);
     ~RequestCycle();
 
     /// Never null: failures give a reply of status 408, whose status message says why. A frame that doesn't
@@ -63,6 +76,7 @@ private:
     std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause, const std::string& why);
     std::shared_ptr<Reply> make_reply(LocalCause cause, const std::string& why) const;
     std::string describe(const Message& message) const;
+    std::shared_ptr<Message> parse_reply(const zmq::message_t& frame) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;
@@ -70,6 +84,7 @@ private:
     const unsigned int retries_;
     const std::shared_ptr<MessageFactory> factory_;
     const bool secret_;
+    const ReplyBounds bounds_;
     const OwnedProvider provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;

@@ -18,12 +18,21 @@ constexpr std::size_t many_messages = 10000;
 void MemoryReturn::note(std::size_t bytes)
 {
     ++messages_;
-    pending_ = pending_ || bytes >= large_message || messages_ >= many_messages;
+    if (pending_ || (bytes < large_message && messages_ < many_messages))
+        return;
+    pending_ = true;
+    since_pending_ = slate::StopWatch(true);
 }
 
 slate::Duration MemoryReturn::wait_time() const
 {
     return pending_ ? slate::Duration(slate::Seconds(1)) : slate::Duration::positive_infinity();
+}
+
+void MemoryReturn::after_wait(bool has_message)
+{
+    if (pending_ && (!has_message || slate::Microseconds(since_pending_.elapsed()) >= longest_))
+        give_back();
 }
 
 void MemoryReturn::give_back()

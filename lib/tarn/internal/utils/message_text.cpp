@@ -105,11 +105,11 @@ private:
         return fits;
     }
 
-    std::string cut(std::string text)
+    std::string cut(std::string_view text)
     {
-        text.resize(std::min(text.size(), budget_));
+        text = text.substr(0, budget_);
         budget_ -= text.size();
-        return text;
+        return std::string(text);
     }
 
     void copy_single(const google::protobuf::Message& from, google::protobuf::Message& to,

@@ -24,8 +24,8 @@ protected:
     std::shared_ptr<Call> make_call() { return std::make_shared<Call>(callbacks); }
 
     std::shared_ptr<slate::Provider> provider = slate::add_provider("test.call", "", false);
-    std::shared_ptr<IoThread> io =
-        runtime->parts()->get<IoThread>([this] { return IoThread::start(runtime->ctx(), runtime->queue()); });
+    std::shared_ptr<IoThread> io = runtime->parts()->get<IoThread>(
+        [this] { return IoThread::start(runtime->ctx(), runtime->settings(), runtime->queue()); });
     std::shared_ptr<Callbacks> callbacks = std::make_shared<Callbacks>(
         io, [](const auto& function) { function(); }, tarn_internal::add_counter(*provider, "inline"));
 };
