@@ -58,10 +58,12 @@ def idle(programs, is_smoke):
     direct = started(cases.one_client(programs, "tarn", "tarn_request", 32))
     raw = started(cases.one_client(programs, "raw", "raw_request", 32))
     routed = started(next(cases.router_cases(programs)).contestants[1])
+    window = started(next(case for case in cases.window_cases(programs) if case.name == "window/8").contestants[1])
     relayed = Running(cases.changes(programs, "tarn", "tarn_changes", 1))
     try:
         processes = {"server": direct.servers[0], "client": direct.clients[0], "router": routed.servers[1],
-                     "relay": relayed.servers[0], "raw server": raw.servers[0], "raw client": raw.clients[0]}
+                     "relay": relayed.servers[0], "raw server": raw.servers[0], "raw client": raw.clients[0],
+                     "asynchronous client": window.clients[0]}
         seconds = 0.1 if is_smoke else 10
         time.sleep(min(seconds, 3))  # memory that isn't needed goes back a second after large messages
         before = {name: process.switches(["voluntary"]) for name, process in processes.items()}
@@ -74,7 +76,7 @@ def idle(programs, is_smoke):
             yield figure(f"footprint/idle/{name}/wakeups", f"{name}: wake-ups in {seconds} s", wakeups, "",
                          None if name.startswith("raw") else "none", wakeups == 0)
     finally:
-        for running in (direct, raw, routed, relayed):
+        for running in (direct, raw, routed, relayed, window):
             running.stop()
 
 

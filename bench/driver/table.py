@@ -68,6 +68,11 @@ def difference(before, after):
         old = {name(row): row for row in before[kind]}
         return [(old[name(row)], row) for row in after[kind] if name(row) in old]
 
+    def lost(kind):
+        names = [{name(row) for row in rows[kind]} for rows in (before, after)]
+        return [(which, sorted(" ".join(part for part in found if part) for found in ours - others))
+                for which, ours, others in (("before", *names), ("after", *reversed(names)))]
+
     def both(old, new, key):
         return f"{number(old[key])} → {number(new[key])}"
 
@@ -78,7 +83,8 @@ def difference(before, after):
                     change(old, new), *(both(old, new, key) for key in ("ratio", "cpu_us", "cpu_ratio", "switches"))]
                    for old, new in pairs("comparisons")]
     figures = [[new["title"], f"{both(old, new, 'value')} {new['unit']}", change(old, new),
-                both(old, new, "allocations") if "allocations" in new else ""] for old, new in pairs("figures")]
+                both(old, new, "allocations") if "allocations" in new and "allocations" in old else ""] for old, new in pairs("figures")]
     return "\n\n".join([
         _table(["case", "who", "median", "change", "ratio", "CPU µs", "ratio", "switches"], comparisons, left=2),
-        _table(["figure", "value", "change", "allocations"], figures)])
+        _table(["figure", "value", "change", "allocations"], figures),
+        *(f"Only {which}: {', '.join(names)}" for kind in ("comparisons", "figures") for which, names in lost(kind) if names)])

@@ -396,6 +396,50 @@ TEST_P(ASubscription, LeavesOutATopicThatNoRelayTakes)
         [&] { return logs.count(slate::ErrorLevel, "not subscribing to a topic of 5001 bytes") == 1; }));
 }
 
+/// How many changes wait for a subscriber that is busy, beyond what the sockets of the system take.
+TEST_P(ASubscription, HasTheMarkOfTheSettings)
+{
+    for (const int mark : {100, 1000}) {
+        SCOPED_TRACE(mark);
+        server.reset();
+        settings->set("high_water_mark", mark);
+        zmq::socket_t patient(zmq_context, zmq::socket_type::xpub);
+        patient.set(zmq::sockopt::linger, 0);
+        patient.set(zmq::sockopt::sndhwm, 1);
+        patient.set(zmq::sockopt::xpub_nodrop, true);
+        const auto endpoint = scratch_endpoint();
+        patient.bind(endpoint->to_string());
+        std::promise<void> go;
+        auto gate = go.get_future().share();
+        const auto busy = make_test_route("busy", "get", "/busy");
+        busy->on_put = [gate](Context&) { gate.wait(); };
+        server = make({uri}, endpoint);
+        server->add(busy);
+        do
+            ASSERT_TRUE(is_readable(patient, 20s));
+        while (receive_frames(patient).at(0) != "\x01/busy");
+
+        const std::string change = factory()->make_put("/busy", std::string(32768, 'x'))->SerializeAsString();
+        const auto publish_one = [&] {
+            return wait_until(
+                       [&] {
+                           return patient
+                               .send(zmq::str_buffer("/busy"),
+                                     zmq::send_flags::sndmore | zmq::send_flags::dontwait)
+                               .has_value();
+                       },
+                       std::chrono::milliseconds(500)) &&
+                   patient.send(zmq::buffer(change), zmq::send_flags::dontwait).has_value();
+        };
+        int taken = 0;
+        while (taken < 5000 && publish_one())
+            ++taken;
+        go.set_value();
+        EXPECT_GE(taken, mark);
+        EXPECT_LT(taken, mark + 200);
+    }
+}
+
 TEST_P(ASubscription, LeavesAHandlerWithoutAReplyToWriteTo)
 {
     const auto route = make_test_route("a", "get", "/a");
