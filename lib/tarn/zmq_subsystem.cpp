@@ -55,7 +55,12 @@ ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
 {
     ctx_ = std::make_shared<zmq::context_t>(io_threads, max_sockets);
     // Last, so that nobody finds an object that never came to be.
-    if (!self_)
+    if (self_)
+        slate::log_warn(
+            SLATE_HERE,
+            "a second ZmqSubsystem in this process: the make_ functions go on with the first, and "
+            "the end of either leaves them without one");
+    else
         self_ = this;
 }
 

@@ -41,10 +41,10 @@ class Server;
 /// queue() and servers() in between.
 class ZmqSubsystem {
 public:
-    /// `settings` may hold "relay_url", "relay_pub", "relay_sub" and "session_ttl"; they are read and never
-    /// written. `queue_setup`, if given, is called with the work queue when that is made. A second object
-    /// gets a context of its own, but self() stays with the first. Throws zmq::error_t if the context can't
-    /// be created.
+    /// docs/settings.md lists what `settings` may hold; they are read and never written. `queue_setup`, if
+    /// given, is called with the work queue when that is made. A second object gets a context of its own, but
+    /// self() stays with the first; a warning in the log says so. Throws zmq::error_t if the context can't be
+    /// created.
     explicit ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings = slate::make_dictionary(),
                           const std::function<void(slate::Queue&)>& queue_setup = {});
 
