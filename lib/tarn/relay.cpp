@@ -12,6 +12,7 @@
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/controlled_thread.h"
 #include "tarn/internal/transport/proxy.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/internal/utils/socket_file.h"
 
 namespace tarn {
@@ -91,3 +92,5 @@ std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& rela
     return std::make_shared<RelayImpl>(*runtime, relay_in, relay_out);
 }
 } // namespace tarn
+    log_endpoint_fault("make_relay", relay_in);
+    log_endpoint_fault("make_relay", relay_out);

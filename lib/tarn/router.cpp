@@ -32,7 +32,7 @@ std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionar
                                     const UnknownPathText& unknown_path_text)
 {
     const auto runtime = tarn_internal::find_runtime("make_router");
-    if (!runtime || !tarn_internal::are_endpoints(endpoints, "make_router"))
+    if (!runtime || !tarn_internal::are_endpoints(endpoints, nullptr, "make_router"))
         return nullptr;
     if (run_time_directory.empty()) {
         slate::log_error(SLATE_HERE, "cannot make_router, no run-time directory given");

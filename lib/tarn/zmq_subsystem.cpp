@@ -10,6 +10,7 @@
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/runtime.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
@@ -24,7 +25,8 @@ Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
     if (!settings.has(key))
         throw Exception(slate::trace_error(SLATE_HERE, "settings missing ", key));
     auto uri = slate::make_uri(settings.get(key, ""));
-    if (!uri)
+    if (!uri) {
+        tarn_internal::log_endpoint_fault("setting " + key, settings.get(key, ""));
         slate::log_error(SLATE_HERE, "setting is not an endpoint: ", key, " = ", settings.get(key, ""));
     return uri;
 }

@@ -11,6 +11,7 @@
 #include "tarn/internal/client_base.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/request_cycle.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/proto/message.pb.h"
 
 namespace tarn {
@@ -77,5 +78,6 @@ std::shared_ptr<Client> make_device_client(const std::filesystem::path& run_time
         return nullptr;
     }
     return std::make_shared<DeviceClient>(runtime->context, run_time_directory, router, retries, factory);
+    log_endpoint_fault("make_device_client", router);
 }
 } // namespace tarn

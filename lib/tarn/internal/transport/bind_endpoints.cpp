@@ -15,6 +15,7 @@
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/settings.h"
 #include "tarn/internal/utils/socket_ops.h"
+#include "tarn/internal/utils/endpoint_log.h"
 
 namespace tarn_internal {
 bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function)
@@ -25,6 +26,9 @@ bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function)
     return false;
 }
 
+    for (const Endpoint& uri : uris)
+        log_endpoint_fault(function, uri);
+    log_endpoint_fault(function, relay_out);
 void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
 {
     constexpr auto patience = std::chrono::milliseconds(250);

@@ -20,9 +20,10 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
-/// False, with an error in the log that names `function`, if one of the endpoints is null, which is what
-/// slate::make_uri gives for a text that is not an endpoint.
-bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function);
+/// Logs what check_endpoint() says of the endpoints that `function` was given, and of `relay_out`, which may
+/// be null. False, with an error in the log, if one of the others is null, which is what slate::make_uri
+/// gives for a text that is not an endpoint.
+bool are_endpoints(const std::vector<Endpoint>& uris, const Endpoint& relay_out, std::string_view function);
 
 /// Binds a socket to one endpoint; throws zmq::error_t. Retries an endpoint in use for a quarter of a second:
 /// libzmq releases one some time after its socket was closed, and a restarted server must not collide with
