@@ -5,8 +5,16 @@
 #include "tarn/internal/router/router_impl.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/zmq_subsystem.h"
 
 namespace tarn {
+std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                    const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+                                    const std::shared_ptr<MessageFactory>& factory)
+{
+    return make_router(settings, endpoints, relay_out, factory, run_time_directory(settings));
+}
+
 std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
                                     const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                                     const std::shared_ptr<MessageFactory>& factory,

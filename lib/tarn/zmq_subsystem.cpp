@@ -28,6 +28,7 @@ Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
     if (!uri) {
         tarn_internal::log_endpoint_fault("setting " + key, settings.get(key, ""));
         slate::log_error(SLATE_HERE, "setting is not an endpoint: ", key, " = ", settings.get(key, ""));
+    }
     return uri;
 }
 
@@ -180,6 +181,17 @@ std::shared_ptr<Server> ZmqSubsystem::add_subscriber(const Endpoint& relay_out)
     return keep(make_subscriber(settings_, relay_out, make_message_factory()));
 }
 
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints)
+{
+    return add_router(endpoints, run_time_directory(settings_));
+}
+
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
+                                                 const Endpoint& relay_out)
+{
+    return add_router(endpoints, relay_out, run_time_directory(settings_));
+}
+
 std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
                                                  const std::filesystem::path& run_time_directory)
 {
@@ -229,5 +241,18 @@ Endpoint relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings)
 Endpoint relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings)
 {
     return endpoint_of(*settings, relay_sub());
+}
+
+std::filesystem::path run_time_directory(const std::shared_ptr<const slate::Dictionary>& settings)
+{
+    const std::string key = "run_time_directory";
+    if (!settings || !settings->has(key))
+        return default_run_time_directory;
+    const std::string text = settings->get(key, "");
+    if (text.empty()) {
+        slate::log_error(SLATE_HERE, "setting is not a directory: ", key, " = ", text);
+        return default_run_time_directory;
+    }
+    return text;
 }
 } // namespace tarn
