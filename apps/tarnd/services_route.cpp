@@ -46,7 +46,7 @@ Finding ask(const Service& service)
 {
     Finding finding{service, false, "", std::nullopt, {}};
     const auto endpoint = slate::make_uri("ipc://" + service.socket.string());
-    const tarn::Probe found = tarn::probe(endpoint);
+    const tarn::Probe found = tarn::probe(endpoint, slate::Seconds(0)); // the request below asks more
     finding.pid = found.pid;
     finding.why_not = found.error;
     if (!found.served)
