@@ -137,6 +137,15 @@ private:
     bool taken_ = false;
 };
 
+template <class... Pieces>
+void RequestCycle::log_failure(slate::SourceLine line, const Pieces&... pieces) const
+{
+    if (failure_level_ == slate::ErrorLevel)
+        slate::log_error(provider_, line, pieces...);
+    else
+        slate::log_verbose(provider_, line, pieces...);
+}
+
 int next_client_instance()
 {
     static std::atomic<int> instance{0};
@@ -145,12 +154,13 @@ int next_client_instance()
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                            Endpoint uri, unsigned int retries, std::shared_ptr<MessageFactory> factory,
-                           bool secret)
+                           bool secret, slate::TraceLevel failure_level)
     : context_(std::move(context)),
       uri_(std::move(uri)),
       retries_(retries),
       factory_(factory ? std::move(factory) : make_message_factory()),
       secret_(secret || hidden_payload(uri_->to_string())),
+      failure_level_(failure_level),
       provider_(name, instance),
       err_(add_error_counter(*provider_, "err")),
       rx_(add_counter(*provider_, "rx")),
@@ -174,8 +184,8 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     Patience patience(timeout, message.has_post() ? 0 : retries_);
     const Turn turn(*this, patience);
     if (!turn.taken()) {
-        slate::log_error(provider_, SLATE_HERE,
-                         "request timeout; other requests are under way, nothing sent: ", describe(message));
+        log_failure(SLATE_HERE,
+                    "request timeout; other requests are under way, nothing sent: ", describe(message));
         return make_reply(LocalCause::TooMany, "other requests were under way for " +
                                                    to_readable_text(patience.whole()) +
                                                    ", nothing was sent to " + uri_->to_string());
@@ -184,7 +194,7 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
         return exchange(message, patience, stop);
     }
     catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
+        log_failure(SLATE_HERE, error.what(), ", request: ", describe(message));
         err_->increment();
         // Its state is unknown: a socket that has sent and not received would refuse every further request.
         socket_.reset();
@@ -233,7 +243,7 @@ std::string RequestCycle::describe(const Message& message) const
 std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalCause cause,
                                                   const std::string& why)
 {
-    slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(message), "; " + why);
+    log_failure(SLATE_HERE, "send failed: ", describe(message), "; " + why);
     err_->increment();
     return make_reply(cause, why);
 }
@@ -254,11 +264,11 @@ std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, cons
             return std::make_shared<Reply>(factory_->make_message(frame.data(), frame.size()));
         if (patience.is_last_wait())
             silence = explain_silence(uri_, patience.whole());
-        slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message),
-                         silence.text.empty() ? "" : "; " + silence.text);
+        log_failure(SLATE_HERE, "request timeout; no reply to ", describe(message),
+                    silence.text.empty() ? "" : "; " + silence.text);
     }
     catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what(), "; request: ", describe(message));
+        log_failure(SLATE_HERE, error.what(), "; request: ", describe(message));
         silence = {LocalCause::NoAnswerInTime, "no answer from " + uri_->to_string() + ": " + error.what()};
     }
     return nullptr;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "slate/duration.h"
+#include "slate/log.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
@@ -37,10 +38,12 @@ int next_client_instance();
 class RequestCycle {
 public:
     /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
-    /// requests out of the log, whatever their path. Throws zmq::error_t, logged, if the socket can't be
-    /// made.
+    /// requests out of the log, whatever their path. `failure_level` is that of the lines about requests that
+    /// fail, for a caller that goes on trying and says itself what came of it. Throws zmq::error_t, logged,
+    /// if the socket can't be made.
     RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
-                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false);
+                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret = false,
+                 slate::TraceLevel failure_level = slate::ErrorLevel);
     ~RequestCycle();
 
     /// Never null: failures give a reply of status 408, whose status message says why. A frame that doesn't
@@ -63,6 +66,8 @@ private:
     std::shared_ptr<Reply> fail_to_send(const Message& message, LocalCause cause, const std::string& why);
     std::shared_ptr<Reply> make_reply(LocalCause cause, const std::string& why) const;
     std::string describe(const Message& message) const;
+    template <class... Pieces>
+    void log_failure(slate::SourceLine line, const Pieces&... pieces) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;
@@ -70,6 +75,7 @@ private:
     const unsigned int retries_;
     const std::shared_ptr<MessageFactory> factory_;
     const bool secret_;
+    const slate::TraceLevel failure_level_;
     const OwnedProvider provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;
