@@ -24,19 +24,22 @@ std::string why_no_routes(const tarn::Reply& reply, tarn::RoutingDetails& routes
 
 Service look_at(const std::string& name, const tarn::Endpoint& endpoint, const slate::Duration& timeout)
 {
-    Service service{name, endpoint, false, "", std::nullopt, 0, {}};
+    Service service{name, endpoint, false, "", std::nullopt, "", 0, {}};
     if (!endpoint) {
         service.problem = "no endpoint can have this name";
         return service;
     }
-    const tarn::Probe found = tarn::probe(endpoint);
+    const tarn::Probe found = tarn::probe(endpoint, slate::Seconds(0)); // the request below asks more
     service.pid = found.pid;
+    service.process_name = found.process_name;
     if (!found.served) {
         service.problem = found.error;
         return service;
     }
     const slate::StopWatch watch(true);
-    const auto reply = tarn::make_client(endpoint, 0)->get("/index?format=proto", nullptr, timeout);
+    // Not a Client, which takes a reply of any size.
+    const auto reply =
+        tarn::make_async_client(endpoint)->get("/index?format=proto", {.timeout = timeout}).get();
     service.milliseconds = static_cast<double>(watch.elapsed()) / 1000;
     if (reply->is_local())
         service.problem = "no answer within " + timeout.to_string();
@@ -60,7 +63,7 @@ std::vector<Service> look_at_all(const tarn::Fabric& fabric, const std::vector<s
         for (std::size_t i = next++; i < names.size(); i = next++) {
             const auto endpoint = tarn::service_endpoint(fabric, names[i]);
             const auto give_up = [&](const std::string& why) {
-                found[i] = {names[i], endpoint, false, why, std::nullopt, 0, {}};
+                found[i] = {names[i], endpoint, false, why, std::nullopt, "", 0, {}};
             };
             try {
                 if (slate::Duration(std::chrono::steady_clock::now() - begin) < last_start)

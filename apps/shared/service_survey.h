@@ -16,7 +16,8 @@ struct Service {
     bool answers = false;
     std::string problem; ///< why it doesn't answer or, if it does, why its routes aren't known; else empty
     std::optional<int> pid;
-    double milliseconds = 0; ///< how long its answer took
+    std::string process_name; ///< such as "tarnd"; empty if it isn't known
+    double milliseconds = 0;  ///< how long its answer took
     tarn::RoutingDetails routes;
 };
 

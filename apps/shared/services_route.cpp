@@ -126,7 +126,7 @@ private:
 
     Service describe_itself(const std::string& name) const
     {
-        Service service{name, tarn::service_endpoint(fabric_, name), true, "", getpid(), 0, {}};
+        Service service{name, tarn::service_endpoint(fabric_, name), true, "", getpid(), "tarnd", 0, {}};
         for (const char* path : {"/index", "/services"}) {
             tarn::RoutingDetail* detail = service.routes.add_details();
             detail->set_access(tarn::Access::Public);

@@ -30,7 +30,7 @@ void refuse_if_served(const std::vector<tarn::Endpoint>& endpoints)
             continue;
         std::string text = endpoint->to_string() + " is served already";
         if (found.pid)
-            text += ", by process " + std::to_string(*found.pid);
+            text += ", by " + tarn::describe_server(found);
         throw std::runtime_error(text + "; end that process first, or serve elsewhere");
     }
 }

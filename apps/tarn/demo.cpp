@@ -52,7 +52,8 @@ public:
         std::error_code ignored;
         for (const char* socket : {"router/zmq.sock", "relay/zmq.sock", "relay/in.sock", "relay/out.sock",
                                    "clock/zmq.sock", "machine/zmq.sock"}) {
-            if (!tarn::probe(slate::make_uri("ipc://" + (directory_ / socket).string())).served)
+            if (!tarn::probe(slate::make_uri("ipc://" + (directory_ / socket).string()), slate::Seconds(0))
+                     .served)
                 std::filesystem::remove(directory_ / socket, ignored);
         }
         for (auto made = made_.rbegin(); made != made_.rend(); ++made)
@@ -110,7 +111,7 @@ int demo(const Place& place)
     const bool is_named = !place.run_time_directory.empty();
     if (!is_named) {
         const auto device = fabric_in(tarn::default_run_time_directory);
-        if (tarn::probe(device.router).served)
+        if (tarn::probe(device.router, slate::Seconds(0)).served)
             throw Failure(ExitOther, "the fabric of this device answers at " + device.router->to_string() +
                                          ", and commands would go there; use that one, or name a directory "
                                          "for the demo with --run-dir");

@@ -209,7 +209,7 @@ private:
         }
         look_at_socket("relay, input", fabric.relay_in, false);
         look_at_socket("relay, output", fabric.relay_out, false);
-        return tarn::probe(fabric.router).served;
+        return tarn::probe(fabric.router, slate::Seconds(0)).served;
     }
 
     void look_at_socket(const std::string& name, const tarn::Endpoint& endpoint, bool has_index)
@@ -220,7 +220,7 @@ private:
         const bool is_there = stat(path.c_str(), &status) == 0;
         const auto found = tarn::probe(endpoint);
         const std::string process =
-            found.pid ? ", process " + std::to_string(*found.pid) + " " + process_name(*found.pid) : "";
+            found.pid ? ", process " + std::to_string(*found.pid) + " " + escape(found.process_name) : "";
         if (found.error == "no such file") {
             if (has_index)
                 problem(title + ": a directory without a socket, so requests to it get 408",

@@ -8,6 +8,7 @@
 #include <slate/strings.h>
 #include <slate/uri.h>
 #include <sys/un.h>
+#include <tarn/check_endpoint.h>
 #include <tarn/exception.h>
 #include <tarn/probe.h>
 
@@ -51,27 +52,14 @@ std::shared_ptr<Place> add_place(CLI::App& app, const char* meaning)
 
 tarn::Endpoint parse_endpoint(const std::string& text)
 {
-    if (text.empty())
-        throw Failure(ExitUsage, "the endpoint is empty; name one such as ipc:///run/x.sock or "
-                                 "tcp://127.0.0.1:5555, or the path of a socket");
-    const bool is_uri = slate::contains(text, "://");
-    const auto endpoint = slate::make_uri(is_uri ? text : "ipc://" + text);
-    if (!endpoint || (endpoint->scheme() != "ipc" && endpoint->scheme() != "tcp"))
-        throw Failure(ExitUsage, "'" + escape(text) +
-                                     "' is not an endpoint; write ipc:///run/x.sock, "
-                                     "tcp://127.0.0.1:5555, or the path of a socket");
-    if (endpoint->scheme() == "ipc" && endpoint->address().size() > max_socket_path)
-        throw Failure(ExitUsage, "'" + escape(text) + "' is too long for a socket, whose path has " +
-                                     std::to_string(max_socket_path) + " bytes at most; use a shorter one");
-    if (endpoint->scheme() == "tcp") {
-        const std::string address = endpoint->address();
-        const auto colon = address.rfind(':');
-        unsigned short port = 0;
-        if (colon == std::string::npos || !slate::try_parse(address.substr(colon + 1), &port) || port == 0)
-            throw Failure(ExitUsage, "'" + escape(text) +
-                                         "' has no port from 1 to 65535; write it behind a "
-                                         "colon, as in tcp://127.0.0.1:5555");
-    }
+    const bool is_path = !text.empty() && !slate::contains(text, "://");
+    const std::string uri = (is_path ? "ipc://" : "") + text;
+    if (const auto fault = tarn::check_endpoint(uri))
+        throw Failure(ExitUsage, escape(*fault));
+    const auto endpoint = slate::make_uri(uri);
+    if (endpoint->scheme() != "ipc" && endpoint->scheme() != "tcp")
+        throw Failure(ExitUsage, "no other process can be reached at '" + escape(uri) +
+                                     "'; write ipc:///run/x.sock or tcp://127.0.0.1:5555");
     return endpoint;
 }
 
@@ -100,7 +88,7 @@ std::string advice(const std::string& error)
 
 void require_served(const tarn::Endpoint& endpoint, const std::string& name)
 {
-    const auto found = tarn::probe(endpoint);
+    const auto found = tarn::probe(endpoint, slate::Seconds(0));
     if (!found.served)
         throw Failure(ExitUnreachable, name + " can't be reached at " + shown(endpoint) + ": " + found.error +
                                            "; " + advice(found.error));
@@ -119,7 +107,7 @@ Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, con
     for (const auto& directory :
          {std::filesystem::path(tarn::default_run_time_directory), tarn::personal_run_time_directory()}) {
         const auto fabric = fabric_in(directory.string());
-        const auto found = tarn::probe(fabric.*role);
+        const auto found = tarn::probe(fabric.*role, slate::Seconds(0));
         if (found.served) {
             say_verbosely("using " + shown(fabric.*role));
             return {fabric.*role, fabric};

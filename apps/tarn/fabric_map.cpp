@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fabric_map.h"
 
-#include <fstream>
-
 #include <nlohmann/json.hpp>
 #include <slate/dictionary.h>
 #include <slate/strings.h>
@@ -25,7 +23,7 @@ tarn::Fabric find_fabric(const Place& place)
     const auto device = fabric_in(tarn::default_run_time_directory);
     const auto own = fabric_in(tarn::personal_run_time_directory().string());
     for (const auto& fabric : {device, own}) {
-        if (tarn::probe(fabric.router).served)
+        if (tarn::probe(fabric.router, slate::Seconds(0)).served)
             return fabric;
     }
     for (const auto& fabric : {device, own}) {
@@ -55,14 +53,6 @@ std::vector<Service> look_at_services(const tarn::Fabric& fabric, const slate::D
 {
     return services::look_at_all(fabric, service_names(fabric.run_time_directory), timeout,
                                  slate::Duration::positive_infinity()); // a person can press Ctrl-C
-}
-
-std::string process_name(int pid)
-{
-    std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
-    std::string name;
-    std::getline(file, name);
-    return escape(name);
 }
 
 nlohmann::ordered_json routes_json(const tarn::RoutingDetails& routes, const std::string& prefix)

@@ -25,9 +25,6 @@ std::vector<std::string> service_names(const std::filesystem::path& directory);
 /// The services of a fabric, asked side by side.
 std::vector<Service> look_at_services(const tarn::Fabric& fabric, const slate::Duration& timeout);
 
-/// "clock_service", from the system; empty if it doesn't tell.
-std::string process_name(int pid);
-
 /// The routes as an array of objects; `prefix` is put before each pattern.
 nlohmann::ordered_json routes_json(const tarn::RoutingDetails& routes, const std::string& prefix);
 } // namespace tarn_command

@@ -49,7 +49,7 @@ int exit_status_of(const tarn::Reply& reply, const tarn::Endpoint& endpoint)
         return ExitOther;
     const int status = reply.status();
     if (is_silence(reply.local_cause()))
-        return tarn::probe(endpoint).served ? ExitTimeout : ExitUnreachable;
+        return tarn::probe(endpoint, slate::Seconds(0)).served ? ExitTimeout : ExitUnreachable;
     if (reply.is_local())
         return ExitOther;
     if (status >= 200 && status < 400)
@@ -79,7 +79,7 @@ std::string explain(const tarn::Reply& reply, const Target& target, const std::s
             return what + ": nobody can be reached at " + where + ": " + found.error + "; " +
                    advice(found.error);
         return what + ": 408, somebody listens at " + where +
-               (found.pid ? " (process " + std::to_string(*found.pid) + ")" : "") +
+               (found.pid ? " (" + escape(tarn::describe_server(found)) + ")" : "") +
                " but doesn't answer in time; allow more time with -t, or look at that process";
     }
     std::string text = what + ": " + status_text(reply);

@@ -70,19 +70,19 @@ int publish(const PublishOptions& options)
     require_served(target.endpoint, "the relay");
     require_served(statistics, "the statistics of the relay");
     tarn::ZmqSubsystem subsystem;
-    // A silent relay would cost a publisher eleven timeouts.
+    // Whoever answers there must be a relay's statistics; that it hears this publisher is asked next.
     const auto answer = tarn::make_client(statistics, 0)->get("/relay/stats", nullptr, timeout);
     if (const int status = exit_status_of(*answer, statistics); status != ExitGood)
         throw Failure(status, explain(*answer, {statistics, std::nullopt}, "/relay/stats"));
     std::shared_ptr<tarn::Publisher> publisher;
     try {
-        publisher = tarn::make_publisher(target.endpoint, timeout, 0, statistics);
+        publisher = tarn::make_publisher(
+            {.timeout = timeout, .endpoint = target.endpoint, .stats_endpoint = statistics});
     }
-    catch (const std::runtime_error&) {
-        throw Failure(ExitTimeout, "the relay at " + escape(target.endpoint->to_string()) +
-                                       " doesn't show what is sent to it; see with `tarn get -e " +
+    catch (const std::runtime_error& error) {
+        throw Failure(ExitTimeout, escape(error.what()) + "; see with `tarn get -e " +
                                        escape(statistics->to_string()) +
-                                       " /relay/stats` whether it is that one");
+                                       " /relay/stats` whether it is that relay");
     }
     const auto reply = verb == "put" ? publisher->put(path, body, headers) : publisher->del(path, headers);
     if (!reply->good())

@@ -26,6 +26,7 @@ struct Way {
     tarn::Endpoint endpoint;
     std::string inner_path; ///< as the service sees it
     std::optional<int> pid;
+    std::string process_name;
     std::string pattern;
     std::string methods;
     std::string access;
@@ -138,6 +139,7 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
 
     const auto service = services::look_at(way.service, way.endpoint, timeout);
     way.pid = service.pid;
+    way.process_name = service.process_name;
     if (service.problem.empty())
         find_route(way, service);
     else if (service.pid)
@@ -180,7 +182,7 @@ int show_way(const Way& way, bool as_json)
         line("socket", escape(way.endpoint->to_string()));
     }
     if (way.pid)
-        line("process", std::to_string(*way.pid) + " " + process_name(*way.pid));
+        line("process", std::to_string(*way.pid) + " " + escape(way.process_name));
     if (!way.inner_path.empty())
         line("asked as", escape(way.inner_path));
     if (!way.pattern.empty())

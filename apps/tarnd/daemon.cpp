@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <iomanip>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -36,11 +38,20 @@ std::vector<tarn::Endpoint> find_relay_endpoints(const Options& options, const t
     return {fabric.relay_stats, fabric.relay_in, fabric.relay_out};
 }
 
-std::shared_ptr<slate::Dictionary> make_settings(const Options& options)
+mode_t socket_mode(const Options& options)
 {
+    return options.mode.value_or(options.is_personal ? 0700 : 0775);
+}
+
+std::shared_ptr<slate::Dictionary> make_settings(const Options& options, const std::string& group)
+{
+    std::ostringstream mode;
+    mode << std::oct << std::setw(4) << std::setfill('0') << socket_mode(options);
     return slate::make_dictionary({{"max_frame_bytes", std::to_string(options.max_frame_bytes)},
                                    {"max_transfer_bytes", std::to_string(options.max_transfer_bytes)},
-                                   {"high_water_mark", std::to_string(options.high_water_mark)}});
+                                   {"high_water_mark", std::to_string(options.high_water_mark)},
+                                   {"socket_mode", mode.str()},
+                                   {"socket_group", group}});
 }
 
 /// The path of an endpoint's socket file, or empty.
@@ -78,37 +89,31 @@ std::runtime_error group_error(const std::string& group, const std::string& why)
     return std::runtime_error("cannot give the sockets to the group \"" + group + "\": " + why);
 }
 
-/// The group of the sockets; none keeps what they have.
-std::optional<gid_t> find_group(const Options& options)
+/// The group of the sockets; empty if they keep the one they have.
+std::string find_group(const Options& options)
 {
     if (!options.group.empty()) {
-        const struct group* group = getgrnam(options.group.c_str());
-        if (!group)
+        if (!getgrnam(options.group.c_str()))
             throw group_error(options.group, "there is no such group; make it with groupadd, or name "
                                              "another one");
-        return group->gr_gid;
+        return options.group;
     }
-    const struct group* group = options.is_personal ? nullptr : getgrnam("corvane");
-    if (!group)
-        return std::nullopt;
-    return group->gr_gid;
+    return !options.is_personal && getgrnam("corvane") ? "corvane" : "";
 }
 
-void set_access(const Options& options, const std::optional<gid_t>& group, const tarn::Endpoint& endpoint)
+/// The library only logs that it can't set the access, and why.
+void refuse_other_access(const Options& options, const tarn::Endpoint& endpoint)
 {
     const std::string path = socket_path(endpoint);
     if (path.empty())
         return;
-    const mode_t mode = options.mode.value_or(options.is_personal ? 0700 : 0775);
-    if (group && lchown(path.c_str(), static_cast<uid_t>(-1), *group) != 0) {
-        const std::string why = path + ": " + std::generic_category().message(errno);
-        if (!options.group.empty())
-            throw group_error(options.group, why + "; be a member of that group, or name another one");
-        slate::log_warn(SLATE_HERE, "the socket keeps its group; ", why);
-    }
-    if (chmod(path.c_str(), mode) != 0)
-        throw std::runtime_error("cannot set the mode of " + path + ": " +
-                                 std::generic_category().message(errno));
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || (status.st_mode & 07777) != socket_mode(options))
+        throw std::runtime_error("cannot set the mode of " + path + "; the log says why");
+    const struct group* group = options.group.empty() ? nullptr : getgrnam(options.group.c_str());
+    if (group && status.st_gid != group->gr_gid)
+        throw group_error(options.group, path + " keeps its own, and the log says why; be a member of that "
+                                                "group, or name another one");
 }
 } // namespace
 
@@ -118,7 +123,7 @@ Daemon::Daemon(const Options& options)
       relay_endpoints_(find_relay_endpoints(options, fabric_))
 {
     run_time_directory::prepare(options);
-    const auto group = find_group(options);
+    const std::string group = find_group(options);
     const auto reserve = [&](const char* part, const std::vector<tarn::Endpoint>& endpoints) {
         if (endpoints.empty())
             return;
@@ -131,11 +136,11 @@ Daemon::Daemon(const Options& options)
     start::refuse_if_served(router_endpoints_);
     start::refuse_if_served(relay_endpoints_);
 
-    subsystem_ = std::make_unique<tarn::ZmqSubsystem>(make_settings(options));
+    subsystem_ = std::make_unique<tarn::ZmqSubsystem>(make_settings(options, group));
     for (const auto& endpoint : router_endpoints_)
         refuse_if_not_bindable(*subsystem_, endpoint);
 
-    umask(~options.mode.value_or(options.is_personal ? 0700 : 0775) & 0777);
+    umask(~socket_mode(options) & 0777); // from the first moment
     const auto settings = subsystem_->settings();
     if (options.has_relay) {
         relay_ = tarn::make_relay(fabric_.relay_in, fabric_.relay_out);
@@ -161,8 +166,11 @@ Daemon::Daemon(const Options& options)
     }
     for (const auto* endpoints : {&router_endpoints_, &relay_endpoints_}) {
         for (const auto& endpoint : *endpoints)
-            set_access(options, group, endpoint);
+            refuse_other_access(options, endpoint);
     }
+    if (group.empty() && !options.is_personal)
+        slate::log_warn(SLATE_HERE,
+                        "there is no group \"corvane\": the sockets keep the group of this process");
 }
 
 bool Daemon::answers(std::chrono::microseconds time) const

@@ -9,6 +9,7 @@
 #include "tarn/internal/client_base.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/request_cycle.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
@@ -52,6 +53,7 @@ std::shared_ptr<Client> make_client(const Endpoint& endpoint, unsigned int retri
         slate::log_error(SLATE_HERE, "cannot make_client, no endpoint given");
         return nullptr;
     }
+    tarn_internal::log_endpoint_fault("make_client", endpoint);
     return std::make_shared<ClientImpl>(runtime->context, endpoint, retries, factory);
 }
 
@@ -66,6 +68,7 @@ std::shared_ptr<Client> make_client(const std::filesystem::path& path, unsigned 
 {
     const auto endpoint = slate::make_uri("ipc://" + path.string());
     if (!endpoint) {
+        tarn_internal::log_endpoint_fault("make_client", "ipc://" + path.string());
         slate::log_error(SLATE_HERE, "failed to create ipc client ( ", path.string(), " ): invalid uri");
         return nullptr;
     }
@@ -79,6 +82,7 @@ std::shared_ptr<Client> make_client_at(std::string_view endpoint_or_path, unsign
         return make_client(std::filesystem::path(endpoint_or_path), retries, factory);
     const auto endpoint = slate::make_uri(std::string(endpoint_or_path));
     if (!endpoint) {
+        tarn_internal::log_endpoint_fault("make_client", endpoint_or_path);
         slate::log_error(SLATE_HERE, "failed to create client ( ", endpoint_or_path, " ): invalid uri");
         return nullptr;
     }

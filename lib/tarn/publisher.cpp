@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <istream>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -15,13 +16,16 @@
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "slate/uuid.h"
-#include "tarn/client.h"
+#include "tarn/exception.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/server/server_loop.h"
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/controlled_thread.h"
+#include "tarn/internal/transport/explain_silence.h"
+#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/internal/utils/counters.h"
-#include "tarn/internal/utils/handshake_delays.h"
+#include "tarn/internal/utils/endpoint_log.h"
+#include "tarn/internal/utils/handshake.h"
 #include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/internal/utils/parse.h"
@@ -57,10 +61,11 @@ std::string_view why_unpublishable(const std::shared_ptr<Message>& message)
 
 class PublisherImpl : public Publisher {
 public:
-    /// Binds without `stats_endpoint`, else connects and proves the connection.
+    /// Binds without `stats_endpoint`, else connects and proves the connection: eleven times, or, with a
+    /// `limit`, within that time and without a line in the log for each attempt.
     PublisherImpl(const tarn_internal::Runtime& runtime, const Endpoint& endpoint,
                   const slate::Duration& timeout, unsigned int retries, const Endpoint& stats_endpoint,
-                  const std::shared_ptr<MessageFactory>& factory)
+                  const std::shared_ptr<MessageFactory>& factory, const std::optional<slate::Duration>& limit)
         : context_(runtime.context),
           timeout_(timeout),
           factory_(factory ? factory : make_message_factory()),
@@ -72,23 +77,29 @@ public:
           connect_(tarn_internal::add_counter(*provider_, "connect")),
           connect_error_(tarn_internal::add_error_counter(*provider_, "connect_error")),
           socket_(*context_, zmq::socket_type::pub),
-          client_(stats_endpoint ? make_client(stats_endpoint, retries, factory_) : nullptr),
+          has_limit_(limit.has_value()),
+          statistics_(make_statistics_client(stats_endpoint, retries)),
           listener_(context_, slate::make_uri("inproc://" + slate::make_uuid().to_string()))
     {
-        tarn_internal::limit_subscriptions(socket_, client_ ? tarn_internal::max_relayed_subscription_bytes
-                                                            : tarn_internal::max_subscription_bytes);
+        tarn_internal::limit_subscriptions(socket_, statistics_
+                                                        ? tarn_internal::max_relayed_subscription_bytes
+                                                        : tarn_internal::max_subscription_bytes);
         // Its one peer is the relay, so the socket can say that the queue is full. With several, one that
         // doesn't read would stop the others.
-        if (tarn_internal::set_high_water_mark(socket_, *runtime.settings) && client_)
+        if (tarn_internal::set_high_water_mark(socket_, *runtime.settings) && statistics_)
             socket_.set(zmq::sockopt::xpub_nodrop, true);
-        if (client_)
+        if (statistics_)
             socket_.connect(uri_->to_string());
-        else
+        else {
             tarn_internal::bind_when_free(socket_, *uri_);
+            tarn_internal::set_socket_access_as_told(uri_, *runtime.settings);
+        }
         socket_.set(zmq::sockopt::linger, linger_milliseconds);
         listener_.start("tarn-publisher", [this, events = socket_.get(zmq::sockopt::fd)] { listen(events); });
-        if (client_)
-            ensure_connection();
+        if (statistics_ && limit)
+            ensure_connection(tarn_internal::AttemptsWithin(*limit));
+        else if (statistics_)
+            ensure_connection(tarn_internal::ElevenAttempts(timeout_));
     }
 
     Endpoint url() const override { return uri_; }
@@ -181,32 +192,97 @@ private:
         });
     }
 
-    /// Publishes probes until the relay's statistics show them. Throws if they never do.
-    void ensure_connection()
+    std::unique_ptr<tarn_internal::RequestCycle> make_statistics_client(const Endpoint& endpoint,
+                                                                        unsigned int retries) const
     {
+        if (!endpoint)
+            return nullptr;
+        return std::make_unique<tarn_internal::RequestCycle>(
+            "zmq.client", tarn_internal::next_client_instance(), context_, endpoint, retries, factory_,
+            tarn_internal::RequestCycle::Options{.failure_level =
+                                                     has_limit_ ? slate::VerboseLevel : slate::ErrorLevel});
+    }
+
+    /// Publishes probes until the relay's statistics show them. Throws if they never do.
+    void ensure_connection(tarn_internal::Schedule&& schedule)
+    {
+        const slate::StopWatch watch(true);
         unsigned int seen = 0;
-        for (const std::uint32_t delay : tarn_internal::handshake_delays(timeout_)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        std::shared_ptr<const Reply> last;
+        while (const auto attempt = schedule.next()) {
+            std::this_thread::sleep_for(std::chrono::nanoseconds(attempt->pause.to_nanoseconds()));
             const auto probe = factory_->make_put("relay?format=text", "hi", nullptr, timeout_);
             if (!probe)
                 continue;
             (void)publish(*probe);
-            if (is_connected(seen)) {
+            const auto request = factory_->make_get("/relay/stats", nullptr, attempt->patience);
+            if (!request)
+                continue;
+            last = statistics_->read_reply(*request, attempt->patience);
+            if (last->good() && shows_movement(*last, seen)) {
                 connect_->increment();
                 return;
             }
         }
         connect_error_->increment();
-        throw std::runtime_error(slate::trace_error(provider_, SLATE_HERE, "failed to connect to the relay"));
+        give_up(last.get(), slate::Microseconds(watch.elapsed()));
+    }
+
+    [[noreturn]] void give_up(const Reply* last, const slate::Duration& time) const
+    {
+        const char* const failed = "failed to connect to the relay";
+        const std::string cause = explain_failure(last);
+        if (has_limit_) {
+            const std::string within = tarn_internal::to_readable_text(time) + ": " + cause;
+            throw std::runtime_error(slate::trace_error(provider_, SLATE_HERE, failed, " within ", within));
+        }
+        const std::string text = slate::trace_error(provider_, SLATE_HERE, failed);
+        slate::log_error(provider_, SLATE_HERE, cause);
+        throw std::runtime_error(text);
+    }
+
+    /// Why the last attempt failed.
+    std::string explain_failure(const Reply* last) const
+    {
+        if (!last)
+            return "no message could be made";
+        const std::string at = statistics_->uri()->to_string();
+        const auto with = [](const std::string& text) { return text.empty() ? text : ": " + text; };
+        if (last->is_local())
+            return "nobody answers for its statistics at " + at +
+                   with(tarn_internal::find_cause(statistics_->uri()).second);
+        if (last->bad() || !last->has_body())
+            return "there are no statistics of a relay at " + at + with(last->why());
+        return "its statistics at " + at + " don't show what was sent to " + uri_->to_string() +
+               with(explain_relay_in());
+    }
+
+    /// Whether the relay can be reached where the publisher sends to it.
+    std::string explain_relay_in() const
+    {
+        const auto [cause, text] = tarn_internal::find_cause(uri_);
+        return cause == LocalCause::NoAnswerInTime ? "" : text;
+    }
+
+    std::shared_ptr<const Stats> read_statistics(const Reply& reply) const
+    {
+        if (!has_limit_)
+            return reply.as<Stats>();
+        if (!reply.has_body())
+            return nullptr;
+        try {
+            return std::make_shared<Stats>(reply.into<Stats>());
+        }
+        catch (const SerdesException& error) {
+            slate::log_verbose(provider_, SLATE_HERE, error.what());
+            return nullptr;
+        }
     }
 
     /// Whether the relay's count for this publisher has changed since the last look.
-    bool is_connected(unsigned int& seen) const
+    bool shows_movement(const Reply& reply, unsigned int& seen) const
     {
-        const auto reply = client_->get("/relay/stats", nullptr, timeout_);
-        if (reply->bad())
-            return false;
-        const auto stats = reply->as<Stats>();
+        const auto stats = read_statistics(reply);
         if (!stats)
             return false;
         for (const Stat& stat : stats->stat()) {
@@ -238,16 +314,16 @@ private:
     const std::shared_ptr<slate::Counter> connect_;
     const std::shared_ptr<slate::Counter> connect_error_;
     zmq::socket_t socket_;
-    const std::shared_ptr<Client> client_;     // null for a publisher that binds
-    tarn_internal::ControlledThread listener_; // last, as it uses socket_
+    const bool has_limit_;
+    const std::unique_ptr<tarn_internal::RequestCycle> statistics_; // null for a publisher that binds
+    tarn_internal::ControlledThread listener_;                      // last, as it uses socket_
 };
 
 std::atomic<int> PublisherImpl::instance{0};
-} // namespace
-
-std::shared_ptr<Publisher> make_publisher(const Endpoint& endpoint, const slate::Duration& timeout,
-                                          unsigned int retries, const Endpoint& stats_endpoint,
-                                          const std::shared_ptr<MessageFactory>& factory)
+std::shared_ptr<Publisher> make(const Endpoint& endpoint, const Endpoint& stats_endpoint,
+                                const slate::Duration& timeout, unsigned int retries,
+                                const std::shared_ptr<MessageFactory>& factory,
+                                const std::optional<slate::Duration>& limit)
 {
     const auto runtime = tarn_internal::find_runtime("make_publisher");
     if (!runtime)
@@ -259,6 +335,22 @@ std::shared_ptr<Publisher> make_publisher(const Endpoint& endpoint, const slate:
         slate::log_error(SLATE_HERE, "cannot make_publisher, a relay setting is not an endpoint");
         return nullptr;
     }
-    return std::make_shared<PublisherImpl>(*runtime, at, timeout, retries, stats_at, factory);
+    tarn_internal::log_endpoint_fault("make_publisher", at);
+    tarn_internal::log_endpoint_fault("make_publisher", stats_at);
+    return std::make_shared<PublisherImpl>(*runtime, at, timeout, retries, stats_at, factory, limit);
+}
+} // namespace
+
+std::shared_ptr<Publisher> make_publisher(const Endpoint& endpoint, const slate::Duration& timeout,
+                                          unsigned int retries, const Endpoint& stats_endpoint,
+                                          const std::shared_ptr<MessageFactory>& factory)
+{
+    return make(endpoint, stats_endpoint, timeout, retries, factory, std::nullopt);
+}
+
+std::shared_ptr<Publisher> make_publisher(const PublisherOptions& options)
+{
+    return make(options.endpoint, options.stats_endpoint, options.timeout, 0, options.factory,
+                options.timeout);
 }
 } // namespace tarn

@@ -58,6 +58,12 @@ public:
 /// blocks for (retries + 1) x timeout: with 4 s, 48 s without retries and 136 s with two. A negative time
 /// counts as 0.
 ///
+/// If that is in vain, a second line in the log tells the cause. Prefer the form with PublisherOptions, which
+/// takes no longer than it is told.
+///
+/// A publisher that binds gives its socket's file the mode and the group of the settings "socket_mode" and
+/// "socket_group"; without them the umask says who may connect.
+///
 /// Without `factory` the publisher makes one. Null, with an error in the log, without a ZmqSubsystem or if a
 /// setting is not an endpoint. Throws std::runtime_error if the relay isn't found, zmq::error_t if the socket
 /// can't be made, and Exception if a setting is missing.
@@ -65,4 +71,27 @@ public:
     const Endpoint& endpoint = nullptr, const slate::Duration& timeout = default_timeout(),
     unsigned int retries = 0, const Endpoint& stats_endpoint = nullptr,
     const std::shared_ptr<MessageFactory>& factory = nullptr);
+
+/// How a publisher finds its relay.
+struct PublisherOptions {
+    // Programs are compiled against the order of these fields: add new ones at the end.
+
+    /// How long make_publisher() may take in all; positive infinity for ever.
+    slate::Duration timeout = default_timeout();
+    /// As for the form above: both, `endpoint` alone, or neither for those of the settings.
+    Endpoint endpoint = nullptr;
+    Endpoint stats_endpoint = nullptr;
+    /// Makes the messages; null for one of the publisher's own.
+    std::shared_ptr<MessageFactory> factory = nullptr;
+};
+
+/// The same within an overall time, whether the relay runs or not:
+///
+///   const auto publisher = tarn::make_publisher({.timeout = slate::Seconds(2)});
+///
+/// It asks for the relay's statistics as long as the time lasts, so that a relay may start meanwhile. If it
+/// isn't found, the exception and the one error in the log say why: "failed to connect to the relay within 2
+/// s: nobody answers for its statistics at ipc:///run/tide/relay/zmq.sock: no such file". Each attempt is a
+/// line at verbose level. Everything else is as above.
+[[nodiscard]] std::shared_ptr<Publisher> make_publisher(const PublisherOptions& options);
 } // namespace tarn

@@ -12,6 +12,7 @@
 #include "tarn/internal/transport/bind_endpoints.h"
 #include "tarn/internal/transport/controlled_thread.h"
 #include "tarn/internal/transport/proxy.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/internal/utils/socket_file.h"
 
 namespace tarn {
@@ -22,6 +23,7 @@ class RelayImpl : public Relay {
 public:
     RelayImpl(const Runtime& runtime, const Endpoint& relay_in, const Endpoint& relay_out)
         : context_(runtime.context),
+          settings_(runtime.settings),
           sub_uri_(relay_in),
           pub_uri_(relay_out),
           xsub_(*context_, zmq::socket_type::xsub),
@@ -61,6 +63,7 @@ private:
         slate::log_debug(SLATE_HERE, "bind ", uri->to_string());
         bind_when_free(socket, *uri);
         files_.emplace_back(uri);
+        set_socket_access_as_told(uri, *settings_);
     }
 
     void listen()
@@ -73,6 +76,7 @@ private:
     }
 
     const std::shared_ptr<zmq::context_t> context_;
+    const std::shared_ptr<const slate::Dictionary> settings_;
     const Endpoint sub_uri_; // of the relay's own ZMQ_XSUB socket, so where publishers connect
     const Endpoint pub_uri_; // of its ZMQ_XPUB socket, where subscribers connect
     // The owner makes and binds them; once the thread has started, only the thread uses them.
@@ -88,6 +92,8 @@ std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& rela
     const auto runtime = find_runtime("make_relay");
     if (!runtime)
         return nullptr;
+    log_endpoint_fault("make_relay", relay_in);
+    log_endpoint_fault("make_relay", relay_out);
     return std::make_shared<RelayImpl>(*runtime, relay_in, relay_out);
 }
 } // namespace tarn

@@ -21,7 +21,8 @@ public:
 /// A relay that receives published changes at `relay_in` and forwards them to the subscribers at `relay_out`
 /// (neither null); the
 /// usual endpoints come from relay_sub_sock and relay_pub_sock. Null, with an error in the log, without a
-/// ZmqSubsystem. Throws zmq::error_t if an endpoint can't be bound. libzmq doesn't report an ipc path that
+/// ZmqSubsystem. The settings "socket_mode" and "socket_group" say who may connect; without them the umask
+/// does. Throws zmq::error_t if an endpoint can't be bound. libzmq doesn't report an ipc path that
 /// another process serves: the relay takes such a path over.
 [[nodiscard]] std::shared_ptr<Relay> make_relay(const Endpoint& relay_in, const Endpoint& relay_out);
 } // namespace tarn

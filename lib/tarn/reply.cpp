@@ -8,6 +8,7 @@
 #include "slate/strings.h"
 #include "tarn/exception.h"
 #include "tarn/formats.h"
+#include "tarn/internal/utils/explain_reply.h"
 #include "tarn/proto/message.pb.h"
 #include "tarn/serdes.h"
 
@@ -147,6 +148,11 @@ bool Reply::good() const
     if (message->has_call() && message->call().has_result())
         return Succeeded(message->call().result().status());
     return true;
+}
+
+std::string Reply::why() const
+{
+    return message ? tarn_internal::explain_reply(*message) : "no message";
 }
 
 std::string Reply::text_or(std::string dflt) const

@@ -103,6 +103,13 @@ public:
     bool is_local() const { return cause_ != LocalCause::None; }
     LocalCause local_cause() const { return cause_; }
 
+    /// In one line for people, why this reply is of no use, whoever made it: the status and the status
+    /// message, and "no body: " before them if data() would throw. For example "no body: 408, no answer from
+    /// ipc:///run/x.sock within 12 s: no such file", "no body: 404", or "no message" for a frame that didn't
+    /// parse. Empty for a good reply with a body, and for what is no reply. The text may hold whatever the
+    /// server has put into its status message.
+    std::string why() const;
+
 private:
     Response* mutable_response();
     template <class Content>

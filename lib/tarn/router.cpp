@@ -5,8 +5,16 @@
 #include "tarn/internal/router/router_impl.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/zmq_subsystem.h"
 
 namespace tarn {
+std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                    const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+                                    const std::shared_ptr<MessageFactory>& factory)
+{
+    return make_router(settings, endpoints, relay_out, factory, run_time_directory(settings));
+}
+
 std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
                                     const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                                     const std::shared_ptr<MessageFactory>& factory,
@@ -32,7 +40,7 @@ std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionar
                                     const UnknownPathText& unknown_path_text)
 {
     const auto runtime = tarn_internal::find_runtime("make_router");
-    if (!runtime || !tarn_internal::are_endpoints(endpoints, "make_router"))
+    if (!runtime || !tarn_internal::are_endpoints(endpoints, nullptr, "make_router"))
         return nullptr;
     if (run_time_directory.empty()) {
         slate::log_error(SLATE_HERE, "cannot make_router, no run-time directory given");

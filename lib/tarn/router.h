@@ -41,13 +41,17 @@ class Router : public Server {};
 /// or if the directory is empty.
 ///
 /// `settings` and `relay_out` are for its own routes, as for make_server. `run_time_directory` holds a
-/// directory for each service. An endpoint that can't be bound is no exception but an error in the log, and
-/// the router then serves nothing. Throws zmq::error_t if the sockets of its control
-/// channel can't be made.
+/// directory for each service; without it, the setting "run_time_directory" names that. An endpoint that
+/// can't be bound is no exception but an error in the log, and the router then serves nothing. Throws
+/// zmq::error_t if the sockets of its control channel can't be made.
 [[nodiscard]] std::shared_ptr<Router> make_router(
     const std::shared_ptr<const slate::Dictionary>& settings, const std::vector<Endpoint>& endpoints,
-    const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory(),
-    const std::filesystem::path& run_time_directory = default_run_time_directory);
+    const Endpoint& relay_out, const std::shared_ptr<MessageFactory>& factory = make_message_factory());
+[[nodiscard]] std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,
+                                                  const std::vector<Endpoint>& endpoints,
+                                                  const Endpoint& relay_out,
+                                                  const std::shared_ptr<MessageFactory>& factory,
+                                                  const std::filesystem::path& run_time_directory);
 
 /// The same with routes of its own from the first moment; see make_server.
 [[nodiscard]] std::shared_ptr<Router> make_router(const std::shared_ptr<const slate::Dictionary>& settings,

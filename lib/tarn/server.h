@@ -32,7 +32,8 @@ public:
 
     /// Appends a route; the first route that accepts a request gets it. False, with an error in the log, if
     /// there is a route of that name already, or if `route` is null. Exceptions of Route::prime pass to the
-    /// caller.
+    /// caller. What is probably a mistake is only a warning in the log: a pattern that doesn't begin with
+    /// "/", and a value route without the function for one of its verbs.
     virtual bool add(const std::shared_ptr<Route>& route) = 0;
 
     /// Answers remote calls of that number with a function, which gets the whole message. Throws Exception

@@ -9,6 +9,7 @@
 #include "tarn/async/async_client.h"
 #include "tarn/async/async_transfer.h"
 #include "tarn/async/pending.h"
+#include "tarn/check_endpoint.h"
 #include "tarn/client.h"
 #include "tarn/context.h"
 #include "tarn/device/device_client.h"

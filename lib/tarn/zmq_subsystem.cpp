@@ -10,6 +10,7 @@
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/runtime.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/server.h"
@@ -24,8 +25,10 @@ Endpoint endpoint_of(const slate::Dictionary& settings, const std::string& key)
     if (!settings.has(key))
         throw Exception(slate::trace_error(SLATE_HERE, "settings missing ", key));
     auto uri = slate::make_uri(settings.get(key, ""));
-    if (!uri)
+    if (!uri) {
+        tarn_internal::log_endpoint_fault("setting " + key, settings.get(key, ""));
         slate::log_error(SLATE_HERE, "setting is not an endpoint: ", key, " = ", settings.get(key, ""));
+    }
     return uri;
 }
 
@@ -55,7 +58,12 @@ ZmqSubsystem::ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings,
 {
     ctx_ = std::make_shared<zmq::context_t>(io_threads, max_sockets);
     // Last, so that nobody finds an object that never came to be.
-    if (!self_)
+    if (self_)
+        slate::log_warn(
+            SLATE_HERE,
+            "a second ZmqSubsystem in this process: the make_ functions go on with the first, and "
+            "the end of either leaves them without one");
+    else
         self_ = this;
 }
 
@@ -173,6 +181,17 @@ std::shared_ptr<Server> ZmqSubsystem::add_subscriber(const Endpoint& relay_out)
     return keep(make_subscriber(settings_, relay_out, make_message_factory()));
 }
 
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints)
+{
+    return add_router(endpoints, run_time_directory(settings_));
+}
+
+std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
+                                                 const Endpoint& relay_out)
+{
+    return add_router(endpoints, relay_out, run_time_directory(settings_));
+}
+
 std::shared_ptr<Router> ZmqSubsystem::add_router(const std::vector<Endpoint>& endpoints,
                                                  const std::filesystem::path& run_time_directory)
 {
@@ -222,5 +241,18 @@ Endpoint relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings)
 Endpoint relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings)
 {
     return endpoint_of(*settings, relay_sub());
+}
+
+std::filesystem::path run_time_directory(const std::shared_ptr<const slate::Dictionary>& settings)
+{
+    const std::string key = "run_time_directory";
+    if (!settings || !settings->has(key))
+        return default_run_time_directory;
+    const std::string text = settings->get(key, "");
+    if (text.empty()) {
+        slate::log_error(SLATE_HERE, "setting is not a directory: ", key, " = ", text);
+        return default_run_time_directory;
+    }
+    return text;
 }
 } // namespace tarn

@@ -41,10 +41,10 @@ class Server;
 /// queue() and servers() in between.
 class ZmqSubsystem {
 public:
-    /// `settings` may hold "relay_url", "relay_pub", "relay_sub" and "session_ttl"; they are read and never
-    /// written. `queue_setup`, if given, is called with the work queue when that is made. A second object
-    /// gets a context of its own, but self() stays with the first. Throws zmq::error_t if the context can't
-    /// be created.
+    /// docs/settings.md lists what `settings` may hold; they are read and never written. `queue_setup`, if
+    /// given, is called with the work queue when that is made. A second object gets a context of its own, but
+    /// self() stays with the first; a warning in the log says so. Throws zmq::error_t if the context can't be
+    /// created.
     explicit ZmqSubsystem(const std::shared_ptr<slate::Dictionary>& settings = slate::make_dictionary(),
                           const std::function<void(slate::Queue&)>& queue_setup = {});
 
@@ -94,13 +94,14 @@ public:
     std::shared_ptr<Server> add_subscriber(const Endpoint& relay_out);
 
     /// A router at `endpoints`, kept alive here as well; see make_router. Without `relay_out`, its own routes
-    /// hear the changes of the relay at the setting "relay_pub", if there is one.
-    std::shared_ptr<Router> add_router(
-        const std::vector<Endpoint>& endpoints,
-        const std::filesystem::path& run_time_directory = default_run_time_directory);
-    std::shared_ptr<Router> add_router(
-        const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
-        const std::filesystem::path& run_time_directory = default_run_time_directory);
+    /// hear the changes of the relay at the setting "relay_pub", if there is one. Without a directory it is
+    /// that of the setting "run_time_directory"; see run_time_directory().
+    std::shared_ptr<Router> add_router(const std::vector<Endpoint>& endpoints);
+    std::shared_ptr<Router> add_router(const std::vector<Endpoint>& endpoints, const Endpoint& relay_out);
+    std::shared_ptr<Router> add_router(const std::vector<Endpoint>& endpoints,
+                                       const std::filesystem::path& run_time_directory);
+    std::shared_ptr<Router> add_router(const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
+                                       const std::filesystem::path& run_time_directory);
     std::shared_ptr<Router> add_router(const std::vector<Endpoint>& endpoints, const Endpoint& relay_out,
                                        const std::filesystem::path& run_time_directory,
                                        const std::vector<std::shared_ptr<Route>>& routes);
@@ -126,4 +127,8 @@ private:
 Endpoint relay_zmq_sock(const std::shared_ptr<slate::Dictionary>& settings);
 Endpoint relay_pub_sock(const std::shared_ptr<slate::Dictionary>& settings);
 Endpoint relay_sub_sock(const std::shared_ptr<slate::Dictionary>& settings);
+
+/// The run-time directory that the setting "run_time_directory" names; default_run_time_directory without it,
+/// for null and, with an error in the log, if it is empty.
+std::filesystem::path run_time_directory(const std::shared_ptr<const slate::Dictionary>& settings);
 } // namespace tarn

@@ -96,7 +96,7 @@ class Demo(CommandTest):
         self.assert_good(self.tarn("get", "/machine/load/15"))
         self.assert_fails(self.tarn("get", "/clok/time"), 4, 'perhaps you mean "/clock"; the services are clock, machine, ')
         self.assertIn("/clock/zmq.sock  answers, process", self.tarn("get", "/services").out)
-        self.assert_fails(self.tarn("demo"), 1, f"is served already, by process {demo.pid}; end that process first")
+        self.assert_fails(self.tarn("demo"), 1, f"is served already, by process {demo.pid}, which is tarn, since .*; end that process first")
         demo.send_signal(signal.SIGINT)
         self.assertEqual(demo.wait(PATIENCE), 0)
         self.assertFalse(own.exists())

@@ -97,7 +97,7 @@ class Requests(CommandTest):
         process.send_signal(signal.SIGSTOP)
         try:
             result = self.tarn("get", "-t", "200ms", "-e", "{run}/hung/zmq.sock", "/uptime")
-            self.assert_fails(result, 7, f"408, somebody listens at .* .process {process.pid}. but doesn't answer")
+            self.assert_fails(result, 7, f"408, somebody listens at .* .process {process.pid}, which is machine_status_, since .* but doesn.t answer")
             self.assertEqual(self.tarn("index", "-t", "200ms", "-e", "{run}/hung/zmq.sock").status, 7)
             self.assert_fails(self.tarn("bench", "-t", "200ms", "-e", "{run}/hung/zmq.sock", "/x"), 7, "408")
         finally:

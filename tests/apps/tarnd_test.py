@@ -178,6 +178,22 @@ class Serving(TarndTest):
         self.assertEqual({found.st_gid for found in sockets()}, {grp.getgrnam(group).gr_gid})
         self.end(daemon)
 
+    def test_says_once_for_each_socket_that_it_cannot_have_the_group(self):
+        daemon = self.start("--group", grp.getgrgid(os.getgid()).gr_name)
+        self.end(daemon)
+        self.assertNotIn(b"group", daemon.stderr.read())
+        daemon = self.start()
+        self.end(daemon)
+        lines = daemon.stderr.read().decode().splitlines()
+        said = [line for line in lines if "failed to set group" in line or "the sockets keep the group" in line]
+        self.assertLessEqual(len(said), 4, lines)
+        self.assertEqual(len(set(said)), len(said), lines)
+        try:
+            grp.getgrnam("corvane")
+        except KeyError:
+            self.assertEqual(len(said), 1, lines)
+            self.assertIn('there is no group "corvane"', said[0])
+
     def test_comes_back_after_it_was_killed(self):
         daemon = self.start()
         daemon.kill()
@@ -219,7 +235,7 @@ class Refusals(TarndTest):
 
     def test_of_an_endpoint_that_is_taken(self):
         daemon = self.start()
-        by = f"is served already, by process {daemon.pid}; .*"
+        by = f"is served already, by process {daemon.pid}[,;] .*"
         self.refuse(1, rf"{self.router} {by}", "--run-dir", self.run_dir)
         self.refuse(1, rf"{self.router} {by}", "--run-dir", self.run_dir, "--no-relay")
         self.refuse(1, rf"ipc://{self.run_dir}/relay/zmq.sock {by}", "--run-dir", self.run_dir, "--no-router")
@@ -229,7 +245,8 @@ class Refusals(TarndTest):
 
         stranger = self.listen("router2")
         os.rename(self.run_dir + "/router2/zmq.sock", self.run_dir + "/relay/in.sock")
-        self.refuse(1, rf"ipc://{self.run_dir}/relay/in.sock is served already, by process {os.getpid()}; .*",
+        self.refuse(1, rf"ipc://{self.run_dir}/relay/in.sock is served already, by process "
+                       rf"{os.getpid()}, which is .*, since 20.*; .*",
                     "--run-dir", self.run_dir)
         stranger.close()
 

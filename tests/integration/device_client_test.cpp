@@ -468,4 +468,15 @@ TEST_F(ADeviceClient, LetsNoSlowServiceDelayRequestsToOthers)
     end.count_down();
     caller.join();
 }
+
+TEST_F(ADeviceClient, TakesItsDirectoryAndRouterFromTheSettings)
+{
+    const auto service = serve_as("clock");
+    settings->set("run_time_directory", std::string_view(run_time_directory.native()));
+    const auto without = make_device_client();
+    EXPECT_EQ(without->get("/clock/index")->status(), Status::Ok);
+    EXPECT_EQ(without->get("/nonesuch")->local_cause(), LocalCause::NoSuchEndpoint);
+    settings->set("relay_url", "ipc:///router");
+    EXPECT_EQ(make_device_client()->url()->to_string(), "ipc:///router");
+}
 } // namespace

@@ -99,12 +99,24 @@ TEST_F(ASilence, IsWhatAClientSaysAfterItsLastWait)
     EXPECT_EQ(reply->local_cause(), LocalCause::NoSuchEndpoint);
     const std::string why = "no answer from " + uri->to_string() + " within 150 ms: no such file";
     EXPECT_EQ(reply->status_message(), why);
+    EXPECT_EQ(reply->why(), "no body: 408, " + why);
     const auto lines = logs.texts(slate::ErrorLevel);
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_FALSE(lines[0].ends_with(why));
     EXPECT_FALSE(lines[1].ends_with(why));
     EXPECT_TRUE(lines[2].starts_with("request timeout; no reply to get {")) << lines[2];
     EXPECT_TRUE(lines[2].ends_with("; " + why)) << lines[2];
+}
+
+TEST_F(ASilence, IsWhatTheLogSaysBehindTheExceptionOfAMissingBody)
+{
+    const auto reply = make_client(uri, 0)->get("/x", nullptr, slate::Milliseconds(50));
+    logs.clear();
+    EXPECT_THROW((void)reply->data(), Exception);
+    const auto lines = logs.texts(slate::ErrorLevel);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "Envelope::data does not exist");
+    EXPECT_EQ(lines[1], "no body: 408, no answer from " + uri->to_string() + " within 50 ms: no such file");
 }
 
 TEST(AReadableTime, HasTheUnitThatSuitsIt)

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/probe.h"
 
+#include <fstream>
+#include <thread>
+
 #include <netdb.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "support/runtime_test.h"
@@ -95,4 +100,133 @@ TEST_F(AProbe, SaysThatASocketMayNotBeReached)
     ASSERT_TRUE(!is_root || seteuid(0) == 0);
     EXPECT_EQ(error, "permission denied");
 }
+
+TEST_F(AProbe, TellsSinceWhenAndWhatThePeerSaysOfItself)
+{
+    const auto uri = scratch_endpoint();
+    const auto before = std::chrono::system_clock::now() - std::chrono::seconds(1); // files' times are coarse
+    serve(uri);
+    const auto after = std::chrono::system_clock::now() + std::chrono::seconds(1);
+    ASSERT_EQ(chmod(uri->path().c_str(), 0700), 0); // which changes another time of the file
+    std::string name;
+    std::getline(std::ifstream("/proc/self/comm"), name);
+
+    const Probe found = probe(uri);
+
+    EXPECT_EQ(found.socket_type, "ROUTER");
+    EXPECT_EQ(found.process_name, name);
+    ASSERT_TRUE(found.since);
+    EXPECT_GE(*found.since, before);
+    EXPECT_LE(*found.since, after);
+    EXPECT_TRUE(describe_server(found).starts_with("process " + std::to_string(getpid()) + ", which is " +
+                                                   name + ", since 20"))
+        << describe_server(found);
+}
+
+TEST_F(AProbe, LeavesTheServerAsItWas)
+{
+    const auto uri = scratch_endpoint();
+    serve(uri);
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(probe(uri).socket_type, "ROUTER");
+    EXPECT_EQ(make_client(uri)->get("/index")->status(), Status::Ok);
+    for (const auto& shown : slate::snapshot()) {
+        if (shown.name == "zmq.server") {
+            EXPECT_EQ(counter(shown.name, shown.instance, "rx"), 1u);
+        }
+    }
+    EXPECT_EQ(logs.count(slate::WarnLevel, "rx"), 0u);
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
+
+TEST_F(AProbe, HearsWhichSideOfARelayItIs)
+{
+    const auto in = scratch_endpoint();
+    const auto out = scratch_endpoint();
+    const auto relay = make_relay(in, out);
+    EXPECT_EQ(probe(in).socket_type, "XSUB");
+    EXPECT_EQ(probe(out).socket_type, "XPUB");
+}
+
+TEST_F(AProbe, HearsATcpPeerToo)
+{
+    zmq::context_t context;
+    zmq::socket_t holder(context, zmq::socket_type::rep);
+    holder.set(zmq::sockopt::routing_id, std::string(255, 'x')); // it says that too, in a long frame
+    holder.bind("tcp://127.0.0.1:*");
+    const Probe found = probe(slate::make_uri(holder.get(zmq::sockopt::last_endpoint)));
+    EXPECT_EQ(found.socket_type, "REP");
+    EXPECT_EQ(found.since, std::nullopt);
+    EXPECT_EQ(found.process_name, "");
+    EXPECT_EQ(describe_server(found), "somebody");
+}
+
+TEST_F(AProbe, NeedNotAsk)
+{
+    const auto uri = scratch_endpoint();
+    serve(uri);
+    const Probe found = probe(uri, slate::Seconds(0));
+    EXPECT_TRUE(found.served);
+    EXPECT_EQ(found.socket_type, "");
+}
+
+struct Impostor {
+    std::string name;
+    std::string says;
+};
+
+/// Peers that don't say what a ZeroMQ socket says.
+class AProbeOf : public AProbe, public ::testing::WithParamInterface<Impostor> {};
+
+TEST_P(AProbeOf, AnImpostorEndsInTimeAndTellsNothing)
+{
+    const auto uri = scratch_endpoint();
+    const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    uri->address().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listening, 1), 0);
+    std::thread impostor([&] {
+        const int connection = accept(listening, nullptr, nullptr);
+        const std::string& says = GetParam().says;
+        (void)!send(connection, says.data(), says.size(), MSG_NOSIGNAL);
+        char heard = 0;
+        while (recv(connection, &heard, 1, 0) > 0) { // until the probe ends
+        }
+        close(connection);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    const Probe found = probe(uri, slate::Milliseconds(200));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_TRUE(found.served);
+    EXPECT_EQ(found.pid, getpid());
+    EXPECT_EQ(found.socket_type, "");
+    impostor.join();
+    close(listening);
+}
+
+std::string greeting()
+{
+    return "\xFF" + std::string(63, '\0');
+}
+
+std::string ready(const std::string& type)
+{
+    const std::string body =
+        "\x05READY\x0BSocket-Type" + std::string(3, '\0') + static_cast<char>(type.size()) + type;
+    return "\x04" + std::string(1, static_cast<char>(body.size())) + body;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Peers, AProbeOf,
+    ::testing::Values(Impostor{"Silent", ""}, Impostor{"Http", "HTTP/1.1 400 Bad Request\r\n\r\n"},
+                      Impostor{"GreetsOnly", greeting()},
+                      Impostor{"OddLetters", greeting() + ready("evil\x1b[31m")},
+                      Impostor{"TooLong", greeting() + ready(std::string(33, 'X'))},
+                      Impostor{"TalksOn", greeting() + std::string(10000, 'x')},
+                      Impostor{"HugeFrame", greeting() + "\x06" + std::string(8, '\xFF') + "\x05READY"},
+                      Impostor{"HugeValue",
+                               greeting() + std::string("\x04\x0B\x05READY\x01x\xFF\xFF\xFF\xFF", 13)}),
+    [](const auto& row) { return row.param.name; });
 } // namespace

@@ -3,9 +3,12 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <limits>
 #include <sstream>
 #include <thread>
+
+#include <sys/stat.h>
 
 #include "slate/clock.h"
 #include "support/peers.h"
@@ -285,6 +288,113 @@ TEST_F(APublisher, ToADeadRelayWaitsForEachOfElevenAnswers)
     EXPECT_THROW(make_publisher(uri, slate::Milliseconds(20), 0, stats_uri), std::runtime_error);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 11 * 19ms);
     EXPECT_EQ(logs.count(slate::ErrorLevel, "request timeout; no reply to "), 11u);
+}
+
+TEST_F(APublisher, ToADeadRelayLogsTheCauseBehindTheExceptionsText)
+{
+    EXPECT_THROW(make_publisher(uri, slate::Milliseconds(20), 0, stats_uri), std::runtime_error);
+    const auto lines = logs.texts(slate::ErrorLevel);
+    ASSERT_EQ(lines.size(), 13u);
+    EXPECT_EQ(lines[11], "failed to connect to the relay");
+    EXPECT_EQ(lines[12], "nobody answers for its statistics at " + stats_uri->to_string() + ": no such file");
+}
+
+/// A publisher that has one time for all attempts.
+class APublisherWithALimit : public APublisher {
+protected:
+    /// What the exception says behind the time.
+    std::string cause_of_failure(const slate::Duration& limit)
+    {
+        try {
+            const auto publisher =
+                make_publisher({.timeout = limit, .endpoint = uri, .stats_endpoint = stats_uri});
+        }
+        catch (const std::runtime_error& error) {
+            const std::string text = error.what();
+            EXPECT_EQ(logs.texts(slate::ErrorLevel), std::vector<std::string>{text});
+            EXPECT_TRUE(text.starts_with("failed to connect to the relay within ")) << text;
+            return text.substr(std::min(text.size(), text.find(": ") + 2));
+        }
+        return "";
+    }
+};
+
+TEST_F(APublisherWithALimit, TakesNoLongerThanThatAndSaysWhyInOneLine)
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(cause_of_failure(slate::Milliseconds(300)),
+              "nobody answers for its statistics at " + stats_uri->to_string() + ": no such file");
+    const auto time = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(time, 200ms);
+    EXPECT_LT(time, 5s); // a loaded machine
+    EXPECT_EQ(providers("zmq.publisher"), 0u);
+}
+
+TEST_F(APublisherWithALimit, TriesOnceIfThereIsNoTime)
+{
+    EXPECT_EQ(cause_of_failure(slate::Seconds(-1)),
+              "nobody answers for its statistics at " + stats_uri->to_string() + ": no such file");
+}
+
+TEST_F(APublisherWithALimit, SaysThatTheStatisticsDoNotAnswer)
+{
+    const SilentPeer peer(stats_uri);
+    EXPECT_EQ(cause_of_failure(slate::Milliseconds(100)), "nobody answers for its statistics at " +
+                                                              stats_uri->to_string() +
+                                                              ": somebody serves there, but doesn't answer");
+}
+
+TEST_F(APublisherWithALimit, SaysThatThereAreNoStatistics)
+{
+    ScriptedPeer peer(stats_uri,
+                      [&](const std::string&) { return std::vector{status_frame(Status::NotFound)}; });
+    EXPECT_EQ(cause_of_failure(slate::Milliseconds(100)),
+              "there are no statistics of a relay at " + stats_uri->to_string() + ": no body: 404");
+}
+
+TEST_F(APublisherWithALimit, SaysThatTheStatisticsDoNotShowIt)
+{
+    ScriptedPeer peer(stats_uri,
+                      [&](const std::string&) { return std::vector{frame_of(stats_of("other", 5))}; });
+    EXPECT_EQ(cause_of_failure(slate::Milliseconds(100)), "its statistics at " + stats_uri->to_string() +
+                                                              " don't show what was sent to " +
+                                                              uri->to_string() + ": no such file");
+}
+
+TEST_F(APublisherWithALimit, SaysThatTheStatisticsCannotBeRead)
+{
+    Message message;
+    message.mutable_response()->set_status(Status::Ok);
+    message.mutable_response()->mutable_body()->set_txt("not statistics");
+    ScriptedPeer peer(stats_uri,
+                      [&](const std::string&) { return std::vector{message.SerializeAsString()}; });
+    EXPECT_TRUE(cause_of_failure(slate::Milliseconds(100)).starts_with("its statistics at "));
+}
+
+TEST_F(APublisherWithALimit, FindsARelayThatStartsMeanwhile)
+{
+    settings->set("relay_sub", std::string_view(uri->to_string()));
+    settings->set("relay_pub", std::string_view(scratch_endpoint()->to_string()));
+    settings->set("relay_url", std::string_view(stats_uri->to_string()));
+    auto publishing =
+        std::async(std::launch::async, [] { return make_publisher({.timeout = slate::Seconds(60)}); });
+    ASSERT_TRUE(wait_until([&] { return providers("zmq.publisher") == 1; }));
+    const auto relay = make_relay(relay_sub_sock(settings), relay_pub_sock(settings));
+    const auto server = make_server(settings, {stats_uri}, relay_pub_sock(settings));
+    server->add(make_relay_stats_route());
+    ASSERT_EQ(publishing.wait_for(20s), std::future_status::ready);
+    EXPECT_EQ(publishing.get()->url()->to_string(), uri->to_string());
+    EXPECT_EQ(logs.count(slate::ErrorLevel), 0u);
+}
+
+TEST_F(APublisherWithALimit, BindsWithoutStatistics)
+{
+    settings->set("socket_mode", "0710");
+    settings->set("socket_group", "");
+    const auto publisher = make_publisher({.endpoint = uri});
+    struct stat info {};
+    ASSERT_EQ(stat(uri->path().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0710u);
 }
 
 // --- Publishing --------------------------------------------------------------------------------------

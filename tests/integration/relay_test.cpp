@@ -3,6 +3,10 @@
 
 #include <filesystem>
 
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "support/peers.h"
 #include "support/runtime_test.h"
 
@@ -55,6 +59,33 @@ TEST_F(ARelay, ForwardsWhatIsAskedForAndNothingElse)
     EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{"/wanted", "2"}));
     ASSERT_TRUE(is_readable(subscriber, std::chrono::seconds(20)));
     EXPECT_EQ(receive_frames(subscriber), (std::vector<std::string>{"/wanted/too", "3", "third"}));
+}
+
+TEST_F(ARelay, LeavesTheAccessToItsSocketsToTheUmask)
+{
+    const mode_t before = umask(027);
+    const auto relay = make_relay(sub_uri, pub_uri);
+    umask(before);
+    for (const auto& uri : {sub_uri, pub_uri}) {
+        struct stat info {};
+        ASSERT_EQ(stat(uri->path().c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0750u);
+    }
+    EXPECT_EQ(logs.count(slate::WarnLevel), 0u);
+}
+
+TEST_F(ARelay, GivesItsSocketsTheModeAndTheGroupOfTheSettings)
+{
+    const gid_t group = geteuid() == 0 ? 1 : getgid();
+    settings->set("socket_mode", "0730");
+    settings->set("socket_group", std::string_view(getgrgid(group)->gr_name));
+    const auto relay = make_relay(sub_uri, pub_uri);
+    for (const auto& uri : {sub_uri, pub_uri}) {
+        struct stat info {};
+        ASSERT_EQ(stat(uri->path().c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0730u);
+        EXPECT_EQ(info.st_gid, group);
+    }
 }
 
 class TheMarksOfARelay : public ARelay, public ::testing::WithParamInterface<int> {};

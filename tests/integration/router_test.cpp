@@ -463,6 +463,29 @@ TEST_F(ARouter, ServesAPathToItsOwnEndpointItselfAndDoesNotGoRound)
     EXPECT_EQ(reply->path(), "/self/inside/x");
 }
 
+TEST_F(ARouter, LooksForServicesWhereTheSettingsSay)
+{
+    const auto service = make_server(settings, {socket_of("vehicle")}, nullptr);
+    settings->set("run_time_directory", std::string_view(run_time_directory.native()));
+    const auto first = scratch_endpoint();
+    const auto second = scratch_endpoint();
+    const auto third = scratch_endpoint();
+    (void)runtime->add_router({first});
+    (void)runtime->add_router({second}, nullptr);
+    const auto made = make_router(settings, {third}, nullptr);
+    for (const auto& each : {first, second, third})
+        EXPECT_EQ(make_client(each)->get("/vehicle/index")->status(), Status::Ok);
+}
+
+TEST_F(ARouter, LooksInTheUsualDirectoryIfTheSettingIsEmpty)
+{
+    EXPECT_EQ(tarn::run_time_directory(nullptr), default_run_time_directory);
+    EXPECT_EQ(tarn::run_time_directory(settings), default_run_time_directory);
+    settings->set("run_time_directory", "");
+    EXPECT_EQ(tarn::run_time_directory(settings), default_run_time_directory);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "setting is not a directory: run_time_directory = "));
+}
+
 TEST_F(ARouter, LetsItsRoutesHearPublishedChanges)
 {
     const auto pub = scratch_endpoint();

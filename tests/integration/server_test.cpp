@@ -7,6 +7,7 @@
 #include <future>
 #include <optional>
 
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -69,6 +70,27 @@ TEST_P(AServer, TriesToGiveItsSocketFileToTheSocketGroup)
     // No such group exists where tests run; what there is to see is the attempt.
     EXPECT_TRUE(
         logs.has(slate::WarnLevel, "failed to set group for " + uri->path() + "; group does not exist"));
+}
+
+TEST_P(AServer, GivesItsSocketFileTheModeAndTheGroupOfTheSettings)
+{
+    const gid_t group = geteuid() == 0 ? 1 : getgid();
+    settings->set("socket_mode", "0710");
+    settings->set("socket_group", std::string_view(getgrgid(group)->gr_name));
+    const auto server = make({uri});
+
+    struct stat info {};
+    ASSERT_EQ(stat(uri->path().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0710u);
+    EXPECT_EQ(info.st_gid, group);
+    EXPECT_EQ(logs.count(slate::WarnLevel), 0u);
+}
+
+TEST_P(AServer, LeavesTheGroupOfItsSocketFileIfThatOfTheSettingsIsEmpty)
+{
+    settings->set("socket_group", "");
+    const auto server = make({uri});
+    EXPECT_EQ(logs.count(slate::WarnLevel), 0u);
 }
 
 TEST_P(AServer, RemovesItsSocketFileWhenItEnds)

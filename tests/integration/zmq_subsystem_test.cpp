@@ -88,9 +88,15 @@ TEST(ZmqSubsystem, TakesNoSettingsForEmptyOnes)
 
 TEST(ZmqSubsystem, StaysTheFirstOneWhenASecondIsMade)
 {
+    const LogCapture logs;
     ZmqSubsystem first;
+    EXPECT_TRUE(logs.lines().empty());
     ZmqSubsystem second;
 
+    EXPECT_EQ(
+        logs.texts(slate::WarnLevel),
+        std::vector<std::string>{"a second ZmqSubsystem in this process: the make_ functions go on with the "
+                                 "first, and the end of either leaves them without one"});
     EXPECT_EQ(ZmqSubsystem::self(), &first);
     EXPECT_NE(first.ctx(), second.ctx());
 }

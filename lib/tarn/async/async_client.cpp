@@ -14,6 +14,7 @@
 #include "tarn/async/channel.h"
 #include "tarn/async/io_thread.h"
 #include "tarn/internal/runtime.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/zmq_subsystem.h"
 
 namespace tarn {
@@ -72,6 +73,7 @@ std::shared_ptr<AsyncClient> make_async_client(const Endpoint& endpoint, const A
         slate::log_error(SLATE_HERE, "cannot make_async_client, no endpoint given");
         return nullptr;
     }
+    tarn_internal::log_endpoint_fault("make_async_client", endpoint);
     const auto io = runtime->parts->get<IoThread>(
         [&] { return IoThread::start(runtime->context, runtime->settings, runtime->queue); });
     if (io && is_of_device)
@@ -97,8 +99,10 @@ std::shared_ptr<AsyncClient> make_async_client_at(std::string_view endpoint_or_p
                                                   const AsyncClientOptions& options)
 {
     const bool is_endpoint = slate::contains(endpoint_or_path, "://");
-    const auto endpoint = slate::make_uri((is_endpoint ? "" : "ipc://") + std::string(endpoint_or_path));
+    const std::string text = (is_endpoint ? "" : "ipc://") + std::string(endpoint_or_path);
+    const auto endpoint = slate::make_uri(text);
     if (!endpoint) {
+        tarn_internal::log_endpoint_fault("make_async_client", text);
         slate::log_error(SLATE_HERE, "failed to create asynchronous client ( ", endpoint_or_path,
                          " ): invalid uri");
         return nullptr;

@@ -11,7 +11,9 @@
 #include "tarn/internal/client_base.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/request_cycle.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/proto/message.pb.h"
+#include "tarn/zmq_subsystem.h"
 
 namespace tarn {
 namespace {
@@ -76,6 +78,17 @@ std::shared_ptr<Client> make_device_client(const std::filesystem::path& run_time
         slate::log_error(SLATE_HERE, "cannot make_device_client, no directory given");
         return nullptr;
     }
+    log_endpoint_fault("make_device_client", router);
     return std::make_shared<DeviceClient>(runtime->context, run_time_directory, router, retries, factory);
+}
+
+std::shared_ptr<Client> make_device_client()
+{
+    const auto runtime = find_runtime("make_device_client");
+    if (!runtime)
+        return nullptr;
+    const bool has_router = runtime->settings->has(relay_url());
+    return make_device_client(run_time_directory(runtime->settings),
+                              has_router ? relay_zmq_sock(runtime->settings) : nullptr);
 }
 } // namespace tarn

@@ -29,4 +29,8 @@ namespace tarn {
 [[nodiscard]] std::shared_ptr<Client> make_device_client(
     const std::filesystem::path& run_time_directory, const Endpoint& router = nullptr,
     unsigned int retries = default_retries(), const std::shared_ptr<MessageFactory>& factory = nullptr);
+
+/// The same in the directory of the runtime's setting "run_time_directory", and with the router of the
+/// setting "relay_url" if there is one.
+[[nodiscard]] std::shared_ptr<Client> make_device_client();
 } // namespace tarn

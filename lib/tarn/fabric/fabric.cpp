@@ -53,6 +53,11 @@ std::shared_ptr<slate::Dictionary> make_settings(const Fabric& fabric)
     settings->set(relay_url(), std::string_view(fabric.router->to_string()));
     settings->set(relay_sub(), std::string_view(fabric.relay_in->to_string()));
     settings->set(relay_pub(), std::string_view(fabric.relay_out->to_string()));
+    if (fabric.run_time_directory == tarn_internal::normalise_directory(personal_run_time_directory())) {
+        settings->set("socket_group", ""); // which nobody else gets at
+        settings->set("socket_mode", "0700");
+    }
+    settings->set("run_time_directory", std::string_view(fabric.run_time_directory.native()));
     return settings;
 }
 

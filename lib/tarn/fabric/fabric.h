@@ -37,8 +37,10 @@ struct Fabric {
 ///   tarn::ZmqSubsystem subsystem(tarn::make_settings(tarn::make_fabric()));
 ///
 /// "relay_url" is the router, so that `make_client()` reaches each service by its path, and
-/// `make_publisher()` the relay's statistics; "relay_sub" and "relay_pub" are the relay's two sides. Further
-/// settings may be added before the dictionary is given to ZmqSubsystem.
+/// `make_publisher()` the relay's statistics; "relay_sub" and "relay_pub" are the relay's two sides;
+/// "run_time_directory" is its directory. In a person's own fabric sockets get mode 700 and no group, by
+/// "socket_mode" and "socket_group". Further settings may be added before the dictionary is given to
+/// ZmqSubsystem.
 [[nodiscard]] std::shared_ptr<slate::Dictionary> make_settings(const Fabric& fabric);
 
 /// Where the service `name` of a fabric has to serve so that the router finds it: "<name>/zmq.sock" in the

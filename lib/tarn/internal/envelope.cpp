@@ -13,6 +13,7 @@
 #include "tarn/exception.h"
 #include "tarn/formats.h"
 #include "tarn/internal/utils/detect_format.h"
+#include "tarn/internal/utils/explain_reply.h"
 #include "tarn/internal/utils/message_parts.h"
 #include "tarn/proto/message.pb.h"
 
@@ -42,6 +43,14 @@ bool parse_json(const std::string& text, google::protobuf::Message* result)
 [[noreturn]] void throw_missing(slate::SourceLine line, std::string_view operation, std::string_view reason)
 {
     throw Exception(slate::trace_error(line, "Envelope::", operation, reason));
+}
+/// The exception doesn't say why there is no body, so a second line in the log does, for a reply that is bad.
+[[noreturn]] void throw_no_data(const Message* message)
+{
+    const std::string text = slate::trace_error(SLATE_HERE, "Envelope::data does not exist");
+    if (message && is_refusal(*message))
+        slate::log_error(SLATE_HERE, explain_reply(*message));
+    throw Exception(text);
 }
 } // namespace
 
@@ -116,7 +125,7 @@ const std::string& Envelope::data() const
         if (holder.has_txt())
             return holder.txt();
     }
-    throw_missing(SLATE_HERE, "data", " does not exist");
+    throw_no_data(message.get());
 }
 
 Format Envelope::detect_format() const

@@ -166,7 +166,7 @@ std::shared_ptr<Server> make_multi_threaded_server(int id, unsigned long workers
         slate::log_error(SLATE_HERE, "cannot make_server, invalid number of workers specified");
         return nullptr;
     }
-    if (!are_endpoints(endpoints, "make_server"))
+    if (!are_endpoints(endpoints, relay_out, "make_server"))
         return nullptr;
     return make_with_threads<MultiThreadedServer>(id, runtime->context, settings, endpoints, factory,
                                                   relay_out, workers, routes);

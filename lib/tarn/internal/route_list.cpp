@@ -7,6 +7,7 @@
 
 #include "slate/log.h"
 #include "slate/provider.h"
+#include "tarn/internal/server/route_warnings.h"
 #include "tarn/internal/utils/parse.h"
 #include "tarn/proto/message.pb.h"
 
@@ -85,6 +86,7 @@ bool RouteList::add(const std::shared_ptr<Route>& route)
     }
 
     const ChangeLock lock(*this);
+    const std::vector<std::string> without_slash = patterns_without_slash(*route);
     route->prime(settings_);
     if (std::any_of(routes_.begin(), routes_.end(),
                     [&](const Entry& entry) { return entry->route->name == route->name; })) {
@@ -92,6 +94,8 @@ bool RouteList::add(const std::shared_ptr<Route>& route)
         return false;
     }
     slate::log_debug(provider_, SLATE_HERE, "add route: ", route->name);
+    for (const std::string& sentence : find_oversights(*route, without_slash))
+        slate::log_warn(provider_, SLATE_HERE, "route [", route->name, "]: ", sentence);
     routes_.push_back(std::make_shared<LockableRoute>(route));
     update_index(on_add_);
     return true;

@@ -46,6 +46,19 @@ std::optional<std::size_t> size_setting(const slate::Dictionary& settings, const
                  : std::nullopt;
 }
 
+std::optional<std::filesystem::perms> mode_setting(const slate::Dictionary& settings, const std::string& key)
+{
+    if (!settings.has(key))
+        return std::nullopt;
+    const std::string text = settings.get(key, "");
+    const bool is_mode = text.find_first_not_of("01234567") == std::string::npos &&
+                         (text.size() == 3 || (text.size() == 4 && text.front() == '0'));
+    if (is_mode)
+        return static_cast<std::filesystem::perms>(std::stoul(text, nullptr, 8));
+    slate::log_error(SLATE_HERE, "setting is not a mode, such as 0770: ", key, " = ", text);
+    return std::nullopt;
+}
+
 std::optional<int> count_setting(const slate::Dictionary& settings, const std::string& key)
 {
     const auto value = number_setting(settings, key, INT_MAX, "messages");

@@ -145,7 +145,7 @@ std::shared_ptr<Server> make_single_threaded_server(int id,
                                                     const std::vector<std::shared_ptr<Route>>& routes)
 {
     const auto runtime = find_runtime("make_server");
-    if (!runtime || !are_endpoints(endpoints, "make_server"))
+    if (!runtime || !are_endpoints(endpoints, relay_out, "make_server"))
         return nullptr;
     return make_with_threads<SingleThreadedServer>(id, runtime->context, settings, endpoints, factory,
                                                    relay_out, routes);

@@ -7,6 +7,7 @@
 #include "slate/uri.h"
 #include "tarn/internal/runtime.h"
 #include "tarn/internal/transport/request_cycle.h"
+#include "tarn/internal/utils/endpoint_log.h"
 
 namespace tarn {
 namespace {
@@ -47,6 +48,7 @@ std::shared_ptr<RawClient> make_raw_client(const Endpoint& endpoint, unsigned in
         slate::log_error(SLATE_HERE, "cannot make_raw_client, no endpoint given");
         return nullptr;
     }
+    tarn_internal::log_endpoint_fault("make_raw_client", endpoint);
     return std::make_shared<RawClientImpl>(runtime->context, endpoint, retries, factory);
 }
 
@@ -55,6 +57,7 @@ std::shared_ptr<RawClient> make_raw_client(const std::filesystem::path& path, un
 {
     const auto endpoint = slate::make_uri("ipc://" + path.string());
     if (!endpoint) {
+        tarn_internal::log_endpoint_fault("make_raw_client", "ipc://" + path.string());
         slate::log_error(SLATE_HERE, "failed to create raw ipc client ( ", path.string(), " ): invalid uri");
         return nullptr;
     }

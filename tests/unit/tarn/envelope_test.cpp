@@ -33,6 +33,7 @@ using tarn_test::message_of;
 using tarn_test::Pairs;
 using tarn_test::pairs_of;
 using tarn_test::put_of;
+using tarn_test::thrown;
 
 Envelope envelope_of(const std::string& text)
 {
@@ -263,7 +264,24 @@ TEST(Envelope, MakesTheBodyOfAReplyForChanges)
 
 TEST(Envelope, HasNoDataInAReplyWithoutBody)
 {
-    const Envelope envelope = envelope_of("response {}");
+    const Envelope envelope = envelope_of("response { status: NoContent }");
+
+    EXPECT_EQ(logged_and_thrown<Exception>([&] { (void)envelope.data(); }), "Envelope::data does not exist");
+}
+
+TEST(Envelope, LogsWhyARefusalHasNoData)
+{
+    const Envelope envelope = envelope_of(R"(response { status: RequestTimeout status_message: "why" })");
+
+    const tarn_test::LogCapture log;
+    EXPECT_EQ(thrown<Exception>([&] { (void)envelope.data(); }), "Envelope::data does not exist");
+    EXPECT_EQ(log.texts(slate::ErrorLevel),
+              (std::vector<std::string>{"Envelope::data does not exist", "no body: 408, why"}));
+}
+
+TEST(Envelope, HasNoDataInARequestWithoutBody)
+{
+    const Envelope envelope = envelope_of("put { body {} }");
 
     EXPECT_EQ(logged_and_thrown<Exception>([&] { (void)envelope.data(); }), "Envelope::data does not exist");
 }

@@ -34,7 +34,16 @@ TEST(AFabric, GivesAnApplicationItsSettings)
     EXPECT_EQ(settings->get("relay_url", ""), "ipc:///run/y/router/zmq.sock");
     EXPECT_EQ(settings->get("relay_sub", ""), "ipc:///run/y/relay/in.sock");
     EXPECT_EQ(settings->get("relay_pub", ""), "ipc:///run/y/relay/out.sock");
-    EXPECT_EQ(settings->keys().size(), 3u);
+    EXPECT_EQ(settings->get("run_time_directory", ""), "/run/y");
+    EXPECT_EQ(settings->keys().size(), 4u);
+}
+
+TEST(AFabric, OfAPersonKeepsItsSocketsFromOthers)
+{
+    const auto settings = make_settings(make_fabric(personal_run_time_directory()));
+    EXPECT_TRUE(settings->has("socket_group"));
+    EXPECT_EQ(settings->get("socket_group", "x"), "");
+    EXPECT_EQ(settings->get("socket_mode", ""), "0700");
 }
 
 TEST(AFabric, CannotBeWhereNoEndpointCanBe)

@@ -572,6 +572,39 @@ TEST(Reply, ThatAClientMadeIsSentWithoutItsCause)
     EXPECT_TRUE(equal(*local.message, *message_of("response { status: RequestTimeout }")));
 }
 
+struct Explanation {
+    std::string message;
+    std::string why;
+};
+
+class AReplyThatIs : public testing::TestWithParam<Explanation> {};
+
+TEST_P(AReplyThatIs, OfNoUseSaysWhy)
+{
+    EXPECT_EQ(Reply(message_of(GetParam().message)).why(), GetParam().why);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Contents, AReplyThatIs,
+    testing::Values(Explanation{R"(response { status: RequestTimeout status_message: "no answer" })",
+                                "no body: 408, no answer"},
+                    Explanation{"response { status: NotFound }", "no body: 404"},
+                    Explanation{"response { status: NoContent }", "no body: 204"},
+                    Explanation{"response { status: Ok body {} }", "no body: 200"},
+                    Explanation{R"(response { status: BadRequest status_message: "x" body { txt: "y" } })",
+                                "400, x"},
+                    Explanation{R"(response { status: Ok status_message: "x" body { txt: "" } })", ""},
+                    Explanation{R"(response { status: Ok body { bin: "y" } })", ""},
+                    Explanation{R"(call { result { status: NotFound status_message: "x" } })", "404, x"},
+                    Explanation{"call { result { status: Ok } }", ""}, //
+                    Explanation{"call {}", ""},                        //
+                    Explanation{"get {}", ""}));
+
+TEST(Reply, WithoutMessageSaysSo)
+{
+    EXPECT_EQ(Reply().why(), "no message");
+}
+
 TEST(Succeeded, HoldsFrom200To299)
 {
     EXPECT_TRUE(tarn::Succeeded(static_cast<Status>(200)));

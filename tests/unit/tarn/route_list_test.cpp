@@ -12,6 +12,7 @@
 #include "support/log_capture.h"
 #include "support/wait_until.h"
 #include "tarn/message_factory.h"
+#include "tarn/routes/basic_route.h"
 
 namespace {
 using namespace std::chrono_literals;
@@ -95,6 +96,63 @@ TEST_F(ARouteList, HoldsTheIndexAloneAtFirst)
     EXPECT_EQ(names(), std::vector<std::string>{"index"});
     EXPECT_EQ(list.topics(), std::set<std::string>{"/index"});
     EXPECT_EQ(taker_of("/index"), "index");
+}
+
+TEST_F(ARouteList, WarnsAboutAPatternWithoutTheSlash)
+{
+    EXPECT_TRUE(list.add(noted("zone", "zone")));
+    EXPECT_TRUE(list.add(noted("user", "user/:id")));
+    EXPECT_TRUE(list.add(noted("all", "")));
+    EXPECT_TRUE(list.add(noted("good", "/good")));
+    EXPECT_EQ(
+        logs.texts(slate::WarnLevel),
+        (std::vector<std::string>{
+            "route [zone]: the pattern \"zone\" doesn't begin with \"/\", as every path does; it is taken "
+            "as if it did",
+            "route [user]: the pattern \"user/:id\" doesn't begin with \"/\", as every path does; it is "
+            "taken as if it did"}));
+    EXPECT_EQ(taker_of("/zone"), "zone");
+}
+
+/// A route that keeps its patterns as they were written.
+class UnprimedRoute : public NotedRoute {
+public:
+    using NotedRoute::NotedRoute;
+    void prime(const std::shared_ptr<const slate::Dictionary>&) override {}
+};
+
+TEST_F(ARouteList, WarnsAboutAPatternThatNeverMatches)
+{
+    EXPECT_TRUE(
+        list.add(std::make_shared<UnprimedRoute>("zone", "get", RoutePattern("zone"), Access::Public)));
+    EXPECT_EQ(
+        logs.texts(slate::WarnLevel),
+        std::vector<std::string>{"route [zone]: the pattern \"zone\" doesn't begin with \"/\", as every "
+                                 "path does; it never matches"});
+    EXPECT_EQ(taker_of("/zone"), "");
+}
+
+TEST_F(ARouteList, WarnsAboutTheVerbsOfAValueRouteWithoutAFunction)
+{
+    EXPECT_TRUE(list.add(make_int32_route("volume", "get,put,post,del", "/volume", {})));
+    EXPECT_TRUE(
+        list.add(make_string_route("name", "get,put", "/name", [](Context&) { return std::string(); })));
+    EXPECT_TRUE(list.add(make_bool_route("on", "get", "/on", [](Context&) { return true; })));
+    EXPECT_TRUE(list.add(make_double_route(
+        "level", "put,del", "/level", {}, [](Context&, double) {}, [](Context&) {})));
+    EXPECT_EQ(logs.texts(slate::WarnLevel),
+              (std::vector<std::string>{"route [volume]: GET has no getter; such requests get status 500",
+                                        "route [volume]: PUT has no setter; such requests get status 500",
+                                        "route [volume]: POST has no setter; such requests get status 500",
+                                        "route [volume]: DELETE has no deleter; such requests get status 500",
+                                        "route [name]: PUT has no setter; such requests get status 500"}));
+}
+
+TEST_F(ARouteList, SaysNothingOfARouteThatItRefuses)
+{
+    list.add(noted("zone", "/zone"));
+    EXPECT_FALSE(list.add(noted("zone", "other")));
+    EXPECT_EQ(logs.count(slate::WarnLevel), 0u);
 }
 
 TEST_F(ARouteList, GivesARequestToTheFirstRouteThatAcceptsIt)

@@ -75,4 +75,31 @@ TEST(ACountSetting, IsAbsentWithAnErrorInTheLogIfItIsAnythingElse)
                   std::vector<std::string>{"setting is not a number of messages: high_water_mark = " + text});
     }
 }
+
+std::optional<std::filesystem::perms> read_mode(const std::string& text)
+{
+    const auto settings = slate::make_dictionary();
+    settings->set("socket_mode", std::string_view(text));
+    return tarn_internal::mode_setting(*settings, "socket_mode");
+}
+
+TEST(AModeSetting, IsThreeOctalDigits)
+{
+    const tarn_test::LogCapture log;
+    EXPECT_EQ(read_mode("770"), static_cast<std::filesystem::perms>(0770));
+    EXPECT_EQ(read_mode("0707"), static_cast<std::filesystem::perms>(0707));
+    EXPECT_EQ(read_mode("000"), std::filesystem::perms::none);
+    EXPECT_EQ(tarn_internal::mode_setting(*slate::make_dictionary(), "socket_mode"), std::nullopt);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(AModeSetting, IsAbsentWithAnErrorInTheLogIfItIsAnythingElse)
+{
+    for (const std::string text : {"", "77", "1777", "07700", "788", "rwx", "-770"}) {
+        const tarn_test::LogCapture log;
+        EXPECT_EQ(read_mode(text), std::nullopt) << text;
+        EXPECT_EQ(log.texts(slate::ErrorLevel),
+                  std::vector<std::string>{"setting is not a mode, such as 0770: socket_mode = " + text});
+    }
+}
 } // namespace

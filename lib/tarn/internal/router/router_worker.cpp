@@ -9,6 +9,7 @@
 #include "tarn/internal/router/service_path.h"
 #include "tarn/internal/settings.h"
 #include "tarn/internal/transport/dispatcher.h"
+#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/internal/utils/request_bounds.h"
 #include "tarn/internal/utils/send.h"
 #include "tarn/proto/message.pb.h"
@@ -20,10 +21,10 @@ const slate::Duration router_share = slate::Milliseconds(500);
 /// How long the router waits if the request's ttl is below router_share.
 const slate::Duration time_for_short_ttl = slate::Seconds(1);
 
-RequestCycle::ReplyBounds find_reply_bounds(const slate::Dictionary& settings)
+std::int64_t find_max_reply_bytes(const slate::Dictionary& settings)
 {
     const auto bytes = size_setting(settings, "max_frame_bytes");
-    return {bytes ? static_cast<std::int64_t>(*bytes) : -1, true};
+    return bytes ? static_cast<std::int64_t>(*bytes) : -1;
 }
 } // namespace
 
@@ -32,7 +33,7 @@ RouterWorker::RouterWorker(const std::shared_ptr<zmq::context_t>& context, const
                            Resolve resolve, ExplainNotFound explain, HasRuntime has_runtime,
                            WorkerSocket& socket)
     : context_(context),
-      reply_bounds_(find_reply_bounds(settings)),
+      max_reply_bytes_(find_max_reply_bytes(settings)),
       provider_(std::move(provider)),
       factory_(std::move(factory)),
       resolve_(std::move(resolve)),
@@ -135,7 +136,7 @@ RouterWorker::Answer RouterWorker::pass_on(Request& request, const std::string& 
                            "]: ", describe(*request.message, secret));
 
     RequestCycle service("zmq.client", next_client_instance(), context_, endpoint, 0, make_message_factory(),
-                         secret, reply_bounds_);
+                         {.is_secret = secret, .max_reply_bytes = max_reply_bytes_, .refuses_excess = true});
     const auto reply = service.read_reply(*request.message, time, &socket_.end());
     if (!reply->message)
         return make_failure(Status::BadGateway, "corrupt reply from the service at " + endpoint->to_string(),

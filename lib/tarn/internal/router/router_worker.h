@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,7 +10,6 @@
 #include <zmq.hpp>
 
 #include "slate/duration.h"
-#include "tarn/internal/transport/request_cycle.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
 #include "tarn/request.h"
@@ -65,7 +65,7 @@ private:
     slate::Duration shorten_ttl(Request& request) const;
 
     const std::shared_ptr<zmq::context_t> context_;
-    const RequestCycle::ReplyBounds reply_bounds_;
+    const std::int64_t max_reply_bytes_;
     const std::shared_ptr<slate::Provider> provider_;
     const std::shared_ptr<MessageFactory> factory_;
     const Resolve resolve_;

@@ -9,16 +9,26 @@
 
 #include <zmq.hpp>
 
+#include "slate/dictionary.h"
 #include "slate/duration.h"
 #include "slate/log.h"
 #include "slate/uri.h"
 #include "tarn/internal/defaults.h"
 #include "tarn/internal/settings.h"
+#include "tarn/internal/utils/endpoint_log.h"
 #include "tarn/internal/utils/socket_ops.h"
 
 namespace tarn_internal {
-bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function)
+namespace {
+constexpr const char* mode_key = "socket_mode";
+constexpr const char* group_key = "socket_group";
+} // namespace
+
+bool are_endpoints(const std::vector<Endpoint>& uris, const Endpoint& relay_out, std::string_view function)
 {
+    for (const Endpoint& uri : uris)
+        log_endpoint_fault(function, uri);
+    log_endpoint_fault(function, relay_out);
     if (std::find(uris.begin(), uris.end(), nullptr) == uris.end())
         return true;
     slate::log_error(SLATE_HERE, "cannot ", function, ", an endpoint is null");
@@ -45,8 +55,28 @@ void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri)
     }
 }
 
+void set_socket_access(const Endpoint& uri, const slate::Dictionary& settings)
+{
+    // These functions log their failures. The server serves all the same: a development machine has no such
+    // group.
+    const auto mode = mode_setting(settings, mode_key);
+    (void)(mode ? tarn::try_modify_socket_permissions(uri, *mode) : tarn::try_modify_socket_permissions(uri));
+    const std::string group = settings.get(group_key, tarn::socket_group);
+    if (!group.empty())
+        (void)tarn::try_modify_socket_group(uri, group);
+}
+
+void set_socket_access_as_told(const Endpoint& uri, const slate::Dictionary& settings)
+{
+    if (const auto mode = mode_setting(settings, mode_key))
+        (void)tarn::try_modify_socket_permissions(uri, *mode);
+    if (const std::string group = settings.get(group_key, ""); !group.empty())
+        (void)tarn::try_modify_socket_group(uri, group);
+}
+
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
-                    const std::shared_ptr<slate::Provider>& provider, std::vector<SocketFile>& files)
+                    const slate::Dictionary& settings, const std::shared_ptr<slate::Provider>& provider,
+                    std::vector<SocketFile>& files)
 {
     for (const auto& uri : uris) {
         try {
@@ -59,10 +89,7 @@ bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, st
             return false;
         }
         slate::log_verbose(provider, SLATE_HERE, "bind: ", uri->to_string());
-        // These functions log their failures. The server serves all the same: a development machine has no
-        // such group.
-        (void)tarn::try_modify_socket_permissions(uri);
-        (void)tarn::try_modify_socket_group(uri, tarn::socket_group);
+        set_socket_access(uri, settings);
     }
     return true;
 }

@@ -22,21 +22,30 @@ class socket_t;
 } // namespace zmq
 
 namespace tarn_internal {
-/// False, with an error in the log that names `function`, if one of the endpoints is null, which is what
-/// slate::make_uri gives for a text that is not an endpoint.
-bool are_endpoints(const std::vector<Endpoint>& uris, std::string_view function);
+/// Logs what check_endpoint() says of the endpoints that `function` was given, and of `relay_out`, which may
+/// be null. False, with an error in the log, if one of the others is null, which is what slate::make_uri
+/// gives for a text that is not an endpoint.
+bool are_endpoints(const std::vector<Endpoint>& uris, const Endpoint& relay_out, std::string_view function);
 
 /// Binds a socket to one endpoint; throws zmq::error_t. Retries an endpoint in use for a quarter of a second:
 /// libzmq releases one some time after its socket was closed, and a restarted server must not collide with
 /// its predecessor.
 void bind_when_free(zmq::socket_t& socket, const slate::Uri& uri);
 
-/// Binds a socket that receives requests to all endpoints, and gives the socket group access to their socket
-/// files. False, with an error in the log that names the `kind` of socket, at the first endpoint that can't
-/// be bound; those before it stay bound until the socket closes. `files` gets the files of those that are
-/// bound.
+/// Gives the file of a socket that was just bound the mode and the group of the settings "socket_mode" and
+/// "socket_group". An empty group leaves the file's own. Failures are warnings in the log: whoever may
+/// connect without them may do so all the same.
+void set_socket_access(const Endpoint& uri, const slate::Dictionary& settings);
+
+/// The same for sockets of published changes, whose file stays as it is without these settings.
+void set_socket_access_as_told(const Endpoint& uri, const slate::Dictionary& settings);
+
+/// Binds a socket that receives requests to all endpoints, and sets the access to their socket files. False,
+/// with an error in the log that names the `kind` of socket, at the first endpoint that can't be bound; those
+/// before it stay bound until the socket closes. `files` gets the files of those that are bound.
 bool bind_endpoints(zmq::socket_t& socket, const std::vector<Endpoint>& uris, std::string_view kind,
-                    const std::shared_ptr<slate::Provider>& provider, std::vector<SocketFile>& files);
+                    const slate::Dictionary& settings, const std::shared_ptr<slate::Provider>& provider,
+                    std::vector<SocketFile>& files);
 
 /// Whether an inproc endpoint is bound; no value if that can't be found out, for example without a free file
 /// descriptor.

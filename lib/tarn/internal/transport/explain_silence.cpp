@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 
 #include "slate/uri.h"
-#include "tarn/probe.h"
+#include "tarn/internal/transport/look_at.h"
 
 namespace tarn_internal {
 namespace {
@@ -34,13 +34,14 @@ std::string describe_access(const std::string& path)
            (found ? found->gr_name : std::to_string(status.st_gid)) + ")";
 }
 
-/// The cause, and what to say of it behind a colon.
+} // namespace
+
 std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint)
 {
     const std::string scheme = endpoint->scheme();
     if (scheme != "ipc" && scheme != "tcp")
         return {LocalCause::NoAnswerInTime, ""};
-    const Probe found = probe(endpoint, look);
+    const tarn::Probe found = look_at(endpoint, look);
     if (found.served)
         return {LocalCause::NoAnswerInTime, "somebody serves there, but doesn't answer"};
     if (found.error == "no such file" || found.error == "nobody listens")
@@ -49,7 +50,6 @@ std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint)
         return {LocalCause::NotAllowed, found.error + describe_access(endpoint->address())};
     return {LocalCause::NoAnswerInTime, found.error};
 }
-} // namespace
 
 Silence explain_silence(const Endpoint& endpoint, const slate::Duration& waited)
 {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "slate/duration.h"
 #include "tarn/reply.h"
@@ -15,9 +16,12 @@ struct Silence {
     std::string text;
 };
 
-/// Looks at the endpoint after a wait for its answer has failed, and tells what it finds. It connects to an
-/// ipc or tcp endpoint, which takes no longer than 100 ms; no other endpoint can be looked at. Doesn't throw
-/// but std::bad_alloc. Threads: any.
+/// Why nobody answers at an endpoint, and what to say of it behind a colon, which may be nothing. It connects
+/// to an ipc or tcp endpoint, which takes no longer than 100 ms; no other endpoint can be looked at.
+std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint);
+
+/// Looks at the endpoint after a wait for its answer has failed, and tells what find_cause() finds.
+/// Doesn't throw but std::bad_alloc. Threads: any.
 Silence explain_silence(const Endpoint& endpoint, const slate::Duration& waited);
 
 /// A time in the unit that suits it: "250 ms", "1.5 s", "12 s"; "any time" for an infinite one.

@@ -64,7 +64,8 @@ void send_reply(zmq::socket_t& socket, IncomingRequest& request, zmq::message_t&
 }
 
 Front::Front(zmq::context_t& context, const slate::Dictionary& settings)
-    : socket_(context, zmq::socket_type::router)
+    : settings_(settings),
+      socket_(context, zmq::socket_type::router)
 {
     limit_frames(socket_, settings);
 }
@@ -77,7 +78,7 @@ Front::~Front()
 bool Front::bind(const std::vector<Endpoint>& endpoints, std::string_view kind,
                  const std::shared_ptr<slate::Provider>& provider)
 {
-    return bind_endpoints(socket_, endpoints, kind, provider, files_);
+    return bind_endpoints(socket_, endpoints, kind, settings_, provider, files_);
 }
 
 void Front::remove_socket_files()

@@ -58,7 +58,8 @@ void send_reply(zmq::socket_t& socket, IncomingRequest& request, zmq::message_t&
 /// Threads: for one thread.
 class Front {
 public:
-    /// `settings` are read for "max_frame_bytes". Throws zmq::error_t if the socket can't be made.
+    /// `settings`, which must outlive the front, are read for "max_frame_bytes", "socket_mode" and
+    /// "socket_group". Throws zmq::error_t if the socket can't be made.
     Front(zmq::context_t& context, const slate::Dictionary& settings);
     /// Replies that haven't left yet still leave, for some seconds at most; see limit_linger.
     ~Front();
@@ -76,6 +77,7 @@ public:
     zmq::socket_t& socket() { return socket_; }
 
 private:
+    const slate::Dictionary& settings_;
     zmq::socket_t socket_;
     std::vector<SocketFile> files_;
 };

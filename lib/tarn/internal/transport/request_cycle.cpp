@@ -146,6 +146,15 @@ private:
     bool taken_ = false;
 };
 
+template <class... Pieces>
+void RequestCycle::log_failure(slate::SourceLine line, const Pieces&... pieces) const
+{
+    if (options_.failure_level == slate::ErrorLevel)
+        slate::log_error(provider_, line, pieces...);
+    else
+        slate::log_verbose(provider_, line, pieces...);
+}
+
 int next_client_instance()
 {
     static std::atomic<int> instance{0};
@@ -154,13 +163,13 @@ int next_client_instance()
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                            Endpoint uri, unsigned int retries, std::shared_ptr<MessageFactory> factory,
-                           bool secret, ReplyBounds bounds)
+                           const Options& options)
     : context_(std::move(context)),
       uri_(std::move(uri)),
       retries_(retries),
       factory_(factory ? std::move(factory) : make_message_factory()),
-      secret_(secret || hidden_payload(uri_->to_string())),
-      bounds_(bounds),
+      options_(options),
+      is_secret_(options.is_secret || hidden_payload(uri_->to_string())),
       provider_(name, instance),
       err_(add_error_counter(*provider_, "err")),
       rx_(add_counter(*provider_, "rx")),
@@ -177,7 +186,7 @@ RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_pt
 
 RequestCycle::RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context,
                            Endpoint uri, unsigned int retries, std::shared_ptr<MessageFactory> factory)
-    : RequestCycle(name, instance, std::move(context), std::move(uri), retries, std::move(factory), false, {})
+    : RequestCycle(name, instance, std::move(context), std::move(uri), retries, std::move(factory), Options())
 {
 }
 
@@ -190,8 +199,8 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
     Patience patience(timeout, message.has_post() ? 0 : retries_);
     const Turn turn(*this, patience);
     if (!turn.taken()) {
-        slate::log_error(provider_, SLATE_HERE,
-                         "request timeout; other requests are under way, nothing sent: ", describe(message));
+        log_failure(SLATE_HERE,
+                    "request timeout; other requests are under way, nothing sent: ", describe(message));
         return make_reply(LocalCause::TooMany, "other requests were under way for " +
                                                    to_readable_text(patience.whole()) +
                                                    ", nothing was sent to " + uri_->to_string());
@@ -200,7 +209,7 @@ std::shared_ptr<Reply> RequestCycle::read_reply(const Message& message, const sl
         return exchange(message, patience, stop);
     }
     catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what(), ", request: ", describe(message));
+        log_failure(SLATE_HERE, error.what(), ", request: ", describe(message));
         err_->increment();
         // Its state is unknown: a socket that has sent and not received would refuse every further request.
         socket_.reset();
@@ -247,13 +256,13 @@ std::shared_ptr<Reply> RequestCycle::exchange(const Message& message, Patience& 
 
 std::string RequestCycle::describe(const Message& message) const
 {
-    return tarn_internal::describe(message, secret_);
+    return tarn_internal::describe(message, is_secret_);
 }
 
 std::shared_ptr<Reply> RequestCycle::fail_to_send(const Message& message, LocalCause cause,
                                                   const std::string& why)
 {
-    slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(message), "; " + why);
+    log_failure(SLATE_HERE, "send failed: ", describe(message), "; " + why);
     err_->increment();
     return make_reply(cause, why);
 }
@@ -274,11 +283,11 @@ std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, cons
             return std::make_shared<Reply>(parse_reply(frame));
         if (patience.is_last_wait())
             silence = explain_silence(uri_, patience.whole());
-        slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ", describe(message),
-                         silence.text.empty() ? "" : "; " + silence.text);
+        log_failure(SLATE_HERE, "request timeout; no reply to ", describe(message),
+                    silence.text.empty() ? "" : "; " + silence.text);
     }
     catch (const zmq::error_t& error) {
-        slate::log_error(provider_, SLATE_HERE, error.what(), "; request: ", describe(message));
+        log_failure(SLATE_HERE, error.what(), "; request: ", describe(message));
         silence = {LocalCause::NoAnswerInTime, "no answer from " + uri_->to_string() + ": " + error.what()};
     }
     return nullptr;
@@ -287,7 +296,7 @@ std::shared_ptr<Reply> RequestCycle::wait_for_reply(const Message& message, cons
 /// Null if it doesn't parse, or isn't to be parsed.
 std::shared_ptr<Message> RequestCycle::parse_reply(const zmq::message_t& frame) const
 {
-    if (bounds_.refuses_excess) {
+    if (options_.refuses_excess) {
         if (const auto excess = find_excess(frame.data(), frame.size())) {
             slate::log_error(provider_, SLATE_HERE, "the reply of ", uri_->to_string(), " has ",
                              excess->text);
@@ -300,8 +309,8 @@ std::shared_ptr<Message> RequestCycle::parse_reply(const zmq::message_t& frame) 
 std::unique_ptr<zmq::socket_t> RequestCycle::create_socket() const
 {
     auto socket = std::make_unique<zmq::socket_t>(*context_, zmq::socket_type::req);
-    if (bounds_.max_frame_bytes >= 0)
-        socket->set(zmq::sockopt::maxmsgsize, bounds_.max_frame_bytes);
+    if (options_.max_reply_bytes >= 0)
+        socket->set(zmq::sockopt::maxmsgsize, options_.max_reply_bytes);
     socket->connect(uri_->to_string());
     slate::log_extreme(provider_, SLATE_HERE, "Connect: ", uri_->to_string());
     // Closing drops an unsent request at once.

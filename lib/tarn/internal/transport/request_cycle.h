@@ -8,6 +8,7 @@
 #include <string>
 
 #include "slate/duration.h"
+#include "slate/log.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
 #include "tarn/reply.h"
@@ -38,20 +39,24 @@ int next_client_instance();
 /// time passes before its turn comes sends nothing.
 class RequestCycle {
 public:
-    /// What whoever answers may send. A client trusts whom it asks; a router passes on what anybody asks.
-    struct ReplyBounds {
-        std::int64_t max_frame_bytes = -1; ///< the connection ends beyond it; negative: no bound
-        bool refuses_excess =
-            false; ///< a reply that holds too much of something counts as one that doesn't parse
+    struct Options {
+        /// Keeps the bodies of requests out of the log, whatever their path.
+        bool is_secret = false;
+        /// That of the lines about requests that fail, for a caller that goes on trying and says itself what
+        /// came of it.
+        slate::TraceLevel failure_level = slate::ErrorLevel;
+        /// A larger frame ends the connection; negative: none does. A client trusts whom it asks, but a
+        /// router passes on what anybody asks.
+        std::int64_t max_reply_bytes = -1;
+        /// A reply that holds too much of something, as find_excess tells, counts as one that doesn't parse.
+        bool refuses_excess = false;
     };
 
-    /// `name` and `instance` name the provider. Without `factory` it makes one. `secret` keeps the bodies of
-    /// requests out of the log, whatever their path. Throws zmq::error_t, logged, if the socket can't be
-    /// made.
+    /// `name` and `instance` name the provider. Without `factory` it makes one. Throws zmq::error_t, logged,
+    /// if the socket can't be made.
     RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
-                 unsigned int retries, std::shared_ptr<MessageFactory> factory, bool secret,
-                 ReplyBounds bounds);
-    /// The same without bounds.
+                 unsigned int retries, std::shared_ptr<MessageFactory> factory, const Options& options);
+    /// The same with the usual options.
     RequestCycle(const std::string& name, int instance, std::shared_ptr<zmq::context_t> context, Endpoint uri,
                  unsigned int retries, std::shared_ptr<MessageFactory> factory);
     ~RequestCycle();
@@ -77,14 +82,16 @@ private:
     std::shared_ptr<Reply> make_reply(LocalCause cause, const std::string& why) const;
     std::string describe(const Message& message) const;
     std::shared_ptr<Message> parse_reply(const zmq::message_t& frame) const;
+    template <class... Pieces>
+    void log_failure(slate::SourceLine line, const Pieces&... pieces) const;
     std::unique_ptr<zmq::socket_t> create_socket() const;
 
     const std::shared_ptr<zmq::context_t> context_;
     const Endpoint uri_;
     const unsigned int retries_;
     const std::shared_ptr<MessageFactory> factory_;
-    const bool secret_;
-    const ReplyBounds bounds_;
+    const Options options_;
+    const bool is_secret_;
     const OwnedProvider provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;

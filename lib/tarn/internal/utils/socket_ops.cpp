@@ -60,7 +60,12 @@ std::string error_text(int error)
 bool try_modify_socket_permissions(const Endpoint& uri)
 {
     using std::filesystem::perms;
+    return try_modify_socket_permissions(uri, perms::owner_all | perms::group_all | perms::others_read |
+                                                  perms::others_exec);
+}
 
+bool try_modify_socket_permissions(const Endpoint& uri, std::filesystem::perms mode)
+{
     const std::string path = socket_file(uri);
     if (path.empty())
         return false;
@@ -69,8 +74,7 @@ bool try_modify_socket_permissions(const Endpoint& uri)
         if (!file.is_open())
             throw std::filesystem::filesystem_error("not a socket that can be opened", path,
                                                     std::error_code(errno, std::generic_category()));
-        std::filesystem::permissions(name_of(file), perms::owner_all | perms::group_all | perms::others_read |
-                                                        perms::others_exec);
+        std::filesystem::permissions(name_of(file), mode);
         return true;
     }
     catch (const std::filesystem::filesystem_error& error) {

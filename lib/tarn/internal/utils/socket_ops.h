@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <string_view>
 
@@ -19,8 +20,9 @@ namespace tarn {
 /// The group of a device's sockets, whose members may connect to them.
 inline constexpr std::string_view socket_group = "corvane";
 
-/// Sets the mode rwxrwxr-x: owner and group may connect.
+/// Sets the mode, which is rwxrwxr-x unless another one is given: owner and group may connect.
 [[nodiscard]] bool try_modify_socket_permissions(const Endpoint& uri);
+[[nodiscard]] bool try_modify_socket_permissions(const Endpoint& uri, std::filesystem::perms mode);
 
 /// Changes the file's group by name. False without a log line if the group database can't be read.
 [[nodiscard]] bool try_modify_socket_group(const Endpoint& uri, const std::string_view& group);
