@@ -51,13 +51,17 @@ std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint)
     return {LocalCause::NoAnswerInTime, found.error};
 }
 
+std::string describe_silence(const Endpoint& endpoint, const slate::Duration& waited,
+                             const std::string& reason)
+{
+    return "no answer from " + endpoint->to_string() + " within " + to_readable_text(waited) +
+           (reason.empty() ? "" : ": ") + reason;
+}
+
 Silence explain_silence(const Endpoint& endpoint, const slate::Duration& waited)
 {
-    auto [cause, reason] = find_cause(endpoint);
-    std::string text = "no answer from " + endpoint->to_string() + " within " + to_readable_text(waited);
-    if (!reason.empty())
-        text += ": " + reason;
-    return {cause, std::move(text)};
+    const auto [cause, reason] = find_cause(endpoint);
+    return {cause, describe_silence(endpoint, waited, reason)};
 }
 
 std::string to_readable_text(const slate::Duration& time)
