@@ -32,15 +32,13 @@ constexpr const char* examples =
     "Exit status: 0 ended by a signal; 1 it can't serve, and standard error says why; 2 wrong arguments.";
 
 /// Empty if the text is an endpoint that others can find.
-std::string check_endpoint(const std::string& text)
+std::string check_public_endpoint(const std::string& text)
 {
+    if (const auto fault = tarn::check_endpoint(text))
+        return *fault;
     const auto endpoint = slate::make_uri(text);
-    if (!endpoint)
-        return "\"" + text + "\" is not an endpoint; write ipc:///run/x.sock or tcp://127.0.0.1:5555";
     const std::string address = endpoint->address();
     if (endpoint->scheme() == "ipc") {
-        if (address.size() > 107)
-            return "\"" + text + "\" is too long: a socket's path has 107 bytes at most";
         if (address.front() != '/' && address.front() != '@')
             return "\"" + text + "\" has a relative path; write it from the root, as in ipc:///run/x.sock";
         return "";
@@ -49,10 +47,7 @@ std::string check_endpoint(const std::string& text)
         return "\"" + text +
                "\" has neither the scheme ipc nor tcp; write ipc:///run/x.sock or "
                "tcp://127.0.0.1:5555";
-    const auto colon = address.rfind(':');
-    unsigned short port = 0;
-    if (colon == std::string::npos || !slate::try_parse(std::string_view(address).substr(colon + 1), &port) ||
-        port == 0)
+    if (address.ends_with(":*"))
         return "\"" + text + "\" has no port number; write it behind a colon, as in tcp://127.0.0.1:5555";
     return "";
 }
@@ -135,7 +130,7 @@ std::optional<Options> read_options(int argc, char** argv, int& status)
     app.add_option("-e,--endpoint", endpoints, "Where the router answers too; may be repeated")
         ->type_name("ENDPOINT")
         ->allow_extra_args(false)
-        ->check([](const std::string& text) { return check_endpoint(text); });
+        ->check([](const std::string& text) { return check_public_endpoint(text); });
     app.add_flag_callback(
         "--no-router", [&] { options.has_router = false; }, "Serve the relay only");
     app.add_flag_callback(

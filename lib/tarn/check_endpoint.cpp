@@ -23,7 +23,7 @@ bool is_control_character(char c)
 /// A text for a sentence, which nobody wants to read the whole of if it is long.
 std::string quote(std::string_view text)
 {
-    constexpr std::size_t max_shown = 200;
+    constexpr std::size_t max_shown = 256;
     std::string shown(text.substr(0, max_shown));
     std::replace_if(shown.begin(), shown.end(), is_control_character, '?');
     return '"' + slate::to_utf8(shown) + (shown.size() < text.size() ? "...\"" : "\"");

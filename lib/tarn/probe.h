@@ -33,9 +33,10 @@ struct Probe {
 
 /// Looks whether somebody serves at an endpoint, by a connection that carries no message: a greeting goes
 /// each way, which ZeroMQ answers however busy the process is, and the connection ends before the peer could
-/// use it. That takes `timeout` at most; 0 leaves the greeting out, and then an "ipc" endpoint is looked at
-/// without any wait. What the peer says is its own word: anybody who may serve there can say anything. An
-/// "inproc" endpoint, which belongs to one ZeroMQ context, and null are never found to be served.
+/// use it. That takes `timeout` at most, and before it as long as the resolver wants for a host's name; 0
+/// leaves the greeting out, and then an "ipc" endpoint is looked at without any wait. What the peer says is
+/// its own word: anybody who may serve there can say anything. An "inproc" endpoint, which belongs to one
+/// ZeroMQ context, and null are never found to be served.
 ///
 /// Programs use it before they start: a second server at an "ipc" path takes the path from the first one
 /// without notice. Another process may begin to serve, or end, as soon as this returns. Any thread; never

@@ -456,11 +456,11 @@ TEST_F(AnAsyncClient, NeverSendsAfterTheTimeIsOver)
 {
     const auto client = make();
     EXPECT_TRUE(is_local(client->get("/late", {.timeout = slate::Milliseconds(50)}).get(),
-                         Status::RequestTimeout, LocalCause::NoAnswerInTime));
+                         Status::RequestTimeout, LocalCause::NoSuchEndpoint));
     EXPECT_TRUE(is_local(client->get("/never", {.timeout = slate::Seconds(0)}).get(), Status::RequestTimeout,
-                         LocalCause::NoAnswerInTime));
+                         LocalCause::NoSuchEndpoint));
     EXPECT_TRUE(is_local(client->get("/before", {.timeout = slate::Seconds(-1)}).get(),
-                         Status::RequestTimeout, LocalCause::NoAnswerInTime));
+                         Status::RequestTimeout, LocalCause::NoSuchEndpoint));
     auto good = client->get("/good", {.timeout = long_time});
 
     AsyncPeer peer(uri);
@@ -474,6 +474,34 @@ TEST_F(AnAsyncClient, WaitsForItsServer)
     auto pending = client->get("/echo/1", {.timeout = long_time});
     runtime->serve(uri, {make_echo()});
     EXPECT_EQ(pending.get()->text_or(""), "1");
+}
+
+TEST_F(AnAsyncClient, SaysWhyThereWasNoAnswer)
+{
+    const auto client = make();
+    const auto reply = client->get("/a", {.timeout = slate::Milliseconds(50)}).get();
+    const std::string why = "no answer from " + uri->to_string() + " within 50 ms: ";
+    EXPECT_EQ(reply->status_message(), why + "no such file");
+    const auto lines = logs.texts(slate::ErrorLevel, "request timeout; no reply to ");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].ends_with("; " + why + "no such file")) << lines[0];
+
+    AsyncPeer peer(uri);
+    const auto other = make_connected(peer);
+    EXPECT_EQ(other->get("/a", {.timeout = slate::Milliseconds(50)}).get()->status_message(),
+              why + "somebody serves there, but doesn't answer");
+}
+
+TEST_F(AnAsyncClient, SaysThatThereWasNoConnectionOverTcp)
+{
+    zmq::context_t context;
+    zmq::socket_t holder(context, zmq::socket_type::rep);
+    holder.bind("tcp://127.0.0.1:*");
+    uri = slate::make_uri(holder.get(zmq::sockopt::last_endpoint));
+    holder.close();
+    const auto reply = make()->get("/a", {.timeout = slate::Milliseconds(50)}).get();
+    EXPECT_EQ(reply->status_message(),
+              "no answer from " + uri->to_string() + " within 50 ms: no connection came about");
 }
 
 TEST_F(AnAsyncClient, DropsALateReply)

@@ -27,6 +27,14 @@ TEST_F(ASilence, OfASocketThatIsNotThere)
     EXPECT_EQ(silence.text, text + "no such file");
 }
 
+TEST_F(ASilence, OfAHostThatHasOnlyANameIsNotLookedInto)
+{
+    const auto named = slate::make_uri("tcp://no-such-host.invalid:5555");
+    const auto silence = explain_silence(named, waited);
+    EXPECT_EQ(silence.cause, LocalCause::NoAnswerInTime);
+    EXPECT_EQ(silence.text, "no answer from tcp://no-such-host.invalid:5555 within 1.5 s");
+}
+
 /// A socket of the system's, bound to a path.
 int bind_to(const std::string& path)
 {

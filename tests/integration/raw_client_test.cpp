@@ -70,7 +70,9 @@ TEST_F(ARawClient, IsNotMadeFromWhatIsNotAnEndpoint)
     EXPECT_EQ(make_raw_client(std::filesystem::path("/a\nb")), nullptr);
     EXPECT_EQ(make_raw_client(std::shared_ptr<const slate::Uri>()), nullptr);
     EXPECT_EQ(logs.texts(slate::ErrorLevel),
-              (std::vector<std::string>{"failed to create raw ipc client (  ): invalid uri",
+              (std::vector<std::string>{"make_raw_client: " + *check_endpoint("ipc://"),
+                                        "failed to create raw ipc client (  ): invalid uri",
+                                        "make_raw_client: " + *check_endpoint("ipc:///a\nb"),
                                         "failed to create raw ipc client ( /a\nb ): invalid uri",
                                         "cannot make_raw_client, no endpoint given"}));
 }

@@ -75,9 +75,9 @@ struct AsyncClientOptions {
 ///
 /// Errors: a failed exchange is a reply, not thrown: status 408 (no answer in time, cancelled, connection
 /// lost, socket failed, larger than 2 GiB, or the client or ZmqSubsystem ended), 429 (see AsyncClientOptions)
-/// or 400 (nothing to send), with the reason in Reply::local_cause() and Reply::status_message(). A frame
-/// that doesn't parse gives a reply without a message. A recipient that can't be taken apart throws as
-/// MessageFactory says.
+/// or 400 (nothing to send), with the reason in Reply::local_cause() and Reply::status_message(), such as "no
+/// answer from ipc:///run/x.sock within 4 s: no such file". A frame that doesn't parse gives a reply without
+/// a message. A recipient that can't be taken apart throws as MessageFactory says.
 ///
 /// Threads: may be shared. All asynchronous clients of the process share one more thread, "tarn-async", which
 /// the first of them starts.

@@ -14,6 +14,7 @@
 #include "slate/uuid.h"
 #include "tarn/async/callbacks.h"
 #include "tarn/internal/transport/bind_endpoints.h"
+#include "tarn/internal/transport/explain_silence.h"
 #include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/message_parts.h"
 #include "tarn/internal/utils/message_text.h"
@@ -91,10 +92,11 @@ void set_ttl(Message& message, const slate::Duration& ttl)
 } // namespace
 
 ChannelCall::ChannelCall(std::shared_ptr<Callbacks> callbacks, std::shared_ptr<Channel> channel,
-                         std::shared_ptr<Message> sent_message, const slate::Duration& timeout)
+                         std::shared_ptr<Message> sent_message, const slate::Duration& call_timeout)
     : Call(std::move(callbacks)),
       message(std::move(sent_message)),
-      deadline(deadline_after(timeout)),
+      timeout(call_timeout),
+      deadline(deadline_after(call_timeout)),
       channel_(std::move(channel))
 {
 }
@@ -351,13 +353,23 @@ void Channel::expire()
     for (forget_deadlines(); !due_.empty() && due_.front().deadline <= now; forget_deadlines()) {
         const auto call = calls_.find(due_.front().number)->second;
         if (!call->is_complete()) { // else it was cancelled
+            const auto [cause, reason] = find_cause_of_silence(*call);
+            const std::string why = describe_silence(endpoint_, call->timeout, reason);
             slate::log_error(provider_, SLATE_HERE, "request timeout; no reply to ",
-                             describe(*call->message, secret_));
-            end_call(*call, LocalCause::NoAnswerInTime,
-                     call->sent ? "no answer in time" : "the server could not be reached in time");
+                             describe(*call->message, secret_), "; " + why);
+            end_call(*call, cause, why);
         }
         calls_.erase(call->number);
     }
+}
+
+/// Doesn't wait, as this thread serves every asynchronous client: to look at a tcp endpoint would take time.
+std::pair<LocalCause, std::string> Channel::find_cause_of_silence(const ChannelCall& call) const
+{
+    if (endpoint_->scheme() != "tcp")
+        return find_cause(endpoint_);
+    return {LocalCause::NoAnswerInTime,
+            call.sent ? "somebody serves there, but doesn't answer" : "no connection came about"};
 }
 
 /// Lets the next deadline be that of a call which has not ended: others would wake the thread for nothing.

@@ -35,7 +35,8 @@ public:
     void cancel() override;
     void cancel_when(const std::stop_token& stop);
 
-    const std::shared_ptr<Message> message;     // null if there is nothing to send
+    const std::shared_ptr<Message> message; // null if there is nothing to send
+    const slate::Duration timeout;
     const IoThread::Clock::time_point deadline; // the largest one if there is none
     bool counts = false;                        // among those in flight; constant once it is submitted
     // I/O thread.
@@ -108,6 +109,7 @@ private:
     bool serve_round();
     void drop_ended();
     void expire();
+    std::pair<LocalCause, std::string> find_cause_of_silence(const ChannelCall& call) const;
     void forget_deadlines();
     bool receive();
     void deliver();

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include <arpa/inet.h>
 #include <grp.h>
 #include <sys/stat.h>
 
@@ -34,12 +35,21 @@ std::string describe_access(const std::string& path)
            (found ? found->gr_name : std::to_string(status.st_gid)) + ")";
 }
 
+/// False for a name: to look it up takes as long as the resolver wants, and the caller's time is over.
+bool has_numeric_host(const std::string& address)
+{
+    const std::string host = address.substr(0, address.rfind(':'));
+    in6_addr unused{};
+    if (host.starts_with('[') && host.ends_with(']'))
+        return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &unused) == 1;
+    return inet_pton(AF_INET, host.c_str(), &unused) == 1;
+}
 } // namespace
 
 std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint)
 {
     const std::string scheme = endpoint->scheme();
-    if (scheme != "ipc" && scheme != "tcp")
+    if (scheme != "ipc" && (scheme != "tcp" || !has_numeric_host(endpoint->address())))
         return {LocalCause::NoAnswerInTime, ""};
     const tarn::Probe found = look_at(endpoint, look);
     if (found.served)
@@ -51,13 +61,17 @@ std::pair<LocalCause, std::string> find_cause(const Endpoint& endpoint)
     return {LocalCause::NoAnswerInTime, found.error};
 }
 
+std::string describe_silence(const Endpoint& endpoint, const slate::Duration& waited,
+                             const std::string& reason)
+{
+    return "no answer from " + endpoint->to_string() + " within " + to_readable_text(waited) +
+           (reason.empty() ? "" : ": ") + reason;
+}
+
 Silence explain_silence(const Endpoint& endpoint, const slate::Duration& waited)
 {
-    auto [cause, reason] = find_cause(endpoint);
-    std::string text = "no answer from " + endpoint->to_string() + " within " + to_readable_text(waited);
-    if (!reason.empty())
-        text += ": " + reason;
-    return {cause, std::move(text)};
+    const auto [cause, reason] = find_cause(endpoint);
+    return {cause, describe_silence(endpoint, waited, reason)};
 }
 
 std::string to_readable_text(const slate::Duration& time)
