@@ -26,6 +26,7 @@
 #include "demo_services.h"
 #include "fabric_choice.h"
 #include "interrupt.h"
+#include "limits.h"
 #include "options.h"
 #include "output/body.h"
 #include "output/terminal.h"
@@ -118,12 +119,16 @@ int demo(const Place& place)
     }
     const auto fabric =
         fabric_in(is_named ? place.run_time_directory : tarn::personal_run_time_directory().string());
+    start::raise_descriptor_limit();
     Interrupt interrupt;
     const auto directory = prepare(fabric);
     DemoClock clock; // outlives the subsystem, whose servers use it
     {
-        // Without the settings of the relay, which every server would subscribe to.
-        tarn::ZmqSubsystem subsystem;
+        // Without those of the relay, which every server would subscribe to.
+        const auto settings = Limits().to_settings();
+        settings->set("socket_mode", "0700");
+        settings->set("socket_group", "");
+        tarn::ZmqSubsystem subsystem(settings);
         const auto relay = tarn::make_relay(fabric.relay_in, fabric.relay_out);
         subsystem.add_server({fabric.relay_stats}, fabric.relay_out)->add(tarn::make_relay_stats_route());
         (void)subsystem.serve(tarn::service_endpoint(fabric, "clock"), clock.make_routes());
@@ -139,7 +144,7 @@ int demo(const Place& place)
             throw Failure(ExitOther, "the demo can't answer at " + escape(fabric.router->to_string()) +
                                          "; see why with -v");
         const auto publisher =
-            tarn::make_publisher(fabric.relay_in, slate::Seconds(1), 0, fabric.relay_stats);
+            tarn::make_publisher({.endpoint = fabric.relay_in, .stats_endpoint = fabric.relay_stats});
         clock.set_publisher(publisher);
         print_welcome(fabric, is_named);
         while (interrupt.wait(slate::Seconds(1)) == Interrupt::Cause::Time)

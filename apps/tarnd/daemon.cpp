@@ -47,11 +47,10 @@ std::shared_ptr<slate::Dictionary> make_settings(const Options& options, const s
 {
     std::ostringstream mode;
     mode << std::oct << std::setw(4) << std::setfill('0') << socket_mode(options);
-    return slate::make_dictionary({{"max_frame_bytes", std::to_string(options.max_frame_bytes)},
-                                   {"max_transfer_bytes", std::to_string(options.max_transfer_bytes)},
-                                   {"high_water_mark", std::to_string(options.high_water_mark)},
-                                   {"socket_mode", mode.str()},
-                                   {"socket_group", group}});
+    auto settings = options.limits.to_settings();
+    settings->set("socket_mode", mode.str());
+    settings->set("socket_group", group);
+    return settings;
 }
 
 /// The path of an endpoint's socket file, or empty.

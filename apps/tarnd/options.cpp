@@ -143,15 +143,15 @@ std::optional<Options> read_options(int argc, char** argv, int& status)
                    "Who may write to a socket may connect; 775 by default, 700 for a person's fabric")
         ->type_name("OCTAL")
         ->check([](const std::string& text) { return check_mode(text); });
-    app.add_option("--max-frame-bytes", options.max_frame_bytes,
+    app.add_option("--max-frame-bytes", options.limits.max_frame_bytes,
                    "Closes the connection of a peer that sends more at once; 134217728 by default")
         ->type_name("BYTES")
         ->check(in_range(1, INT64_MAX));
-    app.add_option("--max-transfer-bytes", options.max_transfer_bytes,
+    app.add_option("--max-transfer-bytes", options.limits.max_transfer_bytes,
                    "A larger body to the router itself gets status 413; 1073741824 by default")
         ->type_name("BYTES")
         ->check(in_range(1, INT64_MAX));
-    app.add_option("--high-water-mark", options.high_water_mark,
+    app.add_option("--high-water-mark", options.limits.high_water_mark,
                    "How many changes wait for a slow subscriber; further ones are lost; 10000 by default")
         ->type_name("CHANGES")
         ->check(in_range(1, INT32_MAX));

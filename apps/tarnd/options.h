@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -10,6 +9,8 @@
 #include <sys/types.h>
 
 #include <tarn/types.h>
+
+#include "limits.h"
 
 /// What the command line says.
 struct Options {
@@ -24,10 +25,7 @@ struct Options {
     /// Of the socket files; empty: "corvane" if there is such a group and we may use it.
     std::string group;
     std::optional<mode_t> mode;
-    std::uint64_t max_frame_bytes = 134217728; // frames of 64 MiB are common where bodies travel in one piece
-    std::uint64_t max_transfer_bytes = 1073741824; // fits on most devices' disks
-    unsigned int high_water_mark =
-        10000; // as many wait for a subscriber that is busy for a tenth of a second
+    Limits limits;
     std::string log_level = "info";
     std::string log_sink = "stderr";
 };
