@@ -22,6 +22,7 @@ import time
 
 HEADING = "## Five minutes with `tarn demo`"
 PATIENCE = 30
+DEVICE_ANSWERS = 77  # the exit status that skips the test: what the commands ask is the device, then
 
 
 def read_tour(page):
@@ -63,13 +64,19 @@ def end_with_parent():
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
-def start_demo(command):
-    demo = subprocess.Popen(shlex.split(command.rstrip("& ")), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            text=True, preexec_fn=end_with_parent)
-    for line in demo.stdout:
-        if "Ctrl-C" in line:
-            return demo
-    sys.exit(f"`{command}` ended with status {demo.wait()}")
+def start_demo(command, directory):
+    """The demo, once it is up. Its errors are in a file, which no pipe's reader has to keep up with."""
+    with open(os.path.join(directory, "errors"), "w+", encoding="utf-8") as errors:
+        demo = subprocess.Popen(shlex.split(command.rstrip("& ")), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=errors, text=True, preexec_fn=end_with_parent)
+        for line in demo.stdout:
+            if "Ctrl-C" in line:
+                return demo
+        status = demo.wait()
+        errors.seek(0)
+        said = errors.read()
+    print(f"`{command}` ended with status {status}: {said}")
+    sys.exit(DEVICE_ANSWERS if "the fabric of this device answers" in said else 1)
 
 
 def end_demo(demo):
@@ -123,13 +130,13 @@ def main():
         sys.exit(__doc__)
     steps = read_tour(sys.argv[1])
     begin = time.monotonic()
-    with tempfile.TemporaryDirectory() as directory:
+    with tempfile.TemporaryDirectory() as directory, tempfile.TemporaryDirectory() as work:
         os.environ["XDG_RUNTIME_DIR"] = directory
         demo = None
         asked = 0
         for command, expected in steps:
             if shlex.split(command)[1] == "demo":
-                demo = demo or start_demo(command)
+                demo = demo or start_demo(command, work)
                 continue
             check(command, expected)
             asked += 1
