@@ -39,7 +39,7 @@ systemd-analyze security --offline=true --threshold=25 --no-pager "$work/tarnd.s
 tail -n 1 "$work/security"
 
 mkdir -p "$work/root/etc" "$work/root/run"
-systemd-sysusers --root="$work/root" "$sysusers"
+systemd-sysusers --root="$work/root" "$sysusers" >"$work/findings" 2>&1 || fail "sysusers: $(cat "$work/findings")"
 grep -q '^corvane:x:[0-9]*:tarnd$' "$work/root/etc/group" || fail "$(cat "$work/root/etc/group")"
 grep -q '^tarnd:x:.*:/usr/sbin/nologin$' "$work/root/etc/passwd" || fail "$(cat "$work/root/etc/passwd")"
 [ "$(id -u)" -eq 0 ] || exit 0 # only root can give a directory away
