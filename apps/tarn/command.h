@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "help_page.h"
+
 namespace CLI {
 class App;
 }
@@ -30,10 +32,7 @@ public:
     int exit_status;
 };
 
-struct Example {
-    std::string command;
-    std::string meaning;
-};
+using help_page::Example;
 
 /// One command. Its help, its page of manual and its completion are all made from this and from the options
 /// that `add` declares.

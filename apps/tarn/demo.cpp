@@ -26,11 +26,11 @@
 #include "demo_services.h"
 #include "fabric_choice.h"
 #include "interrupt.h"
-#include "limits.h"
 #include "options.h"
 #include "output/body.h"
 #include "output/terminal.h"
 #include "personal_directory.h"
+#include "program_limits.h"
 #include "services_route.h"
 #include "start.h"
 #include "unknown_path.h"
@@ -125,7 +125,7 @@ int demo(const Place& place)
     DemoClock clock; // outlives the subsystem, whose servers use it
     {
         // Without those of the relay, which every server would subscribe to.
-        const auto settings = Limits().to_settings();
+        const auto settings = ProgramLimits().to_settings();
         settings->set("socket_mode", "0700");
         settings->set("socket_group", "");
         tarn::ZmqSubsystem subsystem(settings);

@@ -53,7 +53,8 @@ public:
             app_.parse(argc, argv);
         }
         catch (const CLI::CallForHelp&) {
-            write_out(help_page(*current(), command_of(current()), commands_, terminal_width(STDOUT_FILENO)));
+            write_out(
+                help_page_of(*current(), command_of(current()), commands_, terminal_width(STDOUT_FILENO)));
             flush_out();
             return ExitGood;
         }
@@ -90,7 +91,7 @@ public:
     void write_manual(const std::filesystem::path& directory)
     {
         const auto write = [&](const std::string& page, const CLI::App& app, const Command* command) {
-            std::ofstream(directory / (page + ".1")) << manual_page(app, command, commands_);
+            std::ofstream(directory / (page + ".1")) << manual_page_of(app, command, commands_);
         };
         write("tarn", app_, nullptr);
         for (const Command& command : commands_)
@@ -115,7 +116,7 @@ private:
 
     int show_usage() const
     {
-        const std::string page = help_page(app_, nullptr, commands_, terminal_width(STDERR_FILENO));
+        const std::string page = help_page_of(app_, nullptr, commands_, terminal_width(STDERR_FILENO));
         (void)std::fputs(page.c_str(), stderr);
         return ExitUsage;
     }

@@ -12,24 +12,40 @@
 
 #include <tarn/tarn.h>
 
-namespace {
-constexpr const char* description =
-    "tarnd - the router and the relay of one device, or of one person\n"
-    "\n"
-    "Services put their sockets into a run-time directory, each in a directory of its own. tarnd passes\n"
-    "requests on to them by the first segment of the path, and published changes to everybody who\n"
-    "subscribes. As root it serves the device's directory, /run/tide; for anybody else a directory of\n"
-    "their own, $XDG_RUNTIME_DIR/tarn or /tmp/tarn-<uid>. It runs until SIGINT or SIGTERM.";
+#include "help_page.h"
 
-constexpr const char* examples =
-    "Examples:\n"
-    "  tarnd --make-run-dir                     your own fabric, without root\n"
-    "  tarnd --run-dir /run/tide                the device's; the directory is there already\n"
-    "  tarnd --endpoint tcp://127.0.0.1:5555    the router answers there too\n"
-    "  tarnd --no-relay                         requests only\n"
-    "  tarnd --group staff --mode 0770          who may connect to the sockets\n"
-    "\n"
-    "Exit status: 0 ended by a signal; 1 it can't serve, and standard error says why; 2 wrong arguments.";
+namespace {
+help_page::Page make_page(const CLI::App& app)
+{
+    help_page::Page page;
+    page.name = "tarnd";
+    page.section = "8";
+    page.summary = "the router and the relay of one device, or of one person";
+    page.synopsis = "tarnd [OPTION]...";
+    page.description =
+        "Services put their sockets into a run-time directory, each in a directory of its own. tarnd passes "
+        "requests on to them by the first segment of the path, and published changes to everybody who "
+        "subscribes. As root it serves the device's directory, /run/tide; for anybody else a directory of "
+        "their own, $XDG_RUNTIME_DIR/tarn or /tmp/tarn-<uid>. It runs until SIGINT or SIGTERM.";
+    page.options = help_page::options_of(app);
+    page.examples = {
+        {"tarnd --make-run-dir", "your own fabric, without root"},
+        {"tarnd --run-dir /run/tide", "the device's; the directory is there already"},
+        {"tarnd --endpoint tcp://127.0.0.1:5555", "the router answers there too"},
+        {"tarnd --no-relay", "requests only"},
+        {"tarnd --group staff --mode 0770", "who may connect to the sockets"},
+    };
+    page.exit_statuses = {
+        {"0", "ended by a signal"},
+        {"1", "it can't serve, and standard error says why"},
+        {"2", "wrong arguments"},
+    };
+    page.see_also = {"tarn(1)", "systemd.service(5)"};
+    return page;
+}
+
+/// The columns that help is wrapped to; a program in the background has no terminal to ask.
+constexpr std::size_t columns = 80;
 
 /// Empty if the text is an endpoint that others can find.
 std::string check_public_endpoint(const std::string& text)
@@ -121,9 +137,8 @@ std::optional<Options> read_options(int argc, char** argv, int& status)
     std::string mode;
     std::vector<std::string> endpoints;
 
-    CLI::App app(description, "tarnd");
-    app.get_formatter()->column_width(27);
-    app.footer(examples);
+    CLI::App app("", "tarnd");
+    app.set_help_flag("-h,--help", "Print this help");
     app.set_version_flag("--version", std::string("tarnd ") + TARN_VERSION, "Print the version");
     app.add_option("--run-dir", directory, "The directory of the services' sockets")->type_name("DIRECTORY");
     app.add_flag("--make-run-dir", options.makes_directory, "Make that directory if it is missing");
@@ -162,10 +177,17 @@ std::optional<Options> read_options(int argc, char** argv, int& status)
     app.add_option("--log-sink", options.log_sink, "stderr (the default) or journal")
         ->type_name("SINK")
         ->check(one_of({"stderr", "journal"}));
+    if (argc == 2 && std::string(argv[1]) == "--write-manual") { // for the build
+        std::cout << to_manual(make_page(app));
+        return std::nullopt;
+    }
     try {
         app.parse(argc, argv);
         finish(options, directory, mode, endpoints);
         return options;
+    }
+    catch (const CLI::CallForHelp&) {
+        std::cout << to_help(make_page(app), columns);
     }
     catch (const CLI::Success& wish) {
         status = app.exit(wish);

@@ -10,7 +10,7 @@
 
 #include <tarn/types.h>
 
-#include "limits.h"
+#include "program_limits.h"
 
 /// What the command line says.
 struct Options {
@@ -25,7 +25,7 @@ struct Options {
     /// Of the socket files; empty: "corvane" if there is such a group and we may use it.
     std::string group;
     std::optional<mode_t> mode;
-    Limits limits;
+    ProgramLimits limits;
     std::string log_level = "info";
     std::string log_sink = "stderr";
 };

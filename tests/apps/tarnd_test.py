@@ -209,6 +209,20 @@ class Serving(TarndTest):
         self.assertIn(b"debug", daemon.stderr.read())
 
 
+class ItsManual(TarndTest):
+    def test_says_what_its_help_says(self):
+        shown = subprocess.run([TARND, "--help"], capture_output=True, text=True, timeout=PATIENCE, check=True).stdout
+        manual = subprocess.run([TARND, "--write-manual"], capture_output=True, text=True, timeout=PATIENCE,
+                                check=True).stdout
+        self.assertLessEqual(max(map(len, shown.splitlines())), 80, shown)
+        self.assertTrue(manual.startswith(".TH TARND 8 "), manual)
+        options = re.findall(r"(?m)^  .*?(--[a-z-]+)", shown.partition("Options:")[2].partition("Examples:")[0])
+        self.assertGreaterEqual(len(options), 14)
+        for word in (*options, "--make-run-dir", "tarnd --no-relay", "wrong arguments"):
+            self.assertIn(word, shown)
+            self.assertIn(word.replace("-", r"\-"), manual)
+
+
 class Refusals(TarndTest):
     def test_of_wrong_arguments(self):
         for pattern, *options in (

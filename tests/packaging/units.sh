@@ -1,12 +1,13 @@
 #!/bin/sh
-# units.sh PROGRAM UNIT USER_UNIT SYSUSERS TMPFILES: systemd finds nothing wrong with what is installed for it, and makes of
-# it what tarnd needs. 77, which skips the test, without systemd's tools. They work on a folder; nothing runs.
+# units.sh [PROGRAM UNIT USER_UNIT SYSUSERS TMPFILES]: systemd finds nothing wrong with what is installed for it, and makes
+# of it what tarnd needs. Without arguments, with what the packages have installed. 77, which skips the test, without
+# systemd's tools. They work on a folder; nothing runs.
 set -eu
-program=$1
-unit=$2
-user_unit=$3
-sysusers=$4
-tmpfiles=$5
+program=${1:-/usr/bin/tarnd}
+unit=${2:-/usr/lib/systemd/system/tarnd.service}
+user_unit=${3:-/usr/lib/systemd/user/tarnd.service}
+sysusers=${4:-/usr/lib/sysusers.d/tarn.conf}
+tmpfiles=${5:-/usr/lib/tmpfiles.d/tarn.conf}
 for tool in systemd-analyze systemd-sysusers systemd-tmpfiles; do
     command -v "$tool" >/dev/null || exit 77
 done
@@ -38,7 +39,7 @@ systemd-analyze security --offline=true --threshold=25 --no-pager "$work/tarnd.s
 tail -n 1 "$work/security"
 
 mkdir -p "$work/root/etc" "$work/root/run"
-systemd-sysusers --root="$work/root" "$sysusers"
+systemd-sysusers --root="$work/root" "$sysusers" >"$work/findings" 2>&1 || fail "sysusers: $(cat "$work/findings")"
 grep -q '^corvane:x:[0-9]*:tarnd$' "$work/root/etc/group" || fail "$(cat "$work/root/etc/group")"
 grep -q '^tarnd:x:.*:/usr/sbin/nologin$' "$work/root/etc/passwd" || fail "$(cat "$work/root/etc/passwd")"
 [ "$(id -u)" -eq 0 ] || exit 0 # only root can give a directory away

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "help/page.h"
 
-#include <algorithm>
-#include <utility>
-
 #include <CLI/CLI.hpp>
-#include <slate/strings.h>
+
+#include "help_page.h"
 
 namespace tarn_command {
 namespace {
-using Rows = std::vector<std::pair<std::string, std::string>>;
+using help_page::Page;
+using help_page::Rows;
 
 const char* const program_description =
     "Requests, published changes and the services of a device, for people and scripts. Without -e or "
@@ -40,57 +39,31 @@ const Rows& exit_rows()
     return rows;
 }
 
-/// What both kinds of pages are made of.
-struct Page {
-    std::string name;
-    std::string summary;
-    std::string synopsis;
-    std::string description;
-    Rows commands;
-    Rows arguments;
-    Rows options;
-    std::vector<Example> examples;
-};
-
-std::string option_names(const CLI::Option& option)
-{
-    std::string names;
-    for (const std::string& name : option.get_snames())
-        names += (names.empty() ? "-" : ", -") + name;
-    for (const std::string& name : option.get_lnames())
-        names += (names.empty() ? "--" : ", --") + name;
-    if (option.get_type_size() != 0 && !option.get_type_name().empty())
-        names += " " + option.get_type_name();
-    return names;
-}
-
-void add_options(Page& page, const CLI::App& app)
-{
-    for (const CLI::Option* option :
-         app.get_options([](const CLI::Option* candidate) { return candidate->nonpositional(); }))
-        page.options.emplace_back(option_names(*option), option->get_description());
-}
-
 Page make_page(const CLI::App& app, const Command* command, const std::vector<Command>& commands)
 {
     Page page;
+    page.section = "1";
+    page.exit_statuses = exit_rows();
     if (!command) {
-        page = {"tarn",
-                "requests, published changes and services of a device",
-                "tarn COMMAND [OPTION]...",
-                program_description,
-                {},
-                {},
-                {},
-                program_examples()};
-        for (const Command& each : commands)
+        page.name = "tarn";
+        page.summary = "requests, published changes and services of a device";
+        page.synopsis = "tarn COMMAND [OPTION]...";
+        page.description = program_description;
+        page.options = help_page::options_of(app);
+        page.examples = program_examples();
+        for (const Command& each : commands) {
             page.commands.emplace_back(each.name, each.summary);
-        add_options(page, app);
+            page.see_also.push_back("tarn-" + each.name + "(1)");
+        }
+        page.see_also.emplace_back("tarnd(8)");
         return page;
     }
-    page = {
-        "tarn " + command->name, command->summary, "tarn " + command->name, command->description, {}, {}, {},
-        command->examples};
+    page.name = "tarn " + command->name;
+    page.summary = command->summary;
+    page.synopsis = page.name;
+    page.description = command->description;
+    page.examples = command->examples;
+    page.see_also = {"tarn(1)"};
     for (const CLI::Option* option :
          app.get_options([](const CLI::Option* candidate) { return candidate->get_positional(); })) {
         const bool is_list = option->get_items_expected_max() > 1;
@@ -99,126 +72,26 @@ Page make_page(const CLI::App& app, const Command* command, const std::vector<Co
         page.arguments.emplace_back(option->get_name(true), option->get_description());
     }
     page.synopsis += " [OPTION]...";
-    add_options(page, app);
+    page.options = help_page::options_of(app);
     if (app.get_parent())
-        for (const CLI::Option* option : app.get_parent()->get_options())
-            if (option->get_name() != "--help" && option->get_name() != "--version")
-                page.options.emplace_back(option_names(*option), option->get_description());
+        for (const auto& option : help_page::options_of(*app.get_parent()))
+            if (option.first != "-h, --help")
+                page.options.push_back(option);
     return page;
-}
-
-/// The text in lines of at most `columns`, each after `indent` blanks.
-std::string wrap(const std::string& text, std::size_t columns, std::size_t indent, std::size_t used = 0)
-{
-    const std::string margin(indent, ' ');
-    std::string result = used == 0 ? margin : "";
-    std::size_t at = std::max(used, indent);
-    bool is_first = true;
-    for (const std::string& word : slate::split<std::vector<std::string>>(text, " ", false, true)) {
-        if (!is_first && at + 1 + word.size() > columns) {
-            result += "\n" + margin;
-            at = indent;
-            is_first = true;
-        }
-        if (!is_first) {
-            result += ' ';
-            ++at;
-        }
-        result += word;
-        at += word.size();
-        is_first = false;
-    }
-    return result + "\n";
-}
-
-std::string rows_text(const char* title, const Rows& rows, std::size_t columns)
-{
-    if (rows.empty())
-        return "";
-    std::size_t width = 0;
-    for (const auto& [name, meaning] : rows)
-        width = std::max(width, name.size());
-    const std::size_t indent = std::min<std::size_t>(width + 4, columns / 2);
-    std::string result = std::string("\n") + title + "\n";
-    for (const auto& [name, meaning] : rows) {
-        const std::string start = "  " + name;
-        if (start.size() + 2 > indent)
-            result += start + "\n" + wrap(meaning, columns, indent);
-        else
-            result +=
-                start + std::string(indent - start.size(), ' ') + wrap(meaning, columns, indent, indent);
-    }
-    return result;
-}
-
-std::string roff(const std::string& text)
-{
-    std::string result;
-    for (const char c : text) {
-        if (c == '\\')
-            result += "\\e";
-        else if (c == '-')
-            result += "\\-";
-        else if (c == '\'' && result.empty())
-            result += "\\&'";
-        else if (c == '.' && result.empty())
-            result += "\\&.";
-        else
-            result += c;
-    }
-    return result;
-}
-
-std::string roff_rows(const char* title, const Rows& rows)
-{
-    if (rows.empty())
-        return "";
-    std::string result = std::string(".SH ") + title + "\n";
-    for (const auto& [name, meaning] : rows)
-        result += ".TP\n\\fB" + roff(name) + "\\fR\n" + roff(meaning) + "\n";
-    return result;
 }
 } // namespace
 
-std::string help_page(const CLI::App& app, const Command* command, const std::vector<Command>& commands,
-                      std::size_t columns)
+std::string help_page_of(const CLI::App& app, const Command* command, const std::vector<Command>& commands,
+                         std::size_t columns)
 {
-    columns = std::clamp<std::size_t>(columns, 40, 100);
-    const Page page = make_page(app, command, commands);
-    std::string text =
-        "Usage: " + wrap(page.synopsis, columns, 7, 7) + "\n" + wrap(page.description, columns, 0);
-    text += rows_text("Commands:", page.commands, columns);
-    text += rows_text("Arguments:", page.arguments, columns);
-    text += rows_text("Options:", page.options, columns);
-    text += "\nExamples:\n";
-    for (const Example& example : page.examples)
-        text += "  " + example.command + "\n" + wrap(example.meaning, columns, 6);
-    if (!command)
-        text += rows_text("Exit status:", exit_rows(), columns);
-    return text;
+    Page page = make_page(app, command, commands);
+    if (command)
+        page.exit_statuses.clear(); // those of the program, which has them
+    return help_page::to_help(page, columns);
 }
 
-std::string manual_page(const CLI::App& app, const Command* command, const std::vector<Command>& commands)
+std::string manual_page_of(const CLI::App& app, const Command* command, const std::vector<Command>& commands)
 {
-    const Page page = make_page(app, command, commands);
-    std::string name = page.name;
-    std::replace(name.begin(), name.end(), ' ', '-');
-    std::string text = ".TH " + slate::to_upper(name) + " 1 \"\" \"tarn " TARN_VERSION "\" \"tarn\"\n";
-    text += ".SH NAME\n" + roff(name) + " \\- " + roff(page.summary) + "\n";
-    text += ".SH SYNOPSIS\n\\fB" + roff(page.synopsis) + "\\fR\n";
-    text += ".SH DESCRIPTION\n" + roff(page.description) + "\n";
-    text += roff_rows("COMMANDS", page.commands);
-    text += roff_rows("ARGUMENTS", page.arguments);
-    text += roff_rows("OPTIONS", page.options);
-    text += ".SH EXAMPLES\n";
-    for (const Example& example : page.examples)
-        text += ".TP\n\\fB" + roff(example.command) + "\\fR\n" + roff(example.meaning) + "\n";
-    text += roff_rows("EXIT STATUS", exit_rows());
-    text += ".SH SEE ALSO\n";
-    if (command)
-        return text + ".BR tarn (1)\n";
-    for (const Command& each : commands)
-        text += ".BR tarn\\-" + roff(each.name) + " (1)" + (&each == &commands.back() ? "\n" : ",\n");
-    return text;
+    return help_page::to_manual(make_page(app, command, commands));
 }
 } // namespace tarn_command

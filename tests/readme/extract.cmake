@@ -1,0 +1,10 @@
+# readme_program(result readme program): sets `result` to the source of PROGRAM.cpp, as the page README has it.
+function(readme_program result readme program)
+  file(READ ${readme} text)
+  string(REPLACE ";" "<semicolon>" text "${text}")
+  if(NOT text MATCHES "```cpp\n// ${program}\\.cpp\n([^`]*)```")
+    message(FATAL_ERROR "README.md has no block that begins with // ${program}.cpp")
+  endif()
+  string(REPLACE "<semicolon>" ";" source "${CMAKE_MATCH_1}")
+  set(${result} "${source}" PARENT_SCOPE)
+endfunction()
