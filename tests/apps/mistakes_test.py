@@ -62,7 +62,26 @@ MISTAKES = [
 ]
 
 
+def documented_symptoms():
+    """What docs/operations.md lists as said by the command, and by the library of an endpoint."""
+    page = pathlib.Path(__file__).parents[2] / "docs/operations.md"
+    sections = re.split(r"(?m)^## ", page.read_text())
+    rows = "".join(section for section in sections if section.startswith(("What the command", "What the library says of an")))
+    symptoms = []
+    for cell in re.findall(r"(?m)^\| (.+?) \|", rows)[1:]:
+        symptoms += [re.escape(part.strip()).replace(re.escape("..."), ".*") for part in cell.split(";") if len(part) > 8]
+    return symptoms
+
+
 class Mistakes(CommandTest):
+    def test_each_sentence_is_in_the_manual_of_operations(self):
+        symptoms = documented_symptoms()
+        self.assertGreater(len(symptoms), 50)
+        for arguments, _, _ in MISTAKES:
+            with self.subTest(arguments=arguments):
+                said = self.tarn(*arguments).err
+                self.assertTrue(any(re.search(symptom, said) for symptom in symptoms), said)
+
     def test_each_gets_its_sentence(self):
         self.assertGreaterEqual(len(MISTAKES), 40)
         has_device = pathlib.Path("/run/tide/router/zmq.sock").exists()
