@@ -626,6 +626,76 @@ TEST_F(AnAsyncClient, RefusesMoreCallsThanMayBeInFlight)
     EXPECT_EQ(client->in_flight(), 0u);
 }
 
+/// Knows which of its requests live still.
+class WatchingFactory : public ForwardingFactory {
+public:
+    using ForwardingFactory::make_put;
+    MessagePtr make_put(std::string_view path, std::string&& body, const Headers& headers,
+                        const slate::Duration& ttl) const override
+    {
+        auto message = ForwardingFactory::make_put(path, std::move(body), headers, ttl);
+        newest_ = message;
+        return message;
+    }
+    bool newest_lives() const { return !newest_.expired(); }
+    MessagePtr newest() const { return newest_.lock(); }
+
+private:
+    mutable std::weak_ptr<Message> newest_;
+};
+
+TEST_F(AnAsyncClient, KeepsNoRequestThatHasItsReply)
+{
+    AsyncPeer peer(uri);
+    const auto requests = std::make_shared<WatchingFactory>();
+    const auto client = make_connected(peer, {.factory = requests});
+    const auto is_gone = [&] { return !requests->newest_lives(); };
+
+    auto answered = client->put("/a", "x", {.timeout = long_time});
+    const auto request = peer.next().value();
+    EXPECT_TRUE(requests->newest_lives());
+    peer.answer(request, "yes");
+    EXPECT_TRUE(wait_until(is_gone));
+
+    auto cancelled = client->put("/a", "x", {.timeout = long_time});
+    (void)peer.next();
+    cancelled.cancel();
+    EXPECT_TRUE(wait_until(is_gone));
+
+    auto late = client->put("/a", "x", {.timeout = slate::Milliseconds(20)});
+    (void)late.get();
+    EXPECT_TRUE(wait_until(is_gone));
+
+    auto ended = client->put("/a", "x", {.timeout = long_time});
+    runtime.reset();
+    EXPECT_TRUE(is_gone());
+    auto refused = client->put("/a", "x", {.timeout = long_time});
+    EXPECT_TRUE(is_gone());
+    for (Pending* call : {&answered, &cancelled, &late, &ended, &refused})
+        EXPECT_NE(call->get(), nullptr);
+}
+
+TEST_F(AnAsyncClient, KeepsOfARequestThatWasSentOnlyWhatTheLogShows)
+{
+    auto peer = std::make_optional<AsyncPeer>(uri);
+    const auto requests = std::make_shared<WatchingFactory>();
+    const auto client = make({.factory = requests});
+    const auto headers = slate::make_dictionary({{"X-H", "shown"}});
+    auto call = client->put("/a", std::string(1u << 20, 'x'), {.headers = headers, .timeout = long_time});
+    const auto message = requests->newest();
+    EXPECT_EQ(peer->next().value().request.data().size(), 1u << 20);
+    peer.reset();
+    EXPECT_EQ(call.get()->local_cause(), LocalCause::ConnectionLost);
+
+    const Body& body = message->put().body();
+    EXPECT_LT(body.txt().capacity() + body.bin().capacity(), 4096u);
+    const auto lines = logs.texts(slate::ErrorLevel, "the connection was lost; no reply to ");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("shown"), std::string::npos) << lines[0];
+    EXPECT_TRUE(lines[0].ends_with("...")) << lines[0];
+    EXPECT_GT(lines[0].size(), 500u) << lines[0];
+}
+
 TEST_F(AnAsyncClient, MayAlwaysHaveOneCallInFlight)
 {
     serve(uri)->add(make_echo());

@@ -8,6 +8,7 @@
 
 #include "slate/uri.h"
 #include "support/async_peer.h"
+#include "support/forwarding_factory.h"
 #include "support/runtime_test.h"
 #include "support/server_kinds.h"
 #include "support/telling_peer.h"
@@ -370,6 +371,78 @@ TEST_F(AnAsyncTransferWithAPeer, CancelsADownload)
     auto destroyed = download->read();
     download.reset();
     EXPECT_EQ(destroyed.get()->local_cause(), LocalCause::Cancelled);
+}
+
+/// Makes no PUT from a certain one on.
+class FailingFactory : public ForwardingFactory {
+public:
+    using ForwardingFactory::make_put;
+    MessagePtr make_put(std::string_view path, std::string&& body, const Headers& headers,
+                        const slate::Duration& ttl) const override
+    {
+        if (left_-- <= 0)
+            throw std::runtime_error("no more");
+        return ForwardingFactory::make_put(path, std::move(body), headers, ttl);
+    }
+
+private:
+    mutable std::atomic<int> left_{2};
+};
+
+TEST_F(AnAsyncTransferWithAPeer, EndsAnUploadWhoseNextChunkCannotBeMade)
+{
+    const auto poor = make_async_client(uri, {.factory = std::make_shared<FailingFactory>()});
+    AsyncUpload upload(poor, "/a", nullptr, small_chunks);
+    auto step = upload.write(std::string(35, 'x'));
+    for (int i = 0; i < 2; ++i)
+        peer.answer(peer.next().value(), status_reply(Status::NoContent));
+    ASSERT_TRUE(step.wait_for(slate::Seconds(20)));
+    EXPECT_EQ(step.get()->status(), Status::BadRequest);
+    EXPECT_EQ(step.get()->local_cause(), LocalCause::InvalidRequest);
+    EXPECT_EQ(upload.finish().get()->local_cause(), LocalCause::InvalidRequest);
+    EXPECT_EQ(upload.acknowledged_bytes(), 20u);
+    EXPECT_TRUE(logs.has(slate::ErrorLevel, "upload to /a ended: no more"));
+}
+
+TEST_F(AnAsyncTransferWithAPeer, PassesTheLimitOfItsClient)
+{
+    const auto busy = make_async_client(uri, {.max_in_flight = 1});
+    auto other = busy->get("/other", {.timeout = long_time});
+    EXPECT_EQ(peer.next().value().request.path(), "/other");
+    EXPECT_EQ(busy->get("/refused").get()->local_cause(), LocalCause::TooMany);
+
+    AsyncUpload upload(busy, "/a", nullptr, small_chunks);
+    auto step = upload.write(std::string(20, 'x'));
+    const auto first = peer.next().value();
+    EXPECT_EQ(busy->in_flight(), 2u);
+    peer.answer(first, status_reply(Status::NoContent));
+    peer.answer(peer.next().value(), status_reply(Status::NoContent));
+    EXPECT_TRUE(step.get()->good());
+    upload.abort();
+    EXPECT_EQ(peer.next().value().request.data(), std::string(1, '\0')); // which has the server forget it
+
+    AsyncDownload download(busy, "/a");
+    auto chunk = download.read();
+    peer.answer(peer.next().value(), "all of it");
+    EXPECT_EQ(chunk.get()->data(), "all of it");
+    EXPECT_EQ(busy->get("/refused").get()->local_cause(), LocalCause::TooMany);
+}
+
+TEST_F(AnAsyncTransferWithAPeer, CancelsTheRequestOfAReadThatIsCancelled)
+{
+    for (const bool destroy : {false, true}) {
+        auto download = std::make_unique<AsyncDownload>(client, "/a", nullptr,
+                                                        DownloadOptions{.chunk_timeout = long_time});
+        auto chunk = download->read();
+        (void)peer.next();
+        EXPECT_EQ(client->in_flight(), 1u);
+        if (destroy)
+            download.reset();
+        else
+            chunk.cancel();
+        EXPECT_EQ(chunk.get()->local_cause(), LocalCause::Cancelled);
+        EXPECT_EQ(client->in_flight(), 0u);
+    }
 }
 
 TEST_F(AnAsyncTransferWithAPeer, ThrowsForWhatIsABugOfTheCaller)

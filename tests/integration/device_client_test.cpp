@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/device/device_client.h"
 
+#include <atomic>
+#include <barrier>
 #include <fstream>
 #include <future>
 #include <latch>
 #include <sstream>
 #include <thread>
 
+#include "support/async_peer.h"
+#include "support/gate.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
 
@@ -93,15 +97,25 @@ protected:
 struct Call {
     std::string verb;
     std::string recipient;
+    int headers = 1;
 };
 std::ostream& operator<<(std::ostream& stream, const Call& call)
 {
-    return stream << call.verb << " \"" << call.recipient << '"';
+    return stream << call.verb << " \"" << call.recipient.substr(0, 100) << "\" with " << call.headers
+                  << " headers";
+}
+
+Headers headers_of(const Call& call)
+{
+    const auto headers = slate::make_dictionary({{"X-Who", "me"}});
+    for (int i = 1; i < call.headers; ++i)
+        headers->set("X-" + std::to_string(i), "x");
+    return headers;
 }
 
 std::shared_ptr<Reply> make_call(Client& client, const Call& call)
 {
-    const auto headers = slate::make_dictionary({{"X-Who", "me"}});
+    const auto headers = headers_of(call);
     // Nobody answers there.
     const slate::Duration timeout = slate::Seconds(call.recipient.starts_with("/clock/3") ? 1 : 10);
     if (call.verb == "get")
@@ -127,7 +141,7 @@ std::shared_ptr<Reply> make_call(Client& client, const Call& call)
 Pending make_call(AsyncClient& client, const Call& call)
 {
     CallOptions options;
-    options.headers = slate::make_dictionary({{"X-Who", "me"}});
+    options.headers = headers_of(call);
     options.timeout = slate::Seconds(call.recipient.starts_with("/clock/3") ? 1 : 10);
     if (call.verb == "get")
         return client.get(call.recipient, options);
@@ -145,6 +159,9 @@ Pending make_call(AsyncClient& client, const Call& call)
     return client.del(call.recipient, options);
 }
 
+/// A fine folder, but its socket's path is too long.
+const std::string long_name(150, 's');
+
 class ADeviceClientAndARouter : public ADeviceClient, public ::testing::WithParamInterface<Call> {};
 
 TEST_P(ADeviceClientAndARouter, GiveTheSameReply)
@@ -153,6 +170,7 @@ TEST_P(ADeviceClientAndARouter, GiveTheSameReply)
     for (const std::string name : {"clock", "clock/2", "7", "own"})
         services.push_back(serve_as(name));
     std::filesystem::create_directories(run_time_directory / "line\nbreak");
+    std::filesystem::create_directories(run_time_directory / long_name);
     ScriptedPeer corrupt(socket_of("corrupt"),
                          [](const std::string&) { return std::vector<std::string>{"\xff"}; });
     Message odd;
@@ -178,25 +196,31 @@ TEST_P(ADeviceClientAndARouter, GiveTheSameReply)
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, ADeviceClientAndARouter,
-    ::testing::Values(Call{"get", "/clock/time/now?n=5"}, Call{"get", "/clock/time/a/b/c"},
-                      Call{"get", "/clock/2/time/now"}, Call{"get", "/clock/02/time/now"},
-                      Call{"get", "//clock//time///now/"}, Call{"get", "/clock"}, Call{"get", "/clock/"},
-                      Call{"get", "clock/time/now"}, Call{"get", "/7/time/x"}, Call{"get", "/clock/3/time"},
-                      Call{"get", "/clock/index"}, Call{"get", "/clock/odd/bytes"},
-                      Call{"get", "/clock/odd/json?format=json"}, Call{"get", "/clock/odd/throw"},
-                      Call{"get", "/clock/odd/teapot"}, Call{"get", "/clock/odd/nothing"},
-                      Call{"get", "/clock/nowhere"}, Call{"put", "/clock/odd/bytes"},
-                      Call{"put", "/clock/time/now"}, Call{"post", "/clock/time/now"},
-                      Call{"del", "/clock/time/now"}, Call{"head", "/clock/time/now"},
-                      Call{"put a stream", "/clock/time/now"}, Call{"call", ""},
-                      // No service claims these.
-                      Call{"get", "/time/now"}, Call{"get", "/nothing/here"}, Call{"get", "/index"},
-                      Call{"get", "/"}, Call{"get", ""}, Call{"get", "/../clock/time/now"},
-                      Call{"get", "/./clock/time/now"}, Call{"get", "/clock/../time/now"},
-                      Call{"get", "/line\nbreak/x"}, Call{"put a stream", "/time/x"},
-                      Call{"get", "/" + std::string(300, 'n') + "/x"},
-                      // What isn't a reply.
-                      Call{"get", "/corrupt/x"}, Call{"get", "/confused/x"}));
+    ::testing::Values(
+        Call{"get", "/clock/time/now?n=5"}, Call{"get", "/clock/time/a/b/c"},
+        Call{"get", "/clock/2/time/now"}, Call{"get", "/clock/02/time/now"},
+        Call{"get", "//clock//time///now/"}, Call{"get", "/clock"}, Call{"get", "/clock/"},
+        Call{"get", "clock/time/now"}, Call{"get", "/7/time/x"}, Call{"get", "/clock/3/time"},
+        Call{"get", "/clock/index"}, Call{"get", "/clock/odd/bytes"},
+        Call{"get", "/clock/odd/json?format=json"}, Call{"get", "/clock/odd/throw"},
+        Call{"get", "/clock/odd/teapot"}, Call{"get", "/clock/odd/nothing"}, Call{"get", "/clock/nowhere"},
+        Call{"put", "/clock/odd/bytes"}, Call{"put", "/clock/time/now"}, Call{"post", "/clock/time/now"},
+        Call{"del", "/clock/time/now"}, Call{"head", "/clock/time/now"},
+        Call{"put a stream", "/clock/time/now"}, Call{"call", ""},
+        // No service claims these.
+        Call{"get", "/time/now"}, Call{"get", "/nothing/here"}, Call{"get", "/index"}, Call{"get", "/"},
+        Call{"get", ""}, Call{"get", "/../clock/time/now"}, Call{"get", "/./clock/time/now"},
+        Call{"get", "/clock/../time/now"}, Call{"get", "/line\nbreak/x"}, Call{"put a stream", "/time/x"},
+        Call{"get", "/" + std::string(300, 'n') + "/x"},
+        // What can't be connected, and what is too much.
+        Call{"get", "/" + long_name + "/x"}, Call{"put", "/" + long_name + "/x"},
+        Call{"get", "/clock/" + std::string(65536 - 7, 'p')},
+        Call{"get", "/clock/" + std::string(65537 - 7, 'p')},
+        Call{"put", "/clock/" + std::string(65537, 'p')}, Call{"get", "/nothing/" + std::string(65537, 'p')},
+        Call{"get", "/clock/time/x", 1024}, Call{"get", "/clock/time/x", 1025},
+        Call{"put", "/clock/time/x", 1025}, Call{"get", "/nothing/here", 1025},
+        // What isn't a reply.
+        Call{"get", "/corrupt/x"}, Call{"get", "/confused/x"}));
 
 TEST_F(ADeviceClient, PassesByItsRouterWhoseSocketIsInTheDirectoryToo)
 {
@@ -207,6 +231,22 @@ TEST_F(ADeviceClient, PassesByItsRouterWhoseSocketIsInTheDirectoryToo)
     const auto direct = make_device_client(run_time_directory, socket_of("own"), 0);
     for (const char* path : {"/own/time/x", "/own/clock/time/x", "/time/x", "/clock/time/x"})
         EXPECT_EQ(describe(*direct->get(path)), describe(*through->get(path)));
+}
+
+TEST_F(ADeviceClient, AnswersWhatNoServiceClaimsAsARouterDoesThatHasNothingOfItsOwn)
+{
+    const auto clock = serve_as("clock");
+    const auto router = runtime->add_router({router_uri}, nullptr, run_time_directory);
+    const auto through = make_client(router_uri, 0);
+    const auto direct = make_device_client(run_time_directory, nullptr, 0);
+    const auto many = make_async_client({.run_time_directory = run_time_directory});
+    for (const Call& call : {Call{"get", "/"}, Call{"get", ""}, Call{"get", "//"}, Call{"get", "nothing"},
+                             Call{"get", "/nothing/here"}, Call{"put", "/nothing/here"},
+                             Call{"get", "/nothing/" + std::string(65537, 'p')}}) {
+        const auto expected = make_call(*through, call);
+        EXPECT_EQ(describe(*make_call(*direct, call)), describe(*expected)) << call;
+        EXPECT_EQ(describe(*make_call(*many, call).get()), describe(*expected)) << call;
+    }
 }
 
 TEST_F(ADeviceClient, AnswersItselfWhatNoServiceClaimsIfItHasNoRouter)
@@ -347,8 +387,161 @@ TEST_F(AnAsyncDeviceClient, HasManyRequestsToManyServicesInFlight)
         EXPECT_EQ(call.get()->path(), "/" + name + "/time/" + std::to_string(i));
     }
     EXPECT_EQ(client->in_flight(), 0u);
-    calls.clear();
+    // Though the calls are kept.
     EXPECT_TRUE(wait_until([] { return providers("zmq.async_client") == 32; }));
+}
+
+TEST_F(AnAsyncDeviceClient, NeverExceedsItsLimitHoweverManyThreadsCall)
+{
+    constexpr std::size_t most = 10;
+    std::vector<std::unique_ptr<AsyncPeer>> mute;
+    for (int i = 0; i < 4; ++i)
+        mute.push_back(std::make_unique<AsyncPeer>(socket_of("s" + std::to_string(i))));
+    const auto client = make(most);
+    for (int round = 0; round < 20; ++round) {
+        std::barrier start(4);
+        std::vector<Pending> calls[4];
+        std::vector<std::thread> threads;
+        for (std::size_t thread = 0; thread < 4; ++thread) {
+            threads.emplace_back([&, thread] {
+                start.arrive_and_wait();
+                for (std::size_t i = 0; i < most; ++i)
+                    calls[thread].push_back(client->get("/s" + std::to_string(thread) + "/x"));
+            });
+        }
+        for (auto& thread : threads)
+            thread.join();
+        std::size_t accepted = 0;
+        for (auto& list : calls) {
+            for (Pending& call : list) {
+                accepted += call.ready() ? 0u : 1u;
+                call.cancel();
+            }
+        }
+        EXPECT_EQ(accepted, most);
+        EXPECT_EQ(client->in_flight(), 0u);
+    }
+    std::uint64_t refused = 0;
+    for (const auto& shown : slate::snapshot()) {
+        if (shown.name == "zmq.async_device_client")
+            refused = counter(shown.name, shown.instance, "too_many").value_or(0);
+    }
+    EXPECT_EQ(refused, 20 * (4 * most - most));
+}
+
+TEST_F(AnAsyncDeviceClient, GivesEveryFunctionItsReplyIfItAsksANewServiceWhileTheRuntimeEnds)
+{
+    AsyncPeer mute(socket_of("mute"));
+    const auto client = make();
+    const auto gate = std::make_shared<Gate>();
+    runtime->queue()->get()->submit(make_work([gate] { gate->pass(); }));
+    ASSERT_TRUE(gate->await(1));
+    for (int i = 0; i < 200; ++i)
+        std::filesystem::create_directories(run_time_directory / ("new" + std::to_string(i)));
+    std::atomic<int> ended{0};
+    for (int i = 0; i < 200; ++i) { // more than the queue takes: the rest run where the exchange is done
+        client->get("/mute/x", {.timeout = slate::Duration::positive_infinity()})
+            .then([&, i](const std::shared_ptr<Reply>&) {
+                const auto reply = client->get("/new" + std::to_string(i) + "/x").get();
+                ended += reply->local_cause() == LocalCause::Ended ? 1 : 0;
+            });
+    }
+    std::thread opener([&] {
+        EXPECT_TRUE(wait_until([&] { return client->in_flight() == 0; }));
+        gate->open();
+    });
+    runtime.reset(); // doesn't hang
+    opener.join();
+    EXPECT_TRUE(wait_until([&] { return ended == 200; }));
+}
+
+TEST_F(AnAsyncDeviceClient, EndsWithTheRuntimeWhileOtherThreadsConnect)
+{
+    for (int round = 0; round < 20; ++round) {
+        if (!runtime)
+            runtime = std::make_unique<ZmqSubsystem>(settings);
+        const auto client = make();
+        std::atomic<bool> over{false};
+        std::barrier start(3);
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < 2; ++thread) {
+            threads.emplace_back([&, thread] {
+                start.arrive_and_wait();
+                for (int i = 0; !over; ++i) {
+                    const std::string name = "n" + std::to_string(thread) + "-" + std::to_string(i % 40);
+                    std::filesystem::create_directories(run_time_directory / name);
+                    auto call = client->get("/" + name + "/x");
+                    over = over || call.ready();
+                    call.cancel();
+                }
+            });
+        }
+        start.arrive_and_wait();
+        runtime.reset(); // doesn't hang
+        for (auto& thread : threads)
+            thread.join();
+        EXPECT_EQ(client->in_flight(), 0u);
+    }
+}
+
+TEST_F(AnAsyncDeviceClient, ReturnsFromACallWhileTheThreadOfTheExchangeIsBusy)
+{
+    const auto clock = serve_as("clock");
+    const auto other = serve_as("other");
+    const auto client = make_async_client({.executor = [](std::function<void()> function) { function(); },
+                                           .run_time_directory = run_time_directory});
+    const auto gate = std::make_shared<Gate>();
+    client->get("/clock/time/x").then([gate](const std::shared_ptr<Reply>&) { gate->pass(); });
+    ASSERT_TRUE(gate->await(1));
+    auto call = std::async(std::launch::async, [&] { return client->get("/other/time/y"); });
+    EXPECT_EQ(call.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    gate->open();
+    EXPECT_EQ(call.get().get()->text_or(""), "get /time/y at other  ");
+}
+
+TEST_F(AnAsyncDeviceClient, EndsTheCallsOfAServiceThatCannotBeConnectedAndGoesOn)
+{
+    const auto clock = serve_as("clock");
+    std::filesystem::create_directories(run_time_directory / long_name);
+    const auto client = make();
+    for (int i = 0; i < 3; ++i) {
+        const auto reply = client->get("/" + long_name + "/x").get();
+        EXPECT_EQ(reply->status(), Status::InternalServerError);
+        EXPECT_EQ(reply->local_cause(), LocalCause::SocketFailed);
+        EXPECT_EQ(reply->status_message(), "File name too long");
+        EXPECT_TRUE(client->get("/clock/time/x").get()->good());
+    }
+    EXPECT_EQ(client->in_flight(), 0u);
+}
+
+TEST_F(AnAsyncDeviceClient, LooksForNoServiceIfItsCallIsCancelledAlready)
+{
+    std::filesystem::create_directories(run_time_directory / "mute");
+    const auto client = make();
+    std::stop_source stop;
+    stop.request_stop();
+    const auto before = providers("zmq.async_client");
+    for (const char* path : {"/mute/x", "/nothing/here"})
+        EXPECT_EQ(client->get(path, {.stop = stop.get_token()}).get()->local_cause(), LocalCause::Cancelled);
+    EXPECT_EQ(providers("zmq.async_client"), before);
+}
+
+TEST_F(AnAsyncDeviceClient, LetsGoOfTheConnectionWhenACallEndsAndNotWhenItIsForgotten)
+{
+    auto peer = std::make_optional<AsyncPeer>(socket_of("clock"));
+    const auto client = make();
+    auto answered = client->get("/clock/x");
+    peer->answer(peer->next().value(), "old");
+    EXPECT_EQ(answered.get()->text_or(""), "old");
+    auto cancelled = client->get("/clock/x");
+    cancelled.cancel();
+    peer.reset();
+    peer.emplace(socket_of("clock"));
+    auto next = client->get("/clock/x");
+    peer->answer(peer->next().value(), "new");
+    EXPECT_EQ(next.get()->text_or(""), "new");
+    EXPECT_TRUE(wait_until([] { return providers("zmq.async_client") == 1; }));
+    EXPECT_EQ(answered.get()->text_or(""), "old");
 }
 
 TEST_F(AnAsyncDeviceClient, LimitsTheCallsToAllServicesTogether)
@@ -390,9 +583,9 @@ TEST_F(AnAsyncDeviceClient, OutlivesTheRuntime)
     begun.wait();
     runtime.reset();
     EXPECT_EQ(call.get()->local_cause(), LocalCause::Ended);
-    EXPECT_TRUE(client->get("/mute/x").get()->is_local());
     std::filesystem::create_directories(run_time_directory / "new");
-    EXPECT_TRUE(client->get("/new/x").get()->is_local());
+    for (const char* path : {"/mute/x", "/new/x", "/nothing/here"})
+        EXPECT_EQ(client->get(path).get()->local_cause(), LocalCause::Ended) << path;
 }
 
 TEST_F(AnAsyncDeviceClient, FindsAServiceThatWasStartedAgainAndSendsNothingTwice)

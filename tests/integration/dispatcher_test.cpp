@@ -189,6 +189,20 @@ TEST_F(ADispatcher, HasWhatStoppedItInTheLog)
     EXPECT_TRUE(logs.has(slate::ErrorLevel, "test dispatcher has stopped working: Context was terminated"));
 }
 
+TEST_F(ADispatcher, HasInTheLogThatAllItsWorkersHaveEnded)
+{
+    start(2, [](WorkerSocket& socket) {
+        while (auto request = socket.next()) {
+            socket.reply(*request, request->payload);
+            return;
+        }
+    });
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(RawPeer(uri).exchange("x"), "x");
+    EXPECT_TRUE(wait_until(
+        [&] { return logs.has(slate::ErrorLevel, "test has stopped working: it has no workers"); }));
+}
+
 TEST_F(ADispatcher, ReportsAnEndpointThatCannotBeBound)
 {
     Front front(*runtime->ctx(), *settings);

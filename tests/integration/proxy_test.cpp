@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/internal/transport/proxy.h"
 
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <iterator>
 #include <sstream>
 
+#include "support/own_process.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
 #include "tarn/internal/transport/controlled_thread.h"
@@ -63,22 +63,20 @@ TEST_F(AProxy, PassesMessagesOnBothWaysWithAllTheirFrames)
 /// The processor time that a thread of this process has used, in ticks of the system's clock.
 long time_of_thread(const std::string& name)
 {
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream file(task.path() / "stat");
-        const std::string stat((std::istreambuf_iterator<char>(file)), {});
-        if (stat.find("(" + name + ")") == std::string::npos)
-            continue;
-        std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-        std::string field;
-        for (int i = 0; i < 11; ++i)
-            fields >> field;
-        long user = 0;
-        long system = 0;
-        fields >> user >> system;
-        return user + system;
+    std::ifstream file(thread_of_this_process(name) / "stat");
+    const std::string stat((std::istreambuf_iterator<char>(file)), {});
+    if (stat.empty()) {
+        ADD_FAILURE() << "no thread " << name;
+        return 0;
     }
-    ADD_FAILURE() << "no thread " << name;
-    return 0;
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    for (int i = 0; i < 11; ++i)
+        fields >> field;
+    long user = 0;
+    long system = 0;
+    fields >> user >> system;
+    return user + system;
 }
 
 TEST_F(AProxy, SleepsWhenMessagesHavePassedBothWays)

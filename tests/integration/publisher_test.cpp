@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "slate/clock.h"
+#include "support/own_process.h"
 #include "support/peers.h"
 #include "support/runtime_test.h"
 #include "tarn/internal/utils/message_parts.h"
@@ -40,17 +41,6 @@ Stats stats_of(const std::string& tag, int packets)
     own->mutable_id()->set_tag(tag);
     own->set_total_packets(packets);
     return stats;
-}
-
-/// The folder of a thread in /proc; empty if there is none of that name.
-std::filesystem::path thread_of_this_process(const std::string& name)
-{
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string line;
-        if (std::getline(std::ifstream(task.path() / "comm"), line) && line == name)
-            return task.path();
-    }
-    return {};
 }
 
 class APublisher : public RuntimeTest {

@@ -35,7 +35,7 @@ public:
         try {
             if (!io_->run([this] { channel_->close(); }))
                 io_->await_end(); // which closes it
-            channel_->finish_callbacks();
+            channel_->parts().callbacks->finish();
         }
         catch (const std::exception& error) {
             slate::log_error(SLATE_HERE, "cannot end an asynchronous client: ", error.what());
@@ -46,17 +46,16 @@ public:
 
     Endpoint url() const override { return channel_->endpoint(); }
 
-    std::size_t in_flight() const override { return channel_->in_flight(); }
-
-    std::shared_ptr<tarn_internal::Callbacks> callbacks() const override { return channel_->callbacks(); }
+    const MessageFactory& factory() const override { return channel_->factory(); }
 
 private:
-    Pending start(std::shared_ptr<Message> message, const CallOptions& options) override
+    Pending pass_on(std::shared_ptr<Message> message, const CallOptions& options,
+                    tarn_internal::CallPlace place) override
     {
-        return channel_->start(std::move(message), options);
+        return channel_->start(std::move(message), options, std::move(place));
     }
 
-    const MessageFactory& factory() const override { return channel_->factory(); }
+    const tarn_internal::ClientParts& parts() const override { return channel_->parts(); }
 
     const std::shared_ptr<IoThread> io_;
     const std::shared_ptr<Channel> channel_;

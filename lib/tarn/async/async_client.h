@@ -42,9 +42,11 @@ struct CallOptions {
 struct AsyncClientOptions {
     // Programs are compiled against the order of these fields: add new ones at the end.
 
-    /// How many calls may be without a reply at a time, those included that haven't been sent yet; at least
-    /// one. A call beyond it gets status 429 at once, LocalCause::TooMany. With more than 1,000 a server may
-    /// drop replies that this process doesn't take fast enough: that is how many libzmq queues.
+    /// How many calls may be without a reply at a time, to all services together and those included that
+    /// haven't been sent yet; at least one. A call beyond it gets status 429 at once, LocalCause::TooMany.
+    /// The requests of AsyncUpload and AsyncDownload, one at a time for each, count too, but are never
+    /// refused. With more than 1,000 a server may drop replies that this process doesn't take fast enough:
+    /// that is how many libzmq queues.
     std::size_t max_in_flight = 256;
     /// Where functions of Pending::then() run; empty for the work queue.
     Executor executor = {};
@@ -56,8 +58,10 @@ struct AsyncClientOptions {
 };
 
 /// Asks one server for its resources, by path, with many requests in flight at a time. Each call returns
-/// without waiting, and gets exactly one reply. Calls are sent in the order in which one thread makes them;
-/// their replies come in any order, so that a slow one delays no other.
+/// without waiting, and gets exactly one reply. Calls to one server are sent in the order in which one thread
+/// makes them; their replies come in any order, so that a slow one delays no other. There is no order between
+/// calls to different services of a device, nor between those that wait for a service and those that are made
+/// after its socket was replaced.
 ///
 ///     const auto client = tarn::make_async_client("ipc:///run/tide/status/zmq.sock");
 ///     auto cpu = client->get("/status/cpu");
@@ -75,9 +79,10 @@ struct AsyncClientOptions {
 ///
 /// Errors: a failed exchange is a reply, not thrown: status 408 (no answer in time, cancelled, connection
 /// lost, socket failed, larger than 2 GiB, or the client or ZmqSubsystem ended), 429 (see AsyncClientOptions)
-/// or 400 (nothing to send), with the reason in Reply::local_cause() and Reply::status_message(), such as "no
-/// answer from ipc:///run/x.sock within 4 s: no such file". A frame that doesn't parse gives a reply without
-/// a message. A recipient that can't be taken apart throws as MessageFactory says.
+/// or 400 (nothing to send), or, from the services of a device, what a router would give. The reason is in
+/// Reply::local_cause() and Reply::status_message(), such as "no answer from ipc:///run/x.sock within 4 s: no
+/// such file". A frame that doesn't parse gives a reply without a message. A recipient that can't be taken
+/// apart throws as MessageFactory says.
 ///
 /// Threads: may be shared. All asynchronous clients of the process share one more thread, "tarn-async", which
 /// the first of them starts.
@@ -90,7 +95,8 @@ struct AsyncClientOptions {
 /// Its provider is "zmq.async_client" with a running number, and counts "tx" and "rx", requests and replies;
 /// "err", requests that could not be sent; "dropped", messages that are the reply to no call in flight, such
 /// as late ones; "too_many", calls beyond max_in_flight; and "inline", functions of Pending::then() that the
-/// work queue refused.
+/// work queue refused. With a run-time directory the last two are those of "zmq.async_device_client", and
+/// each service that is connected has a "zmq.async_client" with the others.
 class AsyncClient {
 public:
     virtual ~AsyncClient() = default;

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/async/async_device_client.h"
 
-#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <mutex>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -17,7 +15,6 @@
 #include "tarn/async/io_thread.h"
 #include "tarn/device/connection_list.h"
 #include "tarn/device/service_lookup.h"
-#include "tarn/internal/utils/counters.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/proto/status.pb.h"
 
@@ -94,8 +91,7 @@ public:
           factory_(options.factory ? options.factory : make_message_factory()),
           services_(options.run_time_directory, router, factory_),
           provider_("zmq.async_device_client", next_instance()),
-          callbacks_(
-              std::make_shared<Callbacks>(io_, options.executor, add_warning_counter(*provider_, "inline"))),
+          parts_(make_client_parts(io_, *provider_, options)),
           connections_([this](const Endpoint& endpoint) { return connect(endpoint); })
     {
     }
@@ -109,7 +105,7 @@ public:
             };
             if (!io_->run(close_all))
                 io_->await_end(); // which closes them
-            callbacks_->finish();
+            parts_.callbacks->finish();
         }
         catch (const std::exception& error) {
             slate::log_error(SLATE_HERE, "cannot end an asynchronous client: ", error.what());
@@ -120,69 +116,45 @@ public:
 
     Endpoint url() const override { return services_.url(); }
 
-    std::size_t in_flight() const override
-    {
-        std::size_t count = 0;
-        for (const auto& channel : channels_.all())
-            count += channel->in_flight();
-        return count;
-    }
-
-    std::shared_ptr<Callbacks> callbacks() const override { return callbacks_; }
+    const MessageFactory& factory() const override { return *factory_; }
 
 private:
-    Pending start(std::shared_ptr<Message> message, const CallOptions& options) override
+    Pending pass_on(std::shared_ptr<Message> message, const CallOptions& options, CallPlace place) override
     {
-        if (!message)
+        if (io_->is_ending())
             return completed(
-                make_local_reply(Status::BadRequest, LocalCause::InvalidRequest, "there is nothing to send"));
-        if (in_flight() >= std::max<std::size_t>(options_.max_in_flight, 1))
-            return completed(make_local_reply(Status::TooManyRequests, LocalCause::TooMany,
-                                              "too many requests in flight"));
+                make_local_reply(Status::RequestTimeout, LocalCause::Ended, "the ZmqSubsystem has ended"));
         auto destination = services_.find(message);
-        if (destination.reply)
+        if (destination.reply) {
+            place.leave(); // before the caller sees the reply
             return completed(std::move(destination.reply));
-        std::shared_ptr<Connection> connection;
-        try {
-            connection = connections_.find(destination.endpoint);
         }
-        catch (const std::exception& error) { // no socket can be made, or the runtime has ended
-            return completed(services_.fail(Status::RequestTimeout, LocalCause::SocketFailed, error.what(),
-                                            destination.path));
-        }
+        const auto connection = connections_.find(destination.endpoint);
         // The call holds its connection, so that it ends well if the service is replaced meanwhile.
         const auto finish = [services = services_, destination, connection](std::shared_ptr<Reply> reply) {
             return services.finish(std::move(reply), destination);
         };
-        return connection->channel().start(std::move(message), options, finish);
+        return connection->channel().start(std::move(message), options, std::move(place), finish);
     }
 
-    Pending completed(std::shared_ptr<Reply> reply) const
-    {
-        const auto call = std::make_shared<Call>(callbacks_);
-        (void)call->complete(std::move(reply));
-        return Pending(call);
-    }
+    const ClientParts& parts() const override { return parts_; }
 
+    /// The channel opens itself with its first call, on the I/O thread: nobody waits for that here.
     std::shared_ptr<Connection> connect(const Endpoint& endpoint)
     {
         AsyncClientOptions options = options_;
         options.factory = factory_;
-        auto channel = std::make_shared<Channel>(io_, endpoint, options, callbacks_);
-        if (!io_->run([&] { channel->open(); }))
-            throw std::runtime_error("the ZmqSubsystem has ended");
+        auto channel = std::make_shared<Channel>(io_, endpoint, options, parts_);
         channels_.add(channel);
         return std::make_shared<Connection>(io_, std::move(channel));
     }
-
-    const MessageFactory& factory() const override { return *factory_; }
 
     const std::shared_ptr<IoThread> io_;
     const AsyncClientOptions options_;
     const std::shared_ptr<MessageFactory> factory_;
     const ServiceLookup services_;
     const OwnedProvider provider_;
-    const std::shared_ptr<Callbacks> callbacks_;
+    const ClientParts parts_;
     ChannelRegister channels_;
     ConnectionList<Connection> connections_; // locks itself
 };

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tarn/async/async_transfer.h"
 
-#include <atomic>
+#include <exception>
+#include <functional>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <utility>
 
 #include "slate/log.h"
-#include "tarn/async/async_client.h"
+#include "tarn/async/async_client_base.h"
 #include "tarn/async/call.h"
 #include "tarn/async/callbacks.h"
 #include "tarn/exception.h"
@@ -18,8 +21,10 @@
 
 namespace tarn {
 namespace {
+using tarn_internal::AsyncClientBase;
 using tarn_internal::Call;
 using tarn_internal::Callbacks;
+using tarn_internal::CallPlace;
 using tarn_internal::make_local_reply;
 using tarn_internal::PendingAccess;
 
@@ -64,21 +69,74 @@ std::shared_ptr<Reply> without_body(const std::shared_ptr<Reply>& reply)
     return std::make_shared<Reply>(message, reply->local_cause());
 }
 
-std::shared_ptr<AsyncClient> required(std::shared_ptr<AsyncClient> client, const std::string& path)
-{
-    if (!client)
-        throw Exception(slate::trace_error(SLATE_HERE, "cannot transfer without a client: ", path));
-    return client;
-}
+/// What uploads and downloads do alike: they have one step at a time, and send one request after the other.
+class Transfer {
+protected:
+    using Lock = std::unique_lock<std::mutex>;
+
+    Transfer(const std::shared_ptr<AsyncClient>& client, std::string path)
+        : path_(std::move(path)),
+          client_(std::dynamic_pointer_cast<AsyncClientBase>(client))
+    {
+        if (!client_)
+            throw Exception(slate::trace_error(SLATE_HERE, "cannot transfer without a client: ", path_));
+    }
+    ~Transfer() = default;
+
+    /// A step of the caller's, which `begin` begins under the lock, unless there is one already.
+    template <class Begin>
+    Pending make_step(std::function<void()> on_cancel, Begin begin)
+    {
+        const auto step = std::make_shared<Step>(client_->callbacks(), std::move(on_cancel));
+        Lock lock(mutex_);
+        if (step_) {
+            lock.unlock();
+            step->complete(make_refusal());
+            return Pending(step);
+        }
+        step_ = step;
+        begin(lock);
+        return Pending(step);
+    }
+
+    void complete_step(Lock& lock, const std::shared_ptr<Reply>& reply)
+    {
+        const auto step = std::exchange(step_, nullptr);
+        lock.unlock();
+        if (step)
+            step->complete(reply);
+    }
+
+    /// Sends the message that `make` makes with the client's factory. The client's limit doesn't refuse it:
+    /// one request of many, whose others are done, would cost the whole transfer.
+    template <class Make>
+    Pending send(const CallOptions& options, Make make)
+    {
+        return client_->start(make(client_->factory()), options, CallPlace::Room::Always);
+    }
+
+    void report(const TransferProgress& progress, std::uint64_t bytes)
+    {
+        if (progress)
+            client_->callbacks()->dispatch([progress, bytes] { progress(bytes); });
+    }
+
+    const std::string path_;
+    mutable std::mutex
+        mutex_; // guards what a transfer has; never held while a request is made or a step completed
+    std::shared_ptr<Step> step_; // the present one
+
+private:
+    const std::shared_ptr<AsyncClientBase> client_;
+};
 } // namespace
 
 /// Each step sends one request after the other, and each answer, on the thread of the exchange, the next one.
-class AsyncUpload::Impl : public std::enable_shared_from_this<AsyncUpload::Impl> {
+class AsyncUpload::Impl : public std::enable_shared_from_this<AsyncUpload::Impl>, private Transfer {
 public:
-    Impl(std::shared_ptr<AsyncClient> client, std::string path, const Headers& headers, UploadOptions options)
-        : client_(required(std::move(client), path)),
-          callbacks_(client_->callbacks()),
-          path_(std::move(path)),
+    Impl(const std::shared_ptr<AsyncClient>& client, std::string path, const Headers& headers,
+         UploadOptions options)
+        : Transfer(client, std::move(path)),
           options_(std::move(options)),
           steps_(path_, headers, options_.chunk_bytes)
     {
@@ -100,7 +158,7 @@ public:
 
     void abort()
     {
-        std::unique_lock lock(mutex_);
+        Lock lock(mutex_);
         if (steps_.ended())
             return;
         steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the upload was aborted");
@@ -117,36 +175,24 @@ public:
     }
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
-
     /// A step of the caller's, which `prepare` sets up under the lock.
     template <class Prepare>
     Pending begin(Prepare prepare)
     {
-        const auto step = std::make_shared<Step>(callbacks_, [weak = weak_from_this()] {
+        const auto on_cancel = [weak = weak_from_this()] {
             if (const auto self = weak.lock())
                 self->abort();
+        };
+        return make_step(on_cancel, [&](Lock& lock) {
+            prepare();
+            try {
+                go_on(lock);
+            }
+            catch (...) { // a recipient that can't be taken apart
+                give_up(lock);
+                throw;
+            }
         });
-        Lock lock(mutex_);
-        if (step_) {
-            lock.unlock();
-            step->complete(make_refusal());
-            return Pending(step);
-        }
-        step_ = step;
-        prepare();
-        try {
-            go_on(lock);
-        }
-        catch (...) { // a recipient that can't be taken apart
-            if (!lock)
-                lock.lock();
-            is_sending_ = false;
-            steps_.end(Status::BadRequest, LocalCause::InvalidRequest, "a chunk could not be sent");
-            complete_step(lock);
-            throw;
-        }
-        return Pending(step);
     }
 
     /// Sends the next request of the present step, or completes it.
@@ -181,9 +227,11 @@ private:
         is_sending_ = true;
         const CallOptions options{steps_.headers(), timeout, {}};
         lock.unlock(); // a refusal comes at once, on this thread
-        const auto pending = options_.verb == UploadOptions::Verb::Put
-                                 ? client_->put(path_, std::move(bytes), options)
-                                 : client_->post(path_, std::move(bytes), options);
+        const auto pending = Transfer::send(options, [&](const MessageFactory& factory) {
+            return options_.verb == UploadOptions::Verb::Put
+                       ? factory.make_put(path_, std::move(bytes), options.headers, timeout)
+                       : factory.make_post(path_, std::move(bytes), options.headers, timeout);
+        });
         PendingAccess::call(pending).continue_inside(std::move(on_answer));
     }
 
@@ -191,14 +239,23 @@ private:
     {
         Lock lock(mutex_);
         is_sending_ = false;
-        if (steps_.ended()) { // aborted meanwhile
-            forget(lock);
-            return;
+        try {
+            if (steps_.ended()) { // aborted meanwhile
+                forget(lock);
+                return;
+            }
+            if (steps_.take_answer(reply, size))
+                report(options_.progress, steps_.acknowledged());
+            go_on(lock);
         }
-        if (steps_.take_answer(reply, size) && options_.progress)
-            callbacks_->dispatch(
-                [progress = options_.progress, bytes = steps_.acknowledged()] { progress(bytes); });
-        go_on(lock);
+        catch (const std::exception& error) { // an application's factory, or out of memory
+            slate::log_error(SLATE_HERE, "upload to ", path_, " ended: ", error.what());
+            give_up(lock);
+        }
+        catch (...) {
+            slate::log_error(SLATE_HERE, "upload to ", path_, " ended: unknown exception");
+            give_up(lock);
+        }
     }
 
     void take_end(const std::shared_ptr<Reply>& reply)
@@ -206,6 +263,16 @@ private:
         Lock lock(mutex_);
         is_sending_ = false;
         steps_.end(tarn_internal::only_response(reply)); // unless it was aborted, when it came too late
+        complete_step(lock);
+    }
+
+    /// Ends the upload after a chunk that could not be made or sent.
+    void give_up(Lock& lock)
+    {
+        if (!lock)
+            lock.lock();
+        is_sending_ = false;
+        steps_.end(Status::BadRequest, LocalCause::InvalidRequest, "a chunk could not be sent");
         complete_step(lock);
     }
 
@@ -221,21 +288,13 @@ private:
 
     void complete_step(Lock& lock)
     {
-        const auto step = std::exchange(step_, nullptr);
-        const auto reply = steps_.ended() ? steps_.ended() : make_go_ahead();
-        lock.unlock();
-        if (step)
-            step->complete(reply);
+        Transfer::complete_step(lock, steps_.ended() ? steps_.ended() : make_go_ahead());
     }
 
-    const std::shared_ptr<AsyncClient> client_;
-    const std::shared_ptr<Callbacks> callbacks_;
-    const std::string path_;
     const UploadOptions options_;
-    mutable std::mutex mutex_; // guards all below; never held while a request is made or a step completed
+    // All below is guarded by the mutex.
     tarn_internal::UploadSteps steps_;
-    std::shared_ptr<Step> step_; // the present one
-    bool is_last_ = false;       // whether that is finish()
+    bool is_last_ = false; // whether the present step is finish()
     bool is_sending_ = false;
     std::string bytes_;     // of the present write
     std::string_view rest_; // of bytes_, not yet collected
@@ -243,7 +302,7 @@ private:
 
 AsyncUpload::AsyncUpload(std::shared_ptr<AsyncClient> client, std::string path, const Headers& headers,
                          UploadOptions options)
-    : impl_(std::make_shared<Impl>(std::move(client), std::move(path), headers, std::move(options)))
+    : impl_(std::make_shared<Impl>(client, std::move(path), headers, std::move(options)))
 {
 }
 
@@ -277,13 +336,11 @@ std::uint64_t AsyncUpload::acknowledged_bytes() const
     return impl_->acknowledged();
 }
 
-class AsyncDownload::Impl : public std::enable_shared_from_this<AsyncDownload::Impl> {
+class AsyncDownload::Impl : public std::enable_shared_from_this<AsyncDownload::Impl>, private Transfer {
 public:
-    Impl(std::shared_ptr<AsyncClient> client, std::string path, const Headers& headers,
+    Impl(const std::shared_ptr<AsyncClient>& client, std::string path, const Headers& headers,
          DownloadOptions options)
-        : client_(required(std::move(client), path)),
-          callbacks_(client_->callbacks()),
-          path_(std::move(path)),
+        : Transfer(client, std::move(path)),
           options_(std::move(options)),
           steps_(headers)
     {
@@ -291,25 +348,18 @@ public:
 
     Pending read()
     {
-        const auto step = std::make_shared<Step>(callbacks_, [weak = weak_from_this()] {
+        const auto on_cancel = [weak = weak_from_this()] {
             if (const auto self = weak.lock())
                 self->cancel();
+        };
+        return make_step(on_cancel, [this](Lock& lock) {
+            if (!steps_.has_ended() && options_.stop.stop_requested())
+                steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the download was cancelled");
+            if (steps_.has_ended())
+                complete_step(lock, steps_.reply()->good() ? make_go_ahead() : without_body(steps_.reply()));
+            else
+                ask(lock);
         });
-        Lock lock(mutex_);
-        if (step_) {
-            lock.unlock();
-            step->complete(make_refusal());
-            return Pending(step);
-        }
-        step_ = step;
-        if (!steps_.has_ended() && options_.stop.stop_requested())
-            steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the download was cancelled");
-        if (steps_.has_ended()) {
-            complete_step(lock, steps_.reply()->good() ? make_go_ahead() : without_body(steps_.reply()));
-            return Pending(step);
-        }
-        ask(lock);
-        return Pending(step);
     }
 
     void cancel()
@@ -318,7 +368,10 @@ public:
         if (!step_)
             return;
         steps_.end(Status::RequestTimeout, LocalCause::Cancelled, "the download was cancelled");
+        const auto request = std::exchange(request_, nullptr);
         complete_step(lock, steps_.reply());
+        if (request)
+            request->cancel();
     }
 
     TransferResult result() const
@@ -328,21 +381,31 @@ public:
     }
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
-
     void ask(Lock& lock)
     {
         const CallOptions options{steps_.headers(), options_.chunk_timeout, options_.stop};
         lock.unlock(); // a refusal comes at once, on this thread
+        std::shared_ptr<tarn_internal::Call> request;
         try {
-            const auto pending = client_->get(path_, options);
-            PendingAccess::call(pending).continue_inside(
-                [self = shared_from_this()](const std::shared_ptr<Reply>& reply) {
-                    self->take_answer(reply);
-                });
+            const auto pending = send(options, [&](const MessageFactory& factory) {
+                return factory.make_get(path_, options.headers, options.timeout);
+            });
+            request = PendingAccess::call(pending).shared_from_this();
+            lock.lock();
+            const bool cancelled = steps_.has_ended();
+            if (!cancelled)
+                request_ = request;
+            lock.unlock();
+            if (cancelled)
+                request->cancel();
+            request->continue_inside([self = shared_from_this()](const std::shared_ptr<Reply>& reply) {
+                self->take_answer(reply);
+            });
         }
         catch (...) { // a recipient that can't be taken apart
-            lock.lock();
+            if (!lock)
+                lock.lock();
+            request_.reset();
             steps_.end(Status::BadRequest, LocalCause::InvalidRequest, "the request could not be sent");
             complete_step(lock, steps_.reply());
             throw;
@@ -352,38 +415,26 @@ private:
     void take_answer(const std::shared_ptr<Reply>& reply)
     {
         Lock lock(mutex_);
+        request_.reset();
         if (!step_ || steps_.has_ended()) // cancelled meanwhile
             return;
         if (!steps_.take_answer(reply)) {
             complete_step(lock, without_body(steps_.reply()));
             return;
         }
-        if (options_.progress)
-            callbacks_->dispatch(
-                [progress = options_.progress, bytes = steps_.received()] { progress(bytes); });
+        report(options_.progress, steps_.received());
         complete_step(lock, steps_.reply());
     }
 
-    void complete_step(Lock& lock, const std::shared_ptr<Reply>& reply)
-    {
-        const auto step = std::exchange(step_, nullptr);
-        lock.unlock();
-        if (step)
-            step->complete(reply);
-    }
-
-    const std::shared_ptr<AsyncClient> client_;
-    const std::shared_ptr<Callbacks> callbacks_;
-    const std::string path_;
     const DownloadOptions options_;
-    mutable std::mutex mutex_; // guards all below; never held while a request is made or a step completed
+    // All below is guarded by the mutex.
     tarn_internal::DownloadSteps steps_;
-    std::shared_ptr<Step> step_; // the present one
+    std::shared_ptr<tarn_internal::Call> request_; // that is under way
 };
 
 AsyncDownload::AsyncDownload(std::shared_ptr<AsyncClient> client, std::string path, const Headers& headers,
                              DownloadOptions options)
-    : impl_(std::make_shared<Impl>(std::move(client), std::move(path), headers, std::move(options)))
+    : impl_(std::make_shared<Impl>(client, std::move(path), headers, std::move(options)))
 {
 }
 

@@ -26,13 +26,15 @@ class AsyncClient;
 /// One step at a time: a step that is asked for before the last one has its reply gets status 429,
 /// LocalCause::TooMany, and changes nothing. So no more than one write's bytes wait here.
 ///
-/// One chunk is in flight at a time, and none is ever sent twice. Options are those of Upload, except that
-/// `progress` runs where functions of Pending::then() do, while the upload goes on; what it throws is logged.
-/// `stop` ends the upload between two chunks, and cancelling a step at once; either is like abort().
+/// One chunk is in flight at a time, and none is ever sent twice. The limit of the client's calls doesn't
+/// refuse them. Options are those of Upload, except that `progress` runs where functions of Pending::then()
+/// do, while the upload goes on; what it throws is logged. `stop` ends the upload between two chunks, and
+/// cancelling a step at once; either is like abort().
 ///
 /// Errors: failures of the exchange are replies of the steps. A recipient that can't be taken apart throws as
-/// MessageFactory says, from the step that would send the first chunk. The constructor throws Exception
-/// without a client.
+/// MessageFactory says, from the step that would send the first chunk; what the client's factory throws for a
+/// later one ends the upload with status 400. The constructor throws Exception without a client that
+/// make_async_client has made.
 ///
 /// Threads: one at a time. Lifetime: it keeps the client until its last request has its reply. An upload that
 /// is destroyed before its end is aborted, without waiting for that.
@@ -78,7 +80,7 @@ private:
 /// another one meanwhile gets status 429, LocalCause::TooMany, and changes nothing.
 ///
 /// Options are those of Download, except that `progress` runs where functions of Pending::then() do, and what
-/// it throws is logged. `stop` ends the download between two chunks, and cancelling a read at once.
+/// it throws is logged. `stop` ends the download at once, as cancelling a read does.
 ///
 /// Errors: the reads end, and result() tells why. Recipients and the constructor are as for AsyncUpload.
 ///

@@ -18,12 +18,19 @@ Call::~Call() = default;
 
 bool Call::complete(std::shared_ptr<Reply> reply)
 {
-    if (finish_ && !complete_)
-        reply = finish_(std::move(reply));
+    // A copy: another thread may be about to complete it, too. What it holds goes without the lock.
+    std::unique_lock copying(mutex_);
+    if (complete_)
+        return false;
+    const auto finish = finish_;
+    copying.unlock();
+    if (finish)
+        reply = (*finish)(std::move(reply));
     {
         const std::lock_guard lock(mutex_);
         if (complete_)
             return false;
+        finish_.reset();
         release();
         reply_ = std::move(reply);
         complete_ = true;

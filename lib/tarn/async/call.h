@@ -27,9 +27,10 @@ public:
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
-    /// Changes each reply that it is given. To be set before anybody else has the call.
+    /// Changes each reply that it is given, and goes when the call has its reply. To be set before anybody
+    /// else has the call.
     using Finish = std::function<std::shared_ptr<Reply>(std::shared_ptr<Reply>)>;
-    void finish_with(Finish finish) { finish_ = std::move(finish); }
+    void finish_with(Finish finish) { finish_ = std::make_shared<const Finish>(std::move(finish)); }
 
     /// Gives it its reply. False, and nothing happens, if it has one.
     bool complete(std::shared_ptr<Reply> reply);
@@ -60,9 +61,9 @@ private:
     void run_continuation();
 
     const std::shared_ptr<Callbacks> callbacks_;
-    Finish finish_; // may be empty
     std::mutex
         mutex_; // guards all below; held neither while a continuation runs nor while one is handed over
+    std::shared_ptr<const Finish> finish_; // may be null
     std::condition_variable completed_;
     std::atomic<bool> complete_{false}; // written under the lock
     std::shared_ptr<Reply> reply_;

@@ -91,13 +91,24 @@ void set_ttl(Message& message, const slate::Duration& ttl)
 }
 } // namespace
 
-ChannelCall::ChannelCall(std::shared_ptr<Callbacks> callbacks, std::shared_ptr<Channel> channel,
-                         std::shared_ptr<Message> sent_message, const slate::Duration& call_timeout)
-    : Call(std::move(callbacks)),
-      message(std::move(sent_message)),
+ClientParts make_client_parts(const std::shared_ptr<IoThread>& io, slate::Provider& provider,
+                              const AsyncClientOptions& options)
+{
+    auto too_many = add_warning_counter(provider, "too_many");
+    return {std::make_shared<Callbacks>(io, options.executor, add_warning_counter(provider, "inline")),
+            std::make_shared<CallLimit>(options.max_in_flight, std::move(too_many))};
+}
+
+ChannelCall::ChannelCall(std::shared_ptr<Callbacks> callbacks, const std::shared_ptr<Channel>& channel,
+                         std::shared_ptr<Message> sent_message, const slate::Duration& call_timeout,
+                         CallPlace place)
+    : Call(callbacks),
       timeout(call_timeout),
       deadline(deadline_after(call_timeout)),
-      channel_(std::move(channel))
+      message(std::move(sent_message)),
+      io_(callbacks->io()),
+      channel_(channel),
+      place_(std::move(place))
 {
 }
 
@@ -106,7 +117,8 @@ void ChannelCall::cancel()
     if (!complete(Status::RequestTimeout, LocalCause::Cancelled, "the request was cancelled"))
         return;
     // The channel knows it still, and would keep it until its time is over.
-    channel_->io_->withdraw(channel_, std::static_pointer_cast<ChannelCall>(shared_from_this()));
+    if (const auto channel = channel_.lock())
+        io_->withdraw(channel, std::static_pointer_cast<ChannelCall>(shared_from_this()));
 }
 
 void ChannelCall::cancel_when(const std::stop_token& stop)
@@ -121,61 +133,43 @@ void ChannelCall::cancel_when(const std::stop_token& stop)
 
 void ChannelCall::release()
 {
-    if (counts)
-        --channel_->in_flight_;
+    place_.leave();
 }
 
 Channel::Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncClientOptions& options,
-                 std::shared_ptr<Callbacks> callbacks)
+                 const std::optional<ClientParts>& parts)
     : io_(std::move(io)),
       endpoint_(std::move(endpoint)),
       is_inproc_(slate::equals_ignoring_case(endpoint_->scheme(), "inproc")),
       secret_(hidden_payload(endpoint_->to_string())),
-      max_in_flight_(std::max<std::size_t>(options.max_in_flight, 1)),
       factory_(options.factory ? options.factory : make_message_factory()),
       provider_("zmq.async_client", next_instance()),
       err_(add_error_counter(*provider_, "err")),
       rx_(add_counter(*provider_, "rx")),
       tx_(add_counter(*provider_, "tx")),
       dropped_(add_counter(*provider_, "dropped")),
-      too_many_(add_warning_counter(*provider_, "too_many")),
-      callbacks_(callbacks ? std::move(callbacks)
-                           : std::make_shared<Callbacks>(io_, options.executor,
-                                                         add_warning_counter(*provider_, "inline")))
+      parts_(parts ? *parts : make_client_parts(io_, *provider_, options))
 {
 }
 
 Channel::~Channel() = default;
 
-Pending Channel::start(std::shared_ptr<Message> message, const CallOptions& options, Call::Finish finish)
+Pending Channel::start(std::shared_ptr<Message> message, const CallOptions& options, CallPlace place,
+                       Call::Finish finish)
 {
     const auto self = shared_from_this();
-    const auto call = std::make_shared<ChannelCall>(callbacks_, self, std::move(message), options.timeout);
-    call->finish_with(std::move(finish));
-    if (!call->message) {
-        call->complete(Status::BadRequest, LocalCause::InvalidRequest, "there is nothing to send");
-    }
-    else if (options.stop.stop_requested()) {
-        call->complete(Status::RequestTimeout, LocalCause::Cancelled, "the request was cancelled");
-    }
-    else if (in_flight_.fetch_add(1) >= max_in_flight_) {
-        --in_flight_;
-        too_many_->increment();
-        call->complete(Status::TooManyRequests, LocalCause::TooMany, "too many requests in flight");
+    const auto call = std::make_shared<ChannelCall>(parts_.callbacks, self, std::move(message),
+                                                    options.timeout, std::move(place));
+    if (finish)
+        call->finish_with(std::move(finish));
+    if (io_->submit(self, call)) {
+        call->cancel_when(options.stop);
     }
     else {
-        call->counts = true;
-        if (io_->submit(self, call))
-            call->cancel_when(options.stop);
-        else
-            call->complete(Status::RequestTimeout, LocalCause::Ended, "the ZmqSubsystem has ended");
+        call->message.reset();
+        call->complete(Status::RequestTimeout, LocalCause::Ended, "the ZmqSubsystem has ended");
     }
     return Pending(call);
-}
-
-void Channel::finish_callbacks()
-{
-    callbacks_->finish();
 }
 
 void Channel::open()
@@ -209,6 +203,7 @@ void Channel::open_sockets()
         close_sockets(nothing_leaves);
         throw;
     }
+    was_open_ = true;
     connected_ = is_inproc_;
     ending_ = false;
     inproc_served_ = false;
@@ -237,7 +232,7 @@ void Channel::close()
         return;
     close_sockets(time_to_leave);
     io_->remove(*this);
-    end_calls(false, LocalCause::Ended, "the client has ended");
+    end_calls(false, Status::RequestTimeout, LocalCause::Ended, "the client has ended");
     waiting_.clear();
     due_.clear();
 }
@@ -246,9 +241,11 @@ void Channel::accept(const std::shared_ptr<ChannelCall>& call)
 {
     if (closed_) {
         end_call(*call, LocalCause::Ended, "the client has ended");
+        call->message.reset();
         return;
     }
     try {
+        io_->add(shared_from_this());
         call->number = ++last_number_;
         calls_.emplace(call->number, call);
         waiting_.push_back(call);
@@ -259,13 +256,22 @@ void Channel::accept(const std::shared_ptr<ChannelCall>& call)
     }
     catch (const std::bad_alloc&) {
         end_call(*call, LocalCause::SocketFailed, "out of memory");
+        forget(*call);
         throw;
     }
 }
 
 void Channel::withdraw(ChannelCall& call)
 {
-    calls_.erase(call.number);
+    forget(call);
+}
+
+/// A caller may keep a call that has ended for long; its request may be large.
+void Channel::forget(ChannelCall& call)
+{
+    call.message.reset();
+    const auto number = call.number;
+    calls_.erase(number); // at last: it may hold the call
 }
 
 Clock::time_point Channel::next_deadline() const
@@ -359,7 +365,7 @@ void Channel::expire()
                              describe(*call->message, secret_), "; " + why);
             end_call(*call, cause, why);
         }
-        calls_.erase(call->number);
+        forget(*call);
     }
 }
 
@@ -415,13 +421,13 @@ void Channel::deliver()
         if (found == calls_.end() || !found->second->sent || found->second->is_complete()) {
             dropped_->increment();
             if (found != calls_.end() && found->second->is_complete())
-                calls_.erase(found);
+                forget(*found->second);
             continue;
         }
         rx_->increment(); // before the caller can look
         const auto call = found->second;
         answer(*call, std::exchange(incoming.payload, zmq::message_t()));
-        calls_.erase(call->number); // only now: what can't be completed still has its deadline
+        forget(*call); // only now: what can't be completed still has its deadline
     }
     incoming_.clear();
 }
@@ -495,8 +501,8 @@ bool Channel::try_send(ChannelCall& call)
     if (!frame) {
         slate::log_error(provider_, SLATE_HERE, "send failed: ", describe(*call.message, secret_));
         err_->increment();
-        calls_.erase(call.number);
         end_call(call, LocalCause::TooLarge, "the request is too large");
+        forget(call);
         return true;
     }
     zmq::message_t number(&call.number, sizeof call.number);
@@ -508,6 +514,7 @@ bool Channel::try_send(ChannelCall& call)
     (void)send_through_signals(*socket_, *frame,
                                ZMQ_DONTWAIT); // there is room for a message, or for none of it
     call.sent = true;
+    keep_what_is_logged(*call.message); // the rest has been copied, and is never sent again
     ++sent_on_socket_;
     tx_->increment();
     return true;
@@ -535,7 +542,7 @@ bool Channel::has_lost_inproc_peer(int events)
 void Channel::lose_connection()
 {
     close_sockets(nothing_leaves);
-    end_calls(true, LocalCause::ConnectionLost, "the connection was lost");
+    end_calls(true, Status::RequestTimeout, LocalCause::ConnectionLost, "the connection was lost");
     open_sockets();
 }
 
@@ -546,10 +553,13 @@ void Channel::fail(const std::string& error)
     err_->increment();
     incoming_.clear();
     close_sockets(time_to_leave);
-    end_calls(false, LocalCause::SocketFailed, "the socket failed");
+    if (was_open_)
+        end_calls(false, Status::RequestTimeout, LocalCause::SocketFailed, "the socket failed");
+    else
+        end_calls(false, Status::InternalServerError, LocalCause::SocketFailed, error);
 }
 
-void Channel::end_calls(bool sent_only, LocalCause cause, const std::string& text)
+void Channel::end_calls(bool sent_only, Status status, LocalCause cause, const std::string& text)
 {
     std::vector<std::shared_ptr<ChannelCall>> ended;
     for (const auto& [number, call] : calls_) {
@@ -563,8 +573,8 @@ void Channel::end_calls(bool sent_only, LocalCause cause, const std::string& tex
         if (!call->is_complete() && cause == LocalCause::ConnectionLost)
             slate::log_error(provider_, SLATE_HERE, text, "; no reply to ",
                              describe(*call->message, secret_));
-        end_call(*call, cause, text);
-        calls_.erase(call->number);
+        call->complete(status, cause, text);
+        forget(*call);
     }
 }
 

@@ -18,6 +18,7 @@
 
 #include "tarn/async/async_client.h"
 #include "tarn/async/call.h"
+#include "tarn/async/call_limit.h"
 #include "tarn/async/io_thread.h"
 #include "tarn/internal/utils/owned_provider.h"
 #include "tarn/message_factory.h"
@@ -26,27 +27,38 @@ namespace tarn_internal {
 class Callbacks;
 class Channel;
 
+/// What all channels of one client share.
+struct ClientParts {
+    std::shared_ptr<Callbacks> callbacks;
+    std::shared_ptr<CallLimit> limit;
+};
+
+/// Makes them, with their counters: "too_many" and "inline".
+ClientParts make_client_parts(const std::shared_ptr<IoThread>& io, slate::Provider& provider,
+                              const AsyncClientOptions& options);
+
 /// One request of an asynchronous client.
 class ChannelCall : public Call {
 public:
-    ChannelCall(std::shared_ptr<Callbacks> callbacks, std::shared_ptr<Channel> channel,
-                std::shared_ptr<Message> message, const slate::Duration& timeout);
+    ChannelCall(std::shared_ptr<Callbacks> callbacks, const std::shared_ptr<Channel>& channel,
+                std::shared_ptr<Message> message, const slate::Duration& timeout, CallPlace place);
 
     void cancel() override;
     void cancel_when(const std::stop_token& stop);
 
-    const std::shared_ptr<Message> message; // null if there is nothing to send
     const slate::Duration timeout;
     const IoThread::Clock::time_point deadline; // the largest one if there is none
-    bool counts = false;                        // among those in flight; constant once it is submitted
-    // I/O thread.
+    // I/O thread, once it is submitted.
+    std::shared_ptr<Message> message; // null when the channel is done with it
     std::uint64_t number = 0;
     bool sent = false;
 
 private:
     void release() override;
 
-    const std::shared_ptr<Channel> channel_;
+    const std::shared_ptr<IoThread> io_;
+    const std::weak_ptr<Channel> channel_; // which may go before a caller lets go of this
+    CallPlace place_;                      // left under the lock of release()
     std::optional<std::stop_callback<std::function<void()>>> on_stop_;
 };
 
@@ -67,21 +79,20 @@ private:
 /// Threads: what isn't said to be for any thread is for the I/O thread.
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-    /// Without `callbacks` it has its own.
+    /// Without `parts` it has its own.
     Channel(std::shared_ptr<IoThread> io, Endpoint endpoint, const AsyncClientOptions& options,
-            std::shared_ptr<Callbacks> callbacks = nullptr);
+            const std::optional<ClientParts>& parts = std::nullopt);
     ~Channel();
 
-    /// Any thread. `message` may be null, and `finish`, which changes the reply, empty.
-    Pending start(std::shared_ptr<Message> message, const CallOptions& options, Call::Finish finish = {});
+    /// Any thread. `finish`, which changes the reply, may be empty.
+    Pending start(std::shared_ptr<Message> message, const CallOptions& options, CallPlace place,
+                  Call::Finish finish = {});
     const Endpoint& endpoint() const { return endpoint_; }
     const MessageFactory& factory() const { return *factory_; }
-    const std::shared_ptr<Callbacks>& callbacks() const { return callbacks_; }
-    std::size_t in_flight() const { return in_flight_; }
-    /// Any thread, after close().
-    void finish_callbacks();
+    const ClientParts& parts() const { return parts_; }
 
-    /// Throws zmq::error_t.
+    /// Throws zmq::error_t. A channel that nobody opens opens itself with its first call; if that can't be,
+    /// its calls get status 500, as a router would give them, with the error's text.
     void open();
     /// Ends all calls.
     void close();
@@ -92,7 +103,6 @@ public:
     IoThread::Clock::time_point next_deadline() const;
 
 private:
-    friend class ChannelCall;
     struct Incoming {
         std::uint64_t number;
         zmq::message_t payload;
@@ -121,25 +131,24 @@ private:
     bool has_lost_inproc_peer(int events);
     void lose_connection();
     void fail(const std::string& error);
-    void end_calls(bool sent_only, LocalCause cause, const std::string& text);
+    void end_calls(bool sent_only, Status status, LocalCause cause, const std::string& text);
     void end_call(ChannelCall& call, LocalCause cause, const std::string& text);
+    void forget(ChannelCall& call);
 
     const std::shared_ptr<IoThread> io_;
     const Endpoint endpoint_;
     const bool is_inproc_;
     const bool secret_;
-    const std::size_t max_in_flight_;
     const std::shared_ptr<MessageFactory> factory_;
     const OwnedProvider provider_;
     const std::shared_ptr<slate::Counter> err_;
     const std::shared_ptr<slate::Counter> rx_;
     const std::shared_ptr<slate::Counter> tx_;
     const std::shared_ptr<slate::Counter> dropped_;
-    const std::shared_ptr<slate::Counter> too_many_;
-    const std::shared_ptr<Callbacks> callbacks_;
-    std::atomic<std::size_t> in_flight_{0}; // any thread
+    const ClientParts parts_;
 
     bool closed_ = false;
+    bool was_open_ = false;
     std::unique_ptr<zmq::socket_t> socket_; // null after it broke, until the next call
     std::unique_ptr<zmq::socket_t> monitor_;
     bool connected_ = false; // and nothing is sent before; always for inproc

@@ -164,6 +164,12 @@ void IoThread::end()
     }
 }
 
+bool IoThread::is_ending() const
+{
+    const std::lock_guard lock(mutex_);
+    return ended_;
+}
+
 void IoThread::await_end() const
 {
     if (!is_current())
@@ -202,7 +208,7 @@ void IoThread::wake()
 
 void IoThread::add(const std::shared_ptr<Channel>& channel)
 {
-    channels_.emplace(channel.get(), channel);
+    channels_.try_emplace(channel.get(), channel);
 }
 
 void IoThread::remove(Channel& channel)
@@ -240,10 +246,7 @@ void IoThread::pass(Clock::time_point limit)
         serve(touched);
     });
     run_deferred();
-    std::unique_lock lock(mutex_);
-    const bool ended = ended_;
-    lock.unlock();
-    if (ended)
+    if (is_ending())
         shut_down();
 }
 
@@ -348,16 +351,24 @@ void IoThread::shut_down()
         Touched touched;
         obey(touched);
     });
-    for (const auto& [key, channel] : std::exchange(channels_, {}))
-        channel->close();
-    busy_.clear();
-    while (!deferred_.empty())
+    // What is left to run may open a channel, and closing one brings more to run. A socket that stayed open
+    // would keep the end of the context waiting for ever.
+    do {
+        close_all();
         run_deferred();
+    } while (!channels_.empty() || !deferred_.empty());
     context_.reset();
     std::unique_lock lock(mutex_);
     const auto queue = std::exchange(queue_, nullptr); // goes without the lock
     lock.unlock();
     down_ = true;
     down_.notify_all();
+}
+
+void IoThread::close_all()
+{
+    for (const auto& [key, channel] : std::exchange(channels_, {}))
+        channel->close();
+    busy_.clear();
 }
 } // namespace tarn_internal

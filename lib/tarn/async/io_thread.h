@@ -70,6 +70,8 @@ public:
     /// Runs it there and returns when it has run, or throws what it throws.
     bool run(const std::function<void()>& function);
 
+    /// Whether the end has begun, after which nothing is taken any more.
+    bool is_ending() const;
     /// Waits until it has ended, which end() has begun; on the I/O thread itself it doesn't wait.
     void await_end() const;
 
@@ -90,7 +92,7 @@ public:
     // I/O thread: for channels.
     zmq::context_t& context() const { return *context_; }
     const slate::Dictionary& settings() const { return *settings_; }
-    void add(const std::shared_ptr<Channel>& channel);
+    void add(const std::shared_ptr<Channel>& channel); // any number of times
     void remove(Channel& channel);
     /// Has the channel served when the descriptor is readable.
     void watch(int descriptor, const Channel& channel);
@@ -117,6 +119,7 @@ private:
     void serve(const Touched& touched);
     void run_deferred();
     void shut_down();
+    void close_all();
 
     // I/O thread.
     std::shared_ptr<zmq::context_t> context_; // null once it has ended

@@ -37,8 +37,8 @@ public:
         const SocketId socket = id_of(*endpoint);
         if (auto kept = find_kept(key, socket))
             return kept;
-        // Without the lock: making one may wait for a thread that asks for one, too. If two threads make one
-        // at the same time, each uses its own, and the second one is kept.
+        // Without the lock: making one takes time. If two threads make one at the same time, each uses its
+        // own, and the second one is kept.
         auto made = make_(endpoint);
         const std::lock_guard lock(mutex_);
         entries_.insert_or_assign(key, Entry{socket, made, ++uses_});

@@ -54,7 +54,7 @@ private:
             return services_.finish(connection->read_reply(*message, timeout), destination);
         }
         catch (const zmq::error_t& error) { // no socket can be made
-            return services_.fail(Status::RequestTimeout, LocalCause::SocketFailed, error.what(),
+            return services_.fail(Status::InternalServerError, LocalCause::SocketFailed, error.what(),
                                   destination.path);
         }
     }

@@ -12,7 +12,7 @@ namespace tarn {
 /// asked of "<run_time_directory>/clock/zmq.sock", as "/time". A request so costs what one to that socket
 /// costs, and no slow service of others is in its way.
 ///
-/// Paths, statuses, headers and bodies are those that a router gives, its 404, 501 and 502 included; the
+/// Paths, statuses, headers and bodies are those that a router gives, its own failures included; the
 /// "ttl" that a service sees is longer, because no router takes its share. What no service claims goes to
 /// `router`, if one is given, and is answered with 404 otherwise: Reply::local_cause() is then
 /// `NoSuchEndpoint`.

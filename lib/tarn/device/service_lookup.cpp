@@ -8,6 +8,7 @@
 #include "slate/uri.h"
 #include "tarn/internal/router/service_path.h"
 #include "tarn/internal/utils/message_parts.h"
+#include "tarn/internal/utils/request_bounds.h"
 #include "tarn/proto/message.pb.h"
 #include "tarn/request.h"
 
@@ -23,6 +24,8 @@ ServiceLookup::ServiceLookup(const std::filesystem::path& run_time_directory, En
 
 ServiceLookup::Destination ServiceLookup::find(const std::shared_ptr<Message>& message) const
 {
+    if (const auto excess = find_excess(*message))
+        return {nullptr, fail(excess->status, LocalCause::InvalidRequest, excess->text, ""), ""};
     if (!is_routable(*message))
         return {nullptr,
                 fail(Status::NotImplemented, LocalCause::InvalidRequest, "request type not implemented", ""),
@@ -48,8 +51,11 @@ ServiceLookup::Destination ServiceLookup::find_service_or_router(const std::shar
     if (router_)
         return {router_, nullptr, path};
     slate::log_error(SLATE_HERE, "no service in ", run_time_directory_.string(), " for: ", path);
-    auto reply = std::make_shared<Reply>(factory_->make_response(message, factory_->finder()->my_pid()),
-                                         LocalCause::NoSuchEndpoint); // status 404
+    // For a path without any name a router has no route at all, and gives a reply without a path.
+    const bool has_name = path.find_first_not_of('/') != std::string::npos;
+    auto answer = has_name ? factory_->make_response(message, factory_->finder()->my_pid())
+                           : factory_->make_response(Status::NotFound);
+    auto reply = std::make_shared<Reply>(std::move(answer), LocalCause::NoSuchEndpoint); // status 404
     return {nullptr, std::move(reply), path};
 }
 

@@ -28,7 +28,9 @@ public:
         bool is_service = false;      // and not the router, whose replies are as they should be
     };
 
-    /// Gives the message the path that it carries to its service. Throws nothing but std::bad_alloc.
+    /// Gives the message the path that it carries to its service. A request that holds too much of something
+    /// is refused here, as a router does, and not by its service, which sees less of the path. Throws nothing
+    /// but std::bad_alloc.
     Destination find(const std::shared_ptr<Message>& message) const;
 
     /// The reply as a router would give it: with the path that was asked for, and status 502 for what isn't a

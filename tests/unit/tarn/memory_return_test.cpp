@@ -2,23 +2,16 @@
 #include "tarn/internal/utils/memory_return.h"
 
 #include <cstddef>
-#include <fstream>
 #include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
+
+#include "support/own_process.h"
 
 namespace {
 using tarn_internal::MemoryReturn;
-
-std::size_t resident_bytes()
-{
-    std::size_t size = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
+using tarn_test::resident_bytes;
 
 TEST(AMemoryReturn, WaitsWithoutEndUntilALargeMessageHasBeenHandled)
 {

@@ -32,6 +32,9 @@ std::string refusal(const std::function<void(Head&)>& fill)
     std::string common;
     for (const Message& message : messages) {
         const auto excess = excess_of(message.SerializeAsString());
+        Message parsed = message;
+        const auto again = find_excess(parsed);
+        EXPECT_EQ(again ? again->text : "none", excess ? excess->text : "none");
         const std::string text = excess ? std::to_string(excess->status) + " " + excess->text : "none";
         EXPECT_TRUE(common.empty() || common == text) << common << " and " << text;
         common = text;
@@ -137,5 +140,17 @@ TEST(ARequestBound, IsNoneForBodiesAndForWhatIsNoMessage)
     EXPECT_FALSE(excess_of("").has_value());
     EXPECT_FALSE(excess_of(std::string(5000, '\xFF')).has_value());
     EXPECT_FALSE(excess_of(std::string(5000, '\0')).has_value());
+}
+
+TEST(ARequestBound, LeavesAMessageAsItWas)
+{
+    Message message;
+    message.mutable_put()->mutable_head()->set_path(std::string(65537, 'x'));
+    message.mutable_put()->mutable_body()->set_txt(std::string(100000, 'y'));
+    const std::string before = message.SerializeAsString();
+    const char* const bytes = message.put().body().txt().data();
+    EXPECT_EQ(find_excess(message).value().status, Status::UriTooLong);
+    EXPECT_EQ(message.SerializeAsString(), before);
+    EXPECT_EQ(message.put().body().txt().data(), bytes); // and isn't copied
 }
 } // namespace

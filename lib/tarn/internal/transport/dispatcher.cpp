@@ -81,6 +81,8 @@ void Dispatcher::run(zmq::socket_t& control, std::size_t workers, std::string_vi
             slate::log_error(provider_, SLATE_HERE, what, ": ", error.what());
         }
     }
+    if (!ending_)
+        slate::log_error(provider_, SLATE_HERE, what, " has stopped working: it has no workers");
 }
 
 /// One pass. False once a command has arrived.

@@ -13,6 +13,7 @@
 #include "slate/encoding.h"
 #include "slate/file.h"
 #include "slate/strings.h"
+#include "tarn/internal/utils/message_parts.h"
 #include "tarn/message.h"
 #include "tarn/proto/message.pb.h"
 
@@ -175,6 +176,18 @@ std::string describe(const Message& message, bool secret)
 {
     const Head* head = secret ? find_head(message) : nullptr;
     return head ? bounded_text(*head) : tarn::to_string(message);
+}
+
+void keep_what_is_logged(Message& message)
+{
+    Body* body = find_mutable_body(message);
+    if (!body)
+        return;
+    // One byte more, by which a body that is too large to show is known.
+    if (body->txt().size() > max_logged_text)
+        body->set_txt(body->txt().substr(0, max_logged_text + 1));
+    else if (body->bin().size() > max_logged_bytes)
+        body->set_bin(body->bin().substr(0, max_logged_bytes + 1));
 }
 
 std::string head_and_bytes(const Head& head, std::string_view bytes)

@@ -30,6 +30,10 @@ bool hidden_payload(const std::string& path);
 /// as "credentials", from the path, so the path alone isn't always enough to tell.
 std::string describe(const Message& message, bool secret);
 
+/// Cuts the body to what describe() shows of it, and gives the rest of its memory back. The message is of no
+/// other use afterwards.
+void keep_what_is_logged(Message& message);
+
 /// Any protobuf message on one line, as its ShortDebugString, with two bounds, since a peer chooses what is
 /// printed: an Any is expanded one level deep, and a message of 4 KiB or more is cut, with "… (N bytes)" for
 /// its size. Neither costs more time or memory than the text that is left.

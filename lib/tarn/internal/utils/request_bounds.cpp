@@ -10,6 +10,7 @@
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/wire_format_lite.h>
 
+#include "tarn/internal/utils/message_parts.h"
 #include "tarn/proto/message.pb.h"
 
 namespace tarn_internal {
@@ -109,6 +110,26 @@ private:
     std::size_t fields_ = 0;
     std::optional<Excess> excess_;
 };
+/// Takes the body out of a message for a while.
+class BodyAside {
+public:
+    explicit BodyAside(Message& message) : body_(find_mutable_body(message))
+    {
+        if (body_)
+            body_->Swap(&kept_);
+    }
+    ~BodyAside()
+    {
+        if (body_)
+            body_->Swap(&kept_);
+    }
+    BodyAside(const BodyAside&) = delete;
+    BodyAside& operator=(const BodyAside&) = delete;
+
+private:
+    Body* const body_;
+    Body kept_;
+};
 } // namespace
 
 std::optional<Excess> find_excess(const void* frame, std::size_t size)
@@ -119,5 +140,14 @@ std::optional<Excess> find_excess(const void* frame, std::size_t size)
     Walk walk;
     (void)walk.over(input, *Message::descriptor());
     return std::move(walk).excess();
+}
+
+std::optional<Excess> find_excess(Message& message)
+{
+    const BodyAside aside(message); // one of many MiB isn't copied for this
+    if (message.ByteSizeLong() <= harmless_size)
+        return std::nullopt;
+    const std::string frame = message.SerializePartialAsString();
+    return find_excess(frame.data(), frame.size());
 }
 } // namespace tarn_internal

@@ -29,4 +29,7 @@ struct Excess {
 /// What a frame holds too much of; none if it may be parsed. Bytes that aren't a message at all are left to
 /// the parser. Bodies are skipped, so a large one costs nothing.
 std::optional<Excess> find_excess(const void* frame, std::size_t size);
+/// What the frame of this message would hold too much of, the body left aside. The message, which nobody else
+/// may use meanwhile, is as before afterwards. Throws std::bad_alloc.
+std::optional<Excess> find_excess(Message& message);
 } // namespace tarn_internal

@@ -4,10 +4,14 @@
 #include <atomic>
 #include <exception>
 #include <future>
+#include <stop_token>
 #include <string>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include "slate/queue.h"
+#include "support/gate.h"
 #include "support/runtime_test.h"
 #include "tarn/async/call.h"
 #include "tarn/async/callbacks.h"
@@ -87,6 +91,53 @@ TEST_F(ACoroutine, GoesOnWhenItsClientIsDestroyed)
     wait_for(nobody->get("/a", {.timeout = slate::Duration::positive_infinity()}), result);
     nobody.reset();
     EXPECT_EQ(result.get_future().get()->local_cause(), LocalCause::Ended);
+}
+
+TEST_F(ACoroutine, GoesOnWhenItIsCancelledByAStopToken)
+{
+    const auto nobody = make_async_client(scratch_endpoint());
+    std::stop_source stop;
+    std::promise<std::shared_ptr<Reply>> result;
+    wait_for(nobody->get("/a", {.timeout = slate::Duration::positive_infinity(), .stop = stop.get_token()}),
+             result);
+    auto reply = result.get_future();
+    EXPECT_EQ(reply.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    stop.request_stop();
+    EXPECT_EQ(reply.get()->local_cause(), LocalCause::Cancelled);
+}
+
+TEST_F(ACoroutine, GoesOnWhenTheRuntimeEnds)
+{
+    const auto nobody = make_async_client(scratch_endpoint());
+    std::promise<std::shared_ptr<Reply>> result;
+    wait_for(nobody->get("/a", {.timeout = slate::Duration::positive_infinity()}), result);
+    runtime.reset();
+    EXPECT_EQ(result.get_future().get()->local_cause(), LocalCause::Ended);
+}
+
+Detached tell_threads(AsyncClient& client, std::promise<std::string>& result)
+{
+    std::string names;
+    for (int i = 0; i < 3; ++i) {
+        (void)co_await client.get("/echo/1");
+        char name[16] = "";
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        names += std::string(name) + " ";
+    }
+    result.set_value(names);
+}
+
+TEST_F(ACoroutine, GoesOnWhereTheExchangeIsDoneIfTheWorkQueueRefusesIt)
+{
+    const auto gate = std::make_shared<Gate>();
+    const auto queue = runtime->queue()->get();
+    queue->set_capacity(0);
+    queue->submit(make_work([gate] { gate->pass(); }));
+    ASSERT_TRUE(gate->await(1));
+    std::promise<std::string> result;
+    tell_threads(*client, result);
+    EXPECT_EQ(result.get_future().get(), "tarn-async tarn-async tarn-async ");
+    gate->open();
 }
 
 Detached catch_failure(Pending pending, std::promise<bool>& result)
