@@ -83,11 +83,11 @@ public:
     {
         std::vector<Service> found;
         std::vector<std::string> others;
-        for (const std::string& name : services::list_names(fabric_.run_time_directory)) {
-            if (is_own(name))
-                found.push_back(describe_itself(name));
+        for (const std::string& service_name : services::list_names(fabric_.run_time_directory)) {
+            if (is_own(service_name))
+                found.push_back(describe_itself(service_name));
             else
-                others.push_back(name);
+                others.push_back(service_name);
         }
         for (Service& service : services::look_at_all(fabric_, others, time_for_one, time_for_all))
             found.push_back(std::move(service));
@@ -115,18 +115,19 @@ private:
         return false;
     }
 
-    bool is_own(const std::string& name) const
+    bool is_own(const std::string& service_name) const
     {
-        const auto socket = fabric_.run_time_directory / name / "zmq.sock";
+        const auto socket = fabric_.run_time_directory / service_name / "zmq.sock";
         return std::any_of(own_.begin(), own_.end(), [&](const auto& own) {
             std::error_code unknown;
             return socket == own || std::filesystem::equivalent(socket, own, unknown);
         });
     }
 
-    Service describe_itself(const std::string& name) const
+    Service describe_itself(const std::string& service_name) const
     {
-        Service service{name, tarn::service_endpoint(fabric_, name), true, "", getpid(), "tarnd", 0, {}};
+        Service service{
+            service_name, tarn::service_endpoint(fabric_, service_name), true, "", getpid(), "tarnd", 0, {}};
         for (const char* path : {"/index", "/services"}) {
             tarn::RoutingDetail* detail = service.routes.add_details();
             detail->set_access(tarn::Access::Public);

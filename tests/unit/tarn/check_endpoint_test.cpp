@@ -24,6 +24,12 @@ struct Fault {
     std::string sentence;
 };
 
+/// For the names of the tests.
+std::ostream& operator<<(std::ostream& out, const Fault& fault)
+{
+    return out << testing::PrintToString(fault.text);
+}
+
 class AFaultyEndpoint : public testing::TestWithParam<Fault> {};
 
 TEST_P(AFaultyEndpoint, IsToldInASentence)

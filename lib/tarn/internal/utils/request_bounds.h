@@ -8,6 +8,10 @@
 #include "tarn/proto/status.pb.h"
 #include "tarn/types.h"
 
+namespace tarn {
+class Message;
+}
+
 namespace tarn_internal {
 // What one request, or one published change, may hold. Beyond that it is refused before it is parsed, since a
 // parsed message takes many times the memory of its frame: 16 MiB of empty headers take 535 MiB.
