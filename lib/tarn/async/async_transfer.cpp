@@ -123,7 +123,7 @@ protected:
 
     const std::string path_;
     mutable std::mutex
-        mutex_; // guards what a transfer has; never held while a request is made or a step completed
+        mutex_; // guards all that changes; not held while a request is made or a step completed
     std::shared_ptr<Step> step_; // the present one
 
 private:

@@ -514,9 +514,9 @@ bool Channel::try_send(ChannelCall& call)
     (void)send_through_signals(*socket_, *frame,
                                ZMQ_DONTWAIT); // there is room for a message, or for none of it
     call.sent = true;
-    keep_what_is_logged(*call.message); // the rest has been copied, and is never sent again
     ++sent_on_socket_;
     tx_->increment();
+    keep_what_is_logged(*call.message); // the rest has been copied, and is never sent again
     return true;
 }
 
