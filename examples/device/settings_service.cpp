@@ -88,12 +88,12 @@ int main(int argc, char** argv)
     try {
         tarn::ZmqSubsystem subsystem;
         // Asks for the relay's statistics through the router, and returns once the relay hears it.
-        const auto publisher = tarn::make_publisher(slate::make_uri(argv[4]), tarn::default_timeout(), 0,
-                                                    slate::make_uri(argv[3]));
-        const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));
-        server->add(
-            make_location_route(std::make_shared<Setting>(argv[2], "location", "workshop", publisher)));
-        server->add(make_interval_route(std::make_shared<Setting>(argv[2], "interval", "60", publisher)));
+        const auto publisher = tarn::make_publisher(
+            {.endpoint = slate::make_uri(argv[4]), .stats_endpoint = slate::make_uri(argv[3])});
+        subsystem.serve(
+            slate::make_uri("ipc://" + std::string(argv[1])),
+            {make_location_route(std::make_shared<Setting>(argv[2], "location", "workshop", publisher)),
+             make_interval_route(std::make_shared<Setting>(argv[2], "interval", "60", publisher))});
         std::cout << "keeping settings in " << argv[2] << std::endl;
         termination.wait();
     }

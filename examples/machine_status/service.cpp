@@ -70,17 +70,17 @@ int main(int argc, char** argv)
     std::string location = standard;
 
     tarn::ZmqSubsystem subsystem;
-    const auto server = subsystem.add_server(slate::make_uri("ipc://" + std::string(argv[1])));
-
-    server->add(tarn::make_double_route("load", "get", "/load/(:minutes=1)", load));
-    server->add(tarn::make_double_route("uptime", "get", "/uptime",
-                                        [](tarn::Context&) { return read_number("/proc/uptime", 0); }));
-    server->add(std::make_shared<MemoryRoute>());
-
-    server->add(tarn::make_string_route(
-        "location", "get,put,delete", "/settings/location", [&](tarn::Context&) { return location; },
-        [&](tarn::Context&, std::string text) { location = std::move(text); },
-        [&](tarn::Context&) { location = standard; }));
+    // With all its routes from the first moment: whoever asks early gets an answer, and not 404.
+    subsystem.serve(
+        slate::make_uri("ipc://" + std::string(argv[1])),
+        {tarn::make_double_route("load", "get", "/load/(:minutes=1)", load),
+         tarn::make_double_route("uptime", "get", "/uptime",
+                                 [](tarn::Context&) { return read_number("/proc/uptime", 0); }),
+         std::make_shared<MemoryRoute>(),
+         tarn::make_string_route(
+             "location", "get,put,delete", "/settings/location", [&](tarn::Context&) { return location; },
+             [&](tarn::Context&, std::string text) { location = std::move(text); },
+             [&](tarn::Context&) { location = standard; })});
 
     std::cout << "serving at " << argv[1] << std::endl;
     termination.wait();

@@ -22,14 +22,14 @@ int main(int argc, char** argv)
     file.replace_extension(".json");
 
     tarn::ZmqSubsystem subsystem;
-    const auto server = subsystem.add_server(slate::make_uri("ipc://" + socket.string()));
     const auto settings =
         std::make_shared<example::NetworkSettings>(file, [](const example::Network& network) {
             // A device would set up its interface here.
             slate::log_info(SLATE_HERE, "applied: ", network.ShortDebugString());
         });
     settings->apply_stored();
-    server->add(std::make_shared<example::ResourceRoute>("/network", settings));
+    subsystem.serve(slate::make_uri("ipc://" + socket.string()),
+                    {std::make_shared<example::ResourceRoute>("/network", settings)});
 
     std::cout << "serving at " << socket.string() << ", settings in " << file.string() << std::endl;
     termination.wait();

@@ -21,9 +21,9 @@ int main(int argc, char** argv)
     image.replace_extension(".image");
 
     tarn::ZmqSubsystem subsystem;
-    const auto server = subsystem.add_server(slate::make_uri("ipc://" + socket.string()));
-    server->add(std::make_shared<example::UploadRoute>(image));
-    server->add(std::make_shared<example::DownloadRoute>(image));
+    subsystem.serve(
+        slate::make_uri("ipc://" + socket.string()),
+        {std::make_shared<example::UploadRoute>(image), std::make_shared<example::DownloadRoute>(image)});
     std::cout << "serving at " << socket.string() << ", image in " << image.string() << std::endl;
     termination.wait();
 }

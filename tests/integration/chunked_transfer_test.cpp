@@ -1020,6 +1020,7 @@ TEST_P(AChunkedUpload, MayPauseForAsLongAsTheSettingsSayWhenAChunkArrives)
     start();
 
     settings->set("session_ttl", "1h");
+    add_route("b", "/b"); // the server's thread takes the same lock, and so sees the setting
     send(chunk(Verb::Put, "t", 0, "x"));
     const auto now = slate::clock_ticks_to_duration(clock->ticks(), clock->frequency());
 
