@@ -96,8 +96,6 @@ class Process:
     def kill(self):
         if self.child.poll() is None:
             self.child.kill()
-        else:
-            self.soak.fault(f"{self.name} has ended by itself with status {self.child.returncode}, see {self.log.name}")
         self.child.wait()
         self.reader.join()
 
@@ -234,6 +232,9 @@ class Soak:
             if self.stopped.wait(KILL_INTERVAL):
                 return
             process = self.processes[KILLED[turn % len(KILLED)]]
+            if process.child.poll() is not None:
+                self.fault(f"{process.name} has ended by itself with status {process.child.returncode}, "
+                           f"see {process.log.name}")
             process.kill()
             self.kills += 1
             # Some peers see a short absence, and some one that outlasts their timeout.
