@@ -501,7 +501,8 @@ TEST_F(ARouteList, LetsAChangeInBetweenLookupsThatNeverPause)
         lookups_during_changes += lookups - before;
     }
     stop = true;
-    // Those under way, and what runs while the system doesn't run this thread.
-    EXPECT_LT(lookups_during_changes, changes * 100);
+    // Those under way, and what runs while the system doesn't run this thread. A change that waits for a
+    // pause takes hundreds of thousands.
+    EXPECT_LT(lookups_during_changes, changes * 1000);
 }
 } // namespace
