@@ -127,7 +127,7 @@ private:
     Service describe_itself(const std::string& service_name) const
     {
         Service service{
-            service_name, tarn::service_endpoint(fabric_, service_name), true, "", getpid(), "tarnd", 0, {}};
+            service_name, tarn::service_endpoint(fabric_, service_name), true, "", getpid(), "", 0, {}};
         for (const char* path : {"/index", "/services"}) {
             tarn::RoutingDetail* detail = service.routes.add_details();
             detail->set_access(tarn::Access::Public);
