@@ -22,9 +22,9 @@ class MessageFactory;
 /// The publisher makes each reply itself: status 200 means only that it handed the message to the socket.
 /// Without a relay or a subscriber the message is lost without an error, and so is what a full queue has no
 /// room for. Only a publisher at a relay, with the setting "high_water_mark", says that: status 408, and one
-/// more in the counter "err". Status 400 reports a
-/// message that can't be published, 408 also one larger than 2 GiB. Throws zmq::error_t if the socket is
-/// broken, and what MessageFactory throws for a bad recipient. `headers` may be null.
+/// more in the counter "err". Status 400 reports a message that can't be published, 408 also one larger than
+/// 2 GiB. Throws zmq::error_t if the socket is broken, and what MessageFactory throws for a bad recipient.
+/// `headers` may be null.
 ///
 /// Threads: may be shared. It has a thread of its own, which takes subscriptions as they come and sleeps
 /// while none do. Lifetime: may outlive ZmqSubsystem. At its end the publisher waits 250 ms at most for its

@@ -2,6 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """What looks at a fabric: services, index, who, call, ping, bench, doctor, version; completion, help and manual."""
 
+import shutil
+
 from support import *
 
 
@@ -117,6 +119,18 @@ class Looks(CommandTest):
         done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=60,
                               env={**self.environment, "TARN": PROGRAMS["tarn"], "RUN": str(self.run_dir)})
         self.assertEqual((done.stdout, done.stderr), ("/status/uptime\n", ""))
+
+    @unittest.skipUnless(shutil.which("zsh"), "zsh isn't installed")
+    def test_zsh_completes_a_path(self):
+        (self.work / "_tarn").write_text(self.tarn("completion", "zsh").out)
+        environment = {**self.environment, "PATH": f"{pathlib.Path(PROGRAMS['tarn']).parent}:{os.environ['PATH']}"}
+        for found_by in (f"compinit -u -D; source {self.work}/_tarn", f"fpath+=({self.work}); compinit -u -D"):
+            with self.subTest(found_by), OnTerminal(["zsh", "-f", "-i"], environment) as zsh:
+                for keys, shown in ((f"autoload -Uz compinit; {found_by}; PS1=rea''dy\r", "ready"),
+                                    (f"tarn get --run-dir {self.run_dir} /status/upt\t", r"/upt\x07?ime "),
+                                    ("\x15tarn wat\t", r"wat\x07?ch ")):
+                    zsh.type(keys)
+                    self.assertTrue(zsh.read(shown), zsh.shown)
 
     def test_each_command_has_help_and_a_page_of_manual(self):
         listed = re.findall(r"(?m)^  ([a-z]+)  ", self.tarn("--help").out.partition("Options:")[0])

@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Real processes for the tests of the command `tarn`: a fabric, services, and the command itself."""
 
+import codecs
 import ctypes
+import fcntl
 import json
 import os
 import pathlib
@@ -10,9 +12,11 @@ import re
 import select
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -75,6 +79,55 @@ def start_fabric(directory):
     fabric.directory.mkdir(parents=True)
     fabric.start("tarnd", PROGRAMS["tarnd"], "--run-dir", directory)
     return fabric
+
+
+class OnTerminal:
+    """A program on a pseudo-terminal."""
+
+    def __init__(self, command, environment, columns=80):
+        self.shown = ""
+        self.process, self.terminal = pty.fork()
+        if self.process == 0:
+            end_with_parent()
+            os.execvpe(command[0], [str(word) for word in command], environment)
+        size = struct.pack("HHHH", 24, columns, 0, 0)
+        fcntl.ioctl(self.terminal, termios.TIOCSWINSZ, size)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        os.close(self.terminal)
+        self.wait()
+
+    def type(self, keys):
+        os.write(self.terminal, keys.encode())
+
+    def read(self, pattern):
+        """Reads until what is shown from now on has the pattern, or the program ends; whether it has."""
+        begin = len(self.shown)
+        decoder = codecs.getincrementaldecoder("utf-8")("replace")
+        deadline = time.monotonic() + 60
+        while time.monotonic() < deadline:
+            if re.search(pattern, self.shown[begin:]):
+                return True
+            if not select.select([self.terminal], [], [], 1)[0]:
+                continue
+            try:
+                data = os.read(self.terminal, 65536)
+            except OSError:  # the other side is closed
+                break
+            if not data:
+                break
+            self.shown += decoder.decode(data)
+        return False
+
+    def wait(self):
+        """Its exit status."""
+        if self.process:
+            _, status = os.waitpid(self.process, 0)
+            self.process, self.status = 0, os.waitstatus_to_exitcode(status)
+        return self.status
 
 
 class Result:
@@ -149,31 +202,9 @@ class CommandTest(unittest.TestCase):
         process.stdout.close()
         process.stderr.close()
 
-    def on_terminal(self, *arguments, columns=80, env=None, keys=b""):
+    def on_terminal(self, *arguments, columns=80, env=None):
         """Runs the command on a pseudo-terminal; its exit status and all that the terminal got."""
         words = [str(word).replace("{run}", str(self.run_dir)) for word in arguments]
-        pid, terminal = pty.fork()
-        if pid == 0:
-            end_with_parent()
-            os.execve(PROGRAMS["tarn"], [PROGRAMS["tarn"], *words], {**self.environment, **(env or {})})
-        import fcntl
-        import struct
-        import termios
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-        if keys:
-            os.write(terminal, keys)
-        shown = b""
-        deadline = time.monotonic() + 60
-        while time.monotonic() < deadline:
-            if not select.select([terminal], [], [], 1)[0]:
-                continue
-            try:
-                data = os.read(terminal, 65536)
-            except OSError:  # the other side is closed
-                break
-            if not data:
-                break
-            shown += data
-        os.close(terminal)
-        _, status = os.waitpid(pid, 0)
-        return os.waitstatus_to_exitcode(status), shown.decode(errors="replace").replace("\r\n", "\n")
+        with OnTerminal([PROGRAMS["tarn"], *words], {**self.environment, **(env or {})}, columns) as terminal:
+            terminal.read(r"(?!)")  # nothing: all until the end
+            return terminal.wait(), terminal.shown.replace("\r\n", "\n")
