@@ -363,6 +363,33 @@ class TheDevice(TarndTest):
         self.end(daemon)
 
 
+    def start_with_journal(self, preparation):
+        """With devices of its own: those of the machine, and a log as the shell commands make it."""
+        devices = ('cd "$1" && mkdir machine && mount --rbind /dev machine && mount -t tmpfs none /dev && '
+                   f'for each in machine/*; do ln -s "$1/$each" /dev/; done && rm -f /dev/log && {preparation} && '
+                   'exec "$2" --run-dir "$3" --log-sink journal --log-level debug')
+        return self.spawn("unshare", "--mount", "sh", "-c", devices, "sh", self.folder, TARND, self.run_dir)
+
+    def test_has_a_journal_that_takes_its_log(self):
+        journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(journal.close)
+        journal.bind(os.path.join(self.folder, "journal"))
+        journal.settimeout(PATIENCE)
+        daemon = self.start_with_journal('ln -s "$1/journal" /dev/log')
+        self.assertEqual(self.read_line(daemon), f"tarnd: serving in {self.run_dir}")
+        # facility "user" (1), severity "debug" (7)
+        self.assertRegex(journal.recv(65536).decode(), rf"\A<{1 * 8 + 7}>.* tarnd\[{daemon.pid}\]: bind ")
+        self.end(daemon)
+        self.assertEqual(daemon.stderr.read(), b"")
+
+    def test_need_not_have_a_journal(self):
+        daemon = self.start_with_journal("true")
+        output, errors = daemon.communicate(timeout=PATIENCE)
+        self.assertEqual((daemon.returncode, output), (1, b""))
+        self.assertEqual(errors.decode(), "tarnd: no journal takes log lines here, as /dev/log is missing; use "
+                                          "--log-sink stderr\n")
+
+
 class Ending(TarndTest):
     def test_does_not_wait_for_a_service_that_does_not_answer(self):
         daemon = self.start()
