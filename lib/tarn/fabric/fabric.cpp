@@ -2,9 +2,13 @@
 #include "tarn/fabric/fabric.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <system_error>
+#include <vector>
 
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -13,7 +17,9 @@
 #include "slate/uri.h"
 #include "tarn/exception.h"
 #include "tarn/internal/defaults.h"
+#include "tarn/internal/fabric/choose_fabric.h"
 #include "tarn/internal/router/service_path.h"
+#include "tarn/internal/transport/look_at.h"
 
 namespace tarn {
 namespace {
@@ -47,6 +53,29 @@ std::filesystem::path personal_run_time_directory()
     return "/tmp/tarn-" + std::to_string(getuid());
 }
 
+std::optional<std::string> check_personal_directory(const std::filesystem::path& directory)
+{
+    const std::string name = directory.string();
+    struct stat status {};
+    if (lstat(directory.c_str(), &status) != 0)
+        return name + " can't be looked at: " + std::generic_category().message(errno);
+    if (S_ISLNK(status.st_mode))
+        return name + " is a link, which may lead to somebody else's directory; remove it";
+    if (!S_ISDIR(status.st_mode))
+        return name + " is not a directory; remove it";
+    if (status.st_uid != geteuid())
+        return name + " belongs to user " + std::to_string(status.st_uid) + ", not to user " +
+               std::to_string(geteuid()) + "; choose another directory";
+    if ((status.st_mode & 077) != 0)
+        return name + " lets other users in; run chmod 700 " + name;
+    return std::nullopt;
+}
+
+Fabric find_fabric()
+{
+    return tarn_internal::choose_fabric(default_run_time_directory, personal_run_time_directory());
+}
+
 std::shared_ptr<slate::Dictionary> make_settings(const Fabric& fabric)
 {
     auto settings = slate::make_dictionary();
@@ -72,4 +101,48 @@ Endpoint service_endpoint(const Fabric& fabric, const std::filesystem::path& nam
         slate::log_error(SLATE_HERE, "no service can have the name \"", name.string(), "\"");
     return endpoint;
 }
+
+Endpoint make_service_endpoint(const Fabric& fabric, const std::filesystem::path& name)
+{
+    auto endpoint = service_endpoint(fabric, name);
+    if (!endpoint)
+        return nullptr;
+    auto directory = fabric.run_time_directory;
+    for (const auto& part : name) {
+        directory /= part;
+        if (mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
+            slate::log_error(SLATE_HERE, "the directory ", directory.string(),
+                             " can't be made: ", std::generic_category().message(errno));
+            return nullptr;
+        }
+    }
+    return endpoint;
+}
 } // namespace tarn
+
+namespace tarn_internal {
+tarn::Fabric choose_fabric(const std::filesystem::path& device, const std::filesystem::path& personal)
+{
+    std::vector<tarn::Fabric> candidates = {tarn::make_fabric(device)};
+    std::error_code ignored;
+    if (std::filesystem::exists(std::filesystem::symlink_status(personal, ignored))) {
+        if (const auto fault = tarn::check_personal_directory(personal))
+            slate::log_warn(SLATE_HERE, "your own fabric is left out: ", *fault);
+        else
+            try {
+                candidates.push_back(tarn::make_fabric(personal));
+            }
+            catch (const tarn::Exception&) { // whose path is too long; the log says so
+            }
+    }
+    for (const auto& fabric : candidates) {
+        if (look_at(fabric.router, slate::Seconds(0)).served)
+            return fabric;
+    }
+    for (const auto& fabric : candidates) {
+        if (std::filesystem::is_directory(fabric.run_time_directory, ignored))
+            return fabric;
+    }
+    return candidates.front();
+}
+} // namespace tarn_internal
