@@ -29,7 +29,9 @@ Service look_at(const std::string& name, const tarn::Endpoint& endpoint, const s
         service.problem = "no endpoint can have this name";
         return service;
     }
-    const tarn::Probe found = tarn::probe(endpoint, slate::Seconds(0)); // the request below asks more
+    // The request below asks more; only over a network does a connection take time.
+    const tarn::Probe found =
+        tarn::probe(endpoint, endpoint->scheme() == "tcp" ? timeout : slate::Seconds(0));
     service.pid = found.pid;
     service.process_name = found.process_name;
     if (!found.served) {

@@ -5,10 +5,20 @@
 #include <string>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <tarn/tarn.h>
 
 namespace start {
+namespace {
+bool is_free_path(const tarn::Endpoint& endpoint)
+{
+    struct stat status {};
+    return endpoint->scheme() != "ipc" || endpoint->address().starts_with('@') || // which is no file
+           lstat(endpoint->address().c_str(), &status) != 0 || S_ISSOCK(status.st_mode);
+}
+} // namespace
+
 void raise_descriptor_limit()
 {
     rlimit limit{};
@@ -21,6 +31,9 @@ void raise_descriptor_limit()
 void refuse_if_served(const std::vector<tarn::Endpoint>& endpoints)
 {
     for (const auto& endpoint : endpoints) {
+        if (!is_free_path(endpoint))
+            throw std::runtime_error("something that is no socket is at " + endpoint->to_string() +
+                                     ", and serving there would replace it; remove it, or serve elsewhere");
         const tarn::Probe found = tarn::probe(endpoint);
         if (found.error == "permission denied") // somebody else's socket, which binding would replace
             throw std::runtime_error("cannot look whether somebody serves at " + endpoint->to_string() +

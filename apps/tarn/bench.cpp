@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -53,49 +54,99 @@ public:
         {
             tarn::ZmqSubsystem subsystem;
             std::vector<std::shared_ptr<tarn::Client>> clients;
-            for (unsigned int i = 0; i < options_.clients; ++i)
+            for (unsigned int i = 0; i < options_.clients; ++i) {
                 clients.push_back(tarn::make_client(target_.endpoint, 0));
-            // Connections are made by the first request of each, which isn't counted.
-            const auto first = clients.front()->get(path_, nullptr, timeout_);
-            if (const int status = exit_status_of(*first, target_.endpoint); status != ExitGood)
-                throw Failure(status, explain(*first, target_, path_));
+                tallies_.push_back(std::make_unique<Tally>());
+            }
+            if (!interrupt.run([&] { connect(clients); }))
+                Interrupt::leave(ExitOther);
+            if (first_)
+                throw Failure(exit_status_of(*first_, target_.endpoint), explain(*first_, target_, path_));
             running_ = options_.clients;
             const slate::StopWatch watch(true);
-            std::vector<std::jthread> threads;
-            for (const auto& client : clients)
-                threads.emplace_back([this, client, &interrupt] {
-                    ask(*client);
+            std::vector<std::thread> threads;
+            for (unsigned int i = 0; i < options_.clients; ++i)
+                threads.emplace_back([this, client = clients[i], &tally = *tallies_[i], &interrupt] {
+                    ask(*client, tally);
                     if (--running_ == 0)
                         interrupt.notify();
                 });
-            (void)interrupt.wait();
-            is_over_ = true;
-            threads.clear();
+            auto cause = interrupt.wait();
             seconds_ = static_cast<double>(watch.elapsed()) / 1e6;
+            is_over_ = true;
+            if (cause != Interrupt::Cause::Notified) // for a moment: what is under way may take long
+                cause = interrupt.wait(slate::Milliseconds(100));
+            if (cause != Interrupt::Cause::Notified)
+                leave();
+            for (auto& thread : threads)
+                thread.join();
         }
-        std::sort(times_.begin(), times_.end());
-        options_.as_json ? show_json() : show_text();
-        if (failed_ > 0)
-            throw Failure(failure_status_,
-                          std::to_string(failed_) + " requests failed, the first one: " + failure_);
-        return ExitGood;
+        return show();
     }
 
 private:
-    void ask(const tarn::Client& client)
+    /// What one client has seen.
+    struct Tally {
+        std::mutex mutex;
+        std::vector<double> times; ///< in microseconds
+    };
+
+    /// Makes the connections, by a request of each that isn't counted; keeps the first reply that isn't good.
+    void connect(const std::vector<std::shared_ptr<tarn::Client>>& clients)
     {
-        std::vector<double> times;
+        for (const auto& client : clients) {
+            auto reply = client->get(path_, nullptr, timeout_);
+            if (exit_status_of(*reply, target_.endpoint) != ExitGood) {
+                first_ = std::move(reply);
+                return;
+            }
+        }
+    }
+
+    void ask(const tarn::Client& client, Tally& tally)
+    {
         while (!is_over_ && begun_++ < options_.count) {
             const slate::StopWatch watch(true);
             const auto reply = client.get(path_, nullptr, timeout_);
             const auto microseconds = static_cast<double>(watch.elapsed());
-            if (reply->message && !reply->is_local() && static_cast<int>(reply->status()) < 400)
-                times.push_back(microseconds);
+            if (reply->message && !reply->is_local() && static_cast<int>(reply->status()) < 400) {
+                const std::lock_guard lock(tally.mutex);
+                tally.times.push_back(microseconds);
+            }
             else
                 note_failure(*reply);
         }
+    }
+
+    /// With threads that wait for answers.
+    [[noreturn]] void leave()
+    {
+        int status = ExitOther;
+        try {
+            status = show();
+        }
+        catch (const Failure& failure) {
+            (void)std::fprintf(stderr, "tarn bench: %s\n", failure.what());
+        }
+        Interrupt::leave(status);
+    }
+
+    /// Shows what there is by now. The exit status.
+    int show()
+    {
+        for (const auto& tally : tallies_) {
+            const std::lock_guard lock(tally->mutex);
+            times_.insert(times_.end(), tally->times.begin(), tally->times.end());
+        }
+        std::sort(times_.begin(), times_.end());
         const std::lock_guard lock(mutex_);
-        times_.insert(times_.end(), times.begin(), times.end());
+        options_.as_json ? show_json() : show_text();
+        if (failed_ == 0)
+            return ExitGood;
+        flush_out();
+        (void)std::fprintf(stderr, "tarn bench: %zu requests failed, the first one: %s\n", failed_,
+                           failure_.c_str());
+        return failure_status_;
     }
 
     void note_failure(const tarn::Reply& reply)
@@ -192,12 +243,14 @@ private:
     std::atomic<unsigned long> begun_{0};
     std::atomic<unsigned int> running_{0};
     std::atomic<bool> is_over_{false};
-    std::mutex mutex_; // guards what follows, while there are threads
+    std::vector<std::unique_ptr<Tally>> tallies_; // one for each client
+    std::shared_ptr<tarn::Reply> first_;
     std::vector<double> times_;
+    double seconds_ = 0;
+    std::mutex mutex_; // guards what follows
     std::size_t failed_ = 0;
     std::string failure_;
     int failure_status_ = ExitOther;
-    double seconds_ = 0;
 };
 
 int bench(const BenchOptions& options)

@@ -112,10 +112,12 @@ int demo(const Place& place)
     const bool is_named = !place.run_time_directory.empty();
     if (!is_named) {
         const auto device = fabric_in(tarn::default_run_time_directory);
-        if (tarn::probe(device.router, slate::Seconds(0)).served)
-            throw Failure(ExitOther, "the fabric of this device answers at " + device.router->to_string() +
-                                         ", and commands would go there; use that one, or name a directory "
-                                         "for the demo with --run-dir");
+        for (const auto& endpoint : {device.router, device.relay_stats, device.relay_in, device.relay_out}) {
+            if (look_at_endpoint(endpoint).served)
+                throw Failure(ExitOther, "the fabric of this device answers at " + endpoint->to_string() +
+                                             ", and commands would go there; use that one, or name a "
+                                             "directory for the demo with --run-dir");
+        }
     }
     const auto fabric =
         fabric_in(is_named ? place.run_time_directory : tarn::personal_run_time_directory().string());

@@ -29,6 +29,7 @@
 namespace tarn_command {
 namespace {
 constexpr rlim_t min_descriptors = 1024;
+constexpr const char* device_group = "corvane";
 
 struct Finding {
     bool is_problem;
@@ -112,6 +113,10 @@ public:
         }
         if (S_ISLNK(status.st_mode))
             note(title + " " + shown + " is a link");
+        if (const auto why = distrust(fabric)) {
+            problem(title + ": " + escape(*why), "until then no command and no program uses it");
+            return false;
+        }
         if (stat(fabric.run_time_directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
             problem(title + " " + shown + " is not a directory", "remove it, and make a directory there");
             return false;
@@ -136,8 +141,7 @@ public:
                     "command takes the device's",
                     "end the other one (`tarn demo`), or name it with --run-dir");
         else if (!device && !own)
-            problem("no router answers, neither of the device nor of your own",
-                    "start `tarnd`, or `tarn demo` to try things out");
+            problem("no router answers, neither of the device nor of your own", "start " + fabric_programs());
     }
 
     int show(bool as_json) const
@@ -173,6 +177,8 @@ private:
                            const struct stat& status)
     {
         note(title + ": " + owner_text(status));
+        if (directory == tarn::default_run_time_directory)
+            look_at_group(directory, status);
         if ((status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0)
             problem("anybody may replace the services in " + escape(directory.string()),
                     "take the right to write from others: `chmod o-w " + shell_word(directory) + "`");
@@ -183,8 +189,34 @@ private:
         if (access(directory.c_str(), X_OK | R_OK) != 0)
             problem("you may not look into " + escape(directory.string()),
                     is_member(status.st_gid) ? "let the group in: `chmod g+rx " + shell_word(directory) + "`"
-                                             : "join the group: `adduser " + user_name(geteuid()) + " " +
-                                                   group_name(status.st_gid) + "`, and log in again");
+                                             : join(status.st_gid, "let its owner give it to a group of "
+                                                                   "yours, or name another with --run-dir"));
+    }
+
+    /// The directory of a device is for the members of a group, by default of one made for that.
+    void look_at_group(const std::filesystem::path& directory, const struct stat& status)
+    {
+        const std::string shown = shell_word(directory);
+        if (status.st_gid == 0 && !getgrnam(device_group))
+            problem(std::string("there is no group ") + device_group + ", so only root can use the fabric",
+                    std::string("make it: `systemd-sysusers`, or `addgroup --system ") + device_group +
+                        "`; then `chgrp " + device_group + " " + shown + "`, and start `tarnd` again");
+        else if (status.st_gid == 0)
+            problem(shown + " belongs to the group " + group_name(0) + ", so only root can use the fabric",
+                    std::string("give it to its group: `chgrp ") + device_group + " " + shown +
+                        "`, and start `tarnd` again");
+        else if ((status.st_mode & S_IRWXG) != S_IRWXG)
+            problem(shown + " isn't open to its group, so only root can start services there",
+                    "give it its mode: `chmod 3775 " + shown + "`");
+    }
+
+    /// How this user joins a group; of root's own group nobody else should be a member.
+    static std::string join(gid_t group, const std::string& otherwise)
+    {
+        if (group == 0)
+            return otherwise;
+        return "join the group: `adduser " + user_name(geteuid()) + " " + group_name(group) +
+               "`, and log in again";
     }
 
     bool look_at_sockets(const tarn::Fabric& fabric)
@@ -209,7 +241,12 @@ private:
         }
         look_at_socket("relay, input", fabric.relay_in, false);
         look_at_socket("relay, output", fabric.relay_out, false);
-        return tarn::probe(fabric.router, slate::Seconds(0)).served;
+        return look_at_endpoint(fabric.router).served || look_at_endpoint(fabric.relay_out).served;
+    }
+
+    static std::string remove_directory(const std::filesystem::path& socket)
+    {
+        return "rmdir " + shell_word(socket.parent_path());
     }
 
     void look_at_socket(const std::string& name, const tarn::Endpoint& endpoint, bool has_index)
@@ -224,23 +261,22 @@ private:
         if (found.error == "no such file") {
             if (has_index)
                 problem(title + ": a directory without a socket, so requests to it get 408",
-                        "start the service, or remove the directory: `rmdir " +
-                            shell_word(std::filesystem::path(path).parent_path()) + "`");
+                        "start the service, or remove the directory: `" + remove_directory(path) + "`");
             return;
         }
         if (found.error == "nobody listens") {
             problem(title + ": a socket that nobody listens at, as its process has ended",
-                    "start the service again, or remove the socket: `rm " + shell_word(path) + "`");
+                    has_index ? "start the service again, or remove what it has left: `rm " +
+                                    shell_word(path) + " && " + remove_directory(path) + "`"
+                              : "start `tarnd` again, which removes it");
             return;
         }
         if (found.error == "permission denied") {
             std::string text = title + ": you may not connect";
             if (is_there)
                 text += "; it is " + owner_text(status);
-            problem(text, is_there && !is_member(status.st_gid)
-                              ? "join the group: `adduser " + user_name(geteuid()) + " " +
-                                    group_name(status.st_gid) + "`, and log in again"
-                              : "let its service serve with another mode or group");
+            const std::string otherwise = "let its service serve with another mode or group";
+            problem(text, is_there && !is_member(status.st_gid) ? join(status.st_gid, otherwise) : otherwise);
             return;
         }
         if (!found.served) {

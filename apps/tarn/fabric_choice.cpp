@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fabric_choice.h"
 
+#include <cerrno>
+#include <chrono>
 #include <functional>
+#include <system_error>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 #include <slate/duration.h>
@@ -10,7 +14,7 @@
 #include <sys/un.h>
 #include <tarn/check_endpoint.h>
 #include <tarn/exception.h>
-#include <tarn/probe.h>
+#include <unistd.h>
 
 #include "command.h"
 #include "options.h"
@@ -86,12 +90,44 @@ std::string advice(const std::string& error)
     return "check the endpoint";
 }
 
-void require_served(const tarn::Endpoint& endpoint, const std::string& name)
+tarn::Probe look_at_endpoint(const tarn::Endpoint& endpoint)
 {
-    const auto found = tarn::probe(endpoint, slate::Seconds(0));
-    if (!found.served)
+    return tarn::probe(endpoint, endpoint->scheme() == "tcp" ? slate::Seconds(1) : slate::Seconds(0));
+}
+
+bool is_unreachable(const tarn::Probe& found)
+{
+    return !found.served && found.error != std::generic_category().message(ETIMEDOUT);
+}
+
+void require_served(const tarn::Endpoint& endpoint, const std::string& name, const slate::Duration& patience,
+                    unsigned int times)
+{
+    auto found = look_at_endpoint(endpoint);
+    for (unsigned int i = 0; i < times && is_unreachable(found); ++i) {
+        const slate::StopWatch watch(true);
+        while (is_unreachable(found) && slate::Microseconds(watch.elapsed()) < patience) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            found = look_at_endpoint(endpoint);
+        }
+    }
+    if (is_unreachable(found))
         throw Failure(ExitUnreachable, name + " can't be reached at " + shown(endpoint) + ": " + found.error +
                                            "; " + advice(found.error));
+}
+
+std::optional<std::string> distrust(const tarn::Fabric& fabric)
+{
+    std::error_code ignored;
+    if (fabric.run_time_directory != tarn::personal_run_time_directory().lexically_normal() ||
+        !std::filesystem::exists(std::filesystem::symlink_status(fabric.run_time_directory, ignored)))
+        return std::nullopt;
+    return tarn::check_personal_directory(fabric.run_time_directory);
+}
+
+std::string fabric_programs()
+{
+    return std::string(geteuid() == 0 ? "`tarnd`" : "`tarnd --make-run-dir`") + " or `tarn demo`";
 }
 
 Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name)
@@ -107,19 +143,25 @@ Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, con
     for (const auto& directory :
          {std::filesystem::path(tarn::default_run_time_directory), tarn::personal_run_time_directory()}) {
         const auto fabric = fabric_in(directory.string());
-        const auto found = tarn::probe(fabric.*role, slate::Seconds(0));
-        if (found.served) {
-            say_verbosely("using " + shown(fabric.*role));
-            return {fabric.*role, fabric};
+        std::string error;
+        if (const auto why = distrust(fabric))
+            error = escape(*why);
+        else {
+            const auto found = look_at_endpoint(fabric.*role);
+            if (found.served) {
+                say_verbosely("using " + shown(fabric.*role));
+                return {fabric.*role, fabric};
+            }
+            error = found.error;
         }
-        may_not = may_not || found.error == "permission denied";
-        looked += (looked.empty() ? "" : ", nor at ") + shown(fabric.*role) + ": " + found.error;
-        say_verbosely("not at " + shown(fabric.*role) + ": " + found.error);
+        may_not = may_not || error == "permission denied";
+        looked += (looked.empty() ? "" : ", nor at ") + shown(fabric.*role) + ": " + error;
+        say_verbosely("not at " + shown(fabric.*role) + ": " + error);
     }
     throw Failure(ExitUnreachable,
                   "no " + name + " can be reached at " + looked + "; " +
                       (may_not ? "look at the modes and groups with `tarn doctor`"
-                               : "start `tarnd` or `tarn demo`, or name one with -e or --run-dir"));
+                               : "start " + fabric_programs() + ", or name one with -e or --run-dir"));
 }
 
 tarn::Fabric choose_fabric(const Place& place)

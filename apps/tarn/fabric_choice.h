@@ -5,7 +5,9 @@
 #include <optional>
 #include <string>
 
+#include <slate/duration.h>
 #include <tarn/fabric/fabric.h>
+#include <tarn/probe.h>
 #include <tarn/types.h>
 
 namespace CLI {
@@ -35,6 +37,13 @@ tarn::Endpoint parse_endpoint(const std::string& text);
 /// The fabric in a directory. Throws Failure for one that no endpoint can name.
 tarn::Fabric fabric_in(const std::string& directory);
 
+/// Why a fabric isn't one to send anything to, though its directory is there: others get at a directory that
+/// is to be the person's own. Nothing if it may be used.
+std::optional<std::string> distrust(const tarn::Fabric& fabric);
+
+/// "`tarnd` or `tarn demo`", as this user has to start them.
+std::string fabric_programs();
+
 /// Where a command goes: what was named, or else the device's fabric or the person's own one, the first at
 /// which somebody listens. `role` is the endpoint of a fabric that the command needs, and `name` its name in
 /// sentences. Throws Failure with ExitUnreachable if nobody listens anywhere.
@@ -43,9 +52,18 @@ Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, con
 /// The fabric itself, by the same choice.
 tarn::Fabric choose_fabric(const Place& place);
 
-/// Throws Failure with ExitUnreachable if nobody listens at the endpoint, or this user may not connect.
-/// Connects, but sends nothing.
-void require_served(const tarn::Endpoint& endpoint, const std::string& name);
+/// Whether somebody listens, and who. A peer across a network gets a second; on this device nothing is waited
+/// for.
+tarn::Probe look_at_endpoint(const tarn::Endpoint& endpoint);
+
+/// Whether a look has shown that no request can arrive: nobody listens, or this user may not connect. A peer
+/// that was silent may be slow.
+bool is_unreachable(const tarn::Probe& found);
+
+/// Throws Failure with ExitUnreachable if the endpoint is_unreachable() and stays so as many times for
+/// `patience`. Connects, but sends nothing.
+void require_served(const tarn::Endpoint& endpoint, const std::string& name,
+                    const slate::Duration& patience = slate::Seconds(0), unsigned int times = 0);
 
 /// What keeps us from an endpoint and what to do about it, by the error of a probe.
 std::string advice(const std::string& error);

@@ -21,19 +21,27 @@ tarn::Fabric find_fabric(const Place& place)
     if (!place.run_time_directory.empty())
         return fabric_in(place.run_time_directory);
     const auto device = fabric_in(tarn::default_run_time_directory);
+    if (look_at_endpoint(device.router).served)
+        return device;
     const auto own = fabric_in(tarn::personal_run_time_directory().string());
-    for (const auto& fabric : {device, own}) {
-        if (tarn::probe(fabric.router, slate::Seconds(0)).served)
-            return fabric;
-    }
-    for (const auto& fabric : {device, own}) {
+    std::vector<tarn::Fabric> candidates = {device};
+    const auto why_not = distrust(own);
+    if (!why_not)
+        candidates.push_back(own);
+    if (!why_not && look_at_endpoint(own.router).served)
+        return own;
+    for (const auto& fabric : candidates) {
         std::error_code ignored;
         if (std::filesystem::is_directory(fabric.run_time_directory, ignored))
             return fabric;
     }
+    if (why_not)
+        throw Failure(ExitUnreachable, "there is no fabric: " + device.run_time_directory.string() +
+                                           " is missing, and " + escape(*why_not));
     throw Failure(ExitUnreachable, "there is no fabric: neither " + device.run_time_directory.string() +
                                        " nor " + escape(own.run_time_directory.string()) +
-                                       " is there; start `tarnd` or `tarn demo`, or name one with --run-dir");
+                                       " is there; start " + fabric_programs() +
+                                       ", or name one with --run-dir");
 }
 
 std::vector<std::string> service_names(const std::filesystem::path& directory)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "failure.h"
 
+#include <slate/strings.h>
 #include <slate/uri.h>
 #include <tarn/probe.h>
 #include <tarn/proto/message.pb.h>
@@ -11,10 +12,14 @@
 
 namespace tarn_command {
 namespace {
-/// What to do about a status, for a request to that path.
-std::string remedy(int status, const std::string& path)
+/// What to do about a status and its text, for a request to that path.
+std::string remedy(int status, const std::string& text, const std::string& path)
 {
     const std::string who = "`tarn who " + path + "`";
+    for (const char* cause : {"no such file", "nobody listens", "permission denied"}) {
+        if (status == 408 && slate::contains(text, cause)) // which no time would mend
+            return advice(cause);
+    }
     switch (status) {
     case 400:
         return who + " shows the route; check the body and the parameters";
@@ -49,7 +54,7 @@ int exit_status_of(const tarn::Reply& reply, const tarn::Endpoint& endpoint)
         return ExitOther;
     const int status = reply.status();
     if (is_silence(reply.local_cause()))
-        return tarn::probe(endpoint, slate::Seconds(0)).served ? ExitTimeout : ExitUnreachable;
+        return is_unreachable(look_at_endpoint(endpoint)) ? ExitUnreachable : ExitTimeout;
     if (reply.is_local())
         return ExitOther;
     if (status >= 200 && status < 400)
@@ -75,9 +80,12 @@ std::string explain(const tarn::Reply& reply, const Target& target, const std::s
         return what + ": the answer from " + where + " isn't a message; check that a service listens there";
     if (is_silence(reply.local_cause())) {
         const auto found = tarn::probe(target.endpoint);
-        if (!found.served)
+        if (is_unreachable(found))
             return what + ": nobody can be reached at " + where + ": " + found.error + "; " +
                    advice(found.error);
+        if (!found.served)
+            return what + ": 408, nothing answers at " + where +
+                   "; check the address and the network, or allow more time with -t";
         return what + ": 408, somebody listens at " + where +
                (found.pid ? " (" + escape(tarn::describe_server(found)) + ")" : "") +
                " but doesn't answer in time; allow more time with -t, or look at that process";
@@ -87,6 +95,7 @@ std::string explain(const tarn::Reply& reply, const Target& target, const std::s
         text += ", " + escape(reply.status_message());
     if (reply.is_local() || (reply.status() == tarn::Status::NotFound && !reply.status_message().empty()))
         return text; // which says it already
-    return text + "; " + remedy(reply.status(), escape(path.substr(0, path.find('?'))));
+    return text + "; " +
+           remedy(reply.status(), reply.status_message(), escape(path.substr(0, path.find('?'))));
 }
 } // namespace tarn_command

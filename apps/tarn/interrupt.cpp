@@ -6,12 +6,18 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
+#include <future>
 #include <system_error>
+#include <thread>
+#include <utility>
 
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+
+#include "output/body.h"
 
 namespace tarn_command {
 Interrupt::Interrupt()
@@ -20,6 +26,9 @@ Interrupt::Interrupt()
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) // as nohup has it
+        sigaddset(&set, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signals_ = signalfd(-1, &set, SFD_CLOEXEC);
     event_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -68,5 +77,28 @@ void Interrupt::notify()
 {
     const std::uint64_t one = 1;
     (void)!write(event_, &one, sizeof one);
+}
+
+bool Interrupt::run(const std::function<void()>& work)
+{
+    std::packaged_task<void()> task(work);
+    auto result = task.get_future();
+    std::thread thread([this, task = std::move(task)]() mutable {
+        task();
+        notify();
+    });
+    if (wait() == Cause::Notified) {
+        thread.join();
+        result.get(); // throws what the work has thrown
+        return true;
+    }
+    thread.detach();
+    return false;
+}
+
+void Interrupt::leave(int exit_status)
+{
+    flush_out();
+    std::_Exit(exit_status);
 }
 } // namespace tarn_command

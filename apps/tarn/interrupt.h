@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <optional>
 
 #include <slate/duration.h>
 
 namespace tarn_command {
-/// Lets a command run until it is interrupted. Make it before any thread: SIGINT and SIGTERM are blocked from
-/// then on, and end a wait.
+/// Lets a command run until it is interrupted. Make it before any thread: SIGINT, SIGTERM and SIGHUP are
+/// blocked from then on, and end a wait.
 class Interrupt {
 public:
     enum class Cause { Signal, Time, OutputClosed, Notified };
@@ -22,6 +23,13 @@ public:
 
     /// Ends the wait, now or when it begins. Any thread.
     void notify();
+
+    /// Runs `work`, which may block, in a thread of its own, and throws what it throws. False if something
+    /// else ended the wait: the thread then goes on, so that the process has to leave().
+    [[nodiscard]] bool run(const std::function<void()>& work);
+
+    /// Ends the process without a wait for its threads.
+    [[noreturn]] static void leave(int exit_status);
 
 private:
     int signals_ = -1;

@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 #include <tarn/client.h>
 #include <tarn/proto/message.pb.h>
 #include <tarn/zmq_subsystem.h>
@@ -16,6 +17,7 @@
 #include "interrupt.h"
 #include "options.h"
 #include "output/body.h"
+#include "output/json.h"
 #include "output/terminal.h"
 
 namespace tarn_command {
@@ -26,6 +28,14 @@ struct PingOptions {
     std::string path;
     unsigned long count = 4;
     std::string interval = "1s";
+    bool as_json = false;
+};
+
+/// What the requests have shown so far.
+struct Tally {
+    unsigned long sent = 0;
+    std::vector<double> times; ///< of those that were answered, in milliseconds
+    nlohmann::ordered_json replies = nlohmann::ordered_json::array();
 };
 
 std::string milliseconds(double value)
@@ -35,16 +45,47 @@ std::string milliseconds(double value)
     return text;
 }
 
-void show_summary(unsigned long sent, const std::vector<double>& times)
+void show_summary(const PingOptions& options, const std::string& path, const Tally& tally)
 {
-    std::string text = std::to_string(sent) + " sent, " + std::to_string(times.size()) + " answered";
+    const auto& times = tally.times;
+    nlohmann::ordered_json object = {{"path", path}, {"sent", tally.sent}, {"answered", times.size()}};
+    std::string text = std::to_string(tally.sent) + " sent, " + std::to_string(times.size()) + " answered";
     if (!times.empty()) {
         const auto [least, most] = std::minmax_element(times.begin(), times.end());
-        const double sum = std::accumulate(times.begin(), times.end(), 0.0);
-        text += "; least " + milliseconds(*least) + ", mean " +
-                milliseconds(sum / static_cast<double>(times.size())) + ", most " + milliseconds(*most);
+        const double mean =
+            std::accumulate(times.begin(), times.end(), 0.0) / static_cast<double>(times.size());
+        text += "; least " + milliseconds(*least) + ", mean " + milliseconds(mean) + ", most " +
+                milliseconds(*most);
+        object["least_ms"] = *least;
+        object["mean_ms"] = mean;
+        object["most_ms"] = *most;
     }
-    write_out(text + "\n");
+    object["replies"] = tally.replies;
+    write_out((options.as_json ? to_line(object) : text) + "\n");
+}
+
+/// Whether somebody has answered, with any status; the line for that.
+bool take_reply(const PingOptions& options, Tally& tally, const tarn::Reply& reply, double time)
+{
+    const int status = reply.message ? static_cast<int>(reply.status()) : 0;
+    const bool is_answer = reply.message && !reply.is_local() && status != 408;
+    const int pid = is_answer ? reply.head().from().pid() : 0;
+    nlohmann::ordered_json object = {{"answered", is_answer}, {"ms", time}};
+    std::string text = paint("no answer", Colour::Red);
+    if (is_answer) {
+        tally.times.push_back(time);
+        object["status"] = status;
+        text = status_text(reply);
+    }
+    if (pid != 0) {
+        object["pid"] = pid;
+        text += " from process " + std::to_string(pid);
+    }
+    tally.replies.push_back(object);
+    if (!options.as_json)
+        write_out(text + "  " + milliseconds(time) + "\n");
+    flush_out();
+    return is_answer;
 }
 
 int ping(const PingOptions& options)
@@ -60,32 +101,28 @@ int ping(const PingOptions& options)
     Interrupt interrupt;
     tarn::ZmqSubsystem subsystem;
     const auto client = tarn::make_client(target.endpoint, 0);
-    std::vector<double> times;
+    Tally tally;
     std::shared_ptr<tarn::Reply> last;
-    unsigned long sent = 0;
-    while (sent < options.count) {
-        if (sent > 0 && interrupt.wait(interval) != Interrupt::Cause::Time)
+    while (tally.sent < options.count) {
+        if (tally.sent > 0 && interrupt.wait(interval) != Interrupt::Cause::Time)
             break;
-        ++sent;
-        const slate::StopWatch watch(true);
-        const auto reply = client->head(path, nullptr, timeout);
-        const double time = static_cast<double>(watch.elapsed()) / 1000;
-        const int status = reply->message ? static_cast<int>(reply->status()) : 0;
-        const bool is_answer = reply->message && !reply->is_local() && status != 408;
-        if (is_answer) {
-            times.push_back(time);
-            const int pid = reply->head().from().pid();
-            write_out(status_text(*reply) + (pid != 0 ? " from process " + std::to_string(pid) : "") + "  " +
-                      milliseconds(time) + "\n");
+        double time = 0;
+        std::shared_ptr<tarn::Reply> reply;
+        const bool is_over = interrupt.run([&] {
+            const slate::StopWatch watch(true);
+            reply = client->head(path, nullptr, timeout);
+            time = static_cast<double>(watch.elapsed()) / 1000;
+        });
+        ++tally.sent;
+        if (!is_over) { // that nobody waits for the last one isn't anybody's fault
+            show_summary(options, path, tally);
+            Interrupt::leave(tally.times.size() + 1 == tally.sent ? ExitGood : ExitTimeout);
         }
-        else
-            write_out(paint("no answer", Colour::Red) + "  " + milliseconds(time) + "\n");
-        flush_out();
-        if (!is_answer || !last)
+        if (!take_reply(options, tally, *reply, time) || !last)
             last = reply;
     }
-    show_summary(sent, times);
-    if (times.size() == sent)
+    show_summary(options, path, tally);
+    if (tally.times.size() == tally.sent)
         return ExitGood; // any status is an answer
     throw Failure(std::max<int>(ExitOther, exit_status_of(*last, target.endpoint)),
                   explain(*last, target, path));
@@ -110,6 +147,7 @@ Command ping_command()
                     ->check(whole_number());
                 app.add_option("--interval", options->interval, "the pause between two requests (1s)")
                     ->type_name("TIME");
+                app.add_flag("--json", options->as_json, "as one JSON object, at the end");
                 return [=] { return ping(*options); };
             }};
 }

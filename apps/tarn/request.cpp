@@ -261,9 +261,7 @@ public:
 
     int run()
     {
-        // With -r the caller waits for a service that may be about to start.
-        if (options_.retries == 0)
-            require_served(target_.endpoint, "the endpoint");
+        require_served(target_.endpoint, "the endpoint", timeout_, options_.retries);
         tarn::ZmqSubsystem subsystem;
         const slate::StopWatch watch(true);
         const auto reply = exchange(tarn::make_client(target_.endpoint, options_.retries));
@@ -425,7 +423,7 @@ std::function<int()> add_request(CLI::App& app, const std::string& verb)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     options->timeout = add_timeout(app);
     app.add_option("-r,--retries", options->retries,
-                   "how many more times to wait for the answer; also waits for a service to start")
+                   "how many more times to wait, for the endpoint to be served and for the answer")
         ->type_name("N")
         ->check(whole_number());
     app.add_option(

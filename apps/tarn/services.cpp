@@ -129,6 +129,9 @@ int show_index(const IndexOptions& options)
     auto array = nlohmann::ordered_json::array();
     std::vector<std::vector<Cell>> rows;
     for (const Service& service : services) {
+        if (!service.problem.empty())
+            (void)std::fprintf(stderr, "tarn index: without %s: %s\n", escape(service.name).c_str(),
+                               escape(service.problem).c_str());
         const std::string prefix = service.name.empty() ? "" : "/" + service.name;
         for (auto& route : routes_json(service.routes, prefix)) {
             rows.push_back({{slate::join(route["methods"].get<std::vector<std::string>>(), ",")},

@@ -108,23 +108,57 @@ void find_route(Way& way, const Service& service)
                               : "; the nearest is '" + escape(near) + "'"));
 }
 
+/// Asks the service for its routes, and looks for one that takes the path.
+void ask_service(Way& way, const slate::Duration& timeout)
+{
+    const auto service = services::look_at(way.service, way.endpoint, timeout);
+    way.pid = service.pid;
+    way.process_name = service.process_name;
+    if (service.problem.empty())
+        find_route(way, service);
+    else if (service.pid)
+        end_way(way, ExitTimeout,
+                "at the service: " + escape(service.problem) + "; look at process " +
+                    std::to_string(*service.pid));
+    else
+        end_way(way, ExitTimeout,
+                "before the service with 408: " + escape(service.problem) + "; " + advice(service.problem));
+}
+
 /// By the rule of the router: the first segment is a directory's name, and a number behind it another one.
+/// What has no directory is the router's own.
 Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::Duration& timeout)
 {
     Way way;
     way.path = path;
+    if (const auto found = look_at_endpoint(fabric.router); is_unreachable(found)) {
+        way.endpoint = fabric.router;
+        way.service = "router";
+        end_way(way, ExitUnreachable,
+                "before the router: " + found.error + "; " + advice(found.error) +
+                    ", or ask a service itself with -e");
+        return way;
+    }
     const auto bare = path.substr(0, path.find_first_of("@?"));
     auto segments = slate::split<std::vector<std::string>>(bare, "/", false, true);
     const auto directory = fabric.run_time_directory;
     std::error_code ignored;
     if (segments.empty() || segments.front() == "." || segments.front() == ".." ||
         !std::filesystem::exists(directory / segments.front(), ignored)) {
+        way.service = "router";
+        way.endpoint = fabric.router;
+        way.inner_path = bare;
+        ask_service(way, timeout);
+        if (!way.pattern.empty() || way.exit_status != ExitClientError)
+            return way;
         const std::string name = segments.empty() ? "" : segments.front();
         const std::string near = find_nearest(name, service_names(directory));
         end_way(
             way, ExitClientError,
-            "at the router with 404, unless it is a route of its own: there is no service '" + escape(name) +
-                "' in " + escape(directory.string()) +
+            "at the router with 404: " +
+                (name.empty()
+                     ? "the path names no service"
+                     : "there is no service '" + escape(name) + "' in " + escape(directory.string())) +
                 (near.empty() ? "; `tarn services` lists them" : "; the nearest is '" + escape(near) + "'"));
         return way;
     }
@@ -137,17 +171,7 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
     way.inner_path = "/" + slate::join(segments, "/");
     way.endpoint = tarn::service_endpoint(fabric, way.service);
 
-    const auto service = services::look_at(way.service, way.endpoint, timeout);
-    way.pid = service.pid;
-    way.process_name = service.process_name;
-    if (service.problem.empty())
-        find_route(way, service);
-    else if (service.pid)
-        end_way(way, ExitTimeout,
-                "at the service: " + service.problem + "; look at process " + std::to_string(*service.pid));
-    else
-        end_way(way, ExitUnreachable,
-                "before the service with 408: " + escape(service.problem) + "; " + advice(service.problem));
+    ask_service(way, timeout);
     return way;
 }
 

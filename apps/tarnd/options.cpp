@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
+#include <set>
 #include <stdexcept>
 
 #include <unistd.h>
@@ -111,8 +112,6 @@ void finish(Options& options, const std::string& directory, const std::string& m
         throw CLI::ValidationError("--no-router and --no-relay together leave nothing to serve; drop one");
     if (!options.has_router && !endpoints.empty())
         throw CLI::ValidationError("--endpoint is for the router; drop it or --no-router");
-    for (const std::string& endpoint : endpoints)
-        options.endpoints.push_back(slate::make_uri(endpoint));
     if (!mode.empty())
         options.mode = static_cast<mode_t>(std::stoul(mode, nullptr, 8));
 
@@ -127,6 +126,19 @@ void finish(Options& options, const std::string& directory, const std::string& m
         throw CLI::ValidationError("\"" + options.run_time_directory.string() +
                                    "\" is too long: a socket's path has 107 bytes at most; choose a shorter "
                                    "directory");
+
+    std::set<std::string> taken;
+    for (const char* socket : {"router/zmq.sock", "relay/zmq.sock", "relay/in.sock", "relay/out.sock"})
+        taken.insert("ipc://" + (options.run_time_directory / socket).string());
+    for (const std::string& text : endpoints) {
+        const auto endpoint = slate::make_uri(text);
+        if (!taken
+                 .insert(endpoint->scheme() + "://" +
+                         std::filesystem::path(endpoint->address()).lexically_normal().string())
+                 .second)
+            throw CLI::ValidationError("\"" + text + "\" is served anyway; drop this --endpoint");
+        options.endpoints.push_back(endpoint);
+    }
 }
 } // namespace
 
@@ -140,7 +152,11 @@ std::optional<Options> read_options(int argc, char** argv, int& status)
     CLI::App app("", "tarnd");
     app.set_help_flag("-h,--help", "Print this help");
     app.set_version_flag("--version", std::string("tarnd ") + TARN_VERSION, "Print the version");
-    app.add_option("--run-dir", directory, "The directory of the services' sockets")->type_name("DIRECTORY");
+    app.add_option("--run-dir", directory, "The directory of the services' sockets")
+        ->type_name("DIRECTORY")
+        ->check([](const std::string& text) { // more likely a script's unset variable than the default
+            return text.empty() ? std::string("it is empty; name one such as /run/tide") : std::string();
+        });
     app.add_flag("--make-run-dir", options.makes_directory, "Make that directory if it is missing");
     app.add_option("-e,--endpoint", endpoints, "Where the router answers too; may be repeated")
         ->type_name("ENDPOINT")

@@ -40,8 +40,23 @@ class Looks(CommandTest):
         self.assertIn("no route takes '/uptim'; the nearest is '/uptime'", self.here("who", "/status/uptim").out)
         (self.run_dir / "gone").mkdir(exist_ok=True)
         gone = self.here("who", "/gone/x")
-        self.assertEqual(gone.status, 6)
+        self.assertEqual((gone.status, self.here("get", "-t", "200ms", "/gone/x").status), (7, 7))
         self.assertIn("before the service with 408: no such file", gone.out)
+
+    def test_who_knows_the_routes_of_the_router_itself(self):
+        for path in ("/services", "/index"):
+            found = self.here("who", path)
+            self.assert_good(found)
+            self.assertIn("service   router\n", found.out)
+            self.assertIn(f'route     "{path}"', found.out)
+            self.assert_good(self.here("get", path), self.here("get", path).out)
+        self.assert_fails_with_way(self.here("who", "/"), "at the router with 404: the path names no service")
+        nobody = self.tarn("who", "--run-dir", self.work, "/a")
+        self.assert_fails_with_way(nobody, "before the router: no such file", 6)
+
+    def assert_fails_with_way(self, result, end, status=4):
+        self.assertEqual((result.status, result.err), (status, ""))
+        self.assertIn(f"ends      {end}", result.out)
 
     def test_call_prints_what_a_function_returns(self):
         self.assertEqual(self.tarn("call", "{run}/calls/zmq.sock", "200").out,
@@ -90,7 +105,7 @@ class Looks(CommandTest):
         result = self.here("doctor")
         self.assertEqual(result.status, 1)
         self.assertIn("a socket that nobody listens at", result.out)
-        self.assertIn(f"`rm {stale}/zmq.sock`", result.out)
+        self.assertIn(f"`rm {stale}/zmq.sock && rmdir {stale}`", result.out)
         self.assertIn(f"`chmod o-w {self.run_dir}`", result.out)
         trap = self.run_dir / "a;b'c"
         trap.mkdir()
@@ -148,6 +163,43 @@ class Looks(CommandTest):
     def test_version_names_what_it_stands_on(self):
         self.assertRegex(self.tarn("version").out, r"^tarn \d+\.\d+\.\d+, with ZeroMQ 4\.\S+ and protobuf ")
         self.assertIn("tarn", json.loads(self.tarn("version", "--json").out))
+
+
+class Measurements(CommandTest):
+    def test_ping_has_an_object_for_scripts(self):
+        found = json.loads(self.here("ping", "--json", "-n", "2", "--interval", "1ms", "/status/uptime").out)
+        self.assertEqual((found["sent"], found["answered"]), (2, 2))
+        self.assertEqual([each["status"] for each in found["replies"]], [200, 200])
+        self.assertEqual(found["replies"][0]["pid"], self.fabric.processes["status"].pid)
+        self.assertLessEqual(found["least_ms"], found["most_ms"])
+
+    def test_an_interrupt_ends_a_request_that_waits(self):
+        process = self.fabric.start_service("mute", "status_service")
+        process.send_signal(signal.SIGSTOP)
+        self.addCleanup(process.send_signal, signal.SIGCONT)
+        ping = self.start("ping", "-t", "inf", "-e", "{run}/mute/zmq.sock", "/uptime")
+        bench = self.start("bench", "-t", "inf", "-e", "{run}/mute/zmq.sock", "/uptime")
+        self.assertTrue(wait_until(lambda: all(self.has_threads(each.pid) for each in (ping, bench))))
+        for each in (ping, bench):
+            each.send_signal(signal.SIGINT)
+        self.assertEqual(ping.communicate(timeout=PATIENCE), ("1 sent, 0 answered\n", ""))
+        self.assertEqual(ping.returncode, 0)
+        self.assertEqual(bench.wait(PATIENCE), 1)
+
+    def test_an_interrupt_ends_a_measurement_and_shows_it(self):
+        process = self.fabric.start_service("stalls", "status_service")
+        bench = self.start("bench", "-t", "inf", "-n", "1000000000", "-e", "{run}/stalls/zmq.sock", "/uptime")
+        self.assertTrue(wait_until(lambda: self.has_threads(bench.pid, 4)))
+        process.send_signal(signal.SIGSTOP)
+        self.addCleanup(process.send_signal, signal.SIGCONT)
+        bench.send_signal(signal.SIGTERM)
+        out, _ = bench.communicate(timeout=PATIENCE)
+        self.assertRegex(out, r"^\d+ requests by 1 client in .*, 0 failed\n")
+        self.assertEqual(bench.returncode, 0)
+
+    @staticmethod
+    def has_threads(pid, least=2):
+        return len(os.listdir(f"/proc/{pid}/task")) >= least
 
 
 if __name__ == "__main__":

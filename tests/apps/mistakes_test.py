@@ -33,8 +33,8 @@ MISTAKES = [
     (["get", "/a", "--run-dir", "/" + LONG], 2, "no fabric can be in .* 107 bytes at most; use a shorter directory"),
     (["get", "/a", "-e", "tcp://127.0.0.1:1"], 6, "nobody listens; start its process"),
     (["get", "/a", "-e", "{run}/nobody.sock"], 6, "no such file; start the service"),
-    (["get", "/a"], 6, "no router can be reached at .*, nor at .*; start `tarnd` or `tarn demo`"),
-    (["services"], 6, "there is no fabric: neither .*; start `tarnd` or `tarn demo`"),
+    (["get", "/a"], 6, "no router can be reached at .*, nor at .*; start `tarnd( --make-run-dir)?` or `tarn demo`"),
+    (["services"], 6, "there is no fabric: neither .*; start `tarnd( --make-run-dir)?` or `tarn demo`"),
     (["services", "--run-dir", "{run}/nowhere"], 6, "cannot look into .*; look at it with `tarn doctor`"),
     # Bodies and files
     (["put", "--run-dir", "{run}", "/a", "@/nowhere"], 2, "cannot read the body from '/nowhere': No such file"),

@@ -237,6 +237,12 @@ class Refusals(TarndTest):
                 (r'"/x*" is too long: .*107.*', "--run-dir", "/" + "x" * 200),
                 (r"--no-router and --no-relay together leave nothing to serve; .*", "--no-router", "--no-relay"),
                 (r"--endpoint is for the router; .*", "--no-router", "-e", "tcp://127.0.0.1:5555"),
+                (r'"ipc:///x/../y.sock" is served anyway; drop this --endpoint; .*', "-e", "ipc:///y.sock", "-e",
+                 "ipc:///x/../y.sock"),
+                (r'"tcp://127.0.0.1:5" is served anyway; .*', "-e", "tcp://127.0.0.1:5", "-e", "tcp://127.0.0.1:5"),
+                (r'"ipc:///r/router/zmq.sock" is served anyway; .*', "--run-dir", "/r", "-e",
+                 "ipc:///r/router/zmq.sock"),
+                (r"--run-dir: it is empty; .*", "--run-dir", ""),
                 (r'--high-water-mark: "0" is not a whole number from 1 to 2147483647; .*', "--high-water-mark", "0"),
                 (r'--max-frame-bytes: "x" is not a whole number .*', "--max-frame-bytes", "x"),
                 (r'--max-transfer-bytes: "-1" is not a whole number .*', "--max-transfer-bytes=-1"),
@@ -297,6 +303,15 @@ class Refusals(TarndTest):
                     "--run-dir", self.run_dir, "-e", f"ipc://{self.folder}/none/x.sock")
         self.refuse(1, r'cannot give the sockets to the group "nonesuch": there is no such group; .*', "--run-dir",
                     self.run_dir, "--group", "nonesuch")
+
+    def test_of_a_path_that_holds_something_else(self):
+        kept = os.path.join(self.folder, "kept")
+        with open(kept, "w", encoding="ascii") as file:
+            file.write("data")
+        self.refuse(1, rf"something that is no socket is at ipc://{kept}, and serving there would replace it; .*",
+                    "--run-dir", self.run_dir, "-e", f"ipc://{kept}")
+        with open(kept, encoding="ascii") as file:
+            self.assertEqual(file.read(), "data")
 
     def test_of_a_link_in_place_of_its_own_directory(self):
         os.symlink(self.folder, self.run_dir + "/router")
