@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Does what README.md's tour says, and compares what the commands print with what stands there.
 
-    tour.py README.md      with `tarn` in the path, as any user
+    tour.py README.md [SERVICE]      with `tarn` in the path, as any user
+
+SERVICE is the README's service, which serves beside the demo.
 
 Numbers, times and directories differ from machine to machine, so they match whatever is in their place; words don't.
 `tarn demo` stays up until the end, as in a terminal of its own.
@@ -13,6 +15,7 @@ import pty
 import re
 import select
 import shlex
+import shutil
 import signal
 import subprocess
 import sys
@@ -125,8 +128,23 @@ def check(command, expected):
     print(f"$ {command}: as the README says", flush=True)
 
 
+def check_service(page, program):
+    """The service is found by its name beside the demo, as the README says."""
+    with open(page, encoding="utf-8") as file:
+        command = re.search(r"`(tarn get /hello/\S+)`", file.read())
+    if not command:
+        sys.exit(f"{page} doesn't say how to ask the service by its name")
+    with subprocess.Popen([program], stdin=subprocess.DEVNULL, preexec_fn=end_with_parent) as service:
+        deadline = time.monotonic() + PATIENCE
+        while run_on_terminal(command[1]) != (0, "Hello, world!\n"): # it has just been started
+            if service.poll() is not None or time.monotonic() > deadline:
+                sys.exit(f"$ {command[1]}\n{run_on_terminal(command[1])[1]}")
+        service.terminate()
+    print(f"$ {command[1]}: as the README says", flush=True)
+
+
 def main():
-    if len(sys.argv) != 2:
+    if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
     steps = read_tour(sys.argv[1])
     begin = time.monotonic()
@@ -142,6 +160,9 @@ def main():
             asked += 1
         if not demo or asked < 3:
             sys.exit("the tour has no `tarn demo`, or fewer than three commands besides")
+        if len(sys.argv) == 3:
+            check_service(*sys.argv[1:])
+            shutil.rmtree(os.path.join(directory, "tarn/hello"))
         end_demo(demo)
         if os.listdir(directory):
             sys.exit(f"the demo has left {os.listdir(directory)}")
