@@ -10,7 +10,7 @@
 namespace tarn_command {
 namespace {
 constexpr std::size_t gap = 2;
-constexpr std::size_t min_last_column = 8;
+constexpr std::size_t indent = 2;
 } // namespace
 
 void write_table(const std::vector<std::string>& headings, const std::vector<std::vector<Cell>>& rows)
@@ -25,20 +25,17 @@ void write_table(const std::vector<std::string>& headings, const std::vector<std
     std::size_t before_last = 0;
     for (std::size_t i = 0; i + 1 < widths.size(); ++i)
         before_last += widths[i] + gap;
-    std::size_t last = std::string().max_size();
-    if (is_terminal(STDOUT_FILENO))
-        last = std::max(min_last_column,
-                        terminal_width(STDOUT_FILENO) - std::min(before_last, terminal_width(STDOUT_FILENO)));
+    const std::size_t width =
+        is_terminal(STDOUT_FILENO) ? terminal_width(STDOUT_FILENO) : std::string().max_size();
 
     const auto write_row = [&](const std::vector<Cell>& row) {
         std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const bool is_last = i + 1 == row.size();
-            line += paint(is_last ? fit(row[i].text, last) : row[i].text, row[i].colour);
-            if (!is_last)
-                line += std::string(widths[i] - columns_of(row[i].text) + gap, ' ');
-        }
-        write_out(line + "\n");
+        for (std::size_t i = 0; i + 1 < row.size(); ++i)
+            line += paint(row[i].text, row[i].colour) +
+                    std::string(widths[i] - columns_of(row[i].text) + gap, ' ');
+        if (before_last + columns_of(row.back().text) > width)
+            line += "\n" + std::string(indent, ' ');
+        write_out(line + paint(row.back().text, row.back().colour) + "\n");
     };
     std::vector<Cell> head;
     for (const std::string& heading : headings)

@@ -12,6 +12,6 @@ struct Cell {
     Colour colour = Colour::Plain;
 };
 
-/// Writes rows under headings. On a terminal the last column is cut to its width; into a pipe nothing is.
+/// Writes rows under headings. On a terminal what has no room in the last column goes to a line of its own.
 void write_table(const std::vector<std::string>& headings, const std::vector<std::vector<Cell>>& rows);
 } // namespace tarn_command
