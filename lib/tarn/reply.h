@@ -35,8 +35,7 @@ enum class LocalCause : int {
     /// ZeroMQ refused the socket, or to send on it.
     SocketFailed = 6,
     /// Nobody serves the endpoint, or no service has the name in the path. Over ipc and tcp a client looks
-    /// after it
-    /// has waited in vain.
+    /// after it has waited in vain.
     NoSuchEndpoint = 7,
     /// The caller may not connect to the endpoint.
     NotAllowed = 8,
