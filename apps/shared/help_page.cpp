@@ -127,8 +127,8 @@ std::string to_manual(const Page& page)
 {
     std::string name = page.name;
     std::replace(name.begin(), name.end(), ' ', '-');
-    std::string text =
-        ".TH " + slate::to_upper(name) + " " + page.section + " \"\" \"tarn " TARN_VERSION "\" \"tarn\"\n";
+    std::string text = ".TH " + slate::to_upper(name) + " " + page.section +
+                       " \"" TARN_DATE "\" \"tarn " TARN_VERSION "\" \"tarn\"\n";
     text += ".SH NAME\n" + roff(name) + " \\- " + roff(page.summary) + "\n";
     text += ".SH SYNOPSIS\n\\fB" + roff(page.synopsis) + "\\fR\n";
     text += ".SH DESCRIPTION\n" + roff(page.description) + "\n";

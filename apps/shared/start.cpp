@@ -4,8 +4,10 @@
 #include <stdexcept>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <tarn/tarn.h>
 
@@ -17,7 +19,28 @@ bool is_free_path(const tarn::Endpoint& endpoint)
     return endpoint->scheme() != "ipc" || endpoint->address().starts_with('@') || // which is no file
            lstat(endpoint->address().c_str(), &status) != 0 || S_ISSOCK(status.st_mode);
 }
+
+/// Whether the process was started without that stream. A library may have taken its number already, for what
+/// it closes on exec; nothing inherited does that.
+bool is_closed(int descriptor)
+{
+    const int flags = fcntl(descriptor, F_GETFD);
+    return flags < 0 || (static_cast<unsigned int>(flags) & FD_CLOEXEC) != 0;
+}
 } // namespace
+
+void occupy_standard_streams()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (!is_closed(descriptor))
+            continue;
+        const int placeholder = open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        if (placeholder < 0 || placeholder == descriptor)
+            continue;
+        (void)dup2(placeholder, descriptor);
+        (void)close(placeholder);
+    }
+}
 
 void raise_descriptor_limit()
 {

@@ -5,8 +5,12 @@
 
 #include <tarn/types.h>
 
-/// What the programs that serve have in common at their start.
+/// What programs have in common at their start.
 namespace start {
+/// Lets no socket or file get the number of a standard stream that is closed. What is put there can't be
+/// used in its stream's direction, so that whoever tries notices.
+void occupy_standard_streams();
+
 /// Raises the limit of file descriptors as far as the system allows: each connection takes one.
 void raise_descriptor_limit();
 

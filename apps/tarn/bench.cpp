@@ -12,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <slate/uri.h>
 #include <tarn/client.h>
 #include <tarn/zmq_subsystem.h>
 #include <unistd.h>
@@ -40,11 +41,14 @@ struct BenchOptions {
 
 class Bench {
 public:
-    Bench(const BenchOptions& options, std::string path, const slate::Duration& timeout, Target target)
+    /// `object` gets what is found.
+    Bench(const BenchOptions& options, std::string path, const slate::Duration& timeout, Target target,
+          nlohmann::ordered_json& object)
         : options_(options),
           path_(std::move(path)),
           timeout_(timeout),
-          target_(std::move(target))
+          target_(std::move(target)),
+          object_(object)
     {
     }
 
@@ -123,15 +127,16 @@ private:
     {
         int status = ExitOther;
         try {
-            status = show();
+            status = print_object(options_.as_json, object_, [this] { return show(); });
         }
         catch (const Failure& failure) {
             (void)std::fprintf(stderr, "tarn bench: %s\n", failure.what());
+            status = failure.exit_status;
         }
         Interrupt::leave(status);
     }
 
-    /// Shows what there is by now. The exit status.
+    /// Shows what there is by now. Throws Failure if a request has failed.
     int show()
     {
         for (const auto& tally : tallies_) {
@@ -140,13 +145,11 @@ private:
         }
         std::sort(times_.begin(), times_.end());
         const std::lock_guard lock(mutex_);
-        options_.as_json ? show_json() : show_text();
-        if (failed_ == 0)
-            return ExitGood;
-        flush_out();
-        (void)std::fprintf(stderr, "tarn bench: %zu requests failed, the first one: %s\n", failed_,
-                           failure_.c_str());
-        return failure_status_;
+        options_.as_json ? fill_object() : show_text();
+        if (failed_ > 0)
+            throw Failure(failure_status_,
+                          std::to_string(failed_) + " requests failed, the first one: " + failure_);
+        return ExitGood;
     }
 
     void note_failure(const tarn::Reply& reply)
@@ -179,22 +182,20 @@ private:
         return counts;
     }
 
-    void show_json() const
+    void fill_object()
     {
-        nlohmann::ordered_json object = {{"path", path_},
-                                         {"clients", options_.clients},
-                                         {"requests", times_.size()},
-                                         {"failed", failed_},
-                                         {"seconds", seconds_},
-                                         {"per_second", rate()},
-                                         {"median_us", quantile(0.5)},
-                                         {"p90_us", quantile(0.9)},
-                                         {"p99_us", quantile(0.99)},
-                                         {"max_us", quantile(1)},
-                                         {"histogram", nlohmann::ordered_json::array()}};
+        object_["clients"] = options_.clients;
+        object_["requests"] = times_.size();
+        object_["failed"] = failed_;
+        object_["seconds"] = seconds_;
+        object_["per_second"] = rate();
+        object_["median_us"] = quantile(0.5);
+        object_["p90_us"] = quantile(0.9);
+        object_["p99_us"] = quantile(0.99);
+        object_["max_us"] = quantile(1);
+        object_["histogram"] = nlohmann::ordered_json::array();
         for (const auto& [power, count] : histogram())
-            object["histogram"].push_back({{"from_us", 1UL << power}, {"count", count}});
-        write_out(to_line(object) + "\n");
+            object_["histogram"].push_back({{"from_us", 1UL << power}, {"count", count}});
     }
 
     static std::string time_text(double microseconds)
@@ -243,6 +244,7 @@ private:
     std::atomic<unsigned long> begun_{0};
     std::atomic<unsigned int> running_{0};
     std::atomic<bool> is_over_{false};
+    nlohmann::ordered_json& object_;
     std::vector<std::unique_ptr<Tally>> tallies_; // one for each client
     std::shared_ptr<tarn::Reply> first_;
     std::vector<double> times_;
@@ -262,9 +264,13 @@ int bench(const BenchOptions& options)
                                      ", and not " + std::to_string(options.clients));
     if (options.count == 0)
         throw Failure(ExitUsage, "-n takes a number of requests from 1, and not 0");
-    const auto target = choose_target(*options.place, &tarn::Fabric::router, "router");
-    require_served(target.endpoint, "the endpoint");
-    return Bench(options, path, timeout, target).run();
+    nlohmann::ordered_json object = {{"path", path}, {"endpoint", nullptr}};
+    return print_object(options.as_json, object, [&] {
+        const auto target = choose_target(*options.place, &tarn::Fabric::router, "router");
+        object["endpoint"] = target.endpoint->to_string();
+        require_served(target.endpoint, "the endpoint");
+        return Bench(options, path, timeout, target, object).run();
+    });
 }
 } // namespace
 
@@ -288,7 +294,7 @@ Command bench_command()
                     ->check(whole_number());
                 options->place = add_place(app, request_endpoint);
                 options->timeout = add_timeout(app);
-                app.add_flag("--json", options->as_json, "as one JSON object");
+                app.add_flag("--json", options->as_json, "as one JSON object, also after a failure");
                 return [=] { return bench(*options); };
             }};
 }

@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // A remote call by number.
 
+#include <optional>
+#include <string>
+#include <vector>
+
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 #include <slate/encoding.h>
 #include <slate/strings.h>
+#include <slate/uri.h>
 #include <tarn/client.h>
 #include <tarn/proto/message.pb.h>
 #include <tarn/zmq_subsystem.h>
@@ -19,14 +24,10 @@
 
 namespace tarn_command {
 namespace {
-int call(const std::string& endpoint_text, const std::string& number_text, const slate::Duration& timeout,
-         bool as_json)
+/// What the server has returned. Throws Failure if it is an error.
+std::vector<google::protobuf::Any> fetch_values(const Target& target, unsigned int number,
+                                                const slate::Duration& timeout)
 {
-    unsigned int number = 0;
-    if (!slate::try_parse(number_text, &number))
-        throw Failure(ExitUsage,
-                      "'" + escape(number_text) + "' is not the number of a call; write one such as 200");
-    const Target target = {parse_endpoint(endpoint_text), std::nullopt};
     require_served(target.endpoint, "the server");
     tarn::ZmqSubsystem subsystem;
     const auto message = std::make_shared<tarn::Message>();
@@ -45,18 +46,32 @@ int call(const std::string& endpoint_text, const std::string& number_text, const
                                             escape(reply->status_message()) +
                                             "; ask the service which numbers it takes");
     }
-    if (as_json) {
-        nlohmann::ordered_json object = {{"number", number}, {"values", nlohmann::ordered_json::array()}};
-        for (const auto& value : reply->message->call().result().value())
+    const auto& values = reply->message->call().result().value();
+    return {values.begin(), values.end()};
+}
+
+int call(const std::string& endpoint_text, const std::string& number_text, const slate::Duration& timeout,
+         bool as_json)
+{
+    unsigned int number = 0;
+    if (!slate::try_parse(number_text, &number))
+        throw Failure(ExitUsage,
+                      "'" + brief(number_text) + "' is not the number of a call; write one such as 200");
+    const Target target = {parse_endpoint(endpoint_text), std::nullopt};
+    nlohmann::ordered_json object = {
+        {"number", number}, {"endpoint", target.endpoint->to_string()}, {"exit", nullptr}};
+    return print_object(as_json, object, [&] {
+        const auto values = fetch_values(target, number, timeout);
+        object["values"] = nlohmann::ordered_json::array();
+        for (const auto& value : values) {
             object["values"].push_back({{"type", value.type_url()},
                                         {"text", any_text(value)},
                                         {"base64", slate::encode_base64(value.value())}});
-        write_out(to_line(object) + "\n");
-        return ExitGood;
-    }
-    for (const auto& value : reply->message->call().result().value())
-        write_out(escape(any_text(value)) + "\n");
-    return ExitGood;
+            if (!as_json)
+                write_out(escape(any_text(value)) + "\n");
+        }
+        return static_cast<int>(ExitGood);
+    });
 }
 } // namespace
 
@@ -75,7 +90,7 @@ Command call_command()
                 app.add_option("ENDPOINT", *endpoint, "the server: a URI or a socket's path")->required();
                 app.add_option("NUMBER", *number, "of the function")->required();
                 const auto timeout = add_timeout(app);
-                app.add_flag("--json", *as_json, "as one JSON object");
+                app.add_flag("--json", *as_json, "as one JSON object, also after a failure");
                 return [=] { return call(*endpoint, *number, parse_duration(*timeout, "-t"), *as_json); };
             }};
 }

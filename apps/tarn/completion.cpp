@@ -21,7 +21,7 @@ Command completion_command()
                 return [=] {
                     const std::string script = completion_script(*shell);
                     if (script.empty())
-                        throw Failure(ExitUsage, "there is no completion for '" + escape(*shell) +
+                        throw Failure(ExitUsage, "there is no completion for '" + brief(*shell) +
                                                      "'; there is one for bash and one for zsh");
                     write_out(script);
                     return static_cast<int>(ExitGood);

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <system_error>
 #include <thread>
 
@@ -23,14 +22,6 @@
 namespace tarn_command {
 namespace {
 constexpr std::size_t max_socket_path = sizeof(sockaddr_un::sun_path) - 1;
-
-/// An empty text is more likely a script's unset variable than a wish for the default.
-std::function<std::string(const std::string&)> not_empty(const std::string& example)
-{
-    return [=](const std::string& text) {
-        return text.empty() ? "it is empty; name one such as " + example : std::string();
-    };
-}
 
 std::string shown(const tarn::Endpoint& endpoint)
 {
@@ -62,7 +53,7 @@ tarn::Endpoint parse_endpoint(const std::string& text)
         throw Failure(ExitUsage, escape(*fault));
     const auto endpoint = slate::make_uri(uri);
     if (endpoint->scheme() != "ipc" && endpoint->scheme() != "tcp")
-        throw Failure(ExitUsage, "no other process can be reached at '" + escape(uri) +
+        throw Failure(ExitUsage, "no other process can be reached at '" + brief(uri) +
                                      "'; write ipc:///run/x.sock or tcp://127.0.0.1:5555");
     return endpoint;
 }
@@ -73,7 +64,7 @@ tarn::Fabric fabric_in(const std::string& directory)
         return tarn::make_fabric(directory);
     }
     catch (const std::exception&) {
-        throw Failure(ExitUsage, "no fabric can be in '" + escape(directory) + "': a socket's path has " +
+        throw Failure(ExitUsage, "no fabric can be in '" + brief(directory) + "': a socket's path has " +
                                      std::to_string(max_socket_path) +
                                      " bytes at most; use a shorter directory");
     }

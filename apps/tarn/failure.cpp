@@ -75,7 +75,7 @@ std::string status_text(const tarn::Reply& reply)
 std::string explain(const tarn::Reply& reply, const Target& target, const std::string& path)
 {
     const std::string where = escape(target.endpoint->to_string());
-    const std::string what = escape(path);
+    const std::string what = brief(path);
     if (!reply.message)
         return what + ": the answer from " + where + " isn't a message; check that a service listens there";
     if (is_silence(reply.local_cause())) {
@@ -96,6 +96,6 @@ std::string explain(const tarn::Reply& reply, const Target& target, const std::s
     if (reply.is_local() || (reply.status() == tarn::Status::NotFound && !reply.status_message().empty()))
         return text; // which says it already
     return text + "; " +
-           remedy(reply.status(), reply.status_message(), escape(path.substr(0, path.find('?'))));
+           remedy(reply.status(), reply.status_message(), brief(path.substr(0, path.find('?'))));
 }
 } // namespace tarn_command

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <slate/uri.h>
 #include <tarn/client.h>
 #include <tarn/proto/message.pb.h>
 #include <tarn/zmq_subsystem.h>
@@ -45,10 +46,11 @@ std::string milliseconds(double value)
     return text;
 }
 
-void show_summary(const PingOptions& options, const std::string& path, const Tally& tally)
+void show_summary(const PingOptions& options, const Tally& tally, nlohmann::ordered_json& object)
 {
     const auto& times = tally.times;
-    nlohmann::ordered_json object = {{"path", path}, {"sent", tally.sent}, {"answered", times.size()}};
+    object["sent"] = tally.sent;
+    object["answered"] = times.size();
     std::string text = std::to_string(tally.sent) + " sent, " + std::to_string(times.size()) + " answered";
     if (!times.empty()) {
         const auto [least, most] = std::minmax_element(times.begin(), times.end());
@@ -61,7 +63,8 @@ void show_summary(const PingOptions& options, const std::string& path, const Tal
         object["most_ms"] = *most;
     }
     object["replies"] = tally.replies;
-    write_out((options.as_json ? to_line(object) : text) + "\n");
+    if (!options.as_json)
+        write_out(text + "\n");
 }
 
 /// Whether somebody has answered, with any status; the line for that.
@@ -88,14 +91,11 @@ bool take_reply(const PingOptions& options, Tally& tally, const tarn::Reply& rep
     return is_answer;
 }
 
-int ping(const PingOptions& options)
+int send_requests(const PingOptions& options, const std::string& path, const slate::Duration& timeout,
+                  const slate::Duration& interval, nlohmann::ordered_json& object)
 {
-    const std::string path = parse_path(options.path);
-    const auto timeout = parse_duration(*options.timeout, "-t");
-    const auto interval = parse_duration(options.interval, "--interval");
-    if (options.count == 0)
-        throw Failure(ExitUsage, "-n takes a number of requests from 1, and not 0");
     const auto target = choose_target(*options.place, &tarn::Fabric::router, "router");
+    object["endpoint"] = target.endpoint->to_string();
     require_served(target.endpoint, "the endpoint");
 
     Interrupt interrupt;
@@ -115,17 +115,30 @@ int ping(const PingOptions& options)
         });
         ++tally.sent;
         if (!is_over) { // that nobody waits for the last one isn't anybody's fault
-            show_summary(options, path, tally);
-            Interrupt::leave(tally.times.size() + 1 == tally.sent ? ExitGood : ExitTimeout);
+            show_summary(options, tally, object);
+            const int status = tally.times.size() + 1 == tally.sent ? ExitGood : ExitTimeout;
+            Interrupt::leave(print_object(options.as_json, object, [=] { return status; }));
         }
         if (!take_reply(options, tally, *reply, time) || !last)
             last = reply;
     }
-    show_summary(options, path, tally);
+    show_summary(options, tally, object);
     if (tally.times.size() == tally.sent)
         return ExitGood; // any status is an answer
     throw Failure(std::max<int>(ExitOther, exit_status_of(*last, target.endpoint)),
                   explain(*last, target, path));
+}
+
+int ping(const PingOptions& options)
+{
+    const std::string path = parse_path(options.path);
+    const auto timeout = parse_duration(*options.timeout, "-t");
+    const auto interval = parse_duration(options.interval, "--interval");
+    if (options.count == 0)
+        throw Failure(ExitUsage, "-n takes a number of requests from 1, and not 0");
+    nlohmann::ordered_json object = {{"path", path}, {"endpoint", nullptr}};
+    return print_object(options.as_json, object,
+                        [&] { return send_requests(options, path, timeout, interval, object); });
 }
 } // namespace
 
@@ -147,7 +160,8 @@ Command ping_command()
                     ->check(whole_number());
                 app.add_option("--interval", options->interval, "the pause between two requests (1s)")
                     ->type_name("TIME");
-                app.add_flag("--json", options->as_json, "as one JSON object, at the end");
+                app.add_flag("--json", options->as_json,
+                             "as one JSON object, at the end, also after a failure");
                 return [=] { return ping(*options); };
             }};
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "program.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -8,7 +9,9 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <slate/log.h>
@@ -20,19 +23,23 @@
 #include "options.h"
 #include "output/body.h"
 #include "output/terminal.h"
+#include "start.h"
 
 namespace tarn_command {
 namespace {
 /// All commands with their options, ready to read arguments.
 class Program {
 public:
-    explicit Program(const std::vector<Command>& commands) : commands_(commands)
+    explicit Program(std::vector<Command> commands) : commands_(std::move(commands))
     {
+        commands_.push_back(help_command());
         app_.name("tarn");
         app_.ignore_case();
+        app_.require_subcommand(0, 1); // a body or a name may be called like another command
         app_.set_help_flag("-h,--help", "this help");
         app_.add_flag("-v,--verbose", verbose_, "say where it goes, and show the library's log");
         app_.add_flag("--no-color", no_colour_, "no colours, as with NO_COLOR in the environment");
+        app_.set_version_flag("--version", std::string(), "what `tarn version` prints");
         for (const Command& command : commands_) {
             CLI::App* sub = app_.add_subcommand(command.name, command.summary);
             sub->fallthrough();
@@ -48,15 +55,15 @@ public:
     {
         if (argc == 1)
             return show_usage();
-        refuse_unknown_command(argv[1]);
+        check_command({argv + 1, argv + argc});
         try {
             app_.parse(argc, argv);
         }
         catch (const CLI::CallForHelp&) {
-            write_out(
-                help_page_of(*current(), command_of(current()), commands_, terminal_width(STDOUT_FILENO)));
-            flush_out();
-            return ExitGood;
+            return show_help(*current());
+        }
+        catch (const CLI::CallForVersion&) {
+            return run_command(*app_.get_subcommand("version"));
         }
         catch (const CLI::ParseError& error) {
             throw Failure(ExitUsage, usage_sentence(error));
@@ -68,9 +75,7 @@ public:
             forbid_colours();
         if (!verbose_)
             slate::set_log_sinks({}); // the sentence on standard error tells what went wrong
-        const int status = runs_.at(current())();
-        flush_out();
-        return status;
+        return run_command(*current());
     }
 
     /// What to put before a sentence, such as "tarn get".
@@ -114,6 +119,33 @@ private:
         return nullptr;
     }
 
+    Command help_command() const
+    {
+        return {"help",
+                "the help of a command, or of the program",
+                "Prints what `tarn COMMAND --help` prints, or, without a command, `tarn --help`.",
+                {{"tarn help get", "how to fetch something"}},
+                [this](CLI::App& app) {
+                    auto word = std::make_shared<std::string>();
+                    app.add_option("COMMAND", *word, "such as get; the whole program if it is missing");
+                    return [this, word] { return show_help(word->empty() ? app_ : find_command(*word)); };
+                }};
+    }
+
+    int run_command(const CLI::App& app) const
+    {
+        const int status = runs_.at(&app)();
+        flush_out();
+        return status;
+    }
+
+    int show_help(const CLI::App& app) const
+    {
+        write_out(help_page_of(app, command_of(&app), commands_, terminal_width(STDOUT_FILENO)));
+        flush_out();
+        return ExitGood;
+    }
+
     int show_usage() const
     {
         const std::string page = help_page_of(app_, nullptr, commands_, terminal_width(STDERR_FILENO));
@@ -121,38 +153,71 @@ private:
         return ExitUsage;
     }
 
-    void refuse_unknown_command(const std::string& word) const
+    /// Refuses what stands before the command and belongs behind it, and a command that there isn't.
+    void check_command(const std::vector<std::string>& words) const
     {
-        if (word.empty() || word.front() == '-')
+        for (const std::string& word : words) {
+            if (word.empty())
+                return;
+            if (word.front() == '-')
+                refuse_option_of_commands(word);
+            else {
+                (void)find_command(word);
+                return;
+            }
+        }
+    }
+
+    void refuse_option_of_commands(const std::string& word) const
+    {
+        const std::string name = word.substr(0, word.find('='));
+        if (name.size() < 2 || app_.get_option_no_throw(name))
             return;
+        for (const Command& command : commands_) {
+            if (app_.get_subcommand(command.name)->get_option_no_throw(name))
+                throw Failure(ExitUsage, "'" + brief(name) + "' goes behind the command, as in `tarn " +
+                                             command.name + " " + brief(name) + "`; see `tarn --help`");
+        }
+    }
+
+    const CLI::App& find_command(const std::string& word) const
+    {
         std::vector<std::string> names = {"delete"};
         for (const Command& command : commands_)
             names.push_back(command.name);
         for (const std::string& name : names) {
             if (slate::equals_ignoring_case(name, word))
-                return;
+                return *app_.get_subcommand(name);
         }
         const std::string near = suggestion(slate::to_lower(word), names);
-        throw Failure(ExitUsage, "there is no command '" + escape(word) + "'" +
+        throw Failure(ExitUsage, "there is no command '" + brief(word) + "'" +
                                      (near.empty() ? "; `tarn --help` lists them" : near));
     }
 
     std::string usage_sentence(const CLI::ParseError& error) const
     {
-        std::string text =
-            escape(slate::join(slate::split<std::vector<std::string>>(error.what(), "\n", true, true), "; "));
-        static constexpr std::string_view unexpected = "expected: ";
-        if (const auto at = text.find(unexpected);
-            dynamic_cast<const CLI::ExtrasError*>(&error) && at != std::string::npos) {
-            const std::string words = text.substr(at + unexpected.size());
-            text = "there is no place for '" + words + "'";
-            if (slate::starts_with(words, "-"))
-                text = "there is no option '" + words + "'; a body that begins with '-' goes behind '--'";
-        }
+        const std::string text =
+            dynamic_cast<const CLI::ExtrasError*>(&error)
+                ? sentence_about(app_.remaining(true))
+                : escape(slate::join(slate::split<std::vector<std::string>>(error.what(), "\n", true, true),
+                                     "; "));
         return text + "; see `" + name() + " --help`";
     }
 
-    const std::vector<Command>& commands_;
+    /// Of words that no argument and no option takes.
+    std::string sentence_about(const std::vector<std::string>& words) const
+    {
+        const auto option = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+            return slate::starts_with(word, "-");
+        });
+        if (option == words.end())
+            return "there is no place for '" + brief(slate::join(words, " ")) + "'";
+        const bool may_be_body = current()->get_option_no_throw("BODY") != nullptr;
+        return "there is no option '" + brief(*option) + "'" +
+               (may_be_body ? "; a body that begins with '-' goes behind '--'" : "");
+    }
+
+    std::vector<Command> commands_;
     CLI::App app_;
     std::map<const CLI::App*, std::function<int()>> runs_;
     bool verbose_ = false;
@@ -169,6 +234,7 @@ int report(const std::string& name, int status, const std::string& sentence)
 
 int run_program(int argc, char** argv, const std::vector<Command>& commands)
 {
+    start::occupy_standard_streams();
     // A reader that has gone ends the command, even if whoever started it ignores the signal.
     (void)std::signal(SIGPIPE, SIG_DFL);
     Program program(commands);

@@ -5,21 +5,19 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
 #include <memory>
 #include <optional>
+#include <string>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
-#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <slate/dictionary.h>
 #include <slate/strings.h>
 #include <slate/uri.h>
 #include <tarn/client.h>
-#include <tarn/exception.h>
 #include <tarn/formats.h>
 #include <tarn/probe.h>
 #include <tarn/proto/message.pb.h>
@@ -28,11 +26,13 @@
 #include <tarn/zmq_subsystem.h>
 #include <unistd.h>
 
+#include "body_source.h"
 #include "command.h"
 #include "fabric_choice.h"
 #include "failure.h"
 #include "options.h"
 #include "output/body.h"
+#include "output/file.h"
 #include "output/json.h"
 #include "output/progress.h"
 #include "output/terminal.h"
@@ -57,66 +57,6 @@ std::string reason(int error)
 {
     return std::generic_category().message(error);
 }
-
-/// A file that gets its name only when it is whole, so that no broken download is taken for a good one. What
-/// isn't a regular file, such as /dev/null, is written directly.
-class OutputFile {
-public:
-    explicit OutputFile(std::string name) : name_(std::move(name))
-    {
-        std::error_code ignored;
-        const auto type = std::filesystem::status(name_, ignored).type();
-        is_direct_ =
-            type != std::filesystem::file_type::regular && type != std::filesystem::file_type::not_found;
-        if (type == std::filesystem::file_type::directory)
-            fail(EISDIR);
-        written_ = is_direct_ ? name_ : name_ + ".part" + std::to_string(getpid());
-        const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (is_direct_ ? 0 : O_EXCL);
-        const int descriptor = open(written_.c_str(), flags, 0666);
-        file_ = descriptor >= 0 ? fdopen(descriptor, "w") : nullptr;
-        if (!file_)
-            fail(errno);
-    }
-    ~OutputFile()
-    {
-        if (!file_)
-            return;
-        (void)std::fclose(file_);
-        if (!is_direct_)
-            (void)std::remove(written_.c_str());
-    }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-
-    void write(std::string_view bytes)
-    {
-        if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size())
-            fail(errno);
-    }
-
-    void finish()
-    {
-        FILE* file = std::exchange(file_, nullptr);
-        if (std::fclose(file) != 0 || (!is_direct_ && std::rename(written_.c_str(), name_.c_str()) != 0)) {
-            const int error = errno;
-            if (!is_direct_)
-                (void)std::remove(written_.c_str());
-            fail(error);
-        }
-    }
-
-private:
-    [[noreturn]] void fail(int error) const
-    {
-        throw Failure(ExitOther, "cannot write '" + escape(name_) + "': " + reason(error) +
-                                     "; name another file with -o");
-    }
-
-    std::string name_;
-    std::string written_;
-    bool is_direct_ = false;
-    FILE* file_ = nullptr;
-};
 
 /// Where the body of a reply goes while it arrives.
 class BodyOutput {
@@ -205,46 +145,6 @@ private:
     std::unique_ptr<FILE, Close> spool_;
 };
 
-/// The body of a request: a text, a file or standard input.
-class BodySource {
-public:
-    explicit BodySource(const std::optional<std::string>& argument) : text_(argument.value_or(""))
-    {
-        if (text_ == "-") {
-            stream_ = &std::cin;
-            return;
-        }
-        if (!slate::starts_with(text_, "@"))
-            return;
-        const std::string name = text_.substr(1);
-        std::error_code error;
-        if (std::filesystem::is_directory(name, error))
-            fail(name, EISDIR);
-        file_.open(name, std::ios::binary);
-        if (!file_)
-            fail(name, errno);
-        stream_ = &file_;
-        if (const auto size = std::filesystem::file_size(name, error); !error)
-            size_ = size;
-    }
-
-    std::istream* stream() { return stream_; }
-    const std::string& text() const { return text_; }
-    std::optional<std::uint64_t> size() const { return size_; }
-
-private:
-    [[noreturn]] static void fail(const std::string& name, int error)
-    {
-        throw Failure(ExitUsage, "cannot read the body from '" + escape(name) + "': " + reason(error) +
-                                     "; name a file behind the '@', or '-' for standard input");
-    }
-
-    std::string text_;
-    std::ifstream file_;
-    std::istream* stream_ = nullptr;
-    std::optional<std::uint64_t> size_;
-};
-
 class RequestRun {
 public:
     RequestRun(std::string verb, const RequestOptions& options)
@@ -253,51 +153,44 @@ public:
           path_(parse_path(options.path)),
           timeout_(parse_duration(*options.timeout, "-t")),
           headers_(parse_headers(options.headers)),
-          source_(options.body),
-          target_(choose_target(*options.place, &tarn::Fabric::router, "router")),
-          output_(options)
+          object_{{"verb", verb_}, {"path", path_}, {"endpoint", nullptr}, {"exit", nullptr}}
     {
     }
 
     int run()
     {
-        require_served(target_.endpoint, "the endpoint", timeout_, options_.retries);
-        tarn::ZmqSubsystem subsystem;
-        const slate::StopWatch watch(true);
-        const auto reply = exchange(tarn::make_client(target_.endpoint, options_.retries));
-        elapsed_ = static_cast<double>(watch.elapsed()) / 1000;
-        progress_.reset();
-        const int status = exit_status_of(*reply, target_.endpoint);
-        show(*reply, status);
-        if (status != ExitGood)
-            throw Failure(status, explain(*reply, target_, path_));
-        return status;
+        return print_object(options_.as_json, object_, [this] { return request(); });
     }
 
 private:
-    std::shared_ptr<tarn::Reply> exchange(const std::shared_ptr<tarn::Client>& client)
+    int request()
     {
-        try {
-            if (verb_ == "get")
-                return download(client);
-            auto reply = send(client);
-            if (verb_ != "head" && reply->message && reply->has_body() &&
-                exit_status_of(*reply, target_.endpoint) == ExitGood)
-                output_.write(reply->data());
-            return reply;
-        }
-        catch (const tarn::Exception& error) {
-            throw bad_path(error);
-        }
-        catch (const std::out_of_range& error) {
-            throw bad_path(error);
-        }
+        source_.emplace(options_.body);
+        target_ = choose_target(*options_.place, &tarn::Fabric::router, "router");
+        object_["endpoint"] = target_->endpoint->to_string();
+        output_.emplace(options_);
+        require_served(target_->endpoint, "the endpoint", timeout_, options_.retries);
+        tarn::ZmqSubsystem subsystem;
+        const slate::StopWatch watch(true);
+        const auto reply = exchange(tarn::make_client(target_->endpoint, options_.retries));
+        object_["milliseconds"] = static_cast<double>(watch.elapsed()) / 1000;
+        progress_.reset();
+        const int status = exit_status_of(*reply, target_->endpoint);
+        show(*reply, status == ExitGood);
+        if (status != ExitGood)
+            throw Failure(status, explain(*reply, *target_, path_));
+        return status;
     }
 
-    Failure bad_path(const std::exception& error) const
+    std::shared_ptr<tarn::Reply> exchange(const std::shared_ptr<tarn::Client>& client)
     {
-        return {ExitUsage, "'" + escape(path_) + "' is not a path: " + escape(error.what()) +
-                               "; write one such as /clock/time or '/clock/time?format=json'"};
+        if (verb_ == "get")
+            return download(client);
+        auto reply = send(client);
+        if (verb_ != "head" && reply->message && reply->has_body() &&
+            exit_status_of(*reply, target_->endpoint) == ExitGood)
+            output_->write(reply->data());
+        return reply;
     }
 
     std::shared_ptr<tarn::Reply> send(const std::shared_ptr<tarn::Client>& client)
@@ -306,47 +199,57 @@ private:
             return client->head(path_, headers_, timeout_);
         if (verb_ == "del")
             return client->del(path_, headers_, timeout_);
-        if (source_.stream())
+        if (source_->stream())
             return upload(client);
-        return verb_ == "put" ? client->put(path_, source_.text(), headers_, timeout_)
-                              : client->post(path_, source_.text(), headers_, timeout_);
+        return verb_ == "put" ? client->put(path_, source_->text(), headers_, timeout_)
+                              : client->post(path_, source_->text(), headers_, timeout_);
     }
 
     std::shared_ptr<tarn::Reply> upload(const std::shared_ptr<tarn::Client>& client)
     {
-        progress_.emplace(source_.size(), true);
+        progress_.emplace(source_->size(), true);
         tarn::UploadOptions upload;
         upload.verb = verb_ == "put" ? tarn::UploadOptions::Verb::Put : tarn::UploadOptions::Verb::Post;
         upload.chunk_timeout = timeout_;
         upload.last_timeout = std::max(timeout_, upload.last_timeout); // which runs the handler
         upload.progress = [this](std::uint64_t bytes) { progress_->show(bytes); };
-        return tarn::upload(client, path_, *source_.stream(), headers_, upload).reply;
+        return tarn::upload(client, path_, *source_->stream(), headers_, upload).reply;
     }
 
     std::shared_ptr<tarn::Reply> download(const std::shared_ptr<tarn::Client>& client)
     {
-        progress_.emplace(std::nullopt, output_.is_file() || !is_terminal(STDOUT_FILENO));
+        progress_.emplace(std::nullopt, output_->is_file() || !is_terminal(STDOUT_FILENO));
         tarn::DownloadOptions options;
         options.chunk_timeout = timeout_;
         options.progress = [this](std::uint64_t bytes) { progress_->show(bytes); };
         tarn::Download download(client, path_, headers_, options);
         while (const auto chunk = download.read())
-            output_.write(*chunk);
+            output_->write(*chunk);
         return download.result().reply;
     }
 
-    void show(const tarn::Reply& reply, int status)
+    void show(const tarn::Reply& reply, bool is_good)
     {
+        const bool wants_head = verb_ == "head" ? is_good || options_.with_head : options_.with_head;
         if (options_.as_json)
-            write_out(to_line(object_of(reply, status)) + "\n");
-        else if (reply.message &&
-                 (verb_ == "head" ? status == ExitGood || options_.with_head : options_.with_head))
+            fill_object(reply, is_good);
+        else if (reply.message && wants_head)
             show_head(reply);
-        if (status == ExitGood && !options_.as_json)
-            output_.finish(path_, reply.format());
-        else if (status == ExitGood && output_.is_file())
-            output_.finish(path_, reply.format());
+        if (is_good && (!options_.as_json || output_->is_file()))
+            output_->finish(path_, reply.format());
         flush_out();
+    }
+
+    /// With the type of the body, which travels as a number.
+    static std::vector<std::pair<std::string, std::string>> headers_of(const tarn::Reply& reply)
+    {
+        std::vector<std::pair<std::string, std::string>> headers;
+        for (const auto& header : reply.head().headers())
+            headers.emplace_back(header.key(), header.value());
+        if (std::string type = tarn::to_mime_type(reply.format());
+            !type.empty() && !reply.has_header("Content-Type"))
+            headers.emplace_back("Content-Type", std::move(type));
+        return headers;
     }
 
     void show_head(const tarn::Reply& reply)
@@ -356,43 +259,34 @@ private:
             write_out(paint(status_text(reply), reply.good() ? Colour::Green : Colour::Red) +
                       (message.empty() ? "" : ": " + message) + "\n");
         }
-        for (const auto& header : reply.head().headers())
-            write_out(paint(escape(header.key()), Colour::Cyan) + ": " + escape(header.value()) + "\n");
-        if (const std::string type = tarn::to_mime_type(reply.format());
-            options_.with_head && !type.empty() && !reply.has_header("Content-Type"))
-            write_out(paint("Content-Type", Colour::Cyan) + ": " + type + "\n");
+        for (const auto& [key, value] : headers_of(reply))
+            write_out(paint(escape(key), Colour::Cyan) + ": " + escape(value) + "\n");
         if (options_.with_head && verb_ != "head")
             write_out("\n");
     }
 
-    nlohmann::ordered_json object_of(const tarn::Reply& reply, int status)
+    void fill_object(const tarn::Reply& reply, bool is_good)
     {
-        nlohmann::ordered_json object;
-        object["verb"] = verb_;
-        object["path"] = path_;
-        object["endpoint"] = target_.endpoint->to_string();
-        object["exit"] = status;
-        object["milliseconds"] = elapsed_;
         if (!reply.message)
-            return object;
-        object["status"] = static_cast<int>(reply.status());
-        object["reason"] = tarn::Status_Name(reply.status());
-        object["message"] = reply.status_message();
-        object["local"] = reply.is_local();
+            return;
+        object_["status"] = static_cast<int>(reply.status());
+        object_["reason"] = tarn::Status_Name(reply.status());
+        object_["message"] = reply.status_message();
+        object_["local"] = reply.is_local();
         if (reply.head().from().pid() != 0 && !reply.is_local())
-            object["pid"] = reply.head().from().pid();
-        object["headers"] = nlohmann::ordered_json::object();
-        for (const auto& header : reply.head().headers())
-            object["headers"][header.key()] = header.value();
-        object["format"] = tarn::to_mime_type(reply.format());
-        if (output_.is_file()) {
-            object["bytes"] = output_.size();
-            object["file"] = options_.file;
+            object_["pid"] = reply.head().from().pid();
+        object_["headers"] = nlohmann::ordered_json::object();
+        for (const auto& [key, value] : headers_of(reply))
+            object_["headers"][key] = value;
+        object_["format"] = tarn::to_mime_type(reply.format());
+        if (!is_good)
+            add_body(object_, path_, reply.format(), reply.has_body() ? reply.data() : "");
+        else if (output_->is_file()) {
+            object_["bytes"] = output_->size();
+            object_["file"] = options_.file;
         }
         else
-            add_body(object, path_, reply.format(),
-                     status != ExitGood && reply.has_body() ? reply.data() : output_.kept());
-        return object;
+            add_body(object_, path_, reply.format(), output_->kept());
     }
 
     const std::string verb_;
@@ -400,11 +294,11 @@ private:
     const std::string path_;
     const slate::Duration timeout_;
     const std::shared_ptr<slate::Dictionary> headers_;
-    BodySource source_;
-    const Target target_;
-    BodyOutput output_;
+    nlohmann::ordered_json object_; // for --json
+    std::optional<BodySource> source_;
+    std::optional<Target> target_;
+    std::optional<BodyOutput> output_;
     std::optional<Progress> progress_;
-    double elapsed_ = 0;
 };
 
 std::function<int()> add_request(CLI::App& app, const std::string& verb)
@@ -417,22 +311,21 @@ std::function<int()> add_request(CLI::App& app, const std::string& verb)
         app.add_option("BODY", options->body,
                        "the body: a text, @FILE for a file's contents, or - for standard input");
     options->place = add_place(app, request_endpoint);
-    app.add_option("-H,--header", options->headers, "adds a header, such as 'Accept: application/json'")
-        ->type_name("'KEY: VALUE'")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    add_headers(app, options->headers);
     options->timeout = add_timeout(app);
     app.add_option("-r,--retries", options->retries,
                    "how many more times to wait, for the endpoint to be served and for the answer")
         ->type_name("N")
         ->check(whole_number());
-    app.add_option(
-           "-o,--output", options->file,
-           "writes the body to a file, which appears when it is whole; '-' is standard output, also for "
-           "what a terminal can't show")
-        ->type_name("FILE");
+    if (verb != "head") // which has no body
+        app.add_option("-o,--output", options->file,
+                       "writes the body to a file, which appears when it is whole; '-' is standard output, "
+                       "also for what a terminal can't show")
+            ->check(not_empty("photo.jpg"))
+            ->type_name("FILE");
     app.add_flag("-i,--include", options->with_head, "shows status and headers before the body");
-    app.add_flag("--json", options->as_json, "prints one JSON object with status, headers and body");
+    app.add_flag("--json", options->as_json,
+                 "prints one JSON object with status, headers and body, also after a failure");
     return [=] { return RequestRun(verb, *options).run(); };
 }
 
@@ -475,7 +368,8 @@ Command put_command()
          {"tarn put /files/drop/photo.jpg @photo.jpg", "a file"},
          {"tar c logs | tarn put /files/drop/logs.tar -", "standard input"},
          {"tarn put -H 'Content-Type: application/json' /x '{\"a\": 1}'", "JSON"},
-         {"tarn put /offset -- -5", "a body that begins with '-'"}});
+         {"tarn put /offset -- -5", "a body that begins with '-'"},
+         {"printf @home | tarn put /nickname -", "a body that begins with '@'"}});
 }
 
 Command post_command()

@@ -101,7 +101,7 @@ Service look_at_one(const IndexOptions& options, const slate::Duration& timeout)
     const auto names = service_names(fabric.run_time_directory);
     if (std::find(names.begin(), names.end(), name) == names.end()) {
         const std::string near = suggestion(name, names);
-        throw Failure(ExitUnreachable, "there is no service '" + escape(name) + "' in " +
+        throw Failure(ExitUnreachable, "there is no service '" + brief(name) + "' in " +
                                            escape(fabric.run_time_directory.string()) +
                                            (near.empty() ? "; `tarn services` lists them" : near));
     }

@@ -30,10 +30,16 @@ namespace {
 struct WatchOptions {
     std::shared_ptr<Place> place;
     std::vector<std::string> paths;
-    std::size_t count = 0; // 0: no limit
+    std::optional<std::size_t> count;
     std::string duration;
     bool as_json = false;
 };
+
+/// The path without empty segments, which patterns of routes don't count either.
+std::string without_empty_segments(const std::string& path)
+{
+    return "/" + slate::join(slate::split<std::vector<std::string>>(path, "/", false, true), "/");
+}
 
 /// Prints changes on the thread of the subscriber.
 class WatchRoute : public tarn::Route {
@@ -62,8 +68,9 @@ private:
     {
         if (paths_.empty())
             return path != "/relay"; // where each publisher says at its start that it is there
+        const std::string plain = without_empty_segments(path);
         return std::any_of(paths_.begin(), paths_.end(), [&](const std::string& wanted) {
-            return path == wanted || slate::starts_with(path, wanted == "/" ? wanted : wanted + "/");
+            return plain == wanted || slate::starts_with(plain, wanted == "/" ? wanted : wanted + "/");
         });
     }
 
@@ -80,7 +87,7 @@ private:
             failure_ = failure;
             is_over_ = true;
         }
-        if (++shown_ == options_.count)
+        if (options_.count && ++shown_ == *options_.count)
             is_over_ = true;
         if (is_over_)
             interrupt_.notify();
@@ -164,7 +171,7 @@ std::vector<tarn::RoutePattern> patterns_for(const std::vector<std::string>& pat
         const std::string first = "/" + path.substr(1, path.find('/', 1) - 1);
         if (first == "/" || first.find_first_of(":()<>*?=") != std::string::npos)
             return {tarn::RoutePattern("")};
-        patterns.emplace_back(first);
+        patterns.emplace_back(first + "/(:next)"); // a static pattern wouldn't take "/a//"
         patterns.emplace_back(first + "/*");
     }
     if (patterns.empty())
@@ -176,14 +183,20 @@ int watch(const WatchOptions& options)
 {
     std::vector<std::string> paths;
     for (const std::string& text : options.paths) {
-        std::string path = parse_path(text);
-        while (path.size() > 1 && path.back() == '/')
-            path.pop_back();
-        paths.push_back(path);
+        const std::string path = parse_path(text);
+        if (path.find_first_of("@?") != std::string::npos)
+            throw Failure(ExitUsage,
+                          "'" + brief(text) +
+                              "' is not the path of a change, which has neither '@' nor '?'; write "
+                              "one such as /clock");
+        paths.push_back(without_empty_segments(path));
     }
+    if (options.count && *options.count == 0)
+        throw Failure(ExitUsage, "-n takes a number of changes from 1, and not 0");
     std::optional<slate::Duration> limit;
     if (!options.duration.empty())
         limit = parse_duration(options.duration, "--for");
+    require_output();
     const auto target = choose_target(*options.place, &tarn::Fabric::relay_out, "relay");
     require_served(target.endpoint, "the relay");
 

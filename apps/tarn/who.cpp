@@ -103,7 +103,7 @@ void find_route(Way& way, const Service& service)
     }
     const std::string near = find_nearest(way.inner_path, patterns);
     end_way(way, ExitClientError,
-            "at the service with 404: no route takes '" + escape(way.inner_path) + "'" +
+            "at the service with 404: no route takes '" + brief(way.inner_path) + "'" +
                 (near.empty() ? "; `tarn index " + escape(way.service) + "` lists them"
                               : "; the nearest is '" + escape(near) + "'"));
 }
@@ -158,7 +158,7 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
             "at the router with 404: " +
                 (name.empty()
                      ? "the path names no service"
-                     : "there is no service '" + escape(name) + "' in " + escape(directory.string())) +
+                     : "there is no service '" + brief(name) + "' in " + escape(directory.string())) +
                 (near.empty() ? "; `tarn services` lists them" : "; the nearest is '" + escape(near) + "'"));
         return way;
     }

@@ -128,6 +128,7 @@ void run(const TerminationSignal& termination, const Options& options)
 
 int main(int argc, char** argv)
 {
+    start::occupy_standard_streams();
     const TerminationSignal termination;
     std::signal(SIGPIPE, SIG_IGN); // standard output may be a pipe that nobody reads
     int status = 0;

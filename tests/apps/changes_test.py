@@ -44,6 +44,22 @@ class Changes(CommandTest):
         if paths[-1] == "/last":
             self.assertTrue(lines[-1].endswith(r"\x1b[31m\nx"), lines[-1])
 
+    def test_empty_segments_of_a_path_do_not_count(self):
+        for watched, changed in (("/a", "/a//"), ("/a/", "/a/"), ("//a//b/", "/a//b"), ("/a/b", "/a/b//c")):
+            with self.subTest(watched=watched, changed=changed):
+                watcher = self.watch("-n", "1", watched)
+                self.publish_until_heard(watcher, "put", changed, "on")
+                self.assertRegex(watcher.communicate(timeout=PATIENCE)[0], f"  put  {changed}  on\n$")
+
+    def test_publish_tells_a_script_how_it_went(self):
+        found = json.loads(self.here("publish", "put", "--json", "/a", "on").out)
+        self.assertEqual(found, {"verb": "put", "path": "/a", "endpoint": f"ipc://{self.run_dir}/relay/in.sock", "exit": 0,
+                                 "bytes": 2})
+        self.assertEqual(json.loads(self.here("publish", "DELETE", "a", "--json").out)["verb"], "del")
+        bad = self.tarn("publish", "del", "--json", "--run-dir", self.work / "nowhere", "/a")
+        self.assertEqual((bad.status, json.loads(bad.out)["exit"]), (6, 6))
+        self.assertEqual(bad.err, f"tarn publish: {json.loads(bad.out)['problem']}\n")
+
     def test_a_binary_body_is_a_size(self):
         watcher = self.watch("-n", "1")
         self.publish_until_heard(watcher, "put", "/photo", "-", stdin=b"\xff\x00\x01")

@@ -6,6 +6,8 @@ import shutil
 
 from support import *
 
+ROOT = pathlib.Path(__file__).parents[2]
+
 
 class Looks(CommandTest):
     services = {"status": "status_service", "calls": "odd_server"}
@@ -66,6 +68,10 @@ class Looks(CommandTest):
                                      "base64": "YWJj"})
         self.assert_fails(self.tarn("call", "{run}/calls/zmq.sock", "999"), 4,
                           "call 999: 404 NotFound, method not found")
+        bad = self.tarn("call", "--json", "{run}/calls/zmq.sock", "999")
+        found = json.loads(bad.out)
+        self.assertEqual((bad.status, found["exit"], found["number"]), (4, 4, 999))
+        self.assertEqual(found["problem"], "call 999: 404 NotFound, method not found; ask the service which numbers it takes")
 
     def test_ping_counts_every_answer(self):
         result = self.here("ping", "-n", "3", "--interval", "1ms", "/status/nothing")
@@ -126,24 +132,72 @@ class Looks(CommandTest):
         self.assertEqual(complete("get", "--run-dir", "{run}", "/status/l"), ["/status/load/"])
         self.assertEqual(complete("index", "--run-dir", "{run}", "st"), ["status"])
 
-    def test_bash_completes_a_path(self):
-        script = self.tarn("completion", "bash").out + """
-            COMP_WORDS=("$TARN" get --run-dir "$RUN" /status/upt) COMP_CWORD=4
-            _tarn; printf '%s\\n' "${COMPREPLY[@]}"
-        """
-        done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=60,
-                              env={**self.environment, "TARN": PROGRAMS["tarn"], "RUN": str(self.run_dir)})
-        self.assertEqual((done.stdout, done.stderr), ("/status/uptime\n", ""))
+    def test_completion_knows_where_in_the_line_it_is(self):
+        def complete(*words):
+            return self.tarn("--complete", *words).out.split()
+
+        run = ["--run-dir", "{run}"]
+        self.assertEqual(complete("publish", ""), ["del", "put"])
+        self.assertEqual(complete("publish", *run, "p"), ["put"])
+        self.assertEqual(complete("publish", *run, "put", "/st"), ["/status/"])
+        for done in (["put", "/status/uptime"], ["post", "/status/uptime"], ["publish", "put", "/x"], ["get", "/x"],
+                     ["who", "/x"], ["index", "status"], ["completion", "zsh"], ["call", "x", "1"], ["nothing"]):
+            self.assertEqual(complete(*done[:1], *run, *done[1:], ""), [])
+        self.assertEqual(complete("watch", *run, "/x", "/st"), ["/status/"])
+        self.assertEqual(complete("delete", *run, "/st"), ["/status/"])
+        self.assertEqual(complete("help", "wh"), ["who"])
+        for place in (["--run-dir={run}"], ["-e{run}/status/zmq.sock"], ["--endpoint={run}/status/zmq.sock"],
+                      ["-e", "{run}/status/zmq.sock"]):
+            offered = complete("get", "-v", *place, "-H", "a: b", "-i", "")
+            self.assertIn("/status/" if "run-dir" in place[0] else "/uptime", offered, place)
+        for value in ("-t", "-H", "--output", "--run-dir"):
+            self.assertEqual(complete("get", *run, value, ""), [])
+        self.assertEqual(complete("-v", "get", *run, "/st"), ["/status/"])
+        self.assertEqual(complete("-v", "ge"), ["get"])
+        self.assertEqual(complete("--"), ["--help", "--no-color", "--verbose", "--version"])
+        self.assertEqual(complete("get", "--ver"), ["--verbose"])
+        self.assertEqual(complete("get", "--no"), ["--no-color"])
+        self.assertEqual(complete("get", "--", "--"), [])
+
+    def shell_environment(self):
+        """With files to complete: "photo album/" and "photo.jpg"."""
+        (self.work / "files/photo album").mkdir(parents=True, exist_ok=True)
+        (self.work / "files/photo.jpg").touch()
+        return {**self.environment, "PATH": f"{pathlib.Path(PROGRAMS['tarn']).parent}:{os.environ['PATH']}"}
+
+    def test_bash_completes_a_line(self):
+        (self.work / "tarn.bash").write_text(self.tarn("completion", "bash").out)
+        run = f"--run-dir {self.run_dir}"
+        with OnTerminal(["bash", "--norc", "--noprofile", "-i"], self.shell_environment()) as bash:
+            for keys, shown in ((f"cd {self.work}/files; bind 'set enable-bracketed-paste off'; PS1=rea''dy\r", "ready"),
+                                (f"source ../tarn.bash; PS1=n''ow\r", "now"),
+                                (f"tarn get {run} /status/upt\t", "/status/uptime "),
+                                (f"\x15tarn get --run-dir={self.run_dir} /status/upt\t", "/status/uptime "),
+                                (f"\x15tarn get -e ipc://{self.run_dir}/status/zmq.sock /upt\t", "/uptime "),
+                                ("\x15tarn publish p\t", "publish put "),
+                                (f"\x15tarn get --run-dir={self.run_dir}/stat\t", "/status/"),
+                                ("\x15tarn put /x @photo.\t", "@photo.jpg "),
+                                ("\x15tarn put /x @photo\\ a\t", r"@photo\\ album/"),
+                                ("\x15tarn get -o photo.\t", "-o photo.jpg "),
+                                ("\x15tarn --no\t", "--no-color ")):
+                bash.type(keys)
+                self.assertTrue(bash.read(shown), (keys, bash.shown))
 
     @unittest.skipUnless(shutil.which("zsh"), "zsh isn't installed")
     def test_zsh_completes_a_path(self):
         (self.work / "_tarn").write_text(self.tarn("completion", "zsh").out)
-        environment = {**self.environment, "PATH": f"{pathlib.Path(PROGRAMS['tarn']).parent}:{os.environ['PATH']}"}
+        environment = self.shell_environment()
         for found_by in (f"compinit -u -D; source {self.work}/_tarn", f"fpath+=({self.work}); compinit -u -D"):
             with self.subTest(found_by), OnTerminal(["zsh", "-f", "-i"], environment) as zsh:
                 for keys, shown in ((f"autoload -Uz compinit; {found_by}; PS1=rea''dy\r", "ready"),
                                     (f"tarn get --run-dir {self.run_dir} /status/upt\t", r"/upt\x07?ime "),
-                                    ("\x15tarn wat\t", r"wat\x07?ch ")):
+                                    ("\x15tarn wat\t", r"wat\x07?ch "),
+                                    ("\x15tarn publish p\t", r"p\x07?ut "),
+                                    (f"\x15tarn -v get --run-dir={self.run_dir} /status/upt\t", r"/upt\x07?ime "),
+                                    (f"\x15tarn get --run-dir={self.run_dir}/stat\t", r"/stat\x07?us"),
+                                    ("\x15tarn get --no\t", r"--no\x07?-color "),
+                                    (f"\x15cd {self.work}/files; PS1=the''re\r", "there"),
+                                    ("tarn put /x @photo.\t", r"@photo.\x07?jpg")):
                     zsh.type(keys)
                     self.assertTrue(zsh.read(shown), zsh.shown)
 
@@ -160,6 +214,48 @@ class Looks(CommandTest):
             for option in re.findall(r"--[a-z-]+", page.out.partition("Options:")[2].partition("Examples:")[0]):
                 self.assertIn(option.replace("-", r"\-"), manual)
 
+    def test_pages_of_manual_have_the_date_of_the_release(self):
+        newest = re.search(r"(?m)^ -- .*>  \w+, (.*) \d\d:", (ROOT / "debian/changelog").read_text())[1]
+        date = time.strftime("%Y-%m-%d", time.strptime(newest, "%d %b %Y"))
+        self.tarn("--write-manual", self.work)
+        for page in self.work.glob("*.1"):
+            self.assertIn(f' 1 "{date}" "tarn ', page.read_text().splitlines()[0])
+
+    def test_each_example_is_understood(self):
+        if pathlib.Path("/run/tide/router/zmq.sock").exists():
+            self.skipTest("this machine has a fabric")
+        here = self.work / "examples"
+        (here / "logs").mkdir(parents=True)
+        for name in ("photo.jpg", "page.pdf"):
+            (here / name).touch()
+        script = """
+            tarn() { "$TARN" "$@"; echo $? >>statuses; }
+            jq() { cat; }
+            sudo() { shift 2; "$@"; }
+            eval "$EXAMPLE"
+        """
+        examples = []
+        for command in re.findall(r"(?m)^  ([a-z]+)  ", self.tarn("--help").out.partition("Options:")[0]):
+            examples += re.findall(r"(?m)^  (\S.*)$", self.tarn(command, "--help").out.partition("Examples:\n")[2])
+        self.assertGreater(len(examples), 40)
+        for example in examples:
+            if example.startswith("tarn demo"):
+                continue  # runs until it is stopped
+            with self.subTest(example):
+                done = subprocess.run(["bash", "-c", script], cwd=here, stdin=subprocess.DEVNULL, capture_output=True,
+                                      text=True, timeout=60, env={**self.environment, "TARN": PROGRAMS["tarn"],
+                                                                  "EXAMPLE": example, "XDG_RUNTIME_DIR": str(here)})
+                statuses = (here / "statuses").read_text().split()
+                (here / "statuses").unlink()
+                self.assertEqual(len(statuses), 1)
+                self.assertIn(statuses[0], ("0", "1", "6"), done.stderr)  # and not 2, the status of wrong arguments
+
+    def test_help_and_version_are_commands_and_options(self):
+        self.assert_good(self.tarn("help"), self.tarn("--help").out)
+        self.assert_good(self.tarn("HELP", "get"), self.tarn("get", "--help").out)
+        self.assert_good(self.tarn("help", "delete"), self.tarn("del", "--help").out)
+        self.assert_good(self.tarn("--version"), self.tarn("version").out)
+
     def test_version_names_what_it_stands_on(self):
         self.assertRegex(self.tarn("version").out, r"^tarn \d+\.\d+\.\d+, with ZeroMQ 4\.\S+ and protobuf ")
         self.assertIn("tarn", json.loads(self.tarn("version", "--json").out))
@@ -172,6 +268,11 @@ class Measurements(CommandTest):
         self.assertEqual([each["status"] for each in found["replies"]], [200, 200])
         self.assertEqual(found["replies"][0]["pid"], self.fabric.processes["status"].pid)
         self.assertLessEqual(found["least_ms"], found["most_ms"])
+        for verb in ("ping", "bench"):
+            result = self.tarn(verb, "--json", "-e", "{run}/nobody.sock", "/x")
+            object = json.loads(result.out)
+            self.assertEqual((result.status, object["exit"], object["endpoint"]), (6, 6, f"ipc://{self.run_dir}/nobody.sock"))
+            self.assertIn(object["problem"], result.err)
 
     def test_an_interrupt_ends_a_request_that_waits(self):
         process = self.fabric.start_service("mute", "status_service")

@@ -164,7 +164,7 @@ class CommandTest(unittest.TestCase):
 
     def tarn(self, *arguments, stdin=b"", env=None, binary=False):
         """Runs the command; "{run}" in an argument is the run-time directory."""
-        words = [str(word).replace("{run}", str(self.run_dir)) for word in arguments]
+        words = [word if isinstance(word, bytes) else str(word).replace("{run}", str(self.run_dir)) for word in arguments]
         done = subprocess.run([PROGRAMS["tarn"], *words], input=stdin, capture_output=True, timeout=60,
                               env={**self.environment, **(env or {})})
         out = done.stdout if binary else done.stdout.decode()

@@ -194,6 +194,17 @@ class Serving(TarndTest):
             self.assertEqual(len(said), 1, lines)
             self.assertIn('there is no group "corvane"', said[0])
 
+    def test_bears_that_its_standard_streams_are_closed(self):
+        daemon = self.spawn("sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", TARND, "--run-dir", self.run_dir, "--log-level",
+                            "debug")
+        end = time.monotonic() + PATIENCE
+        while not self.ask("/services").startswith("relay") and time.monotonic() < end:
+            self.assertIsNone(daemon.poll())
+        self.assertTrue(self.ask("/services").startswith("relay"))
+        for number in range(3):
+            self.assertEqual(os.readlink(f"/proc/{daemon.pid}/fd/{number}"), "/dev/null")
+        self.end(daemon)
+
     def test_comes_back_after_it_was_killed(self):
         daemon = self.start()
         daemon.kill()

@@ -29,7 +29,7 @@ const Rows& exit_rows()
 {
     static const Rows rows = {
         {"0", "a reply with a status of 200 to 399, or all went well"},
-        {"1", "anything else, such as output that can't be written"},
+        {"1", "anything else, such as a file that can't be read, or output that can't be written"},
         {"2", "wrong arguments"},
         {"4", "a status of 400 to 499, but for 408"},
         {"5", "a status of 500 to 599"},
@@ -75,7 +75,7 @@ Page make_page(const CLI::App& app, const Command* command, const std::vector<Co
     page.options = help_page::options_of(app);
     if (app.get_parent())
         for (const auto& option : help_page::options_of(*app.get_parent()))
-            if (option.first != "-h, --help")
+            if (option.first != "-h, --help" && option.first != "--version")
                 page.options.push_back(option);
     return page;
 }

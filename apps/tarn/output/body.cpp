@@ -6,6 +6,7 @@
 #include <memory>
 #include <system_error>
 
+#include <fcntl.h>
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 #include <google/protobuf/text_format.h>
@@ -15,6 +16,7 @@
 #include <tarn/formats.h>
 #include <tarn/proto/routing.pb.h>
 #include <tarn/proto/stats.pb.h>
+#include <unistd.h>
 
 #include "command.h"
 #include "output/json.h"
@@ -129,5 +131,14 @@ void flush_out()
 {
     if (std::fflush(stdout) != 0)
         fail_to_write();
+}
+
+void require_output()
+{
+    const int flags = fcntl(STDOUT_FILENO, F_GETFL);
+    if (flags >= 0 && (flags & O_ACCMODE) != O_RDONLY)
+        return;
+    errno = EBADF;
+    fail_to_write();
 }
 } // namespace tarn_command

@@ -32,4 +32,7 @@ void add_body(nlohmann::ordered_json& object, std::string_view path, tarn::Forma
 /// Writes to standard output, and throws Failure if that takes no more.
 void write_out(std::string_view text);
 void flush_out();
+
+/// Throws the same at once if standard output is closed, for a command that may never come to write.
+void require_output();
 } // namespace tarn_command

@@ -3,6 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "command.h"
+#include "output/body.h"
 #include "output/terminal.h"
 
 namespace tarn_command {
@@ -111,5 +113,31 @@ std::optional<std::string> indent_json(std::string_view text)
 std::string to_line(const nlohmann::ordered_json& value)
 {
     return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+int print_object(bool is_wanted, nlohmann::ordered_json& object, const std::function<int()>& run)
+{
+    if (!is_wanted)
+        return run();
+    const auto print = [&](int status) {
+        object["exit"] = status;
+        write_out(to_line(object) + "\n");
+        flush_out();
+        return status;
+    };
+    try {
+        return print(run());
+    }
+    catch (const Failure& failure) {
+        object["problem"] = failure.what();
+        if (failure.exit_status != ExitUsage)
+            print(failure.exit_status);
+        throw;
+    }
+    catch (const std::exception& error) {
+        object["problem"] = error.what();
+        print(ExitOther);
+        throw;
+    }
 }
 } // namespace tarn_command

@@ -116,6 +116,17 @@ std::string escape(std::string_view text, Layout layout)
     return result;
 }
 
+std::string brief(std::string_view text)
+{
+    constexpr std::size_t max_shown = 256;
+    if (text.size() <= max_shown)
+        return escape(text);
+    std::size_t end = max_shown;
+    while (end > 0 && is_continuation(text[end]))
+        --end;
+    return escape(text.substr(0, end)) + "...";
+}
+
 bool is_plain_text(std::string_view body)
 {
     return slate::is_utf8(body) && std::none_of(body.begin(), body.end(), [](char c) {

@@ -28,6 +28,10 @@ std::string paint(std::string_view text, Colour colour);
 enum class Layout { OneLine, Lines };
 std::string escape(std::string_view text, Layout layout = Layout::OneLine);
 
+/// The same for a sentence, which nobody wants to read the whole of if it is long: cut, with "..." at its
+/// end.
+std::string brief(std::string_view text);
+
 /// Whether a body is text: UTF-8 without control characters other than line breaks and tabs.
 bool is_plain_text(std::string_view body);
 
