@@ -63,7 +63,7 @@ public:
                 tallies_.push_back(std::make_unique<Tally>());
             }
             if (!interrupt.run([&] { connect(clients); }))
-                Interrupt::leave(ExitOther);
+                leave();
             if (first_)
                 throw Failure(exit_status_of(*first_, target_.endpoint), explain(*first_, target_, path_));
             running_ = options_.clients;

@@ -29,6 +29,8 @@
 namespace tarn_command {
 namespace {
 constexpr rlim_t min_descriptors = 1024;
+constexpr const char* relay_input = "relay, input";
+constexpr const char* relay_output = "relay, output";
 constexpr const char* device_group = "corvane";
 
 struct Finding {
@@ -239,9 +241,15 @@ private:
             else
                 look_at_socket(name, endpoint, true);
         }
-        look_at_socket("relay, input", fabric.relay_in, false);
-        look_at_socket("relay, output", fabric.relay_out, false);
+        look_at_socket(relay_input, fabric.relay_in, false);
+        look_at_socket(relay_output, fabric.relay_out, false);
         return look_at_endpoint(fabric.router).served || look_at_endpoint(fabric.relay_out).served;
+    }
+
+    /// Else it is tarnd's own, which it makes and removes itself.
+    static bool is_service(const std::string& name)
+    {
+        return name != "router" && name != "relay" && name != relay_input && name != relay_output;
     }
 
     static std::string remove_directory(const std::filesystem::path& socket)
@@ -259,16 +267,16 @@ private:
         const std::string process =
             found.pid ? ", process " + std::to_string(*found.pid) + " " + escape(found.process_name) : "";
         if (found.error == "no such file") {
-            if (has_index)
+            if (is_service(name))
                 problem(title + ": a directory without a socket, so requests to it get 408",
                         "start the service, or remove the directory: `" + remove_directory(path) + "`");
             return;
         }
         if (found.error == "nobody listens") {
             problem(title + ": a socket that nobody listens at, as its process has ended",
-                    has_index ? "start the service again, or remove what it has left: `rm " +
-                                    shell_word(path) + " && " + remove_directory(path) + "`"
-                              : "start `tarnd` again, which removes it");
+                    is_service(name) ? "start the service again, or remove what it has left: `rm " +
+                                           shell_word(path) + " && " + remove_directory(path) + "`"
+                                     : "start `tarnd` again, which removes it");
             return;
         }
         if (found.error == "permission denied") {

@@ -116,6 +116,42 @@ void refuse_other_access(const Options& options, const tarn::Endpoint& endpoint)
 }
 } // namespace
 
+/// The sockets of the router, which, unlike servers and relays, leaves them behind: to others they would look
+/// like those of a process that was killed.
+class Daemon::SocketFiles {
+public:
+    explicit SocketFiles(const std::vector<tarn::Endpoint>& endpoints)
+    {
+        for (const auto& endpoint : endpoints) {
+            struct stat status {};
+            const std::string path = socket_path(endpoint);
+            if (!path.empty() && lstat(path.c_str(), &status) == 0)
+                files_.push_back({path, status.st_dev, status.st_ino});
+        }
+    }
+    ~SocketFiles()
+    {
+        for (const File& file : files_) {
+            struct stat status {};
+            if (lstat(file.path.c_str(), &status) == 0 && status.st_dev == file.device &&
+                status.st_ino == file.inode) // else it is somebody else's
+                (void)unlink(file.path.c_str());
+        }
+    }
+    SocketFiles(const SocketFiles&) = delete;
+    SocketFiles& operator=(const SocketFiles&) = delete;
+
+private:
+    struct File {
+        std::string path;
+        dev_t device;
+        ino_t inode;
+    };
+    std::vector<File> files_;
+};
+
+Daemon::~Daemon() = default;
+
 Daemon::Daemon(const Options& options)
     : fabric_(tarn::make_fabric(options.run_time_directory)),
       router_endpoints_(find_router_endpoints(options, fabric_)),
@@ -163,6 +199,7 @@ Daemon::Daemon(const Options& options)
         if (!answers_at(endpoint, time_to_start))
             throw std::runtime_error("cannot answer at " + endpoint->to_string() + "; the log says why");
     }
+    router_files_ = std::make_unique<SocketFiles>(router_endpoints_);
     for (const auto* endpoints : {&router_endpoints_, &relay_endpoints_}) {
         for (const auto& endpoint : *endpoints)
             refuse_other_access(options, endpoint);

@@ -44,6 +44,12 @@ def wait_until(condition):
     return True
 
 
+def blocks_interrupts(pid):
+    """Whether a command has come to where it waits for them."""
+    blocked = re.search(r"SigBlk:\s*(\w+)", pathlib.Path(f"/proc/{pid}/status").read_text())
+    return int(blocked[1], 16) >> (signal.SIGINT - 1) & 1 == 1
+
+
 class Fabric:
     """A router and a relay in a run-time directory, and services in it."""
 

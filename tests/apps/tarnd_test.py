@@ -440,6 +440,23 @@ class Ending(TarndTest):
         self.assertIn("total_packets", self.ask("/relay/stats?format=text"))
         self.end(daemon)
 
+    def test_leaves_no_sockets(self):
+        further = os.path.join(self.folder, "further.sock")
+        daemon = self.start("-e", f"ipc://{further}")
+        self.assertTrue(stat.S_ISSOCK(os.stat(further).st_mode))
+        self.end(daemon)
+        left = {name for _, _, names in os.walk(self.folder) for name in names}
+        self.assertEqual(left, {"tarnd.lock"})
+
+    def test_leaves_the_sockets_of_others(self):
+        daemon = self.start()
+        path = self.run_dir + "/router/zmq.sock"
+        os.unlink(path)
+        with socket.socket(socket.AF_UNIX) as other:
+            other.bind(path)
+            self.end(daemon)
+        self.assertTrue(stat.S_ISSOCK(os.stat(path).st_mode))
+
     def test_comes_at_an_interrupt_too(self):
         daemon = self.start()
         daemon.send_signal(signal.SIGINT)
