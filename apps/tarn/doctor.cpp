@@ -108,9 +108,11 @@ public:
         const std::string shown = escape(fabric.run_time_directory.string());
         struct stat status {};
         if (lstat(fabric.run_time_directory.c_str(), &status) != 0) {
-            const std::string text = title + " " + shown + ": " + std::generic_category().message(errno);
-            must_be_there ? problem(text, "start `tarnd --make-run-dir`, or `tarn demo` for one of your own")
-                          : note(text);
+            if (must_be_there)
+                problem(title + " " + shown + ": " + std::generic_category().message(errno),
+                        "start `tarnd --make-run-dir`, or `tarn demo` for one of your own");
+            else
+                note(title + ": there is none in " + shown);
             return false;
         }
         if (S_ISLNK(status.st_mode))
@@ -142,7 +144,7 @@ public:
             problem("two fabrics answer: that of the device and your own; without -e or --run-dir every "
                     "command takes the device's",
                     "end the other one (`tarn demo`), or name it with --run-dir");
-        else if (!device && !own)
+        else if (!device && !own && !may_not_connect_)
             problem("no router answers, neither of the device nor of your own", "start " + fabric_programs());
     }
 
@@ -178,6 +180,7 @@ private:
     void look_at_directory(const std::string& title, const std::filesystem::path& directory,
                            const struct stat& status)
     {
+        shared_group_.reset();
         note(title + ": " + owner_text(status));
         if (directory == tarn::default_run_time_directory)
             look_at_group(directory, status);
@@ -199,6 +202,8 @@ private:
     void look_at_group(const std::filesystem::path& directory, const struct stat& status)
     {
         const std::string shown = shell_word(directory);
+        if (status.st_gid != 0)
+            shared_group_ = status.st_gid;
         if (status.st_gid == 0 && !getgrnam(device_group))
             problem(std::string("there is no group ") + device_group + ", so only root can use the fabric",
                     std::string("make it: `systemd-sysusers`, or `addgroup --system ") + device_group +
@@ -241,6 +246,9 @@ private:
             else
                 look_at_socket(name, endpoint, true);
         }
+        std::error_code ignored;
+        if (!std::filesystem::exists(fabric.relay_out->address(), ignored))
+            note("there is no relay, so nothing that is published here is heard");
         look_at_socket(relay_input, fabric.relay_in, false);
         look_at_socket(relay_output, fabric.relay_out, false);
         return look_at_endpoint(fabric.router).served || look_at_endpoint(fabric.relay_out).served;
@@ -283,7 +291,9 @@ private:
             std::string text = title + ": you may not connect";
             if (is_there)
                 text += "; it is " + owner_text(status);
-            const std::string otherwise = "let its service serve with another mode or group";
+            const std::string otherwise = is_service(name) ? "let it serve with another mode or group"
+                                                           : "start `tarnd` with a --group that you are in";
+            may_not_connect_ = true;
             problem(text, is_there && !is_member(status.st_gid) ? join(status.st_gid, otherwise) : otherwise);
             return;
         }
@@ -302,10 +312,18 @@ private:
                 return;
             }
         }
-        note(title + process + ": " + (is_there ? owner_text(status) : ""));
+        const std::string owner = is_there ? owner_text(status) : "";
+        if (is_there && shared_group_ && status.st_gid != *shared_group_ && (status.st_mode & S_IWOTH) == 0)
+            problem(title + process + ": " + owner + ", so the members of the directory's group " +
+                        group_name(*shared_group_) + " may not connect",
+                    "start it again, as a member of that group");
+        else
+            note(title + process + ": " + owner);
     }
 
     const slate::Duration timeout_;
+    std::optional<gid_t> shared_group_; ///< of the device's directory, unless it is root's own
+    bool may_not_connect_ = false;
     std::vector<Finding> findings_;
 };
 } // namespace

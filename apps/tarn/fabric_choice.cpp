@@ -73,7 +73,7 @@ tarn::Fabric fabric_in(const std::string& directory)
 std::string advice(const std::string& error)
 {
     if (error == "no such file")
-        return "start the service, or `tarn demo` to try things out";
+        return "start the service";
     if (error == "nobody listens")
         return "start its process (again)";
     if (error == "permission denied")
@@ -102,6 +102,11 @@ void require_served(const tarn::Endpoint& endpoint, const std::string& name, con
             found = look_at_endpoint(endpoint);
         }
     }
+    std::error_code ignored;
+    if (endpoint->scheme() == "ipc" && std::filesystem::is_directory(endpoint->address(), ignored))
+        throw Failure(ExitUnreachable,
+                      name + " can't be reached at " + shown(endpoint) +
+                          ": it is a directory; perhaps you mean the socket in it, zmq.sock");
     if (is_unreachable(found))
         throw Failure(ExitUnreachable, name + " can't be reached at " + shown(endpoint) + ": " + found.error +
                                            "; " + advice(found.error));
@@ -118,7 +123,11 @@ std::optional<std::string> distrust(const tarn::Fabric& fabric)
 
 std::string fabric_programs()
 {
-    return std::string(geteuid() == 0 ? "`tarnd`" : "`tarnd --make-run-dir`") + " or `tarn demo`";
+    std::error_code ignored;
+    const auto own = geteuid() == 0 ? std::filesystem::path(tarn::default_run_time_directory)
+                                    : tarn::personal_run_time_directory();
+    return std::string(std::filesystem::exists(own, ignored) ? "`tarnd`" : "`tarnd --make-run-dir`") +
+           " or `tarn demo`";
 }
 
 Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name)

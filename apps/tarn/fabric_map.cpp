@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fabric_map.h"
 
+#include <cstdlib>
+
 #include <nlohmann/json.hpp>
 #include <slate/dictionary.h>
 #include <slate/strings.h>
@@ -8,6 +10,7 @@
 #include <tarn/client.h>
 #include <tarn/probe.h>
 #include <tarn/proto/message.pb.h>
+#include <unistd.h>
 
 #include "command.h"
 #include "failure.h"
@@ -16,6 +19,18 @@
 #include "service_list.h"
 
 namespace tarn_command {
+namespace {
+/// Terminals without the variable of the login session, as after su, don't see the fabric of those with it.
+std::string hint_at_session()
+{
+    const auto session = "/run/user/" + std::to_string(geteuid());
+    std::error_code ignored;
+    if (std::getenv("XDG_RUNTIME_DIR") || !std::filesystem::is_directory(session + "/tarn", ignored))
+        return "";
+    return " " + session + "/tarn, as XDG_RUNTIME_DIR isn't set here";
+}
+} // namespace
+
 tarn::Fabric find_fabric(const Place& place)
 {
     if (!place.run_time_directory.empty())
@@ -41,7 +56,7 @@ tarn::Fabric find_fabric(const Place& place)
     throw Failure(ExitUnreachable, "there is no fabric: neither " + device.run_time_directory.string() +
                                        " nor " + escape(own.run_time_directory.string()) +
                                        " is there; start " + fabric_programs() +
-                                       ", or name one with --run-dir");
+                                       ", or name one with --run-dir" + hint_at_session());
 }
 
 std::vector<std::string> service_names(const std::filesystem::path& directory)

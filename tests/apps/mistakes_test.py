@@ -8,6 +8,7 @@ LONG = "x" * 120
 
 # Arguments ("{run}" is a run-time directory with the service "status"), exit status, and a pattern of the sentence.
 MISTAKES = [
+    (["get", "-e", "{run}/status", "/uptime"], 6, "it is a directory; perhaps you mean the socket in it, zmq.sock"),
     # The command line
     (["gte", "/x"], 2, r"no command 'gte'; did you mean 'get'\?"),
     (["frobnicate"], 2, "no command 'frobnicate'; `tarn --help` lists them"),

@@ -389,6 +389,27 @@ class TheDevice(TarndTest):
         self.end(daemon)
 
 
+    def test_is_looked_at_by_the_doctor(self):
+        daemon = self.spawn("unshare", "--mount", "sh", "-c", 'mount -t tmpfs none /run && exec "$@"', "sh", TARND,
+                            "--make-run-dir")
+        self.read_line(daemon)
+        device = f"/proc/{daemon.pid}/root/run/tide"
+
+        def findings():
+            shown = subprocess.run(["nsenter", f"--target={daemon.pid}", "--mount", COMMAND, "doctor"],
+                                   capture_output=True, text=True, timeout=PATIENCE, check=False)
+            return shown.stdout
+
+        os.chown(device, 0, 0)
+        self.assertRegex(findings(), r"problem  (there is no group corvane|/run/tide belongs to the group root), so only "
+                                     r"root can use the fabric\n +remedy: (make it|give it)")
+        os.chown(device, 0, 4711)
+        self.assertIn("0775 root:", findings())
+        self.assertIn("so the members of the directory's group 4711 may not connect\n", findings())
+        os.chmod(device, 0o3705)
+        self.assertIn("problem  /run/tide isn't open to its group", findings())
+        self.end(daemon)
+
     def start_with_journal(self, preparation):
         """With devices of its own: those of the machine, and a log as the shell commands make it."""
         devices = ('cd "$1" && mkdir machine && mount --rbind /dev machine && mount -t tmpfs none /dev && '
