@@ -212,9 +212,14 @@ private:
         });
         if (option == words.end())
             return "there is no place for '" + brief(slate::join(words, " ")) + "'";
-        const bool may_be_body = current()->get_option_no_throw("BODY") != nullptr;
-        return "there is no option '" + brief(*option) + "'" +
-               (may_be_body ? "; a body that begins with '-' goes behind '--'" : "");
+        std::vector<std::string> names;
+        for (const CLI::Option* known : current()->get_options())
+            for (const std::string& name : known->get_lnames())
+                names.push_back("--" + name);
+        std::string near = suggestion(option->substr(0, option->find('=')), names);
+        if (near.empty() && current()->get_option_no_throw("BODY"))
+            near = "; a body that begins with '-' goes behind '--'";
+        return "there is no option '" + brief(*option) + "'" + near;
     }
 
     std::vector<Command> commands_;

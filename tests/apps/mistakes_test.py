@@ -15,6 +15,7 @@ MISTAKES = [
     (["get"], 2, "PATH is required; see `tarn get --help`"),
     (["get", ""], 2, "the path is empty; write one such as /clock/time"),
     (["get", "--run-dir", "{run}", "/a", "/b"], 2, "no place for '/b'; see `tarn get --help`"),
+    (["get", "--timeot", "3s", "/a"], 2, "no option '--timeot'; did you mean '--timeout'\\?"),
     (["get", "-x", "/a"], 2, "no option '-x'; see `tarn get --help`"),
     (["put", "-x", "/a"], 2, "no option '-x'; a body that begins with '-' goes behind '--'"),
     (["doctor", "--frob", "x"], 2, "no option '--frob'; see `tarn doctor --help`"),
