@@ -6,6 +6,9 @@
 #include <map>
 #include <string>
 
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/util/json_util.h>
+
 #include "support/runtime_test.h"
 
 /// What each part may use; see the guide's beginning.
@@ -87,5 +90,26 @@ TEST_F(TheGuide, ShowsAllCounters)
     EXPECT_NE(text.find("route[counters] accept 1\n"), std::string::npos) << text;
     EXPECT_NE(text.find("zmq.server["), std::string::npos) << text;
     EXPECT_NE(text.find("zmq.client["), std::string::npos) << text;
+}
+
+TEST_F(TheGuide, ReadsAndWritesADocument)
+{
+    const auto client =
+        serve_route(std::make_shared<guide::DocumentRoute>("/dimmer", std::make_shared<guide::Dimmer>()));
+
+    EXPECT_EQ(client->get("/dimmer")->data(), R"({"percent":100})");
+    EXPECT_EQ(client->put("/dimmer", R"({"percent": 30})")->status(), Status::NoContent);
+    EXPECT_EQ(
+        client->put("/dimmer", R"({"percent": 31})", header("Content-Type", "application/json"))->status(),
+        Status::NoContent);
+    const auto reply = client->get("/dimmer");
+    EXPECT_EQ(reply->data(), R"({"percent":31})");
+    EXPECT_EQ(reply->format(), Format::Json);
+    EXPECT_NE(reply->header("ETag", ""), "");
+    const auto refused = client->put("/dimmer", "{}", header("Content-Type", "application/json"));
+    EXPECT_EQ(refused->status(), Status::BadRequest);
+    EXPECT_EQ(refused->status_message(), R"(write {"percent": 30})");
+    EXPECT_EQ(client->put("/dimmer", "30", header("Content-Type", "text/nonsense"))->status(),
+              Status::UnsupportedMediaType);
 }
 } // namespace
