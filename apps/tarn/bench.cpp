@@ -149,7 +149,7 @@ private:
         if (failed_ > 0)
             throw Failure(failure_status_,
                           std::to_string(failed_) + " requests failed, the first one: " + failure_);
-        return ExitGood;
+        return times_.empty() ? ExitTimeout : ExitGood; // interrupted before anything was answered
     }
 
     void note_failure(const tarn::Reply& reply)

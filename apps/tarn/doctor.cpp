@@ -101,8 +101,13 @@ public:
                     "raise the limit: `ulimit -n 4096`, or LimitNOFILE= in the unit");
     }
 
-    /// True if the router of the fabric is served.
-    bool look_at_fabric(const std::string& directory, const std::string& title, bool must_be_there)
+    /// What of a fabric is served.
+    struct Served {
+        bool router = false;
+        bool relay = false;
+    };
+
+    Served look_at_fabric(const std::string& directory, const std::string& title, bool must_be_there)
     {
         const auto fabric = fabric_in(directory);
         const std::string shown = escape(fabric.run_time_directory.string());
@@ -113,17 +118,17 @@ public:
                         "start `tarnd --make-run-dir`, or `tarn demo` for one of your own");
             else
                 note(title + ": there is none in " + shown);
-            return false;
+            return {};
         }
         if (S_ISLNK(status.st_mode))
             note(title + " " + shown + " is a link");
         if (const auto why = distrust(fabric)) {
             problem(title + ": " + escape(*why), "until then no command and no program uses it");
-            return false;
+            return {};
         }
         if (stat(fabric.run_time_directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
             problem(title + " " + shown + " is not a directory", "remove it, and make a directory there");
-            return false;
+            return {};
         }
         look_at_directory(title + " " + shown, fabric.run_time_directory, status);
         return look_at_sockets(fabric);
@@ -132,19 +137,26 @@ public:
     void look_at_one(const std::string& directory)
     {
         const std::size_t before = findings_.size();
-        const bool is_served = look_at_fabric(directory, "fabric", true);
+        const bool is_served = look_at_fabric(directory, "fabric", true).router;
         if (!is_served && findings_.size() > before && !findings_.back().is_problem)
             problem("no router answers in " + escape(directory),
                     "start one: `tarnd --run-dir " + shell_word(directory) + "`");
     }
 
-    void compare(bool device, bool own)
+    void compare(const Served& device, const Served& own)
     {
-        if (device && own)
+        const bool has_changes_elsewhere =
+            (device.router && !device.relay && own.relay) || (!device.router && device.relay && own.router);
+        if (has_changes_elsewhere)
+            problem(std::string("requests go to ") +
+                        (device.router ? "the device's fabric" : "your own fabric") + ", and changes to " +
+                        (device.router ? "your own" : "the device's"),
+                    "end one of the two, or name one with --run-dir");
+        else if (device.router && own.router)
             problem("two fabrics answer: that of the device and your own; without -e or --run-dir every "
                     "command takes the device's",
                     "end the other one (`tarn demo`), or name it with --run-dir");
-        else if (!device && !own && !may_not_connect_)
+        else if (!device.router && !own.router && !may_not_connect_)
             problem("no router answers, neither of the device nor of your own", "start " + fabric_programs());
     }
 
@@ -226,7 +238,7 @@ private:
                "`, and log in again";
     }
 
-    bool look_at_sockets(const tarn::Fabric& fabric)
+    Served look_at_sockets(const tarn::Fabric& fabric)
     {
         std::vector<std::string> names;
         try {
@@ -234,7 +246,7 @@ private:
         }
         catch (const Failure& failure) {
             problem(failure.what(), "look at its modes above");
-            return false;
+            return {};
         }
         for (const std::string& name : names) {
             const auto endpoint = tarn::service_endpoint(fabric, name);
@@ -247,11 +259,13 @@ private:
                 look_at_socket(name, endpoint, true);
         }
         std::error_code ignored;
+        if (!std::filesystem::exists(fabric.router->address(), ignored))
+            note("there is no router, so no request reaches a service by its path");
         if (!std::filesystem::exists(fabric.relay_out->address(), ignored))
             note("there is no relay, so nothing that is published here is heard");
         look_at_socket(relay_input, fabric.relay_in, false);
         look_at_socket(relay_output, fabric.relay_out, false);
-        return look_at_endpoint(fabric.router).served || look_at_endpoint(fabric.relay_out).served;
+        return {look_at_endpoint(fabric.router).served, look_at_endpoint(fabric.relay_out).served};
     }
 
     /// Else it is tarnd's own, which it makes and removes itself.
@@ -316,7 +330,7 @@ private:
         if (is_there && shared_group_ && status.st_gid != *shared_group_ && (status.st_mode & S_IWOTH) == 0)
             problem(title + process + ": " + owner + ", so the members of the directory's group " +
                         group_name(*shared_group_) + " may not connect",
-                    "start it again, as a member of that group");
+                    is_service(name) ? "start it again, as a member of that group" : "start `tarnd` again");
         else
             note(title + process + ": " + owner);
     }
@@ -351,9 +365,9 @@ Command doctor_command()
                     if (!place->run_time_directory.empty())
                         doctor.look_at_one(place->run_time_directory);
                     else {
-                        const bool device = doctor.look_at_fabric(tarn::default_run_time_directory,
+                        const auto device = doctor.look_at_fabric(tarn::default_run_time_directory,
                                                                   "the device's fabric", false);
-                        const bool own = doctor.look_at_fabric(tarn::personal_run_time_directory().string(),
+                        const auto own = doctor.look_at_fabric(tarn::personal_run_time_directory().string(),
                                                                "your own fabric", false);
                         doctor.compare(device, own);
                     }

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <system_error>
 #include <thread>
 
@@ -22,6 +23,24 @@
 namespace tarn_command {
 namespace {
 constexpr std::size_t max_socket_path = sizeof(sockaddr_un::sun_path) - 1;
+
+bool is_silent(const tarn::Probe& found)
+{
+    return !found.served && found.error == std::generic_category().message(ETIMEDOUT);
+}
+
+/// Until it succeeds, or has taken so many times that long.
+void try_again(const slate::Duration& patience, unsigned int times, const std::function<bool()>& attempt)
+{
+    for (unsigned int i = 0; i < times; ++i) {
+        const slate::StopWatch watch(true);
+        while (slate::Microseconds(watch.elapsed()) < patience) {
+            if (attempt())
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+}
 
 std::string shown(const tarn::Endpoint& endpoint)
 {
@@ -70,12 +89,14 @@ tarn::Fabric fabric_in(const std::string& directory)
     }
 }
 
-std::string advice(const std::string& error)
+std::string advice(const std::string& error, const tarn::Endpoint& endpoint)
 {
+    const auto part = std::filesystem::path(endpoint->address()).parent_path().filename();
+    const bool is_tarnd = endpoint->scheme() == "ipc" && (part == "router" || part == "relay");
     if (error == "no such file")
-        return "start the service";
+        return is_tarnd ? "start `tarnd`" : "start the service";
     if (error == "nobody listens")
-        return "start its process (again)";
+        return is_tarnd ? "start `tarnd` again" : "start its process (again)";
     if (error == "permission denied")
         return "look at the modes and groups with `tarn doctor`";
     return "check the endpoint";
@@ -83,25 +104,26 @@ std::string advice(const std::string& error)
 
 tarn::Probe look_at_endpoint(const tarn::Endpoint& endpoint)
 {
-    return tarn::probe(endpoint, endpoint->scheme() == "tcp" ? slate::Seconds(1) : slate::Seconds(0));
+    if (endpoint->scheme() != "tcp")
+        return tarn::probe(endpoint, slate::Seconds(0));
+    auto found = tarn::probe(endpoint, slate::Milliseconds(100)); // enough for most networks
+    return is_silent(found) ? tarn::probe(endpoint, slate::Seconds(1)) : found;
 }
 
 bool is_unreachable(const tarn::Probe& found)
 {
-    return !found.served && found.error != std::generic_category().message(ETIMEDOUT);
+    return !found.served && !is_silent(found);
 }
 
 void require_served(const tarn::Endpoint& endpoint, const std::string& name, const slate::Duration& patience,
                     unsigned int times)
 {
     auto found = look_at_endpoint(endpoint);
-    for (unsigned int i = 0; i < times && is_unreachable(found); ++i) {
-        const slate::StopWatch watch(true);
-        while (is_unreachable(found) && slate::Microseconds(watch.elapsed()) < patience) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    try_again(patience, times, [&] {
+        if (is_unreachable(found))
             found = look_at_endpoint(endpoint);
-        }
-    }
+        return !is_unreachable(found);
+    });
     std::error_code ignored;
     if (endpoint->scheme() == "ipc" && std::filesystem::is_directory(endpoint->address(), ignored))
         throw Failure(ExitUnreachable,
@@ -109,7 +131,7 @@ void require_served(const tarn::Endpoint& endpoint, const std::string& name, con
                           ": it is a directory; perhaps you mean the socket in it, zmq.sock");
     if (is_unreachable(found))
         throw Failure(ExitUnreachable, name + " can't be reached at " + shown(endpoint) + ": " + found.error +
-                                           "; " + advice(found.error));
+                                           "; " + advice(found.error, endpoint));
 }
 
 std::optional<std::string> distrust(const tarn::Fabric& fabric)
@@ -124,6 +146,10 @@ std::optional<std::string> distrust(const tarn::Fabric& fabric)
 std::string fabric_programs()
 {
     std::error_code ignored;
+    if (const auto personal = tarn::personal_run_time_directory();
+        std::filesystem::exists(std::filesystem::symlink_status(personal, ignored)) &&
+        tarn::check_personal_directory(personal))
+        return "`tarn demo --run-dir DIR` with a directory of yours";
     const auto own = geteuid() == 0 ? std::filesystem::path(tarn::default_run_time_directory)
                                     : tarn::personal_run_time_directory();
     return std::string(std::filesystem::exists(own, ignored) ? "`tarnd`" : "`tarnd --make-run-dir`") +
@@ -162,6 +188,23 @@ Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, con
                   "no " + name + " can be reached at " + looked + "; " +
                       (may_not ? "look at the modes and groups with `tarn doctor`"
                                : "start " + fabric_programs() + ", or name one with -e or --run-dir"));
+}
+
+Target wait_for_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name,
+                       const slate::Duration& patience, unsigned int times)
+{
+    std::optional<Target> found;
+    try_again(patience, times, [&] {
+        try {
+            found = choose_target(place, role, name);
+        }
+        catch (const Failure& failure) {
+            if (failure.exit_status != ExitUnreachable)
+                throw;
+        }
+        return found.has_value();
+    });
+    return found ? *found : choose_target(place, role, name);
 }
 
 tarn::Fabric choose_fabric(const Place& place)

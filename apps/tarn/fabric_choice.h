@@ -49,6 +49,10 @@ std::string fabric_programs();
 /// sentences. Throws Failure with ExitUnreachable if nobody listens anywhere.
 Target choose_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name);
 
+/// The same, as soon as somebody listens, if that is within `times` times `patience`.
+Target wait_for_target(const Place& place, tarn::Endpoint tarn::Fabric::*role, const std::string& name,
+                       const slate::Duration& patience, unsigned int times);
+
 /// The fabric itself, by the same choice.
 tarn::Fabric choose_fabric(const Place& place);
 
@@ -65,6 +69,6 @@ bool is_unreachable(const tarn::Probe& found);
 void require_served(const tarn::Endpoint& endpoint, const std::string& name,
                     const slate::Duration& patience = slate::Seconds(0), unsigned int times = 0);
 
-/// What keeps us from an endpoint and what to do about it, by the error of a probe.
-std::string advice(const std::string& error);
+/// What to do about an endpoint that can't be reached, by the error of a probe.
+std::string advice(const std::string& error, const tarn::Endpoint& endpoint);
 } // namespace tarn_command

@@ -52,7 +52,8 @@ tarn::Fabric find_fabric(const Place& place)
     }
     if (why_not)
         throw Failure(ExitUnreachable, "there is no fabric: " + device.run_time_directory.string() +
-                                           " is missing, and " + escape(*why_not));
+                                           " is missing, and " + escape(*why_not) +
+                                           "; or name another fabric with --run-dir");
     throw Failure(ExitUnreachable, "there is no fabric: neither " + device.run_time_directory.string() +
                                        " nor " + escape(own.run_time_directory.string()) +
                                        " is there; start " + fabric_programs() +

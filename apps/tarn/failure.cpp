@@ -16,10 +16,11 @@ namespace {
 std::string remedy(int status, const std::string& text, const std::string& path)
 {
     const std::string who = "`tarn who " + path + "`";
-    for (const char* cause : {"no such file", "nobody listens", "permission denied"}) {
-        if (status == 408 && slate::contains(text, cause)) // which no time would mend
-            return advice(cause);
-    }
+    // Which no time would mend.
+    if (status == 408 && (slate::contains(text, "no such file") || slate::contains(text, "nobody listens")))
+        return "start the service";
+    if (status == 408 && slate::contains(text, "permission denied"))
+        return "look at the modes and groups with `tarn doctor`";
     switch (status) {
     case 400:
         return who + " shows the route; check the body and the parameters";
@@ -53,8 +54,12 @@ int exit_status_of(const tarn::Reply& reply, const tarn::Endpoint& endpoint)
     if (!reply.message)
         return ExitOther;
     const int status = reply.status();
-    if (is_silence(reply.local_cause()))
-        return is_unreachable(look_at_endpoint(endpoint)) ? ExitUnreachable : ExitTimeout;
+    if (is_silence(reply.local_cause())) {
+        const bool is_far = endpoint->scheme() == "tcp"; // the client has looked; and a look takes time
+        const bool is_there = is_far ? reply.local_cause() == tarn::LocalCause::NoAnswerInTime
+                                     : !is_unreachable(look_at_endpoint(endpoint));
+        return is_there ? ExitTimeout : ExitUnreachable;
+    }
     if (reply.is_local())
         return ExitOther;
     if (status >= 200 && status < 400)
@@ -79,10 +84,11 @@ std::string explain(const tarn::Reply& reply, const Target& target, const std::s
     if (!reply.message)
         return what + ": the answer from " + where + " isn't a message; check that a service listens there";
     if (is_silence(reply.local_cause())) {
-        const auto found = tarn::probe(target.endpoint);
+        const bool is_far = target.endpoint->scheme() == "tcp";
+        const auto found = tarn::probe(target.endpoint, slate::Milliseconds(is_far ? 200 : 1000));
         if (is_unreachable(found))
             return what + ": nobody can be reached at " + where + ": " + found.error + "; " +
-                   advice(found.error);
+                   advice(found.error, target.endpoint);
         if (!found.served)
             return what + ": 408, nothing answers at " + where +
                    "; check the address and the network, or allow more time with -t";

@@ -83,7 +83,7 @@ slate::Duration parse_duration(const std::string& text, const std::string& optio
 
 std::string parse_path(const std::string& text)
 {
-    if (text.empty())
+    if (trim(text).empty())
         throw Failure(ExitUsage, "the path is empty; write one such as /clock/time");
     if (const std::string fault = find_fault(text); !fault.empty())
         throw Failure(ExitUsage, "'" + brief(text) + "' is not a path: " + fault +
@@ -127,8 +127,11 @@ std::function<std::string(const std::string&)> whole_number()
 {
     return [](const std::string& text) {
         unsigned int number = 0;
-        return slate::try_parse(text, &number) ? std::string()
-                                               : "it takes a whole number, and not '" + brief(text) + "'";
+        if (slate::try_parse(text, &number))
+            return std::string();
+        const bool is_too_large = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+        return std::string("it takes a whole number") + (is_too_large ? " up to 4294967295" : "") +
+               ", and not '" + brief(text) + "'";
     };
 }
 

@@ -116,7 +116,8 @@ int send_requests(const PingOptions& options, const std::string& path, const sla
         ++tally.sent;
         if (!is_over) { // that nobody waits for the last one isn't anybody's fault
             show_summary(options, tally, object);
-            const int status = tally.times.size() + 1 == tally.sent ? ExitGood : ExitTimeout;
+            const bool is_good = !tally.times.empty() && tally.times.size() + 1 == tally.sent;
+            const int status = is_good ? ExitGood : ExitTimeout;
             Interrupt::leave(print_object(options.as_json, object, [=] { return status; }));
         }
         if (!take_reply(options, tally, *reply, time) || !last)

@@ -170,7 +170,8 @@ private:
 
     void refuse_option_of_commands(const std::string& word) const
     {
-        const std::string name = word.substr(0, word.find('='));
+        const bool is_short = word.size() > 1 && word[1] != '-'; // perhaps with its value, as in -t5
+        const std::string name = is_short ? word.substr(0, 2) : word.substr(0, word.find('='));
         if (name.size() < 2 || app_.get_option_no_throw(name))
             return;
         for (const Command& command : commands_) {

@@ -166,7 +166,8 @@ private:
     int request()
     {
         source_.emplace(options_.body);
-        target_ = choose_target(*options_.place, &tarn::Fabric::router, "router");
+        target_ =
+            wait_for_target(*options_.place, &tarn::Fabric::router, "router", timeout_, options_.retries);
         object_["endpoint"] = target_->endpoint->to_string();
         output_.emplace(options_);
         require_served(target_->endpoint, "the endpoint", timeout_, options_.retries);

@@ -122,7 +122,8 @@ void ask_service(Way& way, const slate::Duration& timeout)
                     std::to_string(*service.pid));
     else
         end_way(way, ExitTimeout,
-                "before the service with 408: " + escape(service.problem) + "; " + advice(service.problem));
+                "before the service with 408: " + escape(service.problem) + "; " +
+                    advice(service.problem, way.endpoint));
 }
 
 /// By the rule of the router: the first segment is a directory's name, and a number behind it another one.
@@ -135,8 +136,8 @@ Way find_way(const tarn::Fabric& fabric, const std::string& path, const slate::D
         way.endpoint = fabric.router;
         way.service = "router";
         end_way(way, ExitUnreachable,
-                "before the router: " + found.error + "; " + advice(found.error) +
-                    ", or ask a service itself with -e");
+                "before the router: " + found.error + "; " + advice(found.error, fabric.router) +
+                    ", or ask a service itself, as in `tarn get -e`");
         return way;
     }
     const auto bare = path.substr(0, path.find_first_of("@?"));

@@ -121,15 +121,17 @@ void finish(Options& options, const std::string& directory, const std::string& m
     else
         options.run_time_directory =
             geteuid() == 0 ? std::filesystem::path(tarn::default_run_time_directory) : personal;
-    options.is_personal = geteuid() != 0 && options.run_time_directory == personal;
+    options.is_personal = options.run_time_directory == personal;
     if (options.run_time_directory.native().size() + sizeof "/router/zmq.sock" > 108)
         throw CLI::ValidationError("\"" + options.run_time_directory.string() +
                                    "\" is too long: a socket's path has 107 bytes at most; choose a shorter "
                                    "directory");
 
     std::set<std::string> taken;
-    for (const char* socket : {"router/zmq.sock", "relay/zmq.sock", "relay/in.sock", "relay/out.sock"})
-        taken.insert("ipc://" + (options.run_time_directory / socket).string());
+    taken.insert("ipc://" + (options.run_time_directory / "router/zmq.sock").string());
+    for (const char* socket : {"relay/zmq.sock", "relay/in.sock", "relay/out.sock"})
+        if (options.has_relay)
+            taken.insert("ipc://" + (options.run_time_directory / socket).string());
     for (const std::string& text : endpoints) {
         const auto endpoint = slate::make_uri(text);
         if (!taken

@@ -57,6 +57,13 @@ class APersonsOwnFabric(CommandTest):
         self.assert_refused(f"belongs to user {NOBODY}, not to user 0")
 
 
+    def test_is_waited_for_with_retries(self):
+        late = self.start("get", "-t", "1s", "-r", "20", "/status/settings/location",
+                          env=self.environment | {"XDG_RUNTIME_DIR": str(self.home)})
+        self.start_own()
+        self.assertEqual(late.communicate(timeout=PATIENCE), ("workshop", ""))
+
+
 class OverANetwork(CommandTest):
     def listen(self):
         listener = socket.socket()

@@ -117,6 +117,16 @@ class Requests(CommandTest):
         found = json.loads(self.here("get", "--json", "-o", target, "/stream/download").out)
         self.assertEqual(found["bytes"], len(body))
 
+    def test_an_open_file_of_its_own_is_written_where_it_stands(self):
+        for name in ("/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"):
+            with self.subTest(name), open(self.work / "log", "w+") as log:
+                log.write("before\n")
+                log.flush()
+                subprocess.run([PROGRAMS["tarn"], "get", "--run-dir", str(self.run_dir), "-o", name,
+                                "/status/settings/location"], stdout=log, env=self.environment, timeout=60, check=True)
+                self.assertEqual((self.work / "log").read_text(), "before\nworkshop")
+                self.assertEqual(os.fstat(log.fileno()).st_nlink, 1)
+
     def test_a_failed_download_leaves_the_file_alone(self):
         target = self.work / "kept"
         target.write_text("before")

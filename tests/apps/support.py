@@ -50,6 +50,12 @@ def blocks_interrupts(pid):
     return int(blocked[1], 16) >> (signal.SIGINT - 1) & 1 == 1
 
 
+def has_worked(pid):
+    """Whether a process has used so much time that it is beyond its beginning."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return int(fields[11]) + int(fields[12]) >= os.sysconf("SC_CLK_TCK")
+
+
 class Fabric:
     """A router and a relay in a run-time directory, and services in it."""
 
@@ -195,9 +201,9 @@ class CommandTest(unittest.TestCase):
     def start(self, *arguments, **more):
         """Starts the command, which runs until it is stopped or ends."""
         words = [str(word).replace("{run}", str(self.run_dir)) for word in arguments]
+        more = {"env": self.environment, **more}
         process = subprocess.Popen([PROGRAMS["tarn"], *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True, env=self.environment, preexec_fn=end_with_parent,
-                                   **more)
+                                   stderr=subprocess.PIPE, text=True, preexec_fn=end_with_parent, **more)
         self.addCleanup(self.end, process)
         return process
 

@@ -253,6 +253,7 @@ class Refusals(TarndTest):
                 (r'"tcp://127.0.0.1:5" is served anyway; .*', "-e", "tcp://127.0.0.1:5", "-e", "tcp://127.0.0.1:5"),
                 (r'"ipc:///r/router/zmq.sock" is served anyway; .*', "--run-dir", "/r", "-e",
                  "ipc:///r/router/zmq.sock"),
+                (r'"ipc:///r/relay/in.sock" is served anyway; .*', "--run-dir", "/r", "-e", "ipc:///r/relay/in.sock"),
                 (r"--run-dir: it is empty; .*", "--run-dir", ""),
                 (r'--high-water-mark: "0" is not a whole number from 1 to 2147483647; .*', "--high-water-mark", "0"),
                 (r'--max-frame-bytes: "x" is not a whole number .*', "--max-frame-bytes", "x"),
@@ -400,6 +401,7 @@ class TheDevice(TarndTest):
                                    capture_output=True, text=True, timeout=PATIENCE, check=False)
             return shown.stdout
 
+        self.assertNotIn("there is no router", findings())
         os.chown(device, 0, 0)
         self.assertRegex(findings(), r"problem  (there is no group corvane|/run/tide belongs to the group root), so only "
                                      r"root can use the fabric\n +remedy: (make it|give it)")
@@ -409,6 +411,18 @@ class TheDevice(TarndTest):
         os.chmod(device, 0o3705)
         self.assertIn("problem  /run/tide isn't open to its group", findings())
         self.end(daemon)
+
+    def test_and_a_persons_own_fabric_are_told_apart(self):
+        daemon = self.spawn("unshare", "--mount", "sh", "-c", 'mount -t tmpfs none /run && exec "$@"', "sh", TARND,
+                            "--make-run-dir", "--no-router")
+        self.read_line(daemon)
+        own = os.path.join(self.folder, "tarn")
+        self.read_line(self.spawn(TARND, "--run-dir", own, "--make-run-dir", env={"XDG_RUNTIME_DIR": self.folder}))
+        self.assertEqual(stat.S_IMODE(os.stat(own).st_mode), 0o700)
+        shown = subprocess.run(["nsenter", f"--target={daemon.pid}", "--mount", COMMAND, "doctor"], capture_output=True,
+                               text=True, timeout=PATIENCE, check=False, env=os.environ | {"XDG_RUNTIME_DIR": self.folder})
+        self.assertIn("ok       there is no router, so no request reaches a service by its path\n", shown.stdout)
+        self.assertIn("problem  requests go to your own fabric, and changes to the device's\n", shown.stdout)
 
     def start_with_journal(self, preparation):
         """With devices of its own: those of the machine, and a log as the shell commands make it."""

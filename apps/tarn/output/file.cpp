@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <slate/strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,10 +83,37 @@ fs::path follow_links(fs::path path)
     }
     return path;
 }
+
+/// The number of the open file of this process that a name such as /dev/stdout or /dev/fd/7 stands for; -1
+/// for other names. To open such a name again, or to replace it, would lose what others write there.
+int descriptor_of(fs::path path)
+{
+    const fs::path own = fs::path("/proc") / std::to_string(getpid()) / "fd";
+    std::error_code error;
+    for (int i = 0; i < max_links && fs::is_symlink(fs::symlink_status(path, error)); ++i) {
+        int number = -1;
+        if (fs::canonical(path.parent_path(), error) == own &&
+            slate::try_parse(path.filename().string(), &number))
+            return number;
+        const fs::path target = fs::read_symlink(path, error);
+        if (error)
+            break;
+        path = path.parent_path() / target;
+    }
+    return -1;
+}
 } // namespace
 
 OutputFile::OutputFile(std::string name) : name_(std::move(name))
 {
+    if (const int number = descriptor_of(name_); number >= 0) {
+        is_direct_ = true;
+        const int descriptor = fcntl(number, F_DUPFD_CLOEXEC, 0);
+        file_ = descriptor >= 0 ? fdopen(descriptor, "w") : nullptr;
+        if (!file_)
+            fail(errno);
+        return;
+    }
     std::error_code ignored;
     const auto type = fs::status(name_, ignored).type();
     is_direct_ = type != fs::file_type::regular && type != fs::file_type::not_found;
